@@ -1,0 +1,56 @@
+// Fixed-width text fields of the wire and of the shared tables: char[N] holding at most N-1 characters and a last byte.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace agt {
+
+// Bytes of a field before its terminator, at most `size`.
+inline std::size_t text_length(const char* text, std::size_t size) { return strnlen(text, size); }
+
+// Copies `text` into `out`, cut to fit and terminated; the rest of `out` is left alone.
+template <std::size_t N> void copy_text(char (&out)[N], const char* text) {
+    const std::size_t length = text_length(text, N - 1);
+    std::memcpy(out, text, length);
+    out[length] = '\0';
+}
+
+// A terminated copy of a field that need not have a terminator.
+template <std::size_t N> struct field_text {
+    char text[N + 1];
+    explicit field_text(const char (&field)[N]) {
+        std::memcpy(text, field, N);
+        text[N] = '\0';
+    }
+    operator const char*() const { return text; }
+};
+
+// Left-justified, padded with blanks to N-1 characters, cut to them, terminated.
+template <std::size_t N> void put_text(char (&field)[N], const char* text) {
+    constexpr int width = static_cast<int>(N) - 1;
+    std::snprintf(field, N, "%-*.*s", width, width, text);
+}
+
+// Padded with leading zeros to N-1 digits; a number that needs more characters keeps its first N-1.
+template <std::size_t N> void put_number(char (&field)[N], long value) {
+    constexpr int width = static_cast<int>(N) - 1;
+    std::snprintf(field, N, "%-*.*ld", width, width, value);
+}
+
+// Two decimals, left-justified, padded with blanks to N-1 characters.
+template <std::size_t N> void put_percent(char (&field)[N], double value) {
+    std::snprintf(field, N, "%-*.2f", static_cast<int>(N) - 1, value);
+}
+
+// The decimal value of a field, which need not have a terminator; 0 when it holds no number. Leading blanks are
+// skipped and what follows the digits is ignored; a value beyond the range of long is the nearest one.
+template <std::size_t N> long get_long(const char (&field)[N]) {
+    return std::strtol(field_text<N>(field), nullptr, 10);
+}
+
+// The same as an int; a value beyond its range loses its high bits.
+template <std::size_t N> int get_number(const char (&field)[N]) { return static_cast<int>(get_long(field)); }
+
+} // namespace agt

@@ -1,0 +1,169 @@
+// The daily log.
+#include "log_printf.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "field.h"
+
+namespace agt {
+namespace {
+
+constexpr std::size_t TIME_PREFIX_SIZE = 32;
+
+pthread_mutex_t log_lock = PTHREAD_MUTEX_INITIALIZER;
+int log_file = -1;
+int cur_day = -1; // day of the year in the current file name
+char log_dir[256];
+char log_title[256];
+std::time_t now = -1; // the second that tm and time_str belong to
+struct tm tm;
+char time_str[TIME_PREFIX_SIZE];
+
+void lock() { pthread_mutex_lock(&log_lock); }
+void unlock() { pthread_mutex_unlock(&log_lock); }
+[[maybe_unused]] const int fork_handlers = pthread_atfork(lock, unlock, unlock);
+
+struct log_guard {
+    log_guard() { lock(); }
+    ~log_guard() { unlock(); }
+};
+
+void take_time(std::time_t when) {
+    if (when == now)
+        return;
+    now = when;
+    localtime_r(&now, &tm);
+    std::strftime(time_str, sizeof time_str, "%m-%d %T  ", &tm);
+}
+
+void close_file() {
+    if (log_file >= 0)
+        ::close(log_file);
+    log_file = -1;
+}
+
+// The day counts as seen whether or not the file opens, so a missing directory costs one attempt a day.
+int open_file() {
+    char date_str[32];
+    char name[256];
+    std::strftime(date_str, sizeof date_str, "%Y-%m-%d", &tm);
+    cur_day = tm.tm_yday;
+    const int length = std::snprintf(name, sizeof name, "%s/%s-%s-log", log_dir, log_title, date_str);
+    if (length < 0 || static_cast<std::size_t>(length) >= sizeof name)
+        return -1;
+    log_file = ::open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);
+    return log_file >= 0 ? 0 : -1;
+}
+
+void check_day() {
+    if (tm.tm_yday == cur_day || log_title[0] == '\0')
+        return;
+    close_file();
+    open_file();
+}
+
+void append(const char* text, std::size_t length) {
+    while (log_file >= 0 && length > 0) {
+        const ssize_t written = ::write(log_file, text, length);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return;
+        text += written;
+        length -= static_cast<std::size_t>(written);
+    }
+}
+
+// Length of the message after cutting; 0 when nothing is to be written.
+std::size_t format_message(char* out, const char* fmt, va_list args) {
+    const int length = std::vsnprintf(out, LOG_MESSAGE_SIZE, fmt, args);
+    if (length <= 0)
+        return 0;
+    return text_length(out, LOG_MESSAGE_SIZE - 1);
+}
+
+} // namespace
+
+int open_log(const char* dir, const char* title, int mflag) {
+    const log_guard guard;
+    if (log_file >= 0)
+        return 0;
+    if (dir != nullptr)
+        copy_text(log_dir, dir);
+    if (title != nullptr)
+        copy_text(log_title, title);
+    if (mflag != 0)
+        take_time(std::time(nullptr));
+    return open_file();
+}
+
+void close_log() {
+    const log_guard guard;
+    close_file();
+}
+
+void log_printf(const char* fmt, ...) {
+    char line[TIME_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1];
+    char* message = line + TIME_PREFIX_SIZE;
+    va_list args;
+    va_start(args, fmt);
+    const std::size_t length = format_message(message, fmt, args);
+    va_end(args);
+    if (length == 0)
+        return;
+    message[length] = '\n';
+
+    const log_guard guard;
+    take_time(std::time(nullptr));
+    check_day();
+    const std::size_t prefix = std::strlen(time_str);
+    std::memcpy(message - prefix, time_str, prefix);
+    append(message - prefix, prefix + length + 1);
+}
+
+void log_batch::printf(const char* fmt, ...) {
+    const std::time_t second = std::time(nullptr);
+    if (second != second_ || used_ + TIME_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1 > CAPACITY)
+        flush();
+    if (second != second_) {
+        second_ = second;
+        const struct tm when = local_time(second);
+        prefix_length_ = std::strftime(prefix_, sizeof prefix_, "%m-%d %T  ", &when);
+    }
+    char* message = text_ + used_ + prefix_length_;
+    va_list args;
+    va_start(args, fmt);
+    const std::size_t length = format_message(message, fmt, args);
+    va_end(args);
+    if (length == 0)
+        return;
+    std::memcpy(text_ + used_, prefix_, prefix_length_);
+    message[length] = '\n';
+    used_ += prefix_length_ + length + 1;
+}
+
+void log_batch::flush() {
+    if (used_ == 0)
+        return;
+    const log_guard guard;
+    take_time(second_);
+    check_day();
+    append(text_, used_);
+    used_ = 0;
+}
+
+struct tm local_time(std::time_t when) {
+    const log_guard guard;
+    struct tm converted {};
+    localtime_r(&when, &converted);
+    return converted;
+}
+
+} // namespace agt

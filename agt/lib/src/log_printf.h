@@ -1,0 +1,54 @@
+// The daily log: one append-only text file per local day, "<dir>/<title>-YYYY-MM-DD-log", each line starting with
+// "MM-DD HH:MM:SS" and two blanks.
+//
+// Every line, and every batch of lines, reaches the file by one append write, so the lines of threads and of forked
+// children never mix. The file changes at the first line written on another local day. The logger never reports its own
+// failures: without an open file lines are dropped, and opening is tried again only on the next day.
+//
+// One lock guards the file and all conversion to local time; it is taken around fork, so that a child of a threaded
+// process can log. It is the last lock in any order: nothing else is taken under it.
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+
+namespace agt {
+
+inline constexpr std::size_t LOG_MESSAGE_SIZE = 4096; // bytes of a message with its terminator; longer ones are cut
+
+// Opens the file of today (`mflag` non-zero) or of the day last seen. `dir` and `title` are kept for later days; null
+// keeps the previous ones. 0 when open (also when a file was open already, which then stays), -1 when it could not be
+// opened.
+int open_log(const char* dir, const char* title, int mflag);
+
+// Closes the file; later lines are dropped.
+void close_log();
+
+// Writes one line. An empty message writes nothing.
+[[gnu::format(printf, 1, 2)]] void log_printf(const char* fmt, ...);
+
+// Several lines that leave in as few writes as possible: when the buffer is full, when the second changes, on flush()
+// and at the end of the object's life. For one thread.
+class log_batch {
+  public:
+    log_batch() = default;
+    log_batch(const log_batch&) = delete;
+    log_batch& operator=(const log_batch&) = delete;
+    ~log_batch() { flush(); }
+
+    [[gnu::format(printf, 2, 3)]] void printf(const char* fmt, ...);
+    void flush();
+
+  private:
+    static constexpr std::size_t CAPACITY = 32 * 1024;
+    std::time_t second_ = 0;
+    std::size_t prefix_length_ = 0;
+    std::size_t used_ = 0;
+    char prefix_[32];
+    char text_[CAPACITY];
+};
+
+// Converts to local time under the log's lock: the only place where the process does so.
+struct tm local_time(std::time_t when);
+
+} // namespace agt

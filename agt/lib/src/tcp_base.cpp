@@ -1,0 +1,319 @@
+// Blocking IPv4 TCP helpers.
+#include "tcp_base.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "unique_fd.h"
+#include "wait.h"
+
+namespace agt {
+namespace {
+
+constexpr unsigned char MAGIC[4] = {0x90, 0x85, 0x20, 0x83};
+constexpr int LISTEN_BACKLOG = 5;
+constexpr int SEND_STALL_MS = 10000;
+constexpr int SLOWEST_BYTES_PER_SEC = 4096;
+constexpr int NO_LIMIT = -1;
+
+[[noreturn]] void end_process(const char* what) {
+    std::perror(what);
+    std::exit(1);
+}
+
+sockaddr_in address_of(in_addr host, int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr = host;
+    address.sin_port = htons(static_cast<unsigned short>(port));
+    return address;
+}
+
+// One gathered write of what is left, waiting for room while the peer takes some; 0 or -1 ends the sending.
+ssize_t send_some(int sockfd, msghdr& message) {
+    for (;;) {
+        const ssize_t sent = sendmsg(sockfd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent >= 0 || (errno != EINTR && errno != EAGAIN))
+            return sent;
+        if (errno == EAGAIN && wait_fd(sockfd, POLLOUT, SEND_STALL_MS) != wait_result::ready)
+            return -1;
+    }
+}
+
+int send_parts(int sockfd, iovec* parts, std::size_t count) {
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    std::size_t total = 0;
+    while (message.msg_iovlen > 0) {
+        if (message.msg_iov->iov_len == 0) {
+            ++message.msg_iov;
+            --message.msg_iovlen;
+            continue;
+        }
+        ssize_t sent = send_some(sockfd, message);
+        if (sent < 1)
+            return static_cast<int>(sent);
+        total += static_cast<std::size_t>(sent);
+        for (iovec* part = message.msg_iov; sent > 0; ++part) {
+            const std::size_t taken = std::min(part->iov_len, static_cast<std::size_t>(sent));
+            part->iov_base = static_cast<char*>(part->iov_base) + taken;
+            part->iov_len -= taken;
+            sent -= static_cast<ssize_t>(taken);
+        }
+    }
+    return static_cast<int>(total);
+}
+
+// Milliseconds that a read on the socket may wait: its receive time-out, or `otherwise_ms` when it has none.
+int read_limit_ms(int sockfd, int otherwise_ms) {
+    timeval limit{};
+    socklen_t size = sizeof limit;
+    if (getsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &limit, &size) != 0 || (limit.tv_sec == 0 && limit.tv_usec == 0))
+        return otherwise_ms;
+    return static_cast<int>(limit.tv_sec * 1000 + limit.tv_usec / 1000);
+}
+
+struct reception {
+    int sockfd;
+    int stall_ms;       // limit of one read on a socket without a receive time-out
+    long long until_ms; // monotonic end of the whole reception, NO_LIMIT without one
+    bool print;
+};
+
+// One read, waiting for data as a blocking read with a receive time-out would: -1 with EAGAIN when it runs out.
+ssize_t read_some(const reception& from, void* buffer, std::size_t length) {
+    for (;;) {
+        const ssize_t got = recv(from.sockfd, buffer, length, MSG_DONTWAIT);
+        if (got >= 0 || (errno != EINTR && errno != EAGAIN))
+            return got;
+        if (errno == EINTR)
+            continue;
+        const wait_result waited = wait_fd(from.sockfd, POLLIN, read_limit_ms(from.sockfd, from.stall_ms));
+        if (waited == wait_result::timed_out)
+            errno = EAGAIN;
+        if (waited != wait_result::ready)
+            return -1;
+    }
+}
+
+// Reads what is missing behind `got` bytes; the value of a failing read when it cannot.
+int read_rest(const reception& from, char* buffer, int length, int got) {
+    while (got < length) {
+        const int missing = length - got;
+        const auto more = static_cast<int>(read_some(from, buffer + got, static_cast<std::size_t>(missing)));
+        if (more < 1) {
+            if (from.print)
+                std::printf("read error!!, add_len : %d", more);
+            return more;
+        }
+        if (more == missing && from.print)
+            std::printf("#%d bytes are added!\n", missing);
+        got += more;
+        if (got < length && from.until_ms != NO_LIMIT && monotonic_ms() > from.until_ms) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+    }
+    return length;
+}
+
+bool over(const reception& from) {
+    return errno == ETIMEDOUT || errno == ECANCELED ||
+           (from.until_ms != NO_LIMIT && monotonic_ms() > from.until_ms);
+}
+
+// A failing rest drops what had arrived and starts over at the front of the buffer.
+int recv_whole(const reception& from, void* buffer, int length) {
+    for (;;) {
+        errno = 0;
+        const auto got = static_cast<int>(read_some(from, buffer, static_cast<std::size_t>(length)));
+        if (got == length || got < 1)
+            return got;
+        const int ret = read_rest(from, static_cast<char*>(buffer), length, got);
+        if (ret == length)
+            return length;
+        if (ret < 0 && over(from))
+            return -1;
+    }
+}
+
+bool resolve(const char* host, in_addr* out) {
+    char buffer[8192];
+    hostent entry{};
+    hostent* found = nullptr;
+    int error = 0;
+    if (gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &error) != 0 || found == nullptr ||
+        found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr)
+        return false;
+    std::memcpy(out, found->h_addr_list[0], sizeof *out);
+    return true;
+}
+
+// A connection to a port that nobody listens on can meet itself when the system picks that port for its own end.
+bool connected_to_itself(int sockfd, const sockaddr_in& peer) {
+    sockaddr_in own{};
+    socklen_t size = sizeof own;
+    return getsockname(sockfd, reinterpret_cast<sockaddr*>(&own), &size) == 0 && own.sin_port == peer.sin_port &&
+           own.sin_addr.s_addr == peer.sin_addr.s_addr;
+}
+
+bool finish_connect(int sockfd) {
+    int error = 0;
+    socklen_t size = sizeof error;
+    return wait_fd(sockfd, POLLOUT, NO_LIMIT) == wait_result::ready &&
+           getsockopt(sockfd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+}
+
+// Connects without blocking, so that the wait can be cancelled; `flags` are the descriptor's flags afterwards.
+bool connect_socket(int sockfd, const sockaddr_in& peer, int flags) {
+    if (fcntl(sockfd, F_SETFL, flags | O_NONBLOCK) == -1)
+        return false;
+    const int ret = connect(sockfd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
+    const bool in_progress = ret == -1 && errno == EINPROGRESS && (flags & O_NONBLOCK) == 0;
+    if (ret != 0 && !(in_progress && finish_connect(sockfd)))
+        return false;
+    return !connected_to_itself(sockfd, peer) && fcntl(sockfd, F_SETFL, flags) != -1;
+}
+
+bool set_nodelay(int sockfd) {
+    int value = 0;
+    socklen_t size = sizeof value;
+    if (getsockopt(sockfd, IPPROTO_TCP, TCP_NODELAY, &value, &size) == -1) {
+        std::perror("getsockopt");
+        return false;
+    }
+    value = 1;
+    return setsockopt(sockfd, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) != -1;
+}
+
+} // namespace
+
+int open_tcp_server_session(const char* address, int port) {
+    unique_fd sockfd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!sockfd.valid())
+        return -1;
+    const timeval receive_limit = {1, 0};
+    setsockopt(sockfd.get(), SOL_SOCKET, SO_RCVTIMEO, &receive_limit, sizeof receive_limit); // not fatal
+    const int reuse = 1;
+    const in_addr host = {address == nullptr ? htonl(INADDR_ANY) : inet_addr(address)};
+    const sockaddr_in own = address_of(host, port);
+    if (setsockopt(sockfd.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) == -1 ||
+        bind(sockfd.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == -1 ||
+        listen(sockfd.get(), LISTEN_BACKLOG) == -1)
+        return -1;
+    return sockfd.release();
+}
+
+int create_tcp_server_session(const char* address, int port) {
+    const int sockfd = open_tcp_server_session(address, port);
+    if (sockfd < 0)
+        end_process("create_tcp_server_session");
+    return sockfd;
+}
+
+int accept_tcpserver_connection(int sockfd, struct sockaddr_in* peer) {
+    socklen_t size = sizeof *peer;
+    int accepted = -1;
+    do
+        accepted = accept4(sockfd, reinterpret_cast<sockaddr*>(peer), &size, SOCK_CLOEXEC);
+    while (accepted == -1 && errno == EINTR);
+    if (accepted == -1) {
+        const int reason = errno;
+        close(sockfd);
+        errno = reason;
+        end_process("accept_tcpserver_connection");
+    }
+    const int nodelay = 1;
+    setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
+    return accepted;
+}
+
+int magic_bit_check(int sockfd, const void* buffer) {
+    unsigned char head[sizeof MAGIC];
+    if (buffer == nullptr) {
+        if (recv_tcp_data(sockfd, head, sizeof head) < 1)
+            return -1;
+        buffer = head;
+    }
+    return std::memcmp(buffer, MAGIC, sizeof MAGIC) == 0 ? 1 : 0;
+}
+
+int send_tcp_data(int sockfd, const void* buffer, int length) {
+    iovec part = {const_cast<void*>(buffer), static_cast<std::size_t>(length)};
+    return send_parts(sockfd, &part, 1);
+}
+
+int send_tcp_data2(int sockfd, const void* first, int first_length, const void* second, int second_length) {
+    iovec parts[2] = {{const_cast<void*>(first), static_cast<std::size_t>(first_length)},
+                      {const_cast<void*>(second), static_cast<std::size_t>(second_length)}};
+    return send_parts(sockfd, parts, 2);
+}
+
+int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout) {
+    const wait_result waited = wait_fd(sockfd, POLLIN, timeout * 1000);
+    if (waited != wait_result::ready)
+        return waited == wait_result::timed_out ? -2 : -1;
+    const long long longest_ms = (timeout + length / SLOWEST_BYTES_PER_SEC) * 1000LL;
+    return recv_whole({sockfd, timeout * 1000, monotonic_ms() + longest_ms, true}, buffer, length);
+}
+
+int recv_tcp_data(int sockfd, void* buffer, int length) {
+    return recv_whole({sockfd, NO_LIMIT, NO_LIMIT, false}, buffer, length);
+}
+
+int create_tcp_client_session(const char* host, int port, int nonblocking) {
+    in_addr address{};
+    if (!resolve(host, &address))
+        return -1;
+    unique_fd sockfd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!sockfd.valid() || !set_nodelay(sockfd.get()))
+        return -1;
+    const int flags = fcntl(sockfd.get(), F_GETFL);
+    if (flags == -1 ||
+        !connect_socket(sockfd.get(), address_of(address, port), nonblocking != 0 ? flags | O_NONBLOCK : flags))
+        return -1;
+    return sockfd.release();
+}
+
+void close_tcp_session(int sockfd) {
+    if (sockfd == -1)
+        return;
+    shutdown(sockfd, SHUT_RDWR);
+    close(sockfd);
+}
+
+int url_to_ipaddr(const char* host, char* out) {
+    if (host == nullptr || *host == '\0')
+        return -1;
+    char buffer[8192];
+    hostent entry{};
+    hostent* found = nullptr;
+    int error = 0;
+    if (gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &error) != 0 || found == nullptr ||
+        found->h_addr_list[0] == nullptr) {
+        std::fputs("host error\n", stderr);
+        return -2;
+    }
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, found->h_addr_list[0], text, sizeof text);
+    std::fprintf(stderr, "address : %s, url:%s\n", text, host);
+    std::snprintf(out, 20, "%s", text);
+    for (char** address = found->h_addr_list; *address != nullptr; ++address) {
+        inet_ntop(AF_INET, *address, text, sizeof text);
+        std::printf("address : %s\n", text);
+    }
+    return 0;
+}
+
+} // namespace agt
