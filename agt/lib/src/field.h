@@ -36,12 +36,21 @@ template <std::size_t N> void put_text(char (&field)[N], const char* text) {
 // Padded with leading zeros to N-1 digits; a number that needs more characters keeps its first N-1.
 template <std::size_t N> void put_number(char (&field)[N], long value) {
     constexpr int width = static_cast<int>(N) - 1;
-    std::snprintf(field, N, "%-*.*ld", width, width, value);
+    char text[N + 24];
+    std::snprintf(text, sizeof text, "%-*.*ld", width, width, value);
+    copy_text(field, text);
+}
+
+// At least `width` characters with `decimals` decimals, left-justified, cut to N-1 characters.
+template <std::size_t N> void put_decimal(char (&field)[N], double value, int width, int decimals) {
+    char text[400]; // the longest double and its decimals
+    std::snprintf(text, sizeof text, "%-*.*f", width, decimals, value);
+    copy_text(field, text);
 }
 
 // Two decimals, left-justified, padded with blanks to N-1 characters.
 template <std::size_t N> void put_percent(char (&field)[N], double value) {
-    std::snprintf(field, N, "%-*.2f", static_cast<int>(N) - 1, value);
+    put_decimal(field, value, static_cast<int>(N) - 1, 2);
 }
 
 // The decimal value of a field, which need not have a terminator; 0 when it holds no number. Leading blanks are

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -171,8 +172,12 @@ bool connected_to_itself(int sockfd, const sockaddr_in& peer) {
 bool finish_connect(int sockfd) {
     int error = 0;
     socklen_t size = sizeof error;
-    return wait_fd(sockfd, POLLOUT, NO_LIMIT) == wait_result::ready &&
-           getsockopt(sockfd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+    if (wait_fd(sockfd, POLLOUT, NO_LIMIT) != wait_result::ready ||
+        getsockopt(sockfd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+        return false;
+    if (error != 0)
+        errno = error;
+    return error == 0;
 }
 
 // Connects without blocking, so that the wait can be cancelled; `flags` are the descriptor's flags afterwards.

@@ -1,0 +1,59 @@
+// The command port's connections: at most five, served by the main thread, which alone uses what stands here.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/select.h>
+
+namespace kessard {
+
+inline constexpr int MAX_CMD_CLIENT = 5;
+
+struct CMD_CLIENT {
+    int sockfd;
+    sockaddr_in sock_addr; // the peer
+    int send_logs;         // kept for the record's shape, never counted
+};
+
+// Entries 0 to client_num-1 are in use, in the order of their arrival.
+struct CMD_CLIENT_LIST {
+    int client_num;
+    CMD_CLIENT client[MAX_CMD_CLIENT];
+};
+
+extern CMD_CLIENT_LIST client_list;
+extern fd_set readFds;     // the listening socket and every listed connection
+extern int maxFd;          // the highest descriptor in readFds
+extern int agt_cmd_sockfd; // the listening socket, -1 when none
+
+// Opens the listening socket and adds it to readFds; the socket, or a negative value with errno.
+int init_tcp_server(const char* ipaddr, int port);
+
+// Empties the list; 1.
+int init_cmd_client();
+
+// Appends a connection; the new number of entries, or -1 with a log line when the list is full.
+int add_cmd_client(int sockfd, const sockaddr_in& sock_addr);
+
+// Removes a connection; the new number of entries, or -1 when it is not listed. Lowers maxFd when it was the highest.
+// Neither closes it nor clears its bit in readFds.
+int del_cmd_client(int sockfd);
+
+// The first listed connection that is in `ready`; null when none is.
+CMD_CLIENT* found_cmd_client(fd_set ready);
+
+// Closes every listed connection; the list stays as it is.
+void close_cmd_client();
+
+// Prints the list to standard output.
+void show_cmd_client();
+
+// Accepts one connection and lists it; its descriptor, or -1 when the list is full and it was closed again.
+int cmd_new_connection(int listen_sockfd);
+
+// Closes a connection, takes it out of readFds and off the list.
+void drop_cmd_client(int sockfd);
+
+// The highest of the listed connections and the listening socket.
+int get_maxfd();
+
+} // namespace kessard

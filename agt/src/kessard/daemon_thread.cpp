@@ -1,0 +1,98 @@
+// Threads of the daemon.
+#include "daemon_thread.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+
+#include "log_printf.h"
+#include "process_globals.h"
+#include "wait.h"
+
+namespace kessard {
+namespace {
+
+constexpr int LAST_STEPS_MS = 50;
+
+// Makes an event descriptor, or takes back the event of the one that is there. False when there is none.
+bool reset_event(int& fd) {
+    std::uint64_t events = 0;
+    if (fd < 0)
+        fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    else
+        [[maybe_unused]] const ssize_t taken = read(fd, &events, sizeof events);
+    return fd >= 0;
+}
+
+bool send_event(int fd) {
+    const std::uint64_t one = 1;
+    return write(fd, &one, sizeof one) == static_cast<ssize_t>(sizeof one);
+}
+
+bool has_event(int fd, int limit_ms) {
+    pollfd watched = {fd, POLLIN, 0};
+    return poll(&watched, 1, limit_ms) > 0;
+}
+
+} // namespace
+
+void* daemon_thread::run(void* self) {
+    auto* thread = static_cast<daemon_thread*>(self);
+    char name[16]; // what the system keeps of a thread's name
+    std::snprintf(name, sizeof name, "%s", thread->name_);
+    pthread_setname_np(pthread_self(), name);
+    agt::set_cancel_fd(thread->cancel_fd_);
+    void* ret = thread->entry_(nullptr);
+    send_event(thread->done_fd_);
+    return ret;
+}
+
+bool daemon_thread::start() {
+    const std::lock_guard guard(mutex_);
+    // A former thread that has ended may still be on its last steps.
+    if (started_ && has_event(done_fd_, LAST_STEPS_MS))
+        pthread_join(handle_, nullptr);
+    else if (started_)
+        pthread_detach(handle_);
+    started_ = false;
+    if (reset_event(cancel_fd_) && reset_event(done_fd_))
+        started_ = pthread_create(&handle_, nullptr, run, this) == 0;
+    return started_;
+}
+
+bool daemon_thread::cancel() {
+    const std::lock_guard guard(mutex_);
+    return !started_ || send_event(cancel_fd_);
+}
+
+bool daemon_thread::wait_end() {
+    return !started_ || agt::wait_fd(done_fd_, POLLIN, -1) != agt::wait_result::cancelled;
+}
+
+bool daemon_thread::join(int limit_ms) {
+    const std::lock_guard guard(mutex_);
+    if (!started_)
+        return true;
+    if (!has_event(done_fd_, limit_ms))
+        return false;
+    pthread_join(handle_, nullptr);
+    started_ = false;
+    return true;
+}
+
+bool keep_running() { return running != 0 && !agt::cancelled(); }
+
+void cancel_thread(daemon_thread& thread) {
+    if (thread.started() && !thread.cancel())
+        agt::log_printf("<!> cannot cancel %s.", thread.name());
+}
+
+void join_thread(daemon_thread& thread) {
+    if (thread.started())
+        agt::log_printf(thread.join(JOIN_LIMIT_MS) ? "(I) completed join %s." : "<!> cannot join %s.", thread.name());
+}
+
+} // namespace kessard

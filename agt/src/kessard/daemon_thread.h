@@ -1,0 +1,64 @@
+// A thread of the daemon: its handle, its name, and how it is ended.
+//
+// Threads are not cancelled by the system's pthread_cancel, which would unwind C++ frames from inside any call: each one
+// has an event descriptor that ends its waits (wait.h), and leaves its loop by itself. A thread that is stuck where no
+// wait of ours can be ended (name resolution) is not waited for longer than JOIN_LIMIT_MS; it dies with the process.
+//
+// One object per thread entry, with static storage. start, cancel and join may be called from any thread.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <mutex>
+
+namespace kessard {
+
+inline constexpr int JOIN_LIMIT_MS = 2000;
+
+class daemon_thread {
+  public:
+    constexpr daemon_thread(const char* name, void* (*entry)(void*)) : name_(name), entry_(entry) {}
+    daemon_thread(const daemon_thread&) = delete;
+    daemon_thread& operator=(const daemon_thread&) = delete;
+
+    const char* name() const { return name_; }
+
+    // Creates the thread; a former one is joined when it has ended and detached when it has not. False when the thread
+    // could not be created.
+    bool start();
+
+    // Whether there is a thread that was started and not joined.
+    bool started() const { return started_; }
+
+    // Ends the waits of the thread, now and later. False when the event could not be sent.
+    bool cancel();
+
+    // Waits for the thread to leave its entry; false when the calling thread is cancelled first.
+    bool wait_end();
+
+    // Takes back a thread that ends within `limit_ms` milliseconds; false when it does not. Cannot be cancelled.
+    bool join(int limit_ms);
+
+  private:
+    static void* run(void* self);
+
+    const char* name_;
+    void* (*entry_)(void*);
+    std::mutex mutex_;
+    pthread_t handle_ = 0;
+    std::atomic<bool> started_{false};
+    int cancel_fd_ = -1; // an event descriptor: readable when the thread is to end
+    int done_fd_ = -1;   // an event descriptor: readable when the thread has ended
+};
+
+// Whether the calling thread's loop is to go on: the daemon runs and the thread was not cancelled.
+bool keep_running();
+
+// Cancels a started thread; logs "<!> cannot cancel <name>." when that fails.
+void cancel_thread(daemon_thread& thread);
+
+// Joins a started thread within JOIN_LIMIT_MS; logs "(I) completed join <name>." or "<!> cannot join <name>."
+void join_thread(daemon_thread& thread);
+
+} // namespace kessard

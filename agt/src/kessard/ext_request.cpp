@@ -1,0 +1,205 @@
+// Dispatch of the extended requests, and shell commands.
+#include "ext_request.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <utility>
+
+#include "ext_file.h"
+#include "ext_reply.h"
+#include "log_printf.h"
+#include "subprocess.h"
+#include "tcp_base.h"
+#include "usrutil.h"
+
+namespace kessard {
+namespace {
+
+constexpr int DEFAULT_TIME_VALUE = 10;
+constexpr int COMMAND_LIMIT_SEC = 10;
+constexpr int TIMED_OUT_CODE = -99;
+constexpr int NO_OUTPUT_CODE = -1;
+constexpr char SEPARATORS[] = {EXT_SEPARATOR, '\0'};
+
+// What goes out in front of each output.
+struct result_head {
+    std::uint32_t exit_code; // network order, as is the length
+    std::uint32_t length;
+};
+static_assert(sizeof(result_head) == 8);
+
+// Thirty outputs of the largest size have a total length that the response can carry.
+static_assert(EXT_ITEM_MAX * (agt::SUBPROCESS_OUTPUT_MAX + sizeof(result_head)) <= INT_MAX);
+
+// The output is empty when the command wrote nothing; its exit code is lost then, whatever it was.
+void run_command(const char* command, output& out, int& tot_length) {
+    tot_length += static_cast<int>(sizeof(result_head));
+    agt::subprocess_result_t* result = agt::subprocess_exec_output_timeout_ex(command, COMMAND_LIMIT_SEC);
+    if (result == nullptr)
+        return;
+    out.exit_code = result->is_timeout != 0 ? TIMED_OUT_CODE : result->exit_code;
+    out.length = static_cast<int>(result->stdout_.length);
+    if (out.length == 0)
+        out.exit_code = NO_OUTPUT_CODE;
+    else
+        out.buf_p = std::exchange(result->stdout_.buf_p, nullptr);
+    tot_length += out.length;
+    agt::subprocess_result_free(result);
+}
+
+result_head head_of(const output& out) {
+    return {htonl(static_cast<std::uint32_t>(out.exit_code)), htonl(static_cast<std::uint32_t>(out.length))};
+}
+
+// The header leaves in one piece with the first result.
+int send_first(int sockfd, const ST_CMD_EXEC& exec) {
+    const EXT_RSP_HDR header = make_ext_header(EXT_STATUS_ACCEPTED, static_cast<std::uint32_t>(exec.tot_length));
+    if (exec.cmd_count == 0)
+        return agt::send_tcp_data(sockfd, &header, sizeof header);
+    const output& out = exec.outputs[0];
+    const result_head head = head_of(out);
+    unsigned char first[sizeof header + sizeof head];
+    std::memcpy(first, &header, sizeof header);
+    std::memcpy(first + sizeof header, &head, sizeof head);
+    return agt::send_tcp_data2(sockfd, first, sizeof first, out.buf_p, out.length);
+}
+
+int send_results(int sockfd, const ST_CMD_EXEC& exec) {
+    int slen = send_first(sockfd, exec);
+    if (slen < 1) {
+        agt::log_printf("<!> tcp error.. for header: %d", slen);
+        return slen;
+    }
+    agt::log_printf("(i) send header... ok.. len=(%d)", static_cast<int>(sizeof(EXT_RSP_HDR)));
+    int total = slen - static_cast<int>(sizeof(EXT_RSP_HDR));
+    for (int i = 1; i < exec.cmd_count; ++i) {
+        const output& out = exec.outputs[i];
+        const result_head head = head_of(out);
+        slen = agt::send_tcp_data2(sockfd, &head, sizeof head, out.buf_p, out.length);
+        if (slen < 1)
+            break;
+        total += slen;
+    }
+    agt::log_printf("(i) send datas... ok.. len=(%d)", total);
+    return total;
+}
+
+// The time value 0, or none, stands for the default.
+int take_time_value(char*& data, int& length) {
+    const long value = std::strtol(data, nullptr, 10);
+    char* separator = std::strchr(data, EXT_SEPARATOR);
+    if (separator != nullptr) {
+        length -= static_cast<int>(separator + 1 - data) + 1; // exactly what remains of the frame
+        data = separator + 1;
+    }
+    return value == 0 ? DEFAULT_TIME_VALUE : static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+}
+
+void run_commands(int sockfd, char* data, int length, int time_value) {
+    agt::log_printf("(i) MSGRCV : [[ EXT_REQ - SVC_CMD ]] len=%d, timeout=%d", length, time_value);
+    ST_CMD_EXEC exec{};
+    if (!decode_cmd_packet(data, length, &exec, time_value))
+        return;
+    const int len = send_cmd_response(sockfd, &exec);
+    if (len < 1)
+        agt::log_printf("<!> send_cmd_response() error.. len=%d", len);
+}
+
+void svc_cmd(int sockfd, char* data, int length) {
+    run_commands(sockfd, data, length, DEFAULT_TIME_VALUE);
+}
+
+void svc_cmd_timeout(int sockfd, char* data, int length) {
+    const int time_value = take_time_value(data, length);
+    run_commands(sockfd, data, length, time_value);
+}
+
+void svc_file_up(int sockfd, char* data, int length) {
+    agt::log_printf("(i) MSGRCV : [[ EXT_REQ - SVC_FILE_UP ]] ");
+    file_upload(sockfd, data, length);
+}
+
+void svc_file_down(int sockfd, char* data, int length) {
+    agt::log_printf("(i) MSGRCV : [[ EXT_REQ - SVC_FILE_DOWN ]] ");
+    file_download(sockfd, data, length);
+}
+
+struct request {
+    const char* code;
+    void (*serve)(int sockfd, char* data, int length);
+};
+
+constexpr request REQUESTS[] = {
+    {EXT_SVC_CMD, svc_cmd},
+    {EXT_SVC_CMD_TIMEOUT, svc_cmd_timeout},
+    {EXT_SVC_FILE_UP, svc_file_up},
+    {EXT_SVC_FILE_DOWN, svc_file_down},
+};
+
+} // namespace
+
+bool decode_cmd_packet(char* data, int length, ST_CMD_EXEC* exec, int time_value) {
+    if (data == nullptr || length < 1) {
+        agt::log_printf("<!> decode_cmd_packet() error! buffer is null.. len=(%d)", length);
+        return false;
+    }
+    exec->cmd_count = agt::str_split(data, SEPARATORS, exec->cmds, std::min(time_value, int{EXT_ITEM_MAX}));
+    for (int i = 0; i < exec->cmd_count; ++i)
+        run_command(exec->cmds[i], exec->outputs[i], exec->tot_length);
+    return true;
+}
+
+int send_cmd_response(int sockfd, ST_CMD_EXEC* exec) {
+    const int len = send_results(sockfd, *exec);
+    free_outputs(exec);
+    return len;
+}
+
+void free_outputs(ST_CMD_EXEC* exec) {
+    for (output& out : exec->outputs)
+        std::free(std::exchange(out.buf_p, nullptr));
+}
+
+void dump_cmd_exec(const ST_CMD_EXEC* exec) {
+    const char double_line[] = "==============================";
+    const char line[] = "------------------------------";
+    std::printf("%s\n", double_line);
+    std::printf("type          = |%c|\n", exec->type);
+    std::printf("tot_length    = |%ld|\n", static_cast<long>(exec->tot_length));
+    std::printf("cmd_count     = |%d|\n", exec->cmd_count);
+    for (int i = 0; i < exec->cmd_count; ++i)
+        std::printf("%2d : |%s|\n", i, exec->cmds[i]);
+    for (int i = 0; i < exec->cmd_count; ++i) {
+        const output& out = exec->outputs[i];
+        std::printf("exit_code=|%d|, data_length=|%ld|\n", out.exit_code, static_cast<long>(out.length));
+        std::printf("|%s|\n%s\n", out.buf_p != nullptr ? out.buf_p : "", line);
+    }
+    std::printf("%s\n", double_line);
+}
+
+void serve_ext_request(int sockfd, const unsigned char* frame, int rlen) {
+    char packet[TCP_CMD_MSG_SIZE + 1] = {};
+    const int received = std::clamp(rlen, 0, int{TCP_CMD_MSG_SIZE});
+    std::memcpy(packet, frame, static_cast<std::size_t>(received));
+    const char* code = packet + EXT_REQ_CODE_AT;
+    const char* pdu = packet + EXT_REQ_PDU_AT;
+    const auto* wanted = std::find_if(std::begin(REQUESTS), std::end(REQUESTS), [code](const request& known) {
+        return std::memcmp(known.code, code, EXT_REQ_CODE_SIZE) == 0;
+    });
+    if (*pdu != EXT_PDU_REQUEST)
+        agt::log_printf("<!> unsupported  EXT_PDU = |%.*s|", 1, pdu);
+    else if (wanted == std::end(REQUESTS))
+        agt::log_printf("<!> unsupported EXT_REQ = |%.*s|", int{EXT_REQ_CODE_SIZE}, code);
+    else
+        wanted->serve(sockfd, packet + EXT_REQ_DATA_AT, received - EXT_REQ_PDU_AT);
+    std::fflush(stdout);
+}
+
+} // namespace kessard

@@ -1,0 +1,152 @@
+// Retrieval of the service list.
+//
+// A short-lived thread, one at a time: it connects, asks, and receives the list in blocks of up to eight services, each
+// acknowledged; result code '5' marks the last. The table is emptied at the first valid answer and is locked from before
+// the reception until after it; service filtering is off for everybody meanwhile, so that nothing is filtered against a
+// half-loaded table. What was loaded stays when the server fails in the middle.
+//
+// `retrieving` is the "already running" mark. A failure to name the host or to send the request leaves it set for good:
+// later starts are refused until the process restarts. That is the required behaviour.
+#include "get_service_list.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "daemon_thread.h"
+#include "field.h"
+#include "log_printf.h"
+#include "process_globals.h"
+#include "server_link.h"
+#include "set_svc_hash_tbl.h"
+#include "show_logs.h"
+#include "tcp_base.h"
+#include "tran_logf_que_info.h"
+#include "wait.h"
+
+namespace kessard {
+namespace {
+
+constexpr char LAST_BLOCK = '5';
+
+TCP_CMD_MSG s_msg;
+TCP_CMD_MSG r_msg;
+std::atomic<bool> retrieving{false};
+daemon_thread th("get_service_list", get_service_list);
+
+bool send_to_server(int conn_sockfd) {
+    const int slen = send_msg(conn_sockfd, s_msg);
+    if (slen < 0)
+        agt::log_printf("<!> server send error.. slen : %d", slen);
+    return slen >= 0;
+}
+
+bool request_list(int conn_sockfd) {
+    auto& body = s_msg.body.get_service_list_req;
+    if (!put_host_name(body.host_name, sizeof body.host_name))
+        return false;
+    set_header(&s_msg, MSG_GET_SERVICE_LIST_REQ);
+    return send_to_server(conn_sockfd);
+}
+
+bool receive_block(int conn_sockfd) {
+    const int rlen = recv_msg(conn_sockfd, &r_msg);
+    if (rlen < 1) {
+        agt::log_printf("<!> server recv error.. rlen : %d", rlen);
+        return false;
+    }
+    if (agt::magic_bit_check(conn_sockfd, &r_msg) == 1)
+        return true;
+    agt::log_printf("<!> %s->magic bit mismatch. sockfd : %d, rlen : %d", "get_service_list", conn_sockfd, rlen);
+    return false;
+}
+
+void load_block() {
+    const auto& block = r_msg.body.get_service_list_rsp;
+    agt::log_printf("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]");
+    agt::log_printf("(i) -> ELEMENT_NUM - '%s'", agt::field_text(block.element_num).text);
+    const int n = std::min(agt::get_number(block.element_num), int{SERVICE_ELEMENT_MAX});
+    for (int i = 0; i < n; ++i)
+        set_svc_hash_tbl(&block.elements[i]);
+}
+
+bool acknowledge(int conn_sockfd) {
+    set_header(&s_msg, MSG_GET_SERVICE_LIST_RSPACK);
+    s_msg.body.get_service_list_rspack.result_code[0] = '0';
+    return send_to_server(conn_sockfd);
+}
+
+// Receives blocks until the last one or the first failure.
+void receive_list(int conn_sockfd) {
+    for (bool first = true; receive_block(conn_sockfd); first = false) {
+        if (first)
+            init_svc_hash_tbl();
+        if (r_msg.hdr.msg_type[0] != MSG_GET_SERVICE_LIST_RSP)
+            return;
+        load_block();
+        if (!acknowledge(conn_sockfd) || r_msg.body.get_service_list_rsp.result_code[0] == LAST_BLOCK)
+            return;
+    }
+}
+
+// Reloads the table under its semaphore; a copy of what it holds then, null without memory for one.
+svc_hash_tbl_copy reload_table(int conn_sockfd) {
+    const object_lock lock("svc_hash_tbl", svc_hash_tbl_semid);
+    receive_list(conn_sockfd);
+    return copy_svc_hash_tbl(*svc_hash_tbl);
+}
+
+void finish() {
+    retrieving = false;
+    agt::log_printf("### get_service_list() ### thread function END...");
+}
+
+} // namespace
+
+void th_start_get_service_list() {
+    if (retrieving.exchange(true)) {
+        agt::log_printf("<!> get service list thread is already running now.. skip action .");
+        return;
+    }
+    agt::log_printf("(i) get service list thread is starting..");
+    if (th.start())
+        return;
+    retrieving = false;
+    agt::log_printf("pthread_create error");
+}
+
+void th_cancel_get_service_list() {
+    if (retrieving)
+        cancel_thread(th);
+}
+
+void th_join_get_service_list() {
+    if (!retrieving)
+        return;
+    if (running != 0 && !th.wait_end())
+        th.cancel();
+    join_thread(th);
+}
+
+void* get_service_list(void*) {
+    const int conn_sockfd = connect_server();
+    if (conn_sockfd < 0) {
+        finish();
+        return nullptr;
+    }
+    if (!request_list(conn_sockfd)) {
+        agt::close_tcp_session(conn_sockfd);
+        return nullptr;
+    }
+    const signed char filtering = get_svc_filtering();
+    set_svc_filtering(0);
+    agt::sleep_ms(1000);
+    const svc_hash_tbl_copy loaded = reload_table(conn_sockfd);
+    set_svc_filtering(filtering);
+    agt::close_tcp_session(conn_sockfd);
+    if (loaded != nullptr)
+        show_svc_hash_tbl(*loaded);
+    finish();
+    return nullptr;
+}
+
+} // namespace kessard

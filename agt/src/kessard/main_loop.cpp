@@ -1,0 +1,209 @@
+// Command loop, signals, notify-link watcher and shutdown.
+//
+// Terminating signals stay blocked but in the loop's pselect, so the handler, which logs, never interrupts code that
+// holds a lock. Until the loop gets there, a pending signal makes the main thread's signal descriptor readable, which
+// ends every wait of that thread (wait.h): start-up and commands come to their end at once and the loop takes the signal.
+#include "main_loop.h"
+
+#include <sys/select.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+
+#include "check_network.h"
+#include "check_worker.h"
+#include "client.h"
+#include "cmd_event.h"
+#include "daemon_thread.h"
+#include "get_service_list.h"
+#include "health_check.h"
+#include "log_printf.h"
+#include "notify_active_service_detail.h"
+#include "process_globals.h"
+#include "shcmd_service_list.h"
+#include "st_log.h"
+#include "tcp_base.h"
+#include "tran_agt.h"
+#include "util.h"
+#include "wait.h"
+
+namespace kessard {
+namespace {
+
+constexpr timespec SELECT_TIMEOUT = {3, 0};
+constexpr int LINK_POLL_SEC = 1;
+constexpr int FIRST_RETRY_USEC = 10000;
+constexpr int NEXT_RETRY_USEC = 999999;
+
+sigset_t loop_mask; // the signal mask of the loop's wait
+daemon_thread net_th("network_check", network_checker);
+
+void handle(int signo, void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigfillset(&action.sa_mask);
+    sigaction(signo, &action, nullptr);
+}
+
+void reap_children() {
+    int status = 0;
+    pid_t ret = 0;
+    do
+        ret = waitpid(-1, &status, WNOHANG);
+    while (ret > 0);
+    std::printf("(%ld) recive sinal... SIGCHLD(%ld)\n", static_cast<long>(getpid()), static_cast<long>(ret));
+}
+
+void log_signal(int signo) {
+    static constexpr struct {
+        int signo;
+        const char* name;
+    } NAMES[] = {{SIGHUP, "SIGHUP"}, {SIGINT, "SIGINT"}, {SIGTERM, "SIGTERM"}, {SIGTSTP, "SIGTSTP"}};
+    for (const auto& known : NAMES) {
+        if (known.signo == signo)
+            agt::log_printf(">> received %s signal to terminate!", known.name);
+    }
+}
+
+// Serves what one wait found ready: a new connection, and one request of one connection.
+void serve(const fd_set& ready) {
+    if (agt_cmd_sockfd >= 0 && FD_ISSET(agt_cmd_sockfd, &ready))
+        cmd_new_connection(agt_cmd_sockfd);
+    if (agt_cmd_sockfd == -1)
+        return;
+    const CMD_CLIENT* client = found_cmd_client(ready);
+    if (client != nullptr)
+        cmd_event(client);
+}
+
+// Closes the sockets of the command port and of the health check.
+void close_fd() {
+    close_cmd_client();
+    if (agt_cmd_sockfd > 0)
+        agt::close_tcp_session(agt_cmd_sockfd);
+    if (svr_cmd_sockfd > 0)
+        agt::close_tcp_session(svr_cmd_sockfd);
+}
+
+// Tries to bring the link back; the microseconds to wait before the next try.
+int reconnect() {
+    close_noti_socket();
+    if (try_connect() != 1) {
+        send_flag = 2;
+        return NEXT_RETRY_USEC;
+    }
+    agt::log_printf("(i) notify socket reconnect success");
+    network_on();
+    send_flag = 1;
+    return FIRST_RETRY_USEC;
+}
+
+// The threads that are not joined with a log line have left their loops by now, or their waits are ended here, so that
+// none of them runs while the process goes.
+void stop_other_threads() {
+    stop_notify_active_service_detail();
+    net_th.cancel();
+    net_th.join(JOIN_LIMIT_MS);
+    stop_check_worker();
+}
+
+} // namespace
+
+void install_signals(bool daemon_mode) {
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGTERM);
+    if (!daemon_mode)
+        sigaddset(&ending, SIGINT);
+    sigset_t blocked = ending;
+    sigaddset(&blocked, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, daemon_mode ? &ending : &blocked, &loop_mask);
+    for (const int signo : {SIGTERM, SIGINT, SIGCHLD, SIGSEGV})
+        sigdelset(&loop_mask, signo);
+
+    handle(SIGPIPE, SIG_IGN, 0);
+    handle(SIGTERM, sig_term, 0);
+    if (daemon_mode) {
+        handle(SIGSEGV, sig_term, 0);
+        handle(SIGCHLD, SIG_DFL, SA_NOCLDWAIT); // nobody waits for the children that serve requests
+    } else {
+        handle(SIGINT, sig_term, 0);
+        handle(SIGCHLD, sig_term, 0);
+    }
+    agt::set_cancel_fd(signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+void sig_term(int signo) {
+    if (signo == SIGSEGV)
+        _exit(255);
+    if (signo == SIGCHLD) {
+        reap_children();
+        return;
+    }
+    log_signal(signo);
+    agt::log_printf("<!> termination start");
+    running = 0;
+}
+
+void network_check() {
+    if (!net_th.start())
+        agt::log_printf("<!> network pthread_create error.");
+}
+
+void* network_checker(void*) {
+    send_flag = 1;
+    int retry_usec = FIRST_RETRY_USEC;
+    while (keep_running()) {
+        if (noti_send_flag != 0) {
+            agt::set_idle(LINK_POLL_SEC, 0);
+            continue;
+        }
+        agt::set_idle(0, retry_usec);
+        if (keep_running())
+            retry_usec = reconnect();
+    }
+    close_noti_socket();
+    return nullptr;
+}
+
+void start() {
+    agt::log_printf("[ %s ] start... running : %d", PROGRAM_NAME, running.load());
+    while (running != 0) {
+        fd_set ready = readFds;
+        const int ret = pselect(maxFd + 1, &ready, nullptr, nullptr, &SELECT_TIMEOUT, &loop_mask);
+        if (ret > 0) {
+            serve(ready);
+        } else if (ret < 0 && errno == EINTR) {
+            agt::log_printf("<!> interrupted system call");
+        } else if (ret < 0) {
+            agt::log_printf("<!> select error, ret : %d", ret);
+            return;
+        }
+    }
+}
+
+void end() {
+    agt::set_cancel_fd(-1);
+    agt::log_printf("[ %s ] end.. resource clear.", PROGRAM_NAME);
+    agt::sleep_ms(1000);
+    th_cancel_get_service_list();
+    th_cancel_health_check();
+    th_cancel_shcmd_service_list();
+    th_cancel_st_log();
+    th_join_st_log();
+    th_join_health_check();
+    th_join_get_service_list();
+    th_join_shcmd_service_list();
+    stop_other_threads();
+    close_fd();
+    deactivate_process(process_idx);
+    agt::log_printf("[ %s ] end.. complete.", PROGRAM_NAME);
+    agt::close_log();
+}
+
+} // namespace kessard

@@ -1,0 +1,144 @@
+// The notifier.
+//
+// The only consumer of the notification queue, polling it every 20 ms when it is empty. Two records make a message; a
+// lone record waits until 2 whole seconds have passed since the last message left (not since the record came), so after
+// a quiet period it leaves at the first empty poll. While the link is down records are taken and dropped, one every
+// 200 ms. A failure takes the link down (network_off) and the watcher brings it back.
+#include "notify_active_service_detail.h"
+
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "check_network.h"
+#include "daemon_thread.h"
+#include "kessard/cmd_msg.h"
+#include "log_printf.h"
+#include "noti_send_que.h"
+#include "process_globals.h"
+#include "server_link.h"
+#include "util.h"
+#include "wait.h"
+
+namespace kessard {
+namespace {
+
+constexpr int EMPTY_POLL_USEC = 20000;
+constexpr int LINK_DOWN_USEC = 200000;
+constexpr long FLUSH_SEC = 2;
+
+TCP_CMD_MSG s_msg;
+TCP_CMD_MSG r_msg;
+daemon_thread th("notify_active_service_detail", notify_active_service_detail);
+
+struct batch {
+    int pending = 0;      // records in s_msg
+    long batch_time = 0;  // when the last message left, 0 before the first record
+};
+
+// Seconds of a clock that never steps; never 0.
+long now_sec() { return static_cast<long>(agt::monotonic_ms() / 1000) + 1; }
+
+// Waits for the answer, whose content does not matter; a failure takes the link down. `where` ends the log line.
+void receive_answer(const char* where) {
+    const int rlen = recv_msg(noti_sockfd, &r_msg);
+    if (rlen >= 1)
+        return;
+    if (rlen == -2)
+        agt::log_printf("<!> noti_sockfd, recv_tcp_data timeout error.%s", where);
+    else
+        agt::log_printf("<!> noti_sockfd, recv_tcp_data error. rlen : %d%s", rlen, where);
+    network_off();
+}
+
+// Sends the pending records; false when they could not be sent, with the link down.
+bool send_batch(int pending, const char* where) {
+    const std::lock_guard guard(noti_socket_mutex);
+    auto& body = s_msg.body.notify_active_service_detail_req;
+    set_header(&s_msg, MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ);
+    std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, pending);
+    const int slen = send_msg(noti_sockfd, s_msg);
+    if (slen >= 1) {
+        receive_answer(where);
+        return true;
+    }
+    agt::log_printf("<!> noti_sockfd, send_tcp_data error. slen : %d", slen);
+    network_off();
+    return false;
+}
+
+void send_full(batch* out) {
+    const int pending = out->pending;
+    agt::log_printf("[notify_active_service_detail] socket send : %d elements, ACTIVE_SERVICE_DETAIL size %d bytes",
+                    pending, static_cast<int>(sizeof(ACTIVE_SERVICE_DETAIL)));
+    out->pending = 0;
+    if (noti_send_flag == 1 && !send_batch(pending, ""))
+        return;
+    agt::log_printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d", pending,
+                    noti_send_flag.load());
+    out->batch_time = now_sec();
+}
+
+void take_record(batch* out, const NOTI_SEND_QUE_DATA& record) {
+    if (noti_send_flag == 0) {
+        agt::set_idle(0, LINK_DOWN_USEC);
+        return;
+    }
+    if (out->batch_time == 0)
+        out->batch_time = now_sec();
+    auto& elements = s_msg.body.notify_active_service_detail_req.elements;
+    std::memcpy(&elements[out->pending++], &record, sizeof record);
+    if (out->pending == NOTIFY_ELEMENT_MAX)
+        send_full(out);
+}
+
+// A failure to send leaves the records pending; the next attempt finds the link down and drops them.
+void flush(batch* out) {
+    const long flush_time = now_sec() - out->batch_time;
+    if (out->pending == 0 || flush_time < FLUSH_SEC)
+        return;
+    if (noti_send_flag == 1) {
+        if (!send_batch(out->pending, "(FLUSH)"))
+            return;
+        agt::log_printf(
+            "(I) [notify_active_service_detail] flush sent %d elements, noti_send_flag : %d, flush_time(%d sec)",
+            out->pending, noti_send_flag.load(), static_cast<int>(flush_time));
+    } else {
+        agt::log_printf("<!> [notify_active_service_detail] flush skip, noti_send_flag : %d", noti_send_flag.load());
+    }
+    out->batch_time = now_sec();
+    out->pending = 0;
+}
+
+} // namespace
+
+void th_start_notify_active_service_detail() {
+    if (!th.start())
+        agt::log_printf("pthread_create error");
+}
+
+void th_cancel_notify_active_service_detail() { cancel_thread(th); }
+
+void th_join_notify_active_service_detail() { join_thread(th); }
+
+void stop_notify_active_service_detail() {
+    th.cancel();
+    th.join(JOIN_LIMIT_MS);
+}
+
+void* notify_active_service_detail(void*) {
+    agt::log_printf("(i) notify_active_service_detail thread start... running : %d", running.load());
+    batch out;
+    while (keep_running()) {
+        const NOTI_SEND_QUE_DATA* record = get_noti_send_que();
+        if (record != nullptr) {
+            take_record(&out, *record);
+            continue;
+        }
+        agt::set_idle(0, EMPTY_POLL_USEC);
+        flush(&out);
+    }
+    return nullptr;
+}
+
+} // namespace kessard

@@ -1,0 +1,27 @@
+// The trace table: creation and index stacks.
+#pragma once
+
+#include "kessard/ptrc_hash_tbl.h"
+
+namespace kessard {
+
+// The attached table; null until created.
+extern PTRC_HASH_TBL* ptrc_hash_tbl;
+
+// Creates or opens the table and its semaphore under the configured keys and initialises a new one under semaphore 0;
+// logs each step. 1, or 0 on failure.
+int create_ptrc_hash_tbl();
+
+// Empties the attached table; the caller holds its semaphore. 1.
+int init_ptrc_hash_tbl();
+
+// Puts `index` on top; the new `top`, or -1 when the stack holds 10,000 entries.
+int ptrc_hash_push(PTRC_HASH_STK* stack, unsigned int index);
+
+// Takes the index on top; -1 when the stack is empty.
+int ptrc_hash_pop(PTRC_HASH_STK* stack);
+
+// Fill level in per cent of its slots; -1.0 when the table is not attached.
+float get_ptrc_hashtbl_used_pcnt();
+
+} // namespace kessard

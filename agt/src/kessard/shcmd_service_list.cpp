@@ -1,0 +1,249 @@
+// Upload of a script's service list.
+//
+// The script prints one service a line, identifier and limit; blocks of fifteen go to the server, each answered before
+// the next is filled. A refused block does not stop the upload; any other failure ends it. A complete upload, and a
+// server that cannot be reached, start a retrieval of the server's list.
+#include "shcmd_service_list.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "daemon_thread.h"
+#include "field.h"
+#include "get_service_list.h"
+#include "kessard/cmd_msg.h"
+#include "log_printf.h"
+#include "server_link.h"
+#include "settings.h"
+#include "subprocess.h"
+#include "tcp_base.h"
+#include "wait.h"
+
+namespace kessard {
+namespace {
+
+constexpr std::size_t LINE_SIZE = 512;
+constexpr char NO_BLOCK_YET = '2';
+constexpr char FIRST_BLOCK = '3';
+constexpr char FURTHER_BLOCK = '4';
+constexpr char FULL_BLOCK_RECV_ERROR[] = "<!> shcmd_service_list2, server recv error.. rlen : %d";
+constexpr char LAST_BLOCK_RECV_ERROR[] = "<!> shcmd_service_list1, server recv error.. rlen : %d";
+constexpr std::string_view BLANKS = " \t\n\v\f\r";
+
+TCP_CMD_MSG s_msg;
+TCP_CMD_MSG r_msg;
+std::atomic<int> uploads{0};
+daemon_thread th("shcmd_service_list", shcmd_service_list);
+
+BODY_UPDATE_SERVICE_LIST_REQ& request() { return s_msg.body.update_service_list_req; }
+
+// Lines of a descriptor, at most LINE_SIZE-1 characters each with their line end; a longer line comes in pieces.
+struct line_source {
+    int fd;
+    std::size_t held = 0;  // bytes in text
+    std::size_t taken = 0; // bytes of the line that was handed out last
+    char text[LINE_SIZE] = {};
+};
+
+// Reads more behind what is held; false at the end of the output and when the thread is cancelled.
+bool read_more(line_source* from) {
+    if (agt::wait_fd(from->fd, POLLIN, -1) != agt::wait_result::ready)
+        return false;
+    const ssize_t got = read(from->fd, from->text + from->held, LINE_SIZE - 1 - from->held);
+    if (got > 0)
+        from->held += static_cast<std::size_t>(got);
+    return got > 0 || (got < 0 && errno == EINTR);
+}
+
+// The next line, valid until the next call, in `line` (LINE_SIZE bytes); false at the end.
+bool next_line(line_source* from, char* line) {
+    from->held -= from->taken;
+    std::memmove(from->text, from->text + from->taken, from->held);
+    from->taken = 0;
+    const void* end = nullptr;
+    while ((end = std::memchr(from->text, '\n', from->held)) == nullptr && from->held < LINE_SIZE - 1) {
+        if (!read_more(from))
+            break;
+    }
+    from->taken = end == nullptr ? from->held
+                                 : static_cast<std::size_t>(static_cast<const char*>(end) - from->text) + 1;
+    std::memcpy(line, from->text, from->taken);
+    line[from->taken] = '\0';
+    return from->taken > 0;
+}
+
+std::string_view take_word(std::string_view* text) {
+    text->remove_prefix(std::min(text->find_first_not_of(BLANKS), text->size()));
+    const std::string_view word = text->substr(0, text->find_first_of(BLANKS));
+    text->remove_prefix(word.size());
+    return word;
+}
+
+template <std::size_t N> void copy_word(char (&field)[N], std::string_view word) {
+    std::memcpy(field, word.data(), std::min(word.size(), N - 1));
+}
+
+struct upload {
+    int conn_sockfd;
+    char host_name[65];
+    int total = 0; // services in all
+    int count = 0; // services in the block
+};
+
+// Parses a line into the next element of the block; false after a log line when it is not two words.
+bool add_service(upload* up, const char* line) {
+    SERVICE_SMALL& element = request().elements[up->count];
+    element = {};
+    std::string_view text = line;
+    const std::string_view service_id = take_word(&text);
+    const std::string_view limit = take_word(&text);
+    if (limit.empty()) {
+        agt::log_printf("<!> SKIP.. DATA -> fail get service, format string : %s", line);
+        return false;
+    }
+    copy_word(element.service_id, service_id);
+    copy_word(element.limit, limit);
+    agt::copy_text(element.host_name, up->host_name);
+    ++up->total;
+    ++up->count;
+    agt::log_printf("\t[#%03d] host_name : %s, service_id : %s, limit : %s", up->total, element.host_name,
+                    element.service_id, element.limit);
+    return true;
+}
+
+// Reads the server's answer to a block; false after a log line when there is none or it is not one.
+bool receive_answer(int conn_sockfd, const char* recv_error) {
+    const int rlen = recv_msg(conn_sockfd, &r_msg);
+    if (rlen < 1) {
+        agt::log_printf(recv_error, rlen);
+        return false;
+    }
+    if (agt::magic_bit_check(conn_sockfd, &r_msg) != 1) {
+        agt::log_printf("<!> magic bit mismatch. sockfd : %d, rlen : %d", conn_sockfd, rlen);
+        return false;
+    }
+    if (r_msg.hdr.msg_type[0] != MSG_UPDATE_SERVICE_LIST_RSP) {
+        agt::log_printf("<!> Response Msg MisMatch Type : '%c'", r_msg.hdr.msg_type[0]);
+        return false;
+    }
+    return true;
+}
+
+// Sends the block and waits for its answer; false after a log line when the upload is over.
+bool send_block(upload* up, const char* recv_error) {
+    auto& body = request();
+    std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, up->count);
+    body.result_code[0] = body.result_code[0] == NO_BLOCK_YET ? FIRST_BLOCK : FURTHER_BLOCK;
+    if (up->count == SERVICE_SMALL_MAX)
+        agt::log_printf("######### element_num string : %s\n", body.element_num);
+    set_header(&s_msg, MSG_UPDATE_SERVICE_LIST_REQ);
+    const int slen = send_msg(up->conn_sockfd, s_msg);
+    if (slen < 0) {
+        agt::log_printf("<!> server send error.. slen : %d", slen);
+        return false;
+    }
+    agt::log_printf("(I) Send Msg To Server (-> UPDATE_SERVICE_LIST_REQ )");
+    if (!receive_answer(up->conn_sockfd, recv_error))
+        return false;
+    agt::log_printf("(I) Receive Msg From Server (<- UPDATE_SERVICE_LIST_RSP )");
+    const char result = r_msg.body.update_service_list_rsp.result_code[0];
+    if (result == '0')
+        agt::log_printf("(I) Update Service List Complete.");
+    else
+        agt::log_printf("<!> Update Service List Fail. Result Code : '%c'", result);
+    up->count = 0;
+    return true;
+}
+
+// Uploads the script's lines; false when the upload is over.
+bool upload_lines(upload* up, int script_fd) {
+    line_source source{script_fd};
+    char line[LINE_SIZE];
+    while (next_line(&source, line)) {
+        if (add_service(up, line) && up->count == SERVICE_SMALL_MAX && !send_block(up, FULL_BLOCK_RECV_ERROR))
+            return false;
+    }
+    return !agt::cancelled();
+}
+
+// Closes the script's output and waits for it, as long as the thread is not cancelled.
+void end_script(agt::shell_reader* script) {
+    close(script->fd);
+    while (waitpid(script->pid, nullptr, WNOHANG) == 0 && agt::sleep_ms(10)) {
+    }
+}
+
+// Runs the script and uploads what it prints; false when the upload ended before its end.
+bool run_script(upload* up) {
+    agt::log_printf("(I) run script : %s", update_service_script);
+    agt::shell_reader script{};
+    if (agt::shell_reader_start(update_service_script, &script) != 0)
+        return false;
+    const bool complete = upload_lines(up, script.fd);
+    end_script(&script);
+    return complete && (up->count == 0 || send_block(up, LAST_BLOCK_RECV_ERROR));
+}
+
+// The whole exchange on an open connection; whether it came to its end.
+bool upload_services(int conn_sockfd) {
+    upload up{};
+    up.conn_sockfd = conn_sockfd;
+    request().result_code[0] = NO_BLOCK_YET;
+    const bool complete = put_host_name(up.host_name, sizeof up.host_name) && run_script(&up);
+    agt::close_tcp_session(conn_sockfd);
+    if (complete)
+        agt::log_printf("(I) Total [%d] Services Server Update, Success..", up.total);
+    return complete;
+}
+
+int connect_for_upload() {
+    const server_address server = get_server_address();
+    agt::log_printf("###(I) call thread-function(cmd_service_list)...");
+    agt::log_printf("###(I) service block-elements(max %d).", int{SERVICE_SMALL_MAX});
+    agt::log_printf("###(I) trying server connect. (ip %s, port %d)", server.srv_ipaddr, server.srv_cmd_port);
+    const int conn_sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
+    if (conn_sockfd < 0)
+        agt::log_printf("<!> server connection fail. (ip %s, port %d)", server.srv_ipaddr, server.srv_cmd_port);
+    else
+        agt::log_printf("(i) server connection success. (ip %s, port %d, fd %d)", server.srv_ipaddr,
+                        server.srv_cmd_port, conn_sockfd);
+    return conn_sockfd;
+}
+
+} // namespace
+
+void th_start_shcmd_service_list() {
+    agt::log_printf("(I) run shell-command get service list starting..");
+    ++uploads;
+    if (th.start())
+        return;
+    --uploads;
+    agt::log_printf("pthread_create error");
+}
+
+void th_cancel_shcmd_service_list() { cancel_thread(th); }
+
+void th_join_shcmd_service_list() { join_thread(th); }
+
+bool shcmd_service_list_running() { return uploads > 0; }
+
+void* shcmd_service_list(void*) {
+    const int conn_sockfd = connect_for_upload();
+    if (conn_sockfd < 0 || upload_services(conn_sockfd)) {
+        agt::log_printf("(I) End Thread-function(cmd_service_list)...");
+        th_start_get_service_list();
+    }
+    --uploads;
+    return nullptr;
+}
+
+} // namespace kessard

@@ -1,0 +1,162 @@
+// Statistics, sweep period and update triggers.
+//
+// One pass a second; the countdowns count passes, so a long sweep or a daily trigger stretches them.
+#include "st_log.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+
+#include "check_ptrc_hash_tbl.h"
+#include "client.h"
+#include "daemon_thread.h"
+#include "log_printf.h"
+#include "process_globals.h"
+#include "settings.h"
+#include "shcmd_service_list.h"
+#include "wait.h"
+
+namespace kessard {
+
+std::atomic<int> tot_logs{0};
+
+namespace {
+
+constexpr char STATISTICS_LINE[] = "----------------------------------------------------------------------------";
+constexpr char NO_DAILY_UPDATE[] = "----";
+constexpr int DAILY_PAUSE_MS = 5000;
+constexpr std::size_t DATE_SIZE = 8;
+constexpr std::size_t HHMI_SIZE = 4;
+
+daemon_thread th("st_log", st_log);
+
+struct pass_state {
+    int ptime = 0;      // passes to the next print
+    int ctime = 0;      // passes to the next sweep
+    int post_logs = 0;  // tot_logs one pass ago
+    int curr_logs = 0;  // logs in this pass
+    int curr_logs1 = 0; // logs since the last print
+    int ntime = 0;      // passes in a row without logs
+    char cur_date[128] = ""; // now, as YYYYMMDDHHMMSS
+    char tmp_date[128] = ""; // the date on which the daily time was last reached
+};
+pass_state state;
+
+void print_statistics() {
+    agt::log_batch log;
+    const int client_num = client_list.client_num;
+    log.printf("%s", STATISTICS_LINE);
+    log.printf("clients %d/%d , total_logs %d, curr_logs %d", client_num, MAX_CMD_CLIENT, tot_logs.load(),
+               state.curr_logs1);
+    log.printf("^^^ client send logs statistics ^^^");
+    for (int i = 0; i < client_num && i < MAX_CMD_CLIENT; ++i)
+        log.printf(" > %d : %d", i, client_list.client[i].send_logs);
+}
+
+void count_down_print() {
+    if (print_time < 1)
+        return;
+    state.curr_logs1 += state.curr_logs;
+    if (--state.ptime != 0)
+        return;
+    print_statistics();
+    state.ptime = print_time;
+    state.curr_logs1 = 0;
+}
+
+void count_down_sweep() {
+    if (trc_sts_check_period <= 0 || --state.ctime != 0)
+        return;
+    check_ptrc_hash_tbl();
+    state.ctime = trc_sts_check_period;
+}
+
+// The test is for equality, so one silent stretch resets the counters once.
+void reset_when_silent() {
+    if (state.curr_logs != 0) {
+        state.ntime = 0;
+        return;
+    }
+    if (++state.ntime != clear_time)
+        return;
+    state.post_logs = 0;
+    state.curr_logs = 0;
+    tot_logs = 0;
+}
+
+void start_update() {
+    if (!daily_update_yn)
+        return;
+    if (shcmd_service_list_running())
+        agt::log_printf("<!> update service is already running now.. skip action .");
+    else
+        th_start_shcmd_service_list();
+}
+
+bool forced_update() {
+    if (access(svc_update_chk_fn, F_OK) != 0)
+        return false;
+    agt::log_printf(">> Check OK, [%s] ..", svc_update_chk_fn);
+    agt::log_printf("(I) start forced update service");
+    unlink(svc_update_chk_fn);
+    start_update();
+    return true;
+}
+
+bool daily_time_reached() {
+    return update_service_hhmi[0] != '\0' && std::strcmp(update_service_hhmi, NO_DAILY_UPDATE) != 0 &&
+           std::memcmp(state.cur_date, state.tmp_date, DATE_SIZE) != 0 &&
+           std::memcmp(state.cur_date + DATE_SIZE, update_service_hhmi, HHMI_SIZE) >= 0;
+}
+
+void daily_update() {
+    if (!daily_time_reached())
+        return;
+    agt::log_printf("(I) time over!! start update service hhmi(%s)", update_service_hhmi);
+    start_update();
+    agt::sleep_ms(DAILY_PAUSE_MS);
+    std::memcpy(state.tmp_date, state.cur_date, DATE_SIZE);
+}
+
+} // namespace
+
+void th_start_st_log() {
+    if (!th.start())
+        agt::log_printf("<!> pthread_create error");
+}
+
+void th_cancel_st_log() { cancel_thread(th); }
+
+void th_join_st_log() { join_thread(th); }
+
+void start_st_log_passes() {
+    state = {};
+    state.ptime = print_time;
+    state.ctime = trc_sts_check_period;
+}
+
+void st_log_pass() {
+    const int total = tot_logs;
+    state.curr_logs = total - state.post_logs;
+    state.post_logs = total;
+    count_down_print();
+    count_down_sweep();
+    reset_when_silent();
+    const struct tm now = agt::local_time(std::time(nullptr));
+    std::strftime(state.cur_date, sizeof state.cur_date, "%Y%m%d%H%M%S", &now);
+    if (!forced_update())
+        daily_update();
+}
+
+void* st_log(void*) {
+    agt::log_printf("(i) statics log print start... running : %d", running.load());
+    start_st_log_passes();
+    while (keep_running()) {
+        st_log_pass();
+        agt::sleep_ms(1000);
+    }
+    return nullptr;
+}
+
+} // namespace kessard

@@ -1,0 +1,13 @@
+// The index stacks of the service table.
+#include "svc_hash_stk.h"
+
+#include "index_stack.h"
+
+namespace kessard {
+
+int svc_hash_push(SVC_HASH_STK* stack, unsigned int index) { return stack_push(*stack, index); }
+int svc_hash_pop(SVC_HASH_STK* stack) { return stack_pop(*stack); }
+int svc_hash_popv(SVC_HASH_STK* stack, unsigned int index) { return stack_popv(*stack, index); }
+void svc_hash_show(const SVC_HASH_STK* stack) { stack_show(*stack); }
+
+} // namespace kessard

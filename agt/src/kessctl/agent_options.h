@@ -1,0 +1,42 @@
+// What every subcommand that talks to an agent, or looks at its shared memory, has in common.
+#pragma once
+
+#include <string>
+
+#include "cmd_msg.h"
+#include "command_client.h"
+
+namespace CLI {
+class App;
+}
+
+namespace kessctl {
+
+enum exit_status { EXIT_OK = 0, EXIT_REFUSED = 1, EXIT_ERROR = 2 };
+
+struct agent_address {
+    std::string host = "127.0.0.1";
+    int port = 0; // 0: CMD_PORT of the configuration file
+    int limit_ms = COMMAND_LIMIT_MS;
+};
+
+// The value of TRAN_AGT_CFG_FILE; empty without it.
+std::string default_cfg_file();
+
+// Word 1 of a configuration value; empty when it is not there.
+std::string cfg_value(const std::string& cfg_file, const char* section, const char* keyword);
+
+// Adds --host, --port and --timeout-ms.
+void add_agent_options(CLI::App& command, agent_address& agent);
+
+// Connects, taking the port from the configuration file if none was given. False after a line on standard error.
+bool connect_agent(agent_address& agent, command_client& client);
+
+// Sends a request and prints the answer. EXIT_OK for result_code '0', EXIT_REFUSED for another, EXIT_ERROR, after a
+// line on standard error, when there is no answer.
+exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int limit_ms, TCP_CMD_MSG* answer);
+
+// Says on standard error what is wrong; EXIT_ERROR.
+exit_status complain(const std::string& what);
+
+} // namespace kessctl

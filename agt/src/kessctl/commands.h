@@ -1,0 +1,16 @@
+// The subcommands of kessctl.
+#pragma once
+
+#include "agent_options.h"
+
+namespace kessctl {
+
+// Each adds its subcommand to `app`, which stores its outcome in *status when it was the one chosen.
+void add_serve(CLI::App& app, exit_status* status);
+void add_renew(CLI::App& app, exit_status* status);
+void add_set_config(CLI::App& app, exit_status* status);
+void add_set_resource(CLI::App& app, exit_status* status);
+void add_services(CLI::App& app, exit_status* status);
+void add_show(CLI::App& app, exit_status* status);
+
+} // namespace kessctl

@@ -1,0 +1,111 @@
+// The agent under test: the real program with its own directory, ports and System V keys.
+//
+//     agent a;
+//     a.set("TRAN_SERVER", "CMD_PORT", server.port());
+//     a.start();
+//     ASSERT_TRUE(a.wait_log("start... running : 1"));
+//     a.signal(SIGTERM);
+//     EXPECT_EQ(a.wait_exit(), 0);
+//
+// Whatever happened, the destructor ends the program and everything that it started, and removes its shared objects
+// and its directory. A test that failed gets the log on standard error first.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "jcache_hash_tbl.h"
+#include "noti_send_que.h"
+#include "parse_log_que.h"
+#include "process.h"
+#include "ptrc_hash_tbl.h"
+#include "svc_hash_tbl.h"
+#include "tran_agt_shm.h"
+#include "tran_logf_que_info.h"
+#include "unique_fd.h"
+
+namespace test_support {
+
+class agent {
+  public:
+    agent();
+    agent(const agent&) = delete;
+    agent& operator=(const agent&) = delete;
+    ~agent();
+
+    // The configuration: complete from the start, with nobody at TRAN_SERVER CMD_PORT, ACTIVE_LIMIT 0 and the worker
+    // watchdog at 60 s. Changes count from the next start, or at once after write_cfg().
+    void set(const std::string& section, const std::string& keyword, const std::string& value);
+    void set(const std::string& section, const std::string& keyword, long value);
+    void unset(const std::string& section, const std::string& keyword);
+    std::string value(const std::string& section, const std::string& keyword) const; // empty when not set
+    void write_cfg() const;
+    std::string cfg_file() const { return path("agt.cfg"); }
+
+    environment variables; // of the program: TRAN_AGT_HOME and TRAN_AGT_CFG_FILE
+    const std::string& home() const { return home_; }
+    std::string path(const std::string& name) const { return home_ + "/" + name; }
+    void write_file(const std::string& name, const std::string& text, unsigned mode = 0644) const;
+    int port() const { return port_; }            // the command port
+    int server_port() const { return port_ + 1; } // reserved for a server; nobody else listens on it
+
+    // Starts the program in the foreground, or with -d behind the given options; then pid() is the daemon's. A program
+    // that does not start as it should fails the test.
+    void start(const std::vector<std::string>& options = {});
+    void start_daemon(const std::vector<std::string>& options = {});
+    pid_t pid() const { return program_ ? program_->pid() : -1; }
+    void signal(int signo) const;
+    int wait_exit(int limit_ms = LIMIT_MS); // as process::wait_exit
+    int stop(int limit_ms = LIMIT_MS);      // SIGTERM and wait_exit
+    std::string out() const { return program_ ? program_->out() : ""; }
+    std::string err() const { return program_ ? program_->err() : ""; }
+    std::vector<pid_t> running() const { return program_ ? program_->running() : std::vector<pid_t>(); }
+
+    // The log: all its files behind the mark, which is at their start until mark_log().
+    std::string log() const;
+    void mark_log();
+    std::size_t count_log(const std::string& text) const;
+    bool wait_log(const std::string& text, std::size_t times = 1, int limit_ms = LIMIT_MS) const;
+
+    // The shared objects, attached for reading and writing; null, and the test fails, when there is none.
+    TRAN_LOGF_QUE_INFO* settings() { return attach<TRAN_LOGF_QUE_INFO>("TRAN_LOGF_QUE_INFO_SHMKEY"); }
+    SVC_HASH_TBL* services() { return attach<SVC_HASH_TBL>("SVC_HASH_TBL_SHMKEY"); }
+    PTRC_HASH_TBL* traces() { return attach<PTRC_HASH_TBL>("PTRC_HASH_TBL_SHMKEY"); }
+    JCACHE_HASH_TBL* cache() { return attach<JCACHE_HASH_TBL>("JCACHE_HASH_TBL_SHMKEY"); }
+    TRAN_AGT_SHM* segment() { return attach<TRAN_AGT_SHM>("TRAN_AGT_SHMKEY"); }
+    NOTI_SEND_QUE* noti_que() { return attach<NOTI_SEND_QUE>("NOTI_SEND_QUE_SHMKEY"); }
+    PARSE_LOG_QUE_POOL* parse_log_que() { return attach<PARSE_LOG_QUE_POOL>("PARSE_LOG_QUE_SHMKEY"); }
+    key_t shm_key(const std::string& keyword) const; // keys of the configuration as it stands
+    key_t sem_key(const std::string& keyword) const;
+    int sem_id(const std::string& keyword) const; // -1 when the set does not exist
+    // Creates an object of this agent before the program does; attached, zero.
+    void* create_shm(const std::string& keyword, std::size_t size);
+
+  private:
+    struct entry {
+        std::string section;
+        std::string keyword;
+        std::string value;
+    };
+
+    template <class T> T* attach(const char* keyword) { return static_cast<T*>(attach(keyword, sizeof(T), 0)); }
+    void* attach(const std::string& keyword, std::size_t size, int flags);
+    void reserve_slot();
+    void add_defaults();
+    void launch(std::vector<std::string> options);
+    std::string whole_log() const;
+    void remove_objects() const;
+
+    agt::unique_fd slot_lock_;
+    int port_ = 0;
+    key_t first_key_ = 0;
+    std::string home_;
+    std::vector<entry> cfg_;
+    std::optional<process> program_;
+    std::vector<process> earlier_;
+    std::size_t log_mark_ = 0;
+    std::vector<void*> attached_;
+};
+
+} // namespace test_support

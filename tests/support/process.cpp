@@ -1,0 +1,182 @@
+// Programs that a test starts.
+//
+// The test process makes itself the reaper of orphans, so that a daemon whose parent has gone can be waited for. What
+// belongs to a program is found by its session: it stays the same over fork, exec and a change of the process group.
+#include "process.h"
+
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace test_support {
+namespace {
+
+struct proc_stat {
+    pid_t pid = -1;
+    char state = '?';
+    pid_t parent = -1;
+    pid_t session = -1;
+};
+
+proc_stat read_stat(const std::string& pid) {
+    std::ifstream file("/proc/" + pid + "/stat");
+    std::string line;
+    std::getline(file, line);
+    proc_stat stat;
+    const std::size_t name_end = line.rfind(')');
+    pid_t group = -1;
+    if (name_end != std::string::npos &&
+        std::sscanf(line.c_str() + name_end + 1, " %c %d %d %d", &stat.state, &stat.parent, &group, &stat.session) == 4)
+        stat.pid = std::stoi(pid);
+    return stat;
+}
+
+std::vector<proc_stat> processes_of(pid_t session) {
+    std::vector<proc_stat> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        const proc_stat stat = read_stat(name);
+        if (stat.pid > 0 && stat.session == session)
+            found.push_back(stat);
+    }
+    return found;
+}
+
+std::vector<std::string> environment_lines(const environment& variables) {
+    std::vector<std::string> lines;
+    for (char** entry = environ; *entry != nullptr; ++entry)
+        if (!variables.contains(std::string(*entry, std::strcspn(*entry, "="))))
+            lines.emplace_back(*entry);
+    for (const auto& [name, value] : variables)
+        lines.push_back(name + "=" + value);
+    return lines;
+}
+
+std::vector<char*> pointers(const std::vector<std::string>& texts) {
+    std::vector<char*> list;
+    for (const std::string& text : texts)
+        list.push_back(const_cast<char*>(text.c_str()));
+    list.push_back(nullptr);
+    return list;
+}
+
+// Starts with an empty signal mask and every signal at its default. The error number.
+int spawn(const std::vector<std::string>& argv, const environment& variables, int out, int err, pid_t* pid) {
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t actions;
+    sigset_t none;
+    sigset_t all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, out, 1);
+    posix_spawn_file_actions_adddup2(&actions, err, 2);
+    const std::vector<std::string> lines = environment_lines(variables);
+    const int error =
+        posix_spawn(pid, argv[0].c_str(), &actions, &attributes, pointers(argv).data(), pointers(lines).data());
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    return error;
+}
+
+agt::unique_fd make_capture() {
+    return agt::unique_fd(memfd_create("kessard-test", MFD_CLOEXEC));
+}
+
+std::string captured(const agt::unique_fd& file) {
+    std::string text;
+    char piece[4096];
+    for (ssize_t got = 0; (got = pread(file.get(), piece, sizeof piece, static_cast<off_t>(text.size()))) > 0;)
+        text.append(piece, static_cast<std::size_t>(got));
+    return text;
+}
+
+int exit_code(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+} // namespace
+
+process::process(const std::vector<std::string>& argv, const environment& variables)
+    : out_(make_capture()), err_(make_capture()) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+    const int error = spawn(argv, variables, out_.get(), err_.get(), &pid_);
+    if (error != 0) {
+        ADD_FAILURE() << "cannot start " << argv[0] << ": " << std::strerror(error);
+        pid_ = -1;
+    }
+    session_ = pid_;
+}
+
+process::~process() {
+    if (!out_.valid() || session_ <= 0) // moved from, or never started
+        return;
+    wait_until([this] {
+        const std::vector<proc_stat> left = processes_of(session_);
+        for (const proc_stat& one : left) {
+            kill(one.pid, SIGKILL);
+            if (one.parent == getpid())
+                waitpid(one.pid, nullptr, WNOHANG);
+        }
+        return left.empty();
+    });
+}
+
+std::string process::out() const {
+    return captured(out_);
+}
+std::string process::err() const {
+    return captured(err_);
+}
+
+int process::wait_exit(int limit_ms) {
+    int status = 0;
+    if (pid_ <= 0)
+        return -1;
+    const auto ended = [&] { return waitpid(pid_, &status, WNOHANG) != 0; };
+    if (!wait_until(ended, limit_ms)) {
+        ADD_FAILURE() << "process " << pid_ << " did not end within " << limit_ms << " ms";
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
+    return exit_code(status);
+}
+
+bool process::follow_background() {
+    for (const proc_stat& one : processes_of(session_))
+        if (one.parent == getpid())
+            pid_ = one.pid;
+    return pid_ > 0;
+}
+
+std::vector<pid_t> process::running() const {
+    std::vector<pid_t> found;
+    for (const proc_stat& one : processes_of(session_))
+        if (one.state != 'Z')
+            found.push_back(one.pid);
+    return found;
+}
+
+program_result run_program(const std::vector<std::string>& argv, const environment& variables, int limit_ms) {
+    process program(argv, variables);
+    const int status = program.wait_exit(limit_ms);
+    return {status, program.out(), program.err()};
+}
+
+} // namespace test_support

@@ -1,0 +1,71 @@
+// Programs that a test starts: output captured in memory, every wait with a limit, nothing left behind.
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "unique_fd.h"
+#include "wait.h"
+
+namespace test_support {
+
+inline constexpr int LIMIT_MS = 20000; // of a wait that is expected to end much sooner
+
+// Waits until `condition` holds, looking every few milliseconds; false when the limit ran out.
+template <class Condition> bool wait_until(Condition condition, int limit_ms = LIMIT_MS) {
+    const long long deadline_ms = agt::monotonic_ms() + limit_ms;
+    while (!condition()) {
+        if (agt::monotonic_ms() > deadline_ms)
+            return false;
+        agt::sleep_ms(5);
+    }
+    return true;
+}
+
+using environment = std::map<std::string, std::string>; // added to the test's own
+
+// A started program, in a session of its own. Whatever runs in that session when the object goes is killed.
+class process {
+  public:
+    // Starts argv[0]. A failure to start fails the test; pid() is -1 then.
+    process(const std::vector<std::string>& argv, const environment& variables);
+    process(process&&) = default;
+    process& operator=(process&&) = default;
+    ~process();
+
+    pid_t pid() const { return pid_; }
+    std::string out() const; // what it wrote to standard output so far
+    std::string err() const;
+
+    // Waits for the end: the exit status, or 128 + the signal that ended it. A program that does not end in time is
+    // killed and fails the test.
+    int wait_exit(int limit_ms = LIMIT_MS);
+
+    // After wait_exit(): takes the process that the program left in its session as the one this object stands for (a
+    // program that put itself into the background). False when there is none.
+    bool follow_background();
+
+    // Processes of the session that have not ended.
+    std::vector<pid_t> running() const;
+
+  private:
+    agt::unique_fd out_;
+    agt::unique_fd err_;
+    pid_t pid_ = -1;
+    pid_t session_ = -1;
+};
+
+struct program_result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+// Runs a program to its end.
+program_result run_program(const std::vector<std::string>& argv, const environment& variables = {},
+                           int limit_ms = LIMIT_MS);
+
+} // namespace test_support
