@@ -221,9 +221,9 @@ std::string agent::whole_log() const {
     const std::string base = value("COMMON", "LOG_HOME");
     std::vector<std::filesystem::path> files;
     std::error_code error;
-    for (const auto& entry :
+    for (const auto& file :
          std::filesystem::directory_iterator((base.starts_with('/') ? base : path(base)) + "/proc/kessard", error))
-        files.push_back(entry.path());
+        files.push_back(file.path());
     std::sort(files.begin(), files.end());
     std::string text;
     for (const auto& file : files)
@@ -265,7 +265,8 @@ int agent::sem_id(const std::string& keyword) const {
 }
 
 void* agent::attach(const std::string& keyword, std::size_t size, int flags) {
-    void* object = shmat(shmget(shm_key(keyword), size, flags), nullptr, 0);
+    const key_t key = shm_key(keyword);
+    void* object = shmat(key == IPC_PRIVATE ? -1 : shmget(key, size, flags), nullptr, 0);
     if (object == reinterpret_cast<void*>(-1)) {
         ADD_FAILURE() << keyword << ": " << std::strerror(errno);
         return nullptr;

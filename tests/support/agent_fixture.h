@@ -15,14 +15,14 @@
 #include <string>
 #include <vector>
 
-#include "jcache_hash_tbl.h"
-#include "noti_send_que.h"
-#include "parse_log_que.h"
+#include "kessard/jcache_hash_tbl.h"
+#include "kessard/noti_send_que.h"
+#include "kessard/parse_log_que.h"
+#include "kessard/ptrc_hash_tbl.h"
+#include "kessard/svc_hash_tbl.h"
+#include "kessard/tran_agt_shm.h"
+#include "kessard/tran_logf_que_info.h"
 #include "process.h"
-#include "ptrc_hash_tbl.h"
-#include "svc_hash_tbl.h"
-#include "tran_agt_shm.h"
-#include "tran_logf_que_info.h"
 #include "unique_fd.h"
 
 namespace test_support {

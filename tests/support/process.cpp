@@ -4,6 +4,7 @@
 // belongs to a program is found by its session: it stays the same over fork, exec and a change of the process group.
 #include "process.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/mman.h>

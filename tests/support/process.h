@@ -33,7 +33,7 @@ class process {
     // Starts argv[0]. A failure to start fails the test; pid() is -1 then.
     process(const std::vector<std::string>& argv, const environment& variables);
     process(process&&) = default;
-    process& operator=(process&&) = default;
+    process& operator=(process&&) = delete;
     ~process();
 
     pid_t pid() const { return pid_; }

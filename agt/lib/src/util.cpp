@@ -3,12 +3,18 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
+#include <climits>
+
 #include "unique_fd.h"
 #include "wait.h"
 
 namespace agt {
 
-void set_idle(int sec, int usec) { sleep_ms(sec * 1000 + (usec + 999) / 1000); }
+void set_idle(int sec, int usec) {
+    const long long ms = sec * 1000LL + (usec + 999) / 1000;
+    sleep_ms(static_cast<int>(std::min<long long>(ms, INT_MAX)));
+}
 
 bool resolve_path(char* out, std::size_t size, const char* home, const char* path) {
     const int length = path[0] == '/' ? std::snprintf(out, size, "%s", path)

@@ -219,8 +219,9 @@ int is_working(const PTRC_HASH_ARR_LIST* entry, std::time_t now) {
     return 1;
 }
 
+// A pass that the end of the daemon cut short has not seen every thread, so it reports nobody.
 void report_dead_workers() {
-    for (const ST_WORKER_LIST* worker = worker_list; worker != nullptr;
+    for (const ST_WORKER_LIST* worker = worker_list; worker != nullptr && running != 0;
          worker = static_cast<ST_WORKER_LIST*>(worker->hh.next)) {
         if (worker->is_alive != 0)
             continue;
@@ -231,13 +232,12 @@ void report_dead_workers() {
 }
 
 void examine_entries(unsigned int used) {
-    const std::time_t now = std::time(nullptr);
     for (unsigned int i = 0; i < used && running != 0; ++i) {
         const unsigned int slot = shared_load(ptrc_hash_tbl->used.idx[i]);
         if (slot >= PTRC_HASH_SLOTS)
             continue;
         last_examined = &ptrc_hash_tbl->h_arr[slot];
-        is_working(last_examined, now);
+        is_working(last_examined, std::time(nullptr));
     }
 }
 

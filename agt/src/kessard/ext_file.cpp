@@ -130,6 +130,12 @@ upload_file file_of(const upload_target& target, int number) {
             std::strtoll(item[1], nullptr, 10), static_cast<mode_t>(std::strtol(item[2], nullptr, 10)) & 07777};
 }
 
+// A file that is empty already is left alone: some file systems write a truncated file out when it is closed.
+bool make_empty(int fd) {
+    struct stat info;
+    return fstat(fd, &info) == 0 && (info.st_size == 0 || ftruncate(fd, 0) == 0);
+}
+
 bool write_whole(int fd, const char* bytes, std::size_t length) {
     while (length > 0) {
         const ssize_t written = ::write(fd, bytes, length);
@@ -165,7 +171,7 @@ bool receive_file(int sockfd, const upload_file& file, char* buffer, std::string
     const char* path = file.path.c_str();
     agt::log_printf("(i) start (%d/%d) - file=|%s|, size=|%lld|", file.number, file.count, path, file.size);
     agt::unique_fd fd = open_regular(path, O_WRONLY | O_CREAT);
-    if (!fd.valid() || ftruncate(fd.get(), 0) != 0) {
+    if (!fd.valid() || !make_empty(fd.get())) {
         error = text_of("can't open file |%s|", path);
         return false;
     }

@@ -106,11 +106,11 @@ bool add_service(upload* up, const char* line) {
     std::string_view text = line;
     const std::string_view service_id = take_word(&text);
     const std::string_view limit = take_word(&text);
+    copy_word(element.service_id, service_id);
     if (limit.empty()) {
         agt::log_printf("<!> SKIP.. DATA -> fail get service, format string : %s", line);
         return false;
     }
-    copy_word(element.service_id, service_id);
     copy_word(element.limit, limit);
     agt::copy_text(element.host_name, up->host_name);
     ++up->total;
@@ -238,7 +238,8 @@ bool shcmd_service_list_running() { return uploads > 0; }
 
 void* shcmd_service_list(void*) {
     const int conn_sockfd = connect_for_upload();
-    if (conn_sockfd < 0 || upload_services(conn_sockfd)) {
+    const bool over = conn_sockfd < 0 || upload_services(conn_sockfd);
+    if (over && !agt::cancelled()) {
         agt::log_printf("(I) End Thread-function(cmd_service_list)...");
         th_start_get_service_list();
     }

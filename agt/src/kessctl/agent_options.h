@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "cmd_msg.h"
 #include "command_client.h"
+#include "kessard/cmd_msg.h"
 
 namespace CLI {
 class App;

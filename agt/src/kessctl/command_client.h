@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "cmd_msg.h"
+#include "kessard/cmd_msg.h"
 #include "unique_fd.h"
 
 namespace kessctl {

@@ -12,5 +12,8 @@ void add_set_config(CLI::App& app, exit_status* status);
 void add_set_resource(CLI::App& app, exit_status* status);
 void add_services(CLI::App& app, exit_status* status);
 void add_show(CLI::App& app, exit_status* status);
+void add_put_notification(CLI::App& app, exit_status* status);
+void add_put_trace(CLI::App& app, exit_status* status);
+void add_show_events(CLI::App& app, exit_status* status);
 
 } // namespace kessctl

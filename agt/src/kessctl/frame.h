@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "cmd_msg.h"
+#include "kessard/cmd_msg.h"
 
 namespace kessctl {
 

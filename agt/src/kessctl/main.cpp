@@ -14,6 +14,9 @@ int main(int argc, char** argv) {
     add_set_resource(app, &status);
     add_services(app, &status);
     add_show(app, &status);
+    add_put_notification(app, &status);
+    add_put_trace(app, &status);
+    add_show_events(app, &status);
     app.footer("Exit status: 0 done, 1 refused by the agent, 2 wrong usage or no connection.");
     try {
         app.parse(argc, argv);

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "cmd_msg.h"
 #include "frame.h"
+#include "kessard/cmd_msg.h"
 
 namespace kessctl {
 

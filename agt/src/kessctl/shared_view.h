@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string>
 
-#include "tran_logf_que_info.h"
+#include "kessard/tran_logf_que_info.h"
 
 namespace kessctl {
 

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "cmd_msg.h"
+#include "kessard/cmd_msg.h"
 #include "unique_fd.h"
 
 namespace kessctl {

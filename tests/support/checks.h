@@ -1,0 +1,33 @@
+// What several tests look at: log lines without their time, the order of a service table, the state of a process.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "agent_fixture.h"
+
+namespace test_support {
+
+using texts = std::vector<std::string>;
+
+// The messages of a log: its lines without their time.
+texts messages(const std::string& log);
+
+// Whether the texts occur in the log in this order.
+testing::AssertionResult in_order(const std::string& log, const texts& wanted);
+
+// Starts the agent and waits for its command loop.
+void start_running(agent& one, const texts& options = {});
+
+// What is wrong with a table's counts, stacks and chains; empty when it is in order.
+std::string table_fault(const SVC_HASH_TBL& table);
+
+// The value of a line of /proc/<pid>/status.
+std::string status_of(pid_t pid, const std::string& name);
+
+// What each open descriptor of a process refers to.
+texts open_files(pid_t pid);
+
+} // namespace test_support
