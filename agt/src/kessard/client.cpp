@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
+#include <mutex>
 
 #include "log_printf.h"
 #include "tcp_base.h"
@@ -17,6 +17,17 @@ fd_set readFds;
 int maxFd = -1;
 int agt_cmd_sockfd = -1;
 
+namespace {
+
+std::mutex list_mutex; // held while the list changes and while it is copied
+
+} // namespace
+
+CMD_CLIENT_LIST copy_cmd_client_list() {
+    const std::lock_guard guard(list_mutex);
+    return client_list;
+}
+
 int init_tcp_server(const char* ipaddr, int port) {
     const int sockfd = agt::open_tcp_server_session(ipaddr, port);
     if (sockfd < 0)
@@ -27,6 +38,7 @@ int init_tcp_server(const char* ipaddr, int port) {
 }
 
 int init_cmd_client() {
+    const std::lock_guard guard(list_mutex);
     client_list = {};
     return 1;
 }
@@ -36,6 +48,7 @@ int add_cmd_client(int sockfd, const sockaddr_in& sock_addr) {
         agt::log_printf("<!> client_list error.. client_num : %d", client_list.client_num);
         return -1;
     }
+    const std::lock_guard guard(list_mutex);
     CMD_CLIENT& client = client_list.client[client_list.client_num];
     client.sockfd = sockfd;
     client.sock_addr = sock_addr;
@@ -48,8 +61,11 @@ int del_cmd_client(int sockfd) {
         std::find_if(client_list.client, end, [sockfd](const CMD_CLIENT& client) { return client.sockfd == sockfd; });
     if (found == end)
         return -1;
-    std::move(found + 1, end, found);
-    --client_list.client_num;
+    {
+        const std::lock_guard guard(list_mutex);
+        std::move(found + 1, end, found);
+        --client_list.client_num;
+    }
     if (maxFd == sockfd)
         maxFd = get_maxfd();
     return client_list.client_num;

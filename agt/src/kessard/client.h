@@ -1,4 +1,5 @@
-// The command port's connections: at most five, served by the main thread, which alone uses what stands here.
+// The command port's connections: at most five, served by the main thread, which alone uses what stands here; other
+// threads may take a copy of the list.
 #pragma once
 
 #include <netinet/in.h>
@@ -27,6 +28,9 @@ extern int agt_cmd_sockfd; // the listening socket, -1 when none
 
 // Opens the listening socket and adds it to readFds; the socket, or a negative value with errno.
 int init_tcp_server(const char* ipaddr, int port);
+
+// A copy of the list, from any thread.
+CMD_CLIENT_LIST copy_cmd_client_list();
 
 // Empties the list; 1.
 int init_cmd_client();

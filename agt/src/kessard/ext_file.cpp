@@ -32,6 +32,7 @@ namespace kessard {
 namespace {
 
 constexpr int PIECE_BYTES = 1048576;
+constexpr std::size_t WRITE_BYTES = 256UL * 1024; // larger ones make the page cache search for large free runs
 constexpr int PIECE_TIMEOUT_SEC = 10;
 constexpr int ACK_TIMEOUT_SEC = 30;
 constexpr std::size_t PATH_SIZE = 512;
@@ -138,7 +139,7 @@ bool make_empty(int fd) {
 
 bool write_whole(int fd, const char* bytes, std::size_t length) {
     while (length > 0) {
-        const ssize_t written = ::write(fd, bytes, length);
+        const ssize_t written = ::write(fd, bytes, std::min(length, WRITE_BYTES));
         if (written < 0 && errno == EINTR)
             continue;
         if (written < 1)

@@ -199,7 +199,6 @@ void serve_ext_request(int sockfd, const unsigned char* frame, int rlen) {
         agt::log_printf("<!> unsupported EXT_REQ = |%.*s|", int{EXT_REQ_CODE_SIZE}, code);
     else
         wanted->serve(sockfd, packet + EXT_REQ_DATA_AT, received - EXT_REQ_PDU_AT);
-    std::fflush(stdout);
 }
 
 } // namespace kessard

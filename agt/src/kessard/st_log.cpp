@@ -45,13 +45,13 @@ pass_state state;
 
 void print_statistics() {
     agt::log_batch log;
-    const int client_num = client_list.client_num;
+    const CMD_CLIENT_LIST clients = copy_cmd_client_list();
     log.printf("%s", STATISTICS_LINE);
-    log.printf("clients %d/%d , total_logs %d, curr_logs %d", client_num, MAX_CMD_CLIENT, tot_logs.load(),
+    log.printf("clients %d/%d , total_logs %d, curr_logs %d", clients.client_num, MAX_CMD_CLIENT, tot_logs.load(),
                state.curr_logs1);
     log.printf("^^^ client send logs statistics ^^^");
-    for (int i = 0; i < client_num && i < MAX_CMD_CLIENT; ++i)
-        log.printf(" > %d : %d", i, client_list.client[i].send_logs);
+    for (int i = 0; i < clients.client_num; ++i)
+        log.printf(" > %d : %d", i, clients.client[i].send_logs);
 }
 
 void count_down_print() {

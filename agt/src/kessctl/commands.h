@@ -15,5 +15,8 @@ void add_show(CLI::App& app, exit_status* status);
 void add_put_notification(CLI::App& app, exit_status* status);
 void add_put_trace(CLI::App& app, exit_status* status);
 void add_show_events(CLI::App& app, exit_status* status);
+void add_exec(CLI::App& app, exit_status* status);
+void add_put(CLI::App& app, exit_status* status);
+void add_get(CLI::App& app, exit_status* status);
 
 } // namespace kessctl

@@ -17,7 +17,10 @@ int main(int argc, char** argv) {
     add_put_notification(app, &status);
     add_put_trace(app, &status);
     add_show_events(app, &status);
-    app.footer("Exit status: 0 done, 1 refused by the agent, 2 wrong usage or no connection.");
+    add_exec(app, &status);
+    add_put(app, &status);
+    add_get(app, &status);
+    app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage or no connection.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {
