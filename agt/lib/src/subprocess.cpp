@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "unique_fd.h"
@@ -187,7 +188,7 @@ pid_t spawn_shell(const char* command, int out, int err) {
     posix_spawn_file_actions_t actions;
     sigset_t every;
     sigset_t none;
-    sigfillset(&every);
+    std::memset(&every, 0xff, sizeof every); // the C library's own signals too, which it would have ignored otherwise
     sigemptyset(&none);
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);

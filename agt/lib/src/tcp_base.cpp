@@ -108,20 +108,26 @@ ssize_t read_some(const reception& from, void* buffer, std::size_t length) {
     }
 }
 
+bool out_of_time(const reception& from) {
+    return from.until_ms != NO_LIMIT && monotonic_ms() >= from.until_ms;
+}
+
 // Reads what is missing behind `got` bytes; the value of a failing read when it cannot.
 int read_rest(const reception& from, char* buffer, int length, int got) {
     while (got < length) {
         const int missing = length - got;
         const auto more = static_cast<int>(read_some(from, buffer + got, static_cast<std::size_t>(missing)));
         if (more < 1) {
+            const int error = errno;
             if (from.print)
                 std::printf("read error!!, add_len : %d", more);
+            errno = error;
             return more;
         }
         if (more == missing && from.print)
             std::printf("#%d bytes are added!\n", missing);
         got += more;
-        if (got < length && from.until_ms != NO_LIMIT && monotonic_ms() > from.until_ms) {
+        if (got < length && out_of_time(from)) {
             errno = ETIMEDOUT;
             return -1;
         }
@@ -129,9 +135,9 @@ int read_rest(const reception& from, char* buffer, int length, int got) {
     return length;
 }
 
-bool over(const reception& from) {
-    return errno == ETIMEDOUT || errno == ECANCELED ||
-           (from.until_ms != NO_LIMIT && monotonic_ms() > from.until_ms);
+// Whether a failed rest (its errno) ends the reception instead of starting it over.
+bool is_over(const reception& from, int error) {
+    return error == ETIMEDOUT || error == ECANCELED || out_of_time(from);
 }
 
 // A failing rest drops what had arrived and starts over at the front of the buffer.
@@ -144,7 +150,7 @@ int recv_whole(const reception& from, void* buffer, int length) {
         const int ret = read_rest(from, static_cast<char*>(buffer), length, got);
         if (ret == length)
             return length;
-        if (ret < 0 && over(from))
+        if (ret < 0 && is_over(from, errno))
             return -1;
     }
 }

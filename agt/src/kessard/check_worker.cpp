@@ -132,7 +132,7 @@ void write_header(LOG_HASH_ARR* record, const char* code) {
 // Puts the record under the queue's semaphore, which is given back before anything is logged.
 int put_event(const LOG_HASH_ARR& record, int* put) {
     object_lock lock("parse_log_que", parse_log_que_semid);
-    *put = put_parse_log_que(&record, sizeof record);
+    *put = lock.given_up() ? -1 : put_parse_log_que(&record, sizeof record);
     return lock.release();
 }
 

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <mutex>
 
@@ -30,6 +31,11 @@ CMD_CLIENT_LIST copy_cmd_client_list() {
 
 int init_tcp_server(const char* ipaddr, int port) {
     const int sockfd = agt::open_tcp_server_session(ipaddr, port);
+    if (sockfd >= FD_SETSIZE) {
+        agt::close_tcp_session(sockfd);
+        errno = EMFILE;
+        return -1;
+    }
     if (sockfd < 0)
         return sockfd;
     FD_SET(sockfd, &readFds);

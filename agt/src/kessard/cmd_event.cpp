@@ -130,6 +130,8 @@ void set_sys_resource(agt::log_batch& log) {
 // Elements handled before the first that failed; one that asks to delete an unknown service has not failed.
 int set_services(const SERVICE_ELEMENT* elements, int n) {
     const object_lock lock("svc_hash_tbl", svc_hash_tbl_semid);
+    if (lock.given_up())
+        return 0;
     for (int i = 0; i < n; ++i) {
         agt::log_printf("(I) SERVICE_ID : %-*.*s", 16, 16, elements[i].service_id);
         if (set_svc_hash_tbl(&elements[i]) == nullptr && elements[i].update_mode[0] != 'D')
@@ -191,7 +193,7 @@ void carry_out(const command& wanted, int sockfd) {
 // What the child that serves an extended request inherits beyond its own connection.
 void close_inherited(int sockfd) {
     for (const int fd : {agt_cmd_sockfd, svr_cmd_sockfd.load(), noti_sockfd.load()}) {
-        if (fd > 0)
+        if (fd > 0 && fd != sockfd)
             close(fd);
     }
     for (int i = 0; i < client_list.client_num; ++i) {

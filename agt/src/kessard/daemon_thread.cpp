@@ -15,8 +15,6 @@
 namespace kessard {
 namespace {
 
-constexpr int LAST_STEPS_MS = 50;
-
 // Makes an event descriptor, or takes back the event of the one that is there. False when there is none.
 bool reset_event(int& fd) {
     std::uint64_t events = 0;
@@ -52,11 +50,8 @@ void* daemon_thread::run(void* self) {
 
 bool daemon_thread::start() {
     const std::lock_guard guard(mutex_);
-    // A former thread that has ended may still be on its last steps.
-    if (started_ && has_event(done_fd_, LAST_STEPS_MS))
+    if (started_)
         pthread_join(handle_, nullptr);
-    else if (started_)
-        pthread_detach(handle_);
     started_ = false;
     if (reset_event(cancel_fd_) && reset_event(done_fd_))
         started_ = pthread_create(&handle_, nullptr, run, this) == 0;

@@ -14,7 +14,7 @@
 
 namespace kessard {
 
-inline constexpr int JOIN_LIMIT_MS = 2000;
+inline constexpr int JOIN_LIMIT_MS = 1500; // the end of the daemon waits so long for each of seven threads at most
 
 class daemon_thread {
   public:
@@ -24,8 +24,8 @@ class daemon_thread {
 
     const char* name() const { return name_; }
 
-    // Creates the thread; a former one is joined when it has ended and detached when it has not. False when the thread
-    // could not be created.
+    // Creates the thread, once a former one has ended: callers start a thread again when it is at its end. False when
+    // the thread could not be created.
     bool start();
 
     // Whether there is a thread that was started and not joined.

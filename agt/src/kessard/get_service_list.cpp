@@ -77,7 +77,7 @@ bool acknowledge(int conn_sockfd) {
 
 // Receives blocks until the last one or the first failure.
 void receive_list(int conn_sockfd) {
-    for (bool first = true; receive_block(conn_sockfd); first = false) {
+    for (bool first = true; !agt::cancelled() && receive_block(conn_sockfd); first = false) {
         if (first)
             init_svc_hash_tbl();
         if (r_msg.hdr.msg_type[0] != MSG_GET_SERVICE_LIST_RSP)
@@ -91,8 +91,13 @@ void receive_list(int conn_sockfd) {
 // Reloads the table under its semaphore; a copy of what it holds then, null without memory for one.
 svc_hash_tbl_copy reload_table(int conn_sockfd) {
     const object_lock lock("svc_hash_tbl", svc_hash_tbl_semid);
+    if (lock.given_up())
+        return nullptr;
     receive_list(conn_sockfd);
-    return copy_svc_hash_tbl(*svc_hash_tbl);
+    svc_hash_tbl_copy copy = copy_svc_hash_tbl(*svc_hash_tbl);
+    if (copy == nullptr)
+        agt::log_printf("<!> no memory for the dump of svc_hash_tbl");
+    return copy;
 }
 
 void finish() {
@@ -122,7 +127,8 @@ void th_cancel_get_service_list() {
 void th_join_get_service_list() {
     if (!retrieving)
         return;
-    if (running != 0 && !th.wait_end())
+    // At the end of the daemon a retrieval may have been started after the others were cancelled.
+    if (running == 0 || !th.wait_end())
         th.cancel();
     join_thread(th);
 }
@@ -143,6 +149,9 @@ void* get_service_list(void*) {
     const svc_hash_tbl_copy loaded = reload_table(conn_sockfd);
     set_svc_filtering(filtering);
     agt::close_tcp_session(conn_sockfd);
+    // A cancelled retrieval stays marked, so that it is joined.
+    if (agt::cancelled())
+        return nullptr;
     if (loaded != nullptr)
         show_svc_hash_tbl(*loaded);
     finish();

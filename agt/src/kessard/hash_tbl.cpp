@@ -30,12 +30,15 @@ bool init_new_hash_tbl(const hash_tbl_object& object, int (*init)()) {
     if (object.existed || object.shmid <= 0)
         return false;
     const object_lock lock("new table", object.semid);
+    if (lock.given_up())
+        return false;
     init();
     return true;
 }
 
-object_lock::object_lock(const char* name, int semid) : hold_(semid, 0) {
-    if (!hold_.held() && errno != ECANCELED)
+object_lock::object_lock(const char* name, int semid)
+    : hold_(semid, 0), given_up_(!hold_.held() && errno == ECANCELED) {
+    if (!hold_.held() && !given_up_)
         agt::log_printf("<!> %s semaphore lock error.[semid:%d, errno:%d]", name, semid, errno);
 }
 

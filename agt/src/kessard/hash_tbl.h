@@ -37,16 +37,18 @@ void log_hash_tbl_complete(const hash_tbl_key& key, const hash_tbl_object& objec
 // Whether it ran.
 bool init_new_hash_tbl(const hash_tbl_object& object, int (*init)());
 
-// Holds semaphore 0 of a shared object's set; a set that cannot be locked (removed under the daemon) is logged with the
-// object's name, and the work goes on without it. A wait that ended because the daemon stops is not logged.
+// Holds semaphore 0 of a shared object's set. A set that is gone (removed under the daemon) is logged with the object's
+// name and the work goes on without it; given_up() says that the wait ended because the daemon stops while another
+// process holds the semaphore: the object must not be touched then.
 class object_lock {
   public:
     object_lock(const char* name, int semid);
-    bool held() const { return hold_.held(); }
+    bool given_up() const { return given_up_; }
     int release() { return hold_.release(); }
 
   private:
     agt::sem_hold hold_;
+    bool given_up_;
 };
 
 // Empties a table: the caller holds its semaphore, or nobody else uses it yet.

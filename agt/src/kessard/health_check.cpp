@@ -63,8 +63,7 @@ template <std::size_t N> void report_percent(char (&field)[N], double value) {
 }
 
 void close_connection() {
-    agt::close_tcp_session(svr_cmd_sockfd);
-    svr_cmd_sockfd = -1;
+    agt::close_tcp_session(svr_cmd_sockfd.exchange(-1));
 }
 
 bool connect_if_needed() {

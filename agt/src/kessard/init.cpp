@@ -95,7 +95,7 @@ bool take_active_limit(const char* word) {
         network_off();
     } else {
         noti_send_flag = 1;
-        agt::log_printf("(i) server notify(cmd) port connect ok!(ip : %s, port: %d)", server.srv_ipaddr,
+        agt::log_printf("(I) server notify(cmd) port connect ok!(ip : %s, port: %d)", server.srv_ipaddr,
                         server.srv_cmd_port);
     }
     return true;

@@ -1,7 +1,7 @@
 // Command loop, signals, notify-link watcher and shutdown.
 //
-// Terminating signals stay blocked but in the loop's pselect, so the handler, which logs, never interrupts code that
-// holds a lock. Until the loop gets there, a pending signal makes the main thread's signal descriptor readable, which
+// Signals stay blocked but at one place in the loop, its pselect and the end of a pass, so the handler, which logs, never
+// interrupts code that holds a lock. Until the loop gets there, a pending signal makes the main thread's signal descriptor readable, which
 // ends every wait of that thread (wait.h): start-up and commands come to their end at once and the loop takes the signal.
 #include "main_loop.h"
 
@@ -70,6 +70,13 @@ void log_signal(int signo) {
     }
 }
 
+// Runs the handlers of pending signals: a wait that finds a descriptor ready does not, so a busy peer would keep them off.
+void take_pending_signals() {
+    sigset_t usual;
+    pthread_sigmask(SIG_SETMASK, &loop_mask, &usual);
+    pthread_sigmask(SIG_SETMASK, &usual, nullptr);
+}
+
 // Serves what one wait found ready: a new connection, and one request of one connection.
 void serve(const fd_set& ready) {
     if (agt_cmd_sockfd >= 0 && FD_ISSET(agt_cmd_sockfd, &ready))
@@ -97,7 +104,7 @@ int reconnect() {
         send_flag = 2;
         return NEXT_RETRY_USEC;
     }
-    agt::log_printf("(i) notify socket reconnect success");
+    agt::log_printf("(I) notify socket reconnect success");
     network_on();
     send_flag = 1;
     return FIRST_RETRY_USEC;
@@ -178,6 +185,7 @@ void start() {
         const int ret = pselect(maxFd + 1, &ready, nullptr, nullptr, &SELECT_TIMEOUT, &loop_mask);
         if (ret > 0) {
             serve(ready);
+            take_pending_signals();
         } else if (ret < 0 && errno == EINTR) {
             agt::log_printf("<!> interrupted system call");
         } else if (ret < 0) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "log_printf.h"
 #include "sem.h"
@@ -34,6 +35,8 @@ int create_tran_agt_sem() {
 
 int create_tran_agt_shm() {
     const int locked = agt::sem_lock(tran_agt_semid, 0, SEM_UNDO);
+    if (locked != 0 && errno != ECANCELED)
+        agt::log_printf("<!> tran agent semaphore lock error.[semid:%d, errno:%d]", tran_agt_semid, errno);
     int existed = 0;
     const int shmid = agt::create_shm(tran_agt_shmkey, sizeof(TRAN_AGT_SHM), &existed);
     void* address = shmid < 0 ? nullptr : agt::attach_shm(shmid);

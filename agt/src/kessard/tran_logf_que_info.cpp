@@ -144,12 +144,9 @@ int set_fst_err_rc_set(const char* text) {
         return -1;
     const long sent = std::strtol(text, nullptr, 10);
     const int value = comma[1] - '0';
-    if (sent > ALL_CODES || value > HIGHEST_VALUE)
+    if (sent > ALL_CODES || sent < -ALL_CODES || value > HIGHEST_VALUE)
         return -1;
-    // A negative code acts as its positive counterpart; only such a one can still be too large here.
-    const long code = std::labs(sent);
-    if (code > ALL_CODES || sent < -ALL_CODES)
-        return -1;
+    const long code = std::labs(sent); // a negative code acts as its positive counterpart
     const long first = code == ALL_CODES ? 0 : code;
     const long last = code == ALL_CODES ? RC_SET_MAX - 1 : code;
     for (long i = first; i <= last; ++i)

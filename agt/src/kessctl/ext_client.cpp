@@ -18,15 +18,6 @@ constexpr std::size_t PIECE_BYTES = 1024 * 1024;
 constexpr int TIMED_OUT_CODE = -99;
 constexpr int UNKNOWN_CODE = -1;
 
-TCP_CMD_MSG frame_of(const ext_request& request) {
-    TCP_CMD_MSG frame = start_frame(MSG_EXT_REQ);
-    char* bytes = reinterpret_cast<char*>(&frame);
-    std::memcpy(bytes + EXT_REQ_CODE_AT, request.code, EXT_REQ_CODE_SIZE);
-    bytes[EXT_REQ_PDU_AT] = EXT_PDU_REQUEST;
-    std::copy_n(request.data.begin(), std::min(request.data.size(), DATA_MAX), bytes + EXT_REQ_DATA_AT);
-    return frame;
-}
-
 std::uint32_t number_at(const unsigned char* bytes) {
     std::uint32_t value = 0;
     std::memcpy(&value, bytes, sizeof value);
@@ -62,8 +53,8 @@ std::string plan_requests(const ext_form& form, const std::vector<std::string>& 
     for (std::size_t i = 0; i < items.size(); ++i) {
         const std::size_t head_size = form.head.empty() ? 0 : form.head.size() + 1;
         if (head_size + items[i].size() > DATA_MAX)
-            return "'" + items[i].substr(0, 60) + "...' is too long: a request carries " + std::to_string(DATA_MAX) +
-                   " bytes";
+            return std::string("'") + items[i].substr(0, 60) + "...' is too long: a request carries " +
+                   std::to_string(DATA_MAX) + " bytes";
         if (out->empty() || out->back().count == form.most || out->back().data.size() + 1 + items[i].size() > DATA_MAX)
             out->push_back({form.code, form.head, i, 0});
         ext_request& request = out->back();
@@ -85,12 +76,21 @@ std::string check_item(const std::string& text) {
     if (text.empty())
         return "an empty text cannot be sent";
     if (text.find(static_cast<char>(EXT_SEPARATOR)) != std::string::npos)
-        return "'" + printable(text) + "' holds the byte 0x1F, which separates the items of a request";
+        return std::string("'") + printable(text) + "' holds the byte 0x1F, which separates the items of a request";
     return {};
 }
 
+TCP_CMD_MSG ext_frame(const ext_request& request) {
+    TCP_CMD_MSG frame = start_frame(MSG_EXT_REQ);
+    char* bytes = reinterpret_cast<char*>(&frame);
+    std::memcpy(bytes + EXT_REQ_CODE_AT, request.code, EXT_REQ_CODE_SIZE);
+    bytes[EXT_REQ_PDU_AT] = EXT_PDU_REQUEST;
+    std::copy_n(request.data.begin(), std::min(request.data.size(), DATA_MAX), bytes + EXT_REQ_DATA_AT);
+    return frame;
+}
+
 bool send_request(command_client& client, const ext_request& request, int limit_ms) {
-    return client.send(frame_of(request), limit_ms);
+    return client.send(ext_frame(request), limit_ms);
 }
 
 ext_result receive_header(command_client& client, int limit_ms, std::uint32_t* length) {

@@ -47,6 +47,9 @@ ext_form command_form(int time_value);
 // Empty when the text can be an item, else why not.
 std::string check_item(const std::string& text);
 
+// The frame of a request; data that no plan made is cut to what the frame holds.
+TCP_CMD_MSG ext_frame(const ext_request& request);
+
 bool send_request(command_client& client, const ext_request& request, int limit_ms);
 
 // Receives the header that starts every answer; `length` is what follows. An error answer is received whole.
