@@ -15,8 +15,6 @@
 namespace agt {
 namespace {
 
-constexpr std::size_t TIME_PREFIX_SIZE = 32;
-
 pthread_mutex_t log_lock = PTHREAD_MUTEX_INITIALIZER;
 int log_file = -1;
 int cur_day = -1; // day of the year in the current file name
@@ -24,7 +22,7 @@ char log_dir[256];
 char log_title[256];
 std::time_t now = -1; // the second that tm and time_str belong to
 struct tm tm;
-char time_str[TIME_PREFIX_SIZE];
+char time_str[LOG_PREFIX_SIZE];
 
 void lock() { pthread_mutex_lock(&log_lock); }
 void unlock() { pthread_mutex_unlock(&log_lock); }
@@ -110,8 +108,8 @@ void close_log() {
 }
 
 void log_printf(const char* fmt, ...) {
-    char line[TIME_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1];
-    char* message = line + TIME_PREFIX_SIZE;
+    char line[LOG_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1];
+    char* message = line + LOG_PREFIX_SIZE;
     va_list args;
     va_start(args, fmt);
     const std::size_t length = format_message(message, fmt, args);
@@ -130,13 +128,10 @@ void log_printf(const char* fmt, ...) {
 
 void log_batch::printf(const char* fmt, ...) {
     const std::time_t second = std::time(nullptr);
-    if (second != second_ || used_ + TIME_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1 > CAPACITY)
+    if (second != second_ || used_ + LOG_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1 > CAPACITY)
         flush();
-    if (second != second_) {
-        second_ = second;
-        const struct tm when = local_time(second);
-        prefix_length_ = std::strftime(prefix_, sizeof prefix_, "%m-%d %T  ", &when);
-    }
+    if (second != second_)
+        take_prefix(second);
     char* message = text_ + used_ + prefix_length_;
     va_list args;
     va_start(args, fmt);
@@ -147,6 +142,14 @@ void log_batch::printf(const char* fmt, ...) {
     std::memcpy(text_ + used_, prefix_, prefix_length_);
     message[length] = '\n';
     used_ += prefix_length_ + length + 1;
+}
+
+void log_batch::take_prefix(std::time_t second) {
+    const log_guard guard;
+    take_time(second);
+    second_ = second;
+    prefix_length_ = std::strlen(time_str);
+    std::memcpy(prefix_, time_str, sizeof time_str);
 }
 
 void log_batch::flush() {

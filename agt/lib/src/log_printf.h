@@ -15,6 +15,7 @@
 namespace agt {
 
 inline constexpr std::size_t LOG_MESSAGE_SIZE = 4096; // bytes of a message with its terminator; longer ones are cut
+inline constexpr std::size_t LOG_PREFIX_SIZE = 32;    // holds the time in front of it
 
 // Opens the file of today (`mflag` non-zero) or of the day last seen. `dir` and `title` are kept for later days; null
 // keeps the previous ones. 0 when open (also when a file was open already, which then stays), -1 when it could not be
@@ -40,11 +41,13 @@ class log_batch {
     void flush();
 
   private:
+    void take_prefix(std::time_t second);
+
     static constexpr std::size_t CAPACITY = 32 * 1024;
     std::time_t second_ = 0;
     std::size_t prefix_length_ = 0;
     std::size_t used_ = 0;
-    char prefix_[32];
+    char prefix_[LOG_PREFIX_SIZE];
     char text_[CAPACITY];
 };
 

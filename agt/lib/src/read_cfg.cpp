@@ -139,12 +139,6 @@ int look_up(const lookup& want, char* string) {
                         "[get_nth_token_in_file_section] can't found nth(%d) token; file=%s, section=%s, keyword=%s, "
                         "lnum=%d\n",
                         want.n, want.fname, want.section, want.keyword, lnum);
-    // A word is refused rather than cut: half a path names another file.
-    if (word.size() >= CFG_WORD_SIZE)
-        return complain(want.quiet,
-                        "[get_nth_token_in_file_section] nth(%d) token is longer than 63 characters; file=%s, "
-                        "section=%s, keyword=%s, lnum=%d\n",
-                        want.n, want.fname, want.section, want.keyword, lnum);
     std::memcpy(string, word.data(), word.size());
     string[word.size()] = '\0';
     return 1;

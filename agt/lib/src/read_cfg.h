@@ -1,7 +1,7 @@
 // Reader of the agent's sectioned text configuration file.
 //
 //     [SECTION]                    a line that starts with '['; the name ends at the first ']'
-//     KEYWORD = word word ...      a blank must stand before the '='; at most 16 words of at most 63 characters
+//     KEYWORD = word word ...      a blank must stand before the '='; at most 16 words
 //     # comment                    only in the first column
 //
 // Lines are read in pieces of at most 255 characters, each of which counts as a line. The file is opened and closed by
@@ -13,13 +13,13 @@
 
 namespace agt {
 
-inline constexpr int CFG_WORD_MAX = 16;          // words of a value
-inline constexpr std::size_t CFG_WORD_SIZE = 64; // bytes of a word with its terminator
-inline constexpr std::size_t CFG_LINE_SIZE = 256;
+inline constexpr int CFG_WORD_MAX = 16;           // words of a value
+inline constexpr std::size_t CFG_LINE_SIZE = 256; // bytes of a line with its terminator
+inline constexpr std::size_t CFG_WORD_SIZE = CFG_LINE_SIZE; // a word may fill its line
 
 // Copies word `n` (from 1) of the value of `keyword` in `section` of the file `fname` into `string`, which must hold
-// CFG_WORD_SIZE bytes. 1 on success. -1 when the file, the section, the keyword or the word is missing or the word is
-// longer than 63 characters; `string` is untouched then and the reason stands on standard error.
+// CFG_WORD_SIZE bytes. 1 on success. -1 when the file, the section, the keyword or the word is missing; `string` is
+// untouched then and the reason stands on standard error.
 int get_nth_token_in_file_section(const char* fname, const char* section, const char* keyword, int n, char* string);
 
 // The same without a word on standard error, for keys that may be absent.

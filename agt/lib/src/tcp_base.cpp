@@ -140,11 +140,13 @@ bool is_over(const reception& from, int error) {
     return error == ETIMEDOUT || error == ECANCELED || out_of_time(from);
 }
 
-// A failing rest drops what had arrived and starts over at the front of the buffer.
-int recv_whole(const reception& from, void* buffer, int length) {
-    for (;;) {
+// A failing rest drops what had arrived and starts over at the front of the buffer. `got` is what a first read has
+// brought already, 0 when there was none.
+int recv_whole(const reception& from, void* buffer, int length, int got) {
+    for (;; got = 0) {
         errno = 0;
-        const auto got = static_cast<int>(read_some(from, buffer, static_cast<std::size_t>(length)));
+        if (got == 0)
+            got = static_cast<int>(read_some(from, buffer, static_cast<std::size_t>(length)));
         if (got == length || got < 1)
             return got;
         const int ret = read_rest(from, static_cast<char*>(buffer), length, got);
@@ -153,6 +155,12 @@ int recv_whole(const reception& from, void* buffer, int length) {
         if (ret < 0 && is_over(from, errno))
             return -1;
     }
+}
+
+// The whole within the limits of recv_tcp_data_timeout, `got` bytes of it being there already.
+int recv_within(int sockfd, void* buffer, int length, int timeout, int got) {
+    const long long longest_ms = (timeout + length / SLOWEST_BYTES_PER_SEC) * 1000LL;
+    return recv_whole({sockfd, timeout * 1000, monotonic_ms() + longest_ms, true}, buffer, length, got);
 }
 
 bool resolve(const char* host, in_addr* out) {
@@ -275,12 +283,18 @@ int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout) {
     const wait_result waited = wait_fd(sockfd, POLLIN, timeout * 1000);
     if (waited != wait_result::ready)
         return waited == wait_result::timed_out ? -2 : -1;
-    const long long longest_ms = (timeout + length / SLOWEST_BYTES_PER_SEC) * 1000LL;
-    return recv_whole({sockfd, timeout * 1000, monotonic_ms() + longest_ms, true}, buffer, length);
+    return recv_within(sockfd, buffer, length, timeout, 0);
+}
+
+int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout) {
+    const auto got = static_cast<int>(recv(sockfd, buffer, static_cast<std::size_t>(length), MSG_DONTWAIT));
+    if (got < 0 && (errno == EAGAIN || errno == EINTR))
+        return recv_tcp_data_timeout(sockfd, buffer, length, timeout);
+    return got == length || got < 1 ? got : recv_within(sockfd, buffer, length, timeout, got);
 }
 
 int recv_tcp_data(int sockfd, void* buffer, int length) {
-    return recv_whole({sockfd, NO_LIMIT, NO_LIMIT, false}, buffer, length);
+    return recv_whole({sockfd, NO_LIMIT, NO_LIMIT, false}, buffer, length, 0);
 }
 
 int create_tcp_client_session(const char* host, int port, int nonblocking) {

@@ -37,6 +37,9 @@ int send_tcp_data2(int sockfd, const void* first, int first_length, const void* 
 // and one more for every 4096 bytes of `length`.
 int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout);
 
+// The same on a socket that was found readable: does not look for that a second time.
+int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout);
+
 // The same without a limit on the wait for the first byte and without a word on standard output; never -2.
 int recv_tcp_data(int sockfd, void* buffer, int length);
 

@@ -229,7 +229,7 @@ void hand_over(int sockfd, int rlen) {
 
 // Receives one request into r_msg; false when the connection was dropped instead.
 bool receive_request(int sockfd) {
-    const int rlen = recv_msg(sockfd, &r_msg); // all of it or nothing
+    const int rlen = agt::recv_tcp_data_ready(sockfd, &r_msg, sizeof r_msg, RECV_TIMEOUT_SEC); // all of it or nothing
     if (rlen < 1) {
         drop_cmd_client(sockfd);
         if (rlen == -2)

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,6 +35,7 @@ namespace {
 constexpr int PIECE_BYTES = 1048576;
 constexpr std::size_t WRITE_BYTES = 256UL * 1024; // larger ones make the page cache search for large free runs
 constexpr int PIECE_TIMEOUT_SEC = 10;
+constexpr timeval STALL_LIMIT = {5, 0}; // within a piece; it counts twice, because a failed receive starts over once
 constexpr int ACK_TIMEOUT_SEC = 30;
 constexpr std::size_t PATH_SIZE = 512;
 constexpr std::size_t TEXT_SIZE = 2048; // holds any text made of a request's items
@@ -284,6 +286,7 @@ void file_upload(int sockfd, char* data, int length) {
         refuse(sockfd, error);
         return;
     }
+    setsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &STALL_LIMIT, sizeof STALL_LIMIT);
     if (send_accepted(sockfd, 0) < 1) {
         agt::log_printf("<!> send_tcp_data for response");
         return;

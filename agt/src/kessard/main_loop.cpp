@@ -39,6 +39,8 @@ constexpr int LINK_POLL_SEC = 1;
 constexpr int FIRST_RETRY_USEC = 10000;
 constexpr int NEXT_RETRY_USEC = 999999;
 
+constexpr unsigned int SIGNAL_PASSES = 16; // passes of a busy loop between two looks at pending signals
+
 sigset_t loop_mask; // the signal mask of the loop's wait
 daemon_thread net_th("network_check", network_checker);
 
@@ -180,12 +182,13 @@ void* network_checker(void*) {
 
 void start() {
     agt::log_printf("[ %s ] start... running : %d", PROGRAM_NAME, running.load());
-    while (running != 0) {
+    for (unsigned int served = 0; running != 0;) {
         fd_set ready = readFds;
         const int ret = pselect(maxFd + 1, &ready, nullptr, nullptr, &SELECT_TIMEOUT, &loop_mask);
         if (ret > 0) {
             serve(ready);
-            take_pending_signals();
+            if (++served % SIGNAL_PASSES == 0)
+                take_pending_signals();
         } else if (ret < 0 && errno == EINTR) {
             agt::log_printf("<!> interrupted system call");
         } else if (ret < 0) {

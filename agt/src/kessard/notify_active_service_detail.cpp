@@ -32,8 +32,9 @@ TCP_CMD_MSG r_msg;
 daemon_thread th("notify_active_service_detail", notify_active_service_detail);
 
 struct batch {
-    int pending = 0;      // records in s_msg
-    long batch_time = 0;  // when the last message left, 0 before the first record
+    int pending = 0;     // records in s_msg
+    long batch_time = 0; // when the last message left, 0 before the first record
+    agt::log_batch log;  // empty whenever the thread waits
 };
 
 // Seconds of a clock that never steps; never 0.
@@ -69,18 +70,20 @@ bool send_batch(int pending, const char* where) {
 
 void send_full(batch* out) {
     const int pending = out->pending;
-    agt::log_printf("[notify_active_service_detail] socket send : %d elements, ACTIVE_SERVICE_DETAIL size %d bytes",
+    out->log.printf("[notify_active_service_detail] socket send : %d elements, ACTIVE_SERVICE_DETAIL size %d bytes",
                     pending, static_cast<int>(sizeof(ACTIVE_SERVICE_DETAIL)));
+    out->log.flush();
     out->pending = 0;
     if (noti_send_flag == 1 && !send_batch(pending, ""))
         return;
-    agt::log_printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d", pending,
+    out->log.printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d", pending,
                     noti_send_flag.load());
     out->batch_time = now_sec();
 }
 
 void take_record(batch* out, const NOTI_SEND_QUE_DATA& record) {
     if (noti_send_flag == 0) {
+        out->log.flush();
         agt::set_idle(0, LINK_DOWN_USEC);
         return;
     }
@@ -129,12 +132,15 @@ void stop_notify_active_service_detail() {
 void* notify_active_service_detail(void*) {
     agt::log_printf("(i) notify_active_service_detail thread start... running : %d", running.load());
     batch out;
-    while (keep_running()) {
+    while (running != 0) {
         const NOTI_SEND_QUE_DATA* record = get_noti_send_que();
         if (record != nullptr) {
             take_record(&out, *record);
             continue;
         }
+        out.log.flush();
+        if (agt::cancelled())
+            break;
         agt::set_idle(0, EMPTY_POLL_USEC);
         flush(&out);
     }

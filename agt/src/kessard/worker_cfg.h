@@ -7,7 +7,7 @@ namespace kessard {
 enum { WORKER_MODE_PROCESS = 1, WORKER_MODE_THREAD = 2 };
 
 struct worker_settings {
-    char tr_section[64];       // TRAN_LOGF / TR_SECTION
+    char tr_section[256];      // TRAN_LOGF / TR_SECTION
     int worker_check_interval; // KESSARD / WORKER_CHECK_INTERVAL: seconds between two passes, 0 is off
     int worker_flag;           // 1 once a check interval was read that is not 0
     int worker_rest_interval;  // KESSARD / WORKER_REST_INTERVAL: seconds without activity, at least 60

@@ -1,0 +1,115 @@
+// kessard_bench: the daemon's speed as ratios to bare programs that do the same work, measured in one run.
+// Ends with status 1 when something is not within its limit or could not be measured.
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "rows.h"
+
+namespace bench {
+namespace {
+
+struct row {
+    const char* name;
+    figures (*measure)(running_agent&);
+};
+constexpr row ROWS[] = {{"command", command_row}, {"exec", exec_row},         {"services", services_row},
+                        {"notify", notify_row},   {"idle", idle_row},         {"transfer", transfer_row},
+                        {"sweep", sweep_row},     {"watchdog", watchdog_row}, {"startup", startup_row}};
+
+std::string file_line(const char* path, const std::string& start) {
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with(start))
+            return line.substr(std::min(line.find(": ") + 2, line.size()));
+    return {};
+}
+
+std::string machine() {
+    utsname system{};
+    uname(&system);
+    return std::to_string(sysconf(_SC_NPROCESSORS_ONLN)) + " x " + file_line("/proc/cpuinfo", "model name") +
+           ", Linux " + system.release;
+}
+
+std::string load() {
+    std::ifstream file("/proc/loadavg");
+    std::string text;
+    file >> text;
+    return text;
+}
+
+std::string number(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, std::fabs(value) < 10 ? "%.2f" : "%.0f", value);
+    return std::isnan(value) ? "-" : text;
+}
+
+void print_table(const figures& measured, const std::string& load_before) {
+    std::printf("%s; load before %s, after %s\n\n", machine().c_str(), load_before.c_str(), load().c_str());
+    std::printf("%-38s %10s %10s %-12s %8s %9s\n", "", "kessard", "bare", "", "value", "limit");
+    for (const figure& one : measured)
+        std::printf("%-38s %10s %10s %-12s %8s %2s %6s  %s\n", one.name.c_str(), number(one.kessard).c_str(),
+                    number(one.bare).c_str(), one.unit.c_str(), number(one.value).c_str(),
+                    one.at_least ? ">=" : "<=", number(one.limit).c_str(), one.within() ? "ok" : "MISSED");
+}
+
+void print_json(const figures& measured, const std::string& load_before) {
+    nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+    for (const figure& one : measured)
+        rows.push_back({{"name", one.name},
+                        {"unit", one.unit},
+                        {"kessard", one.kessard},
+                        {"bare", one.bare},
+                        {"value", one.value},
+                        {one.at_least ? "at_least" : "at_most", one.limit},
+                        {"within", one.within()}});
+    const nlohmann::ordered_json all = {
+        {"machine", machine()}, {"load_before", load_before}, {"load_after", load()}, {"figures", rows}};
+    std::printf("%s\n", all.dump(2).c_str());
+}
+
+figures measure(const std::vector<std::string>& names) {
+    figures measured;
+    running_agent agent;
+    for (const row& one : ROWS) {
+        if (interrupted() || (!names.empty() && std::find(names.begin(), names.end(), one.name) == names.end()))
+            continue;
+        std::cerr << "measuring " << one.name << "\n";
+        for (const figure& of : one.measure(agent))
+            measured.push_back(of);
+    }
+    return measured;
+}
+
+} // namespace
+} // namespace bench
+
+int main(int argc, char** argv) {
+    using namespace bench;
+    bool json = false;
+    std::vector<std::string> names;
+    std::vector<std::string> known;
+    for (const row& one : ROWS)
+        known.push_back(one.name);
+    CLI::App app("The daemon's speed against bare programs that do the same work.", "kessard_bench");
+    app.add_flag("--json", json, "Print JSON instead of a table");
+    app.add_option("row", names, "Rows to measure (default: all)")->check(CLI::IsMember(known));
+    CLI11_PARSE(app, argc, argv);
+    catch_signals();
+    const std::string load_before = load();
+    const figures measured = measure(names);
+    if (json)
+        print_json(measured, load_before);
+    else
+        print_table(measured, load_before);
+    const bool within = std::all_of(measured.begin(), measured.end(), [](const figure& one) { return one.within(); });
+    return within && !interrupted() ? 0 : 1;
+}

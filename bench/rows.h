@@ -1,0 +1,23 @@
+// The rows of the benchmark. Each measures on a running daemon and returns its figures.
+#pragma once
+
+#include <vector>
+
+#include "measure.h"
+#include "running_agent.h"
+
+namespace bench {
+
+using figures = std::vector<figure>;
+
+figures command_row(running_agent& agent);  // a settings request against an echo
+figures exec_row(running_agent& agent);     // a remote command against fork and exec
+figures services_row(running_agent& agent); // a load of 10,000 services against the bare exchange
+figures notify_row(running_agent& agent);   // the notifier against a ping-pong
+figures transfer_row(running_agent& agent); // files up and down against a bare copy, memory of the serving child
+figures idle_row(running_agent& agent);     // processor time without work
+figures sweep_row(running_agent& agent);    // the liveness sweep over a full table
+figures watchdog_row(running_agent& agent); // a watchdog pass over a full table
+figures startup_row(running_agent& agent);  // starts of other daemons, on new and on existing objects
+
+} // namespace bench

@@ -1,0 +1,147 @@
+// A sweep and a watchdog pass over a full trace table, in this process, in processor time.
+//
+// The entries' processes are threads of this process that sleep: the system shows each under /proc like a process.
+#include <fcntl.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+#include "check_ptrc_hash_tbl.h"
+#include "check_worker.h"
+#include "process_globals.h"
+#include "rows.h"
+#include "settings.h"
+#include "trace_table.h"
+#include "tran_logf_que_info.h"
+#include "worker_cfg.h"
+
+namespace bench {
+namespace {
+
+constexpr int ENTRIES = PTRC_HASH_SLOTS;
+constexpr std::size_t STACK_BYTES = 32UL * 1024;
+constexpr int CHECK_EVERYTHING_SEC = 10; // a sweep period that makes every entry due
+constexpr int ROUNDS = 11;
+
+double processor_us() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+}
+
+double cost_ms(const std::function<void()>& work) {
+    const double start = processor_us();
+    work();
+    return (processor_us() - start) / 1000;
+}
+
+// Sleeping threads, one for each pid.
+class sleepers {
+  public:
+    explicit sleepers(int count) {
+        sem_init(&end_, 0, 0);
+        sem_init(&started_, 0, 0);
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, STACK_BYTES);
+        pthread_t thread{};
+        while (static_cast<int>(threads_.size()) < count && pthread_create(&thread, &attributes, sleep, this) == 0) {
+            threads_.push_back(thread);
+            sem_wait(&started_);
+        }
+        pthread_attr_destroy(&attributes);
+    }
+    sleepers(const sleepers&) = delete;
+    sleepers& operator=(const sleepers&) = delete;
+    ~sleepers() {
+        for (std::size_t i = 0; i < threads_.size(); ++i)
+            sem_post(&end_);
+        for (const pthread_t thread : threads_)
+            pthread_join(thread, nullptr);
+    }
+    const std::vector<pid_t>& pids() const { return pids_; }
+
+  private:
+    static void* sleep(void* self) {
+        auto* all = static_cast<sleepers*>(self);
+        all->pids_.push_back(gettid());
+        sem_post(&all->started_);
+        sem_wait(&all->end_);
+        return nullptr;
+    }
+
+    sem_t end_;
+    sem_t started_;
+    std::vector<pthread_t> threads_;
+    std::vector<pid_t> pids_;
+};
+
+double read_stat_files(const std::vector<pid_t>& pids) {
+    return cost_ms([&pids] {
+        for (const pid_t pid : pids) {
+            char path[32];
+            char text[512];
+            std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
+            const int fd = open(path, O_RDONLY | O_CLOEXEC);
+            if (fd < 0 || read(fd, text, sizeof text) < 1)
+                std::perror(path);
+            close(fd);
+        }
+    });
+}
+
+// A full table of entries of these processes, those of one process side by side.
+void fill(test_support::trace_table& table, const std::vector<pid_t>& pids) {
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    for (std::size_t i = 0; i < ENTRIES; ++i)
+        table.add(name, pids[i * pids.size() / ENTRIES]);
+}
+
+figure sweep_over(int processes, const char* name, double limit_ms, int rounds) {
+    const test_support::test_log log;
+    test_support::trace_table table;
+    const sleepers alive(processes);
+    figure of = {name, "ms", NAN, NAN, NAN, limit_ms, false};
+    if (static_cast<int>(alive.pids().size()) < processes)
+        return of;
+    fill(table, alive.pids());
+    samples ours;
+    samples bare;
+    for (int i = 0; i < rounds && !interrupted(); ++i) {
+        ours.push_back(cost_ms(kessard::check_ptrc_hash_tbl));
+        bare.push_back(read_stat_files(alive.pids()));
+    }
+    of.kessard = of.value = log.count("process down") == 0 ? median(ours) : NAN;
+    of.bare = median(bare);
+    return of;
+}
+
+} // namespace
+
+figures sweep_row(running_agent&) {
+    kessard::running = 1;
+    kessard::trc_sts_check_period = CHECK_EVERYTHING_SEC;
+    return {sweep_over(100, "sweep, 10,000 entries of 100 processes", 20, ROUNDS),
+            sweep_over(ENTRIES, "sweep, 10,000 processes (and as many reads)", INFINITY, 1)};
+}
+
+figures watchdog_row(running_agent&) {
+    const test_support::test_log log;
+    test_support::trace_table table;
+    kessard::running = 1;
+    kessard::worker_cfg.worker_mode = kessard::WORKER_MODE_PROCESS;
+    kessard::worker_cfg.worker_rest_interval = 3600;
+    fill(table, {getpid()});
+    samples ours;
+    for (int i = 0; i < ROUNDS && !interrupted(); ++i)
+        ours.push_back(cost_ms([] { kessard::check_worker_pass(); }));
+    const double cost = log.count("send_event") == 0 ? median(ours) : NAN;
+    return {{"watchdog pass, 10,000 entries", "ms", cost, NAN, cost, 10, false}};
+}
+
+} // namespace bench

@@ -1,0 +1,51 @@
+// What the tests of the sweep, the watchdog and the statistics need inside one process: a trace table, and a log.
+#pragma once
+
+#include <string>
+
+#include "checks.h"
+#include "kessard/ptrc_hash_tbl.h"
+
+namespace test_support {
+
+// The process's one trace table, emptied; untouched pages of it cost nothing. Attached as the daemon's until detached.
+class trace_table {
+  public:
+    trace_table();
+    ~trace_table();
+    PTRC_HASH_TBL& operator*() const { return *table_; }
+    PTRC_HASH_TBL* operator->() const { return table_; }
+
+    // Puts an entry last on the used stack, in state 'a', alive and last accessed now.
+    PTRC_HASH_ARR& add(const std::string& proc_nm, int pid, unsigned long tid = 0);
+
+  private:
+    PTRC_HASH_TBL* table_;
+};
+
+// The log of this process, in a directory of its own.
+class test_log {
+  public:
+    test_log();
+    ~test_log();
+    std::string text() const;
+    texts lines() const { return messages(text()); }
+    std::size_t count(const std::string& part) const; // lines that contain it
+    void clear() const;
+    const std::string& directory() const { return directory_; }
+
+  private:
+    std::string directory_;
+};
+
+// Runs `pass` after `prepare(now)` until both fall into one second.
+template <class Prepare, class Pass> void within_one_second(Prepare prepare, Pass pass) {
+    time_t now = 0;
+    do {
+        now = time(nullptr);
+        prepare(now);
+        pass();
+    } while (time(nullptr) != now);
+}
+
+} // namespace test_support

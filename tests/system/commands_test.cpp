@@ -1,0 +1,360 @@
+// The command port through the real program: every command of the server byte for byte, and every way to break the
+// protocol.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+
+#include "checks.h"
+#include "command_client.h"
+#include "field.h"
+#include "frame.h"
+#include "service_file.h"
+#include "tcp_base.h"
+
+namespace {
+
+using namespace test_support;
+using kessctl::command_client;
+using kessctl::start_frame;
+
+// Fills a field to its last byte: the text, then `pad`.
+template <std::size_t N> void fill(char (&field)[N], const std::string& text, char pad = ' ') {
+    std::memset(field, pad, N);
+    std::memcpy(field, text.data(), std::min(N, text.size()));
+}
+
+class Commands : public testing::Test {
+  protected:
+    agent daemon;
+    command_client client;
+
+    Commands() {
+        start_running(daemon);
+        reconnect();
+    }
+    void reconnect() { ASSERT_TRUE(client.connect("127.0.0.1", daemon.port())) << client.error(); }
+
+    // Sends a request and checks all 1407 bytes of the answer; `body` starts it, zeros follow.
+    void expect_answer(const TCP_CMD_MSG& request, char type, const std::string& body) {
+        TCP_CMD_MSG answer;
+        ASSERT_TRUE(client.request(request, &answer)) << client.error();
+        TCP_CMD_MSG wanted = start_frame(type);
+        std::memcpy(&wanted.body, body.data(), body.size());
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(&answer), 20), std::string(reinterpret_cast<char*>(&wanted), 20));
+        EXPECT_EQ(std::memcmp(&answer, &wanted, sizeof answer), 0);
+    }
+    // The daemon still serves, and its table is in order.
+    void expect_serving() {
+        command_client other;
+        TCP_CMD_MSG answer;
+        EXPECT_TRUE(other.connect("127.0.0.1", daemon.port()) && other.request(start_frame('7'), &answer))
+            << other.error();
+        EXPECT_EQ(table_fault(*daemon.services()), "");
+    }
+};
+
+TEST_F(Commands, SetTheRuntimeSettings) {
+    const struct {
+        const char* flags;
+        const char* qcnt;
+        const char* onoff;
+        const char* filter;
+        const char* depth;
+        const char* limit; // in dbio_trc_limit behind a '1', in sql_trc_limit behind a '2'
+        TRAN_LOGF_QUE_INFO wanted;
+    } cases[] = {
+        {"SEVBCIXQ", "16", "1", "1", "5", "100", {16, 15, 0xAAAAAAAA, 0xff, {}, 5, 100, 1100, 2100, 1, 0, 0, {}}},
+        {"sevb SQ", "3", "0", "0", "-1", "-7", {16, 15, 0, 0x81, {}, -1, -7, 1, 2, 0, 0, 0, {}}},
+        {"", "1", "2", "9", "00042", " 8 ", {1, 0, 2, 0, {}, 42, 8, 1, 2, 9, 0, 0, {}}},
+        {"Q",
+         "08",
+         "x",
+         "y",
+         "9",
+         "9999999999",
+         {8, 7, 0, 128, {}, 9, 9999999999, 1999999999, 2999999999, 0, 0, 0, {}}},
+        {"S,S", "2x", "-", "-", "", "", {2, 1, 0, 0x01, {}, 0, 0, 1, 2, 0, 0, 0, {}}},
+        {"", "17", "1", "1", "1", "1", {2, 1, 0xAAAAAAAA, 0, {}, 1, 1, 11, 21, 1, 0, 0, {}}},
+        {"", "-8", "1", "1", "1", "1", {2, 1, 0xAAAAAAAA, 0, {}, 1, 1, 11, 21, 1, 0, 0, {}}},
+    };
+    for (const auto& one : cases)
+        for (const char pad : {' ', ','}) { // stands in the last byte of every field
+            SCOPED_TRACE(std::string(one.flags) + "/" + one.qcnt + pad);
+            TCP_CMD_MSG request = start_frame('7');
+            request.hdr.msg_type[1] = 'x';
+            auto& body = request.body.set_sys_config_set_req;
+            fill(body.ipaddr, "10.0.0.1", pad);
+            fill(body.log_flag_set, one.flags, pad);
+            fill(body.log_qcnt, one.qcnt, pad);
+            fill(body.log_onoff, one.onoff, pad);
+            fill(body.sfilter_onoff, one.filter, pad);
+            fill(body.call_trc_depth, one.depth, pad);
+            fill(body.call_trc_limit, one.limit, pad);
+            fill(body.dbio_trc_limit, std::string("1") + one.limit, pad);
+            fill(body.sql_trc_limit, std::string("2") + one.limit, pad);
+            expect_answer(request, '8', "0");
+            EXPECT_EQ(std::memcmp(daemon.settings(), &one.wanted, sizeof one.wanted), 0);
+        }
+}
+
+TEST_F(Commands, LogEveryFieldOfTheSettings) {
+    TCP_CMD_MSG request = start_frame('7');
+    std::memset(&request.body, '8', sizeof request.body); // no terminator anywhere
+    daemon.mark_log();
+    expect_answer(request, '8', "0");
+    const std::string ten(10, '8');
+    const texts wanted = {"(i) MSGRCV : [[ SET_SYS_CONFIG_SET_REQ ]]",
+                          "(i) -> IPADDR         - '" + ten + "88888'",
+                          "(i) -> LOG_FLAG_SET   - '88888888'",
+                          "(i) -> LOG_QCNT       - '888'",
+                          "(i) -> LOG_ONOFF      - '8'",
+                          "(i) -> SFILTER_ONOFF  - '8'",
+                          "(i) -> CALL_TRC_DEPTH - '88888'",
+                          "(i) -> CALL_TRC_LIMIT - '" + ten + "'",
+                          "(i) -> DBIO_TRC_LIMIT - '" + ten + "'",
+                          "(i) -> SQL_TRC_LIMIT  - '" + ten + "'",
+                          "(i) MSGSND : [[ SET_SYS_CONFIG_SET_RSP ]]",
+                          "(i) -> RESULT_CODE - '0'"};
+    EXPECT_TRUE(daemon.wait_log("RESULT_CODE"));
+    EXPECT_EQ(messages(daemon.log()), wanted);
+    EXPECT_EQ(daemon.settings()->sql_trc_limit, 8888888888);
+}
+
+TEST_F(Commands, SetTheResourceThresholds) {
+    const std::string deep(300, 'd');
+    const struct {
+        std::string list;
+        texts wanted;
+    } cases[] = {{"/,/home ", {"/", "/home"}},
+                 {"/,/home", {"/"}},
+                 {"/ ", {"/"}},
+                 {"", {}},
+                 {" ", {""}},
+                 {",,x ", {"", "", "x"}},
+                 {"a,b,c,d,e,f ", {"a", "b", "c", "d", "e"}},
+                 {"a,b,c,d,e ", {"a", "b", "c", "d", "e"}},
+                 {"/a b,/c ", {"/a b", "/c"}},
+                 {deep + "," + deep + " ", {deep.substr(0, 256), deep.substr(0, 256)}},
+                 {std::string(1025, ','), texts(5)},
+                 {std::string(1025, 'x'), {}}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.list.substr(0, 20));
+        TCP_CMD_MSG request = start_frame('D');
+        auto& body = request.body.set_sys_resource_set_req;
+        fill(body.cpu_alert_sec, "00060x");
+        fill(body.cpu_alert_pcnt, "9999");
+        fill(body.file_sys_alert_pcnt, "90,,");
+        fill(body.file_sys_list, one.list, '\0');
+        daemon.segment()->file_system[0].alert_cnt = 5;
+        daemon.mark_log();
+        expect_answer(request, 'E', "0");
+        EXPECT_EQ(daemon.segment()->cpu.alert_sec, 60);
+        EXPECT_EQ(daemon.segment()->cpu.alert_pcnt, 999);
+        const auto rows = static_cast<int>(one.wanted.size());
+        EXPECT_EQ(daemon.segment()->file_sys_num, rows);
+        texts logged = {"## file_sys_num : " + std::to_string(rows)};
+        FILE_SYSTEM wanted[FILE_SYSTEM_MAX] = {};
+        for (int i = 0; i < rows; ++i) {
+            const std::string& name = one.wanted[static_cast<std::size_t>(i)];
+            agt::copy_text(wanted[i].file_system, name.c_str());
+            wanted[i].alert_pcnt = 90;
+            const std::string head = "#" + std::to_string(i) + "# ";
+            logged.insert(logged.end(), {head + "file_system : " + name + "\n", head + "alert_pcnt : 90\n",
+                                         head + "alert_cnt : 0\n"});
+        }
+        EXPECT_EQ(std::memcmp(daemon.segment()->file_system, wanted, sizeof wanted), 0);
+        logged.insert(logged.begin(),
+                      {"(i) MSGRCV : [[ SET_SYS_RESOURCE_SET_REQ ]]\n", "(i) -> CPU_ALERT_SEC       - '00060'\n",
+                       "(i) -> CPU_ALERT_PCNT      - '999'\n", "(i) -> FILE_SYS_ALERT_PCNT - '90,'\n",
+                       "(i) -> MAX_FILE_SYS_LIST   - '" + one.list.substr(0, 1024) + "'\n"});
+        logged.insert(logged.end(), {"(i) MSGSND : [[ SET_SYS_RESOURCE_SET_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"});
+        EXPECT_TRUE(daemon.wait_log("RESULT_CODE"));
+        EXPECT_TRUE(in_order(daemon.log(), logged));
+    }
+}
+
+SERVICE_ELEMENT numbered(int i, char mode) {
+    SERVICE_ELEMENT made = kessctl::make_service("SERVICE" + std::to_string(i));
+    made.update_mode[0] = mode;
+    return made;
+}
+
+TEST_F(Commands, ChangeServices) {
+    const struct {
+        const char* num;
+        const char* known; // numbers of the services that are there before
+        const char* modes; // of the services 1 to 8
+        const char* handled;
+        unsigned entries; // afterwards
+    } cases[] = {
+        {"000", "", "AAAAAAAA", "000", 0},    {"abc", "", "AAAAAAAA", "000", 0},  {"-1 ", "", "AAAAAAAA", "000", 0},
+        {" 2,", "", "AAAAAAAA", "002", 2},    {"008", "", "AAAAAAAA", "008", 8},  {"009", "", "AAAAAAAA", "008", 8},
+        {"8888", "", "AAAAAAAA", "008", 8},   {"003", "2", "AZAAAAAA", "001", 2}, {"003", "1", "ZAAAAAAA", "000", 1},
+        {"003", "123", "DXYAAAAA", "003", 2}, {"003", "", "DDAAAAAA", "003", 1},  {"003", "3", "YYZAAAAA", "002", 3}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(std::string(one.num) + " " + one.known + " " + one.modes);
+        std::vector<SERVICE_ELEMENT> known;
+        std::vector<SERVICE_ELEMENT> gone;
+        std::vector<SERVICE_ELEMENT> sent;
+        for (const char* digit = one.known; *digit != '\0'; ++digit)
+            known.push_back(numbered(*digit - '0', 'A'));
+        for (int i = 1; i <= 8; ++i) {
+            gone.push_back(numbered(i, 'D'));
+            sent.push_back(numbered(i, one.modes[i - 1]));
+        }
+        TCP_CMD_MSG answer;
+        EXPECT_TRUE(client.request(kessctl::modified_services_frame(gone.data(), gone.size()), &answer));
+        EXPECT_TRUE(client.request(kessctl::modified_services_frame(known.data(), known.size()), &answer));
+        TCP_CMD_MSG request = kessctl::modified_services_frame(sent.data(), sent.size());
+        std::memcpy(request.body.set_modified_service_req.element_num, one.num, 4);
+        expect_answer(request, 'C', std::string("0\0", 2) + one.handled);
+        EXPECT_EQ(daemon.services()->alloc_cnt, one.entries);
+        EXPECT_EQ(table_fault(*daemon.services()), "");
+    }
+    expect_answer(start_frame('7'), '8', std::string("0\0", 2) + "002"); // what earlier answers left stays
+
+    SERVICE_ELEMENT full; // no field has a terminator
+    std::memset(&full, '5', sizeof full);
+    TCP_CMD_MSG request = kessctl::modified_services_frame(&full, 1);
+    daemon.mark_log();
+    expect_answer(request, 'C', std::string("0\0", 2) + "001");
+    expect_answer(request, 'C', std::string("0\0", 2) + "000"); // a mode that does not change what is there
+    const SVC_HASH_ARR& param = daemon.services()->h_arr[daemon.services()->used.idx[3]].param;
+    EXPECT_EQ(std::string(param.host_name) + param.server_id + param.service_id, std::string(64 + 15 + 16, '5'));
+    const std::string id(16, '5');
+    EXPECT_TRUE(daemon.wait_log("RESULT_CODE", 2));
+    const texts wanted = {"(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]",
+                          "(I) SERVICE_ID : " + id,
+                          "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]",
+                          "(i) -> RESULT_CODE - '0'",
+                          "(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]",
+                          "(I) SERVICE_ID : " + id,
+                          "<!> service_id(" + id + "5) is already exist, update_mode : '5'",
+                          "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]",
+                          "(i) -> RESULT_CODE - '0'"};
+    EXPECT_EQ(messages(daemon.log()), wanted);
+}
+
+TEST_F(Commands, AcknowledgeARenewal) {
+    daemon.mark_log();
+    expect_answer(start_frame('2'), '3', "0");
+    EXPECT_TRUE(daemon.wait_log("END..."));
+    EXPECT_TRUE(in_order(daemon.log(), {"(i) MSGRCV : [[ RENEW_SERVICE_LIST_REQ ]]\n",
+                                        "(i) MSGSND : [[ RENEW_SERVICE_LIST_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n",
+                                        "(i) get service list thread is starting..\n", "<!> server connection fail."}));
+}
+
+TEST_F(Commands, AreRefusedWhenTheyBreakTheProtocol) {
+    daemon.mark_log();
+    for (const char type : std::string("0134568 9ACEFGHIz\0\1\xff", 20)) {
+        EXPECT_TRUE(client.send(start_frame(type)) && client.wait_closed()) << type << client.error();
+        if (type > ' ') {
+            EXPECT_TRUE(daemon.wait_log("<!> error! unknown command type('" + std::string(1, type) + "')\n"));
+        }
+        reconnect();
+    }
+    for (std::size_t i = 0; i < 4; ++i) {
+        TCP_CMD_MSG frame = start_frame('7');
+        frame.hdr.magic_bit[i] ^= 1;
+        EXPECT_TRUE(client.send(frame) && client.wait_closed()) << client.error();
+        reconnect();
+    }
+    EXPECT_TRUE(daemon.wait_log("<!> magic bit mismatch. sockfd : ", 4));
+    EXPECT_EQ(daemon.count_log(", rlen : 1407\n"), 4u);
+    const std::size_t lines = messages(daemon.log()).size();
+    const TCP_CMD_MSG frame = start_frame('7');
+    for (const std::size_t sent : {0, 1, 3, 5, 6, 700, 1406}) { // a frame that the peer does not finish
+        EXPECT_TRUE(sent == 0 || client.send_bytes(&frame, sent));
+        shutdown(client.fd(), SHUT_WR);
+        EXPECT_TRUE(client.wait_closed()) << sent << client.error();
+        reconnect();
+    }
+    EXPECT_EQ(messages(daemon.log()).size(), lines);
+    expect_serving();
+}
+
+TEST_F(Commands, SurviveRandomFrames) {
+    std::mt19937 random(11);
+    const std::string types = "27BD27BD0135@";
+    for (int i = 0; i < 400; ++i) {
+        TCP_CMD_MSG frame = start_frame(types[random() % types.size()]);
+        auto* body = reinterpret_cast<unsigned char*>(&frame.body);
+        const bool text = i % 2 == 0; // digits, letters and separators, or any byte
+        std::generate(body, body + sizeof frame.body, [&] {
+            return static_cast<unsigned char>(text ? "0123456789SEVBDXYA-, /"[random() % 22] : random());
+        });
+        TCP_CMD_MSG answer;
+        if (!client.request(frame, &answer))
+            reconnect();
+    }
+    expect_serving();
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(Commands, ServeFiveClientsAndNoSixth) {
+    command_client others[4];
+    TCP_CMD_MSG answer;
+    for (command_client& other : others)
+        EXPECT_TRUE(other.connect("127.0.0.1", daemon.port()) && other.request(start_frame('7'), &answer));
+    command_client sixth;
+    EXPECT_TRUE(sixth.connect("127.0.0.1", daemon.port()) && sixth.wait_closed()) << sixth.error();
+    EXPECT_TRUE(daemon.wait_log("<!> client_list error.. client_num : 5\n"));
+    for (command_client& other : others)
+        EXPECT_TRUE(other.request(start_frame('7'), &answer)) << other.error();
+    EXPECT_TRUE(client.request(start_frame('7'), &answer)) << client.error();
+    others[1].close();
+    EXPECT_TRUE(wait_until([&] {
+        return sixth.connect("127.0.0.1", daemon.port()) && sixth.request(start_frame('7'), &answer);
+    })) << sixth.error();
+}
+
+TEST_F(Commands, ComeTogetherOrInPieces) {
+    const TCP_CMD_MSG both[2] = {start_frame('7'), start_frame('D')};
+    EXPECT_TRUE(client.send_bytes(both, sizeof both));
+    for (const char type : {'8', 'E'}) {
+        TCP_CMD_MSG answer;
+        EXPECT_TRUE(client.receive(&answer)) << client.error();
+        EXPECT_EQ(answer.hdr.msg_type[0], type);
+    }
+    for (std::size_t i = 0; i < sizeof both[0]; ++i)
+        ASSERT_TRUE(client.send_bytes(reinterpret_cast<const char*>(both) + i, 1));
+    TCP_CMD_MSG answer;
+    EXPECT_TRUE(client.receive(&answer)) << client.error();
+
+    command_client other; // has to wait for the stalled frame, but not for long
+    EXPECT_TRUE(other.connect("127.0.0.1", daemon.port()));
+    EXPECT_TRUE(client.send_bytes(both, 700));
+    EXPECT_TRUE(other.request(both[0], &answer)) << other.error();
+    EXPECT_TRUE(client.wait_closed()) << client.error();
+}
+
+TEST_F(Commands, GiveUpAClientThatNeverReads) {
+    const agt::unique_fd deaf(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int small = 1;
+    setsockopt(deaf.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    peer.sin_port = htons(static_cast<unsigned short>(daemon.port()));
+    ASSERT_EQ(connect(deaf.get(), reinterpret_cast<sockaddr*>(&peer), sizeof peer), 0);
+    const TCP_CMD_MSG request = start_frame('D');
+    EXPECT_TRUE(wait_until([&] { // the daemon takes no more
+        while (send(deaf.get(), &request, sizeof request, MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
+            continue;
+        return daemon.count_log("<!> tcp send error.. slen : -1\n") == 1;
+    }));
+    expect_serving();
+    const linger reset = {1, 0};
+    for (int i = 0; i < 20; ++i) { // clients that are gone before their answer comes
+        EXPECT_TRUE(client.send(request) && client.send(request));
+        setsockopt(client.fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        reconnect();
+    }
+    expect_serving();
+}
+
+} // namespace

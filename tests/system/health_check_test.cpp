@@ -1,0 +1,346 @@
+// Reports to the server: every byte of a health check and of the device information, and what a bad server does to the
+// connection. Cycles run in this process, on memory of its own; one test sees the real program report.
+#include "health_check.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <filesystem>
+
+#include "checks.h"
+#include "field.h"
+#include "get_service_list.h"
+#include "jcache_hash_stk.h"
+#include "log_printf.h"
+#include "process_globals.h"
+#include "ptrc_hash_stk.h"
+#include "sem.h"
+#include "set_svc_hash_tbl.h"
+#include "settings.h"
+#include "shmem.h"
+#include "stand_in.h"
+#include "tcp_base.h"
+#include "tran_agt.h"
+#include "tran_logf_que_info.h"
+
+namespace {
+
+using namespace test_support;
+using namespace kessard;
+using kessctl::stand_in_options;
+
+// A zeroed record of any size; pages that nobody touches cost nothing.
+template <class T> class zeroed {
+  public:
+    zeroed()
+        : memory_(
+              mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0)) {}
+    zeroed(const zeroed&) = delete;
+    zeroed& operator=(const zeroed&) = delete;
+    ~zeroed() { munmap(memory_, sizeof(T)); }
+    T* get() const { return static_cast<T*>(memory_); }
+
+  private:
+    void* memory_;
+};
+
+class HealthCheck : public testing::Test {
+  protected:
+    agent directory; // its log, its keys
+    kessctl::stand_in server;
+    TRAN_LOGF_QUE_INFO settings{};
+    zeroed<SVC_HASH_TBL> services;
+    zeroed<PTRC_HASH_TBL> traces;
+    zeroed<JCACHE_HASH_TBL> cache;
+    zeroed<TRAN_AGT_SHM> segment;
+    bool reconnect = false;
+
+    HealthCheck() {
+        EXPECT_EQ(server.start(), "");
+        agt::open_log(directory.path("logs/proc/kessard").c_str(), "kessard", 1);
+        set_server_address("127.0.0.1", server.port());
+        agt::copy_text(api_stat_out_fn, directory.path("api_stat.out").c_str());
+        svc_hash_tbl_semid = agt::create_sem(directory.sem_key("SVC_HASH_TBL_SEMKEY"), 1);
+        que_info = &settings;
+        svc_hash_tbl = services.get();
+        ptrc_hash_tbl = traces.get();
+        jcache_hash_tbl = cache.get();
+        tran_agt_shm = segment.get();
+        proc_info = tran_agt_shm->proc_info;
+        running = 1;
+    }
+    ~HealthCheck() override {
+        agt::close_tcp_session(svr_cmd_sockfd.exchange(-1));
+        agt::close_log();
+    }
+
+    // Runs one cycle; the body that the server got, empty when it got none.
+    std::string cycle() {
+        server.forget_messages();
+        health_check_cycle(&reconnect);
+        const auto got = server.wait_for('0', 1, 0);
+        return got ? std::string(reinterpret_cast<const char*>(&got->frame.body), sizeof(BODY_HEALTH_CHECK_REQ)) : "";
+    }
+    void add_process(const char* name, bool off) {
+        PROCESS_INFO& row = proc_info[tran_agt_shm->proc_num++];
+        agt::copy_text(row.proc_bin, name);
+        row.cur_sts = off ? 'x' : 'y';
+        row.act_sts = 'y';
+    }
+    void add_trace(unsigned slot, const char* tid, const char* proc_nm) {
+        ptrc_hash_tbl->used.idx[ptrc_hash_tbl->used.top++] = slot;
+        if (slot < PTRC_HASH_SLOTS) {
+            agt::copy_text(ptrc_hash_tbl->h_arr[slot].param.tid, tid);
+            agt::copy_text(ptrc_hash_tbl->h_arr[slot].param.proc_nm, proc_nm);
+        }
+    }
+};
+
+std::string host_name() {
+    char name[65] = "";
+    gethostname(name, sizeof name);
+    return std::string(name, sizeof name);
+}
+
+TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
+    agt::copy_text(agt_ipaddr, "10.1.2.3");
+    agt_cmd_port = 7000;
+    agt::copy_text(log_interface, "01");
+    settings.log_flag_set = 0x81;
+    settings.qcnt = 16;
+    settings.magic_code = TRACE_ON_MAGIC_CODE;
+    settings.svc_filtering = -1;
+    settings.call_trc_depth = 123456;
+    settings.call_trc_limit = -5;
+    settings.dbio_trc_limit = 2147483648;
+    settings.sql_trc_limit = 98765432109;
+    settings.save_apilog_yn = '1';
+    settings.save_relllog_yn = '-';
+    int existed = 0;
+    tran_logf_que_info_shmkey = directory.shm_key("TRAN_LOGF_QUE_INFO_SHMKEY");
+    svc_hash_tbl_shmkey = directory.shm_key("SVC_HASH_TBL_SHMKEY"); // no such segment
+    const int shmid = agt::create_shm(tran_logf_que_info_shmkey, 1, &existed);
+    void* attached[] = {agt::attach_shm(shmid), agt::attach_shm(shmid)};
+    svc_hash_tbl->alloc_cnt = 42;
+    add_process("pulsed", true);
+    add_trace(3, "000000000000000", "java");
+    add_trace(4, "000000000000001", "java");
+    ptrc_hash_tbl->used.top = 1234; // the others name slot 0, which is no process
+    jcache_hash_tbl->used.top = 2000000;
+    tran_agt_shm->que_stat[0] = {123456, 7, UINT_MAX, 3, 9, 99.5F};
+    tran_agt_shm->que_stat[15] = {0, 0, 0, 0, 0, -1.25F};
+
+    const std::string zeros = "00000,00000,00000,00000,00000,";
+    std::string rows;
+    for (int i = 1; i < 15; ++i)
+        rows += zeros + "0.00  ,";
+    const std::string head = host_name() + "10.1.2.3       ,07000,01,SQ      ,016,1,-,12345,-000000000,2147483648," +
+                             "9876543210,00000002,-0000000,00000042,1,0,1,00001,12.34 ,100.00," +
+                             "12345,00007,-0000,00003,00003,99.50 ," + rows + zeros + "-1.25 ,";
+    ASSERT_EQ(head.size(), offsetof(BODY_HEALTH_CHECK_REQ, api_stat));
+    const std::string zero_records(210, '\0');
+    const std::time_t before = std::time(nullptr);
+    const std::string body = cycle();
+    EXPECT_EQ(body.substr(0, head.size()), head);
+    EXPECT_EQ(body.substr(791, 210), zero_records); // no file was read yet
+    EXPECT_EQ(body.substr(1014), "pulsed 1" + std::string(301 - 8, '\0'));
+    const auto frame = server.wait_for('0')->frame;
+    EXPECT_EQ(std::memcmp(&frame, "\x90\x85\x20\x83\x30\0", 6), 0);
+
+    int clock[4] = {};
+    ASSERT_EQ(std::sscanf(body.c_str() + 1001, "%2d%2d%2d%6d,", &clock[0], &clock[1], &clock[2], &clock[3]), 4);
+    EXPECT_EQ(body.find_first_not_of("0123456789", 1001), 1013u);
+    EXPECT_EQ(body[1013], ',');
+    const struct tm then = agt::local_time(before);
+    const int late = clock[0] * 3600 + clock[1] * 60 + clock[2] - then.tm_hour * 3600 - then.tm_min * 60 - then.tm_sec;
+    EXPECT_LE((late + 86400) % 86400, 60);
+
+    const std::string start = "(i) ##### health check start, ip : 127.0.0.1(" + std::to_string(server.port()) +
+                              ") every 30(sec) send 1407 bytes.";
+    const texts lines = {start, "(i) ##### health check complete (slen : 1407, rlen : 1407), result_code : 0, "
+                                "svr_gap_time : 0         "};
+    EXPECT_EQ(messages(directory.log()), lines);
+
+    ptrc_hash_tbl = nullptr;
+    jcache_hash_tbl = nullptr;
+    EXPECT_EQ(cycle().substr(179, 20), "-0000,-1.00 ,-1.00 ,");
+    EXPECT_EQ(server.connections(), 1);
+    for (const void* address : attached)
+        agt::detach_shm(address);
+}
+
+TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
+    const std::string blanks(105, ' ');
+    const auto record = [](std::string line) {
+        line += '\0';
+        line.resize(105, ' ');
+        return line;
+    };
+    const std::string wide(150, 'w');
+    const struct {
+        const char* name;
+        std::string text;
+        std::string records;
+        std::size_t logged;
+    } cases[] = {{"empty", "", blanks + blanks, 0},
+                 {"one line", "WEB  1\n", record("WEB  1\n") + blanks, 1},
+                 {"no line end", "WEB", record("WEB") + blanks, 1},
+                 {"two lines", wide + "\nB\n", wide.substr(0, 105) + record("B\n"), 2},
+                 {"three lines", "A\nB\nC\n", record("A\n") + record("B\n"), 3},
+                 {"four lines", "A\nB\nC\nD\n", record("A\n") + record("B\n"), 3},
+                 {"a line that never ends", std::string(5000, 'x'), std::string(210, 'x'), 3}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.name);
+        directory.write_file("api_stat.out", one.text);
+        directory.mark_log();
+        EXPECT_EQ(cycle().substr(791, 210), one.records);
+        EXPECT_EQ(directory.count_log("(I) api_stat.out #"), one.logged);
+    }
+    std::filesystem::remove(directory.path("api_stat.out"));
+    EXPECT_EQ(cycle().substr(791, 210), std::string(210, 'x')); // as before
+    directory.write_file("api_stat.out", "A\n");
+    directory.mark_log();
+    cycle();
+    EXPECT_EQ(directory.count_log("(I) api_stat.out #0 --> |A\n|\n"), 1u);
+}
+
+TEST_F(HealthCheck, SummarisesProcessesThatAreNotAsWanted) {
+    const std::string longest(50, 'p');
+    const struct {
+        texts names; // '+' in front: as wanted
+        std::string text;
+    } cases[] = {{{}, ""},
+                 {{"+a", "+b"}, ""},
+                 {{"trailsink", "trailsink", "pulsed"}, "trailsink 2, pulsed 1"},
+                 {{"a", "+b", "a", "+a", "a"}, "a 3"},
+                 {{"a", "b", "a"}, "a 1, b 1, a 1"},
+                 {{longest, "b", longest, "b", longest, "b", longest, "b", longest, "b", longest}, ""}};
+    for (const auto& one : cases) {
+        tran_agt_shm->proc_num = 0;
+        for (const std::string& name : one.names)
+            add_process(name.c_str() + (name[0] == '+' ? 1 : 0), name[0] != '+');
+        char text[301];
+        std::memset(text, 'x', sizeof text);
+        const bool overflows = one.names.size() > 10;
+        EXPECT_EQ(get_engine_sts(text), overflows || !one.text.empty() ? 1 : 0);
+        if (overflows) {
+            EXPECT_EQ(std::string(text).substr(0, 60), longest + " 1, b 1, p");
+            EXPECT_EQ(strnlen(text, sizeof text), 300u);
+        } else {
+            EXPECT_STREQ(text, one.text.c_str());
+        }
+    }
+    char text[301];
+    for (const int rows : {-1, INT_MIN, INT_MAX}) { // of another process's making
+        tran_agt_shm->proc_num = rows;
+        EXPECT_EQ(get_engine_sts(text), rows > 0 ? 1 : 0);
+    }
+}
+
+TEST_F(HealthCheck, CountsInitialProcesses) {
+    add_trace(0, "000000000000000", "java");
+    add_trace(9999, "000000000000000", "python");
+    add_trace(2, "000000000000000", "trailsink");
+    add_trace(3, "000000000000000", "pulsed2");
+    add_trace(4, "000000000000000", "beaconer");
+    add_trace(5, "000000000000000", "pulse");
+    add_trace(6, "00000000000000", "java");
+    add_trace(10000, "", ""); // no slot
+    EXPECT_EQ(get_init_proc_num(), 3);
+    ptrc_hash_tbl->used.top = UINT_MAX;
+    EXPECT_EQ(get_init_proc_num(), 3 + (10000 - 8)); // the rest names slot 0
+}
+
+TEST_F(HealthCheck, SendsTheDeviceInformationOnce) {
+    const struct {
+        double mem_total;
+        std::string text;
+    } cases[] = {{16384.0, "16384." + std::string(24, '0')},
+                 {0.5, "0.5" + std::string(27, '0')},
+                 {-1e40, "-10000000000000000303786028427"}};
+    for (const auto& one : cases) {
+        std::memset(tran_agt_shm->device_info.os_info, 'o', 201);
+        tran_agt_shm->device_info.core_cnt = 8;
+        tran_agt_shm->device_info.mem_total = one.mem_total;
+        server.forget_messages();
+        EXPECT_EQ(transfer_device_info(), 1);
+        EXPECT_EQ(transfer_device_info(), 1); // connected already: not sent again
+        EXPECT_EQ(server.messages().size(), 1u);
+        const auto frame = server.wait_for('H')->frame;
+        EXPECT_EQ(std::memcmp(&frame, "\x90\x85\x20\x83H\0", 6), 0);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(&frame.body), 303),
+                  host_name() + std::string(200, 'o') + ",00008," + one.text + ",");
+        agt::close_tcp_session(svr_cmd_sockfd.exchange(-1));
+    }
+    EXPECT_EQ(directory.count_log("(i) ##### device info send complete\n"), 6u);
+    server.close_listener();
+    EXPECT_EQ(transfer_device_info(), -1);
+    EXPECT_EQ(directory.count_log("<!> server connection fail. (ip 127.0.0.1, port "), 1u);
+}
+
+TEST_F(HealthCheck, RetrievesTheListAfterAFailedConnect) {
+    const std::string line = std::string(48, '#') + "\n";
+    EXPECT_NE(cycle(), ""); // the first success does not
+    EXPECT_FALSE(reconnect);
+    server.change([](stand_in_options& options) { options.faults['0'].close_after_bytes = 5; });
+    EXPECT_NE(cycle(), "");
+    EXPECT_EQ(svr_cmd_sockfd, -1);
+    EXPECT_FALSE(reconnect); // a connection that broke does not either
+    EXPECT_EQ(directory.count_log("<!> XXXX server recv error.. , rlen : 0\n"), 1u);
+    server.close_listener();
+    EXPECT_EQ(cycle(), "");
+    EXPECT_EQ(cycle(), "");
+    EXPECT_TRUE(reconnect);
+    EXPECT_EQ(directory.count_log("<!> server connection fail. (ip 127.0.0.1, port "), 2u);
+    EXPECT_EQ(directory.count_log(line), 0u);
+    EXPECT_EQ(server.open_listener(), "");
+    server.change([](stand_in_options& options) { options.faults['0'] = {.wrong_type = 'x'}; }); // not looked at
+    EXPECT_NE(cycle(), "");
+    EXPECT_FALSE(reconnect);
+    EXPECT_TRUE(
+        in_order(directory.log(), {line, "get service list thread is starting..", line, "health check complete"}));
+    th_join_get_service_list();
+    EXPECT_EQ(server.count('4'), 1u);
+    EXPECT_NE(cycle(), "");
+    EXPECT_EQ(directory.count_log("get service list thread is starting.."), 1u);
+}
+
+TEST_F(HealthCheck, ReconnectsToAMuteServer) {
+    server.change([](stand_in_options& options) { options.faults['0'].silent = true; });
+    const long long start_ms = agt::monotonic_ms();
+    EXPECT_NE(cycle(), "");
+    EXPECT_GE(agt::monotonic_ms() - start_ms, 10000);
+    EXPECT_EQ(svr_cmd_sockfd, -1);
+    EXPECT_EQ(directory.count_log("<!> XXXX server recv error.. , rlen : -2\n"), 1u);
+    server.change([](stand_in_options& options) { options.faults.clear(); });
+    EXPECT_NE(cycle(), "");
+    EXPECT_EQ(server.connections(), 2);
+    EXPECT_FALSE(reconnect);
+}
+
+TEST(HealthCheckProgram, SendsTheDeviceInformationAtStart) {
+    kessctl::stand_in server;
+    agent daemon;
+    ASSERT_EQ(server.start(), "");
+    daemon.set("TRAN_SERVER", "CMD_PORT", server.port());
+    daemon.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "1000");
+    auto* segment = static_cast<TRAN_AGT_SHM*>(daemon.create_shm("TRAN_AGT_SHMKEY", sizeof(TRAN_AGT_SHM)));
+    segment->device_info.core_cnt = 123456;
+    segment->device_info.mem_total = 1.0;
+    agt::copy_text(segment->device_info.os_info, "Linux");
+    daemon.start();
+    const auto got = server.wait_for('H');
+    ASSERT_TRUE(got);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&got->frame.body), 303),
+              host_name() + "Linux" + std::string(195, ' ') + ",12345,1." + std::string(28, '0') + ",");
+    EXPECT_TRUE(daemon.wait_log("(i) ##### device info send complete\n"));
+    EXPECT_EQ(daemon.count_log("(I) server notify(cmd) port connect ok!(ip : 127.0.0.1, port: " +
+                               std::to_string(server.port()) + ")\n"),
+              1u);
+    EXPECT_EQ(server.count('0'), 0u); // the first health check comes 30 s later
+}
+
+} // namespace

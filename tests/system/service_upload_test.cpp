@@ -1,0 +1,288 @@
+// Uploads of a script's service list through the real program.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+
+#include "checks.h"
+#include "frame.h"
+#include "stand_in.h"
+
+namespace {
+
+using namespace test_support;
+using kessctl::stand_in;
+
+constexpr char UPDATE = MSG_UPDATE_SERVICE_LIST_REQ;
+constexpr char STARTED[] = "(I) run shell-command get service list starting..";
+constexpr char ENDED[] = "(I) End Thread-function(cmd_service_list)...";
+constexpr char RETRIEVED[] = "### get_service_list() ### thread function END...";
+
+// An agent whose trigger file runs its script, and the server that it uploads to.
+class ServiceUpload : public testing::Test {
+  protected:
+    stand_in server;
+    agent a;
+
+    ServiceUpload() {
+        a.set("SERVICE_HASH", "DAILY_UPDATE_YN", "Y");
+        a.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "----");
+        write_script("echo never");
+    }
+    void SetUp() override {
+        ASSERT_EQ(server.start(), "");
+        a.set("TRAN_SERVER", "CMD_PORT", server.port());
+    }
+    // Starts the agent; the first retrieval is over then, and no connection stands but the health check's.
+    void start() {
+        start_running(a);
+        ASSERT_TRUE(server.wait_for(MSG_DEVICE_INFO_REQ));
+        server.forget_messages();
+    }
+    void write_script(const std::string& text) const { a.write_file("services.sh", "#!/bin/sh\n" + text + "\n", 0755); }
+    // Has an upload started; one that is just ending makes the agent refuse the next.
+    void trigger() {
+        a.mark_log();
+        const auto started = [&] {
+            if (!std::filesystem::exists(a.path("svc_update")) && a.count_log(STARTED) == 0)
+                a.write_file("svc_update", "");
+            return a.count_log(STARTED) > 0;
+        };
+        ASSERT_TRUE(wait_until(started));
+    }
+    void upload() {
+        server.forget_messages();
+        ASSERT_NO_FATAL_FAILURE(trigger());
+        ASSERT_TRUE(a.wait_log(ENDED));
+        ASSERT_TRUE(a.wait_log(RETRIEVED));
+    }
+    void change(const std::function<void(kessctl::stand_in_options&)>& edit) { server.change(edit); }
+};
+
+std::string host_name() {
+    char name[65] = "";
+    gethostname(name, sizeof name);
+    return name;
+}
+
+std::string lines(int count) {
+    return "for i in $(seq " + std::to_string(count) + "); do echo SVC$i $i; done";
+}
+
+// The blocks of an upload: result_code and element_num of each.
+texts blocks(const stand_in& server) {
+    texts found;
+    for (const kessctl::received_message& message : server.messages())
+        if (message.frame.hdr.msg_type[0] == UPDATE)
+            found.push_back(kessctl::field_text(message.frame, "result_code") + " " +
+                            kessctl::field_text(message.frame, "element_num"));
+    return found;
+}
+
+TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
+    const struct {
+        int services;
+        texts blocks;
+    } cases[] = {{0, {}}, {1, {"3 001"}}, {15, {"3 015"}}, {16, {"3 015", "4 001"}}, {31, {"3 015", "4 015", "4 001"}}};
+    ASSERT_NO_FATAL_FAILURE(start());
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.services);
+        write_script(lines(one.services));
+        ASSERT_NO_FATAL_FAILURE(upload());
+        EXPECT_EQ(blocks(server), one.blocks);
+        EXPECT_EQ(a.count_log("\t[#"), static_cast<std::size_t>(one.services));
+        EXPECT_EQ(a.count_log("######### element_num string : 015"), static_cast<std::size_t>(one.services / 15));
+        EXPECT_EQ(a.count_log("(I) Update Service List Complete."), one.blocks.size());
+        EXPECT_TRUE(
+            in_order(a.log(), {"(I) Total [" + std::to_string(one.services) + "] Services Server Update, Success..",
+                               ENDED, "(i) get service list thread is starting.."}));
+        EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 1u);
+        EXPECT_FALSE(std::filesystem::exists(a.path("svc_update")));
+    }
+    const auto last = server.wait_for(UPDATE, 3);
+    ASSERT_TRUE(last);
+    EXPECT_EQ(kessctl::field_text(last->frame, "elements[0].service_id"), "SVC31");
+    EXPECT_TRUE(in_order(
+        a.log(),
+        {STARTED, "###(I) call thread-function(cmd_service_list)...", "###(I) service block-elements(max 15).",
+         "###(I) trying server connect. (ip 127.0.0.1, port ", "(i) server connection success. (ip 127.0.0.1, port ",
+         "(I) run script : " + a.path("services.sh") + "\n",
+         "\t[#015] host_name : " + host_name() + ", service_id : SVC15, limit : 15\n",
+         "######### element_num string : 015\n", "(I) Send Msg To Server (-> UPDATE_SERVICE_LIST_REQ )",
+         "(I) Receive Msg From Server (<- UPDATE_SERVICE_LIST_RSP )", "(I) Update Service List Complete.",
+         "\t[#016] host_name : "}));
+}
+
+TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
+    a.write_file("list", "first 1\n"
+                         "lonely\n"
+                         "\n"
+                         "  \ttabs\t\v22  third word\r\n"
+                         "a_service_id_beyond_16 12345678901234\n" +
+                             std::string(508, 'x') + " 9 pieces\n" + // the second piece starts in the limit's line
+                             std::string(600, ' ') +
+                             "late 5\n"
+                             "unended 7");
+    write_script("cat " + a.path("list"));
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_NO_FATAL_FAILURE(upload());
+    const auto message = server.wait_for(UPDATE);
+    ASSERT_TRUE(message);
+    TCP_CMD_MSG wanted = kessctl::start_frame(UPDATE);
+    auto& body = wanted.body.update_service_list_req;
+    body.result_code[0] = '3';
+    std::memcpy(body.element_num, "006", 4);
+    const struct {
+        const char* service_id;
+        const char* limit;
+    } services[] = {{"first", "1"}, {"tabs", "22"},  {"a_service_id_bey", "1234567890"}, {"xxxxxxxxxxxxxxxx", "9"},
+                    {"late", "5"},  {"unended", "7"}};
+    for (int i = 0; i < 6; ++i) {
+        std::strcpy(body.elements[i].host_name, host_name().c_str());
+        std::strcpy(body.elements[i].service_id, services[i].service_id);
+        std::strcpy(body.elements[i].limit, services[i].limit);
+    }
+    EXPECT_EQ(std::memcmp(&message->frame, &wanted, sizeof wanted), 0);
+    const std::string skipped = "<!> SKIP.. DATA -> fail get service, format string : ";
+    EXPECT_EQ(a.count_log(skipped), 4u);
+    EXPECT_TRUE(in_order(a.log(), {"\t[#001]", skipped + "lonely\n", skipped + "\n", "\t[#002]", "\t[#004]",
+                                   skipped + "pieces\n", skipped + std::string(511, ' ') + "\n", "\t[#005]",
+                                   "\t[#006] host_name : " + host_name() + ", service_id : unended, limit : 7\n",
+                                   "(I) Total [6] Services Server Update, Success.."}));
+}
+
+TEST_F(ServiceUpload, GoesOnWhenBlocksAreRefused) {
+    change([](auto& options) { options.update_result = '7'; });
+    write_script(lines(31));
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_NO_FATAL_FAILURE(upload());
+    EXPECT_EQ(blocks(server).size(), 3u);
+    EXPECT_EQ(a.count_log("<!> Update Service List Fail. Result Code : '7'"), 3u);
+    EXPECT_EQ(a.count_log("(I) Total [31] Services Server Update, Success.."), 1u);
+}
+
+TEST_F(ServiceUpload, StopsAtABrokenServer) {
+    kessctl::answer_fault closing;
+    closing.close_after_bytes = 100;
+    kessctl::answer_fault wrong_type;
+    wrong_type.wrong_type = 'B';
+    kessctl::answer_fault wrong_magic;
+    wrong_magic.wrong_magic = true;
+    const struct {
+        kessctl::answer_fault fault;
+        int services;
+        const char* line;
+    } cases[] = {{closing, 3, "<!> shcmd_service_list1, server recv error.. rlen : 0"},
+                 {closing, 20, "<!> shcmd_service_list2, server recv error.. rlen : 0"},
+                 {wrong_type, 3, "<!> Response Msg MisMatch Type : 'B'"},
+                 {wrong_type, 20, "<!> Response Msg MisMatch Type : 'B'"},
+                 {wrong_magic, 20, "<!> magic bit mismatch. sockfd : "}};
+    ASSERT_NO_FATAL_FAILURE(start());
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.line);
+        change([&](auto& options) { options.faults[UPDATE] = one.fault; });
+        write_script(lines(one.services));
+        ASSERT_NO_FATAL_FAILURE(trigger());
+        EXPECT_TRUE(a.wait_log(one.line));
+        EXPECT_EQ(a.count_log("(I) Send Msg To Server"), 1u);
+    }
+    EXPECT_EQ(blocks(server).size(), std::size(cases));
+    EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 0u); // none of them was followed by a retrieval
+    change([](auto& options) { options.faults.clear(); });
+    ASSERT_NO_FATAL_FAILURE(upload());
+    EXPECT_EQ(a.count_log("(I) Total [20] Services Server Update, Success.."), 1u);
+}
+
+TEST_F(ServiceUpload, GivesUpAMuteServerAfterTenSeconds) {
+    change([](auto& options) { options.faults[UPDATE].silent = true; });
+    write_script("echo one 1");
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_NO_FATAL_FAILURE(trigger());
+    EXPECT_TRUE(a.wait_log("<!> shcmd_service_list1, server recv error.. rlen : -2"));
+    EXPECT_EQ(a.stop(), 0);
+    EXPECT_EQ(a.count_log("Total ["), 0u);
+    EXPECT_EQ(a.count_log("get service list thread is starting"), 0u);
+}
+
+TEST_F(ServiceUpload, RetrievesAllTheSameWhenNobodyTakesTheConnection) {
+    ASSERT_NO_FATAL_FAILURE(start());
+    server.stop();
+    ASSERT_NO_FATAL_FAILURE(trigger());
+    EXPECT_TRUE(a.wait_log(RETRIEVED));
+    EXPECT_TRUE(in_order(a.log(), {"<!> server connection fail. (ip 127.0.0.1, port " + std::to_string(server.port()) +
+                                       ")\n", // no blank at the end
+                                   ENDED, "(i) get service list thread is starting..",
+                                   "<!> server connection fail. (ip 127.0.0.1, port "}));
+    EXPECT_EQ(a.count_log("run script"), 0u);
+}
+
+// The lowest descriptor numbers that a process does not use.
+std::vector<int> free_fds(pid_t pid) {
+    std::vector<int> found;
+    for (int fd = 0; found.size() < 2; ++fd)
+        if (!std::filesystem::is_symlink("/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd)))
+            found.push_back(fd);
+    return found;
+}
+
+TEST_F(ServiceUpload, EndsWithoutAWordWhenTheScriptCannotStart) {
+    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1); // nobody reads the configuration file then
+    ASSERT_NO_FATAL_FAILURE(start());
+    write_script("echo one 1");
+    ASSERT_NO_FATAL_FAILURE(upload()); // from here on a thread costs no descriptors
+    server.forget_messages();
+    rlimit before{};
+    ASSERT_EQ(prlimit(a.pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit one_more = {static_cast<rlim_t>(free_fds(a.pid()).at(1)), before.rlim_max}; // the connection's
+    ASSERT_EQ(prlimit(a.pid(), RLIMIT_NOFILE, &one_more, nullptr), 0);
+    const int connections = server.connections();
+    ASSERT_NO_FATAL_FAILURE(trigger());
+    EXPECT_TRUE(a.wait_log("(I) run script : "));
+    EXPECT_TRUE(server.wait_connections(connections + 1));
+    ASSERT_EQ(prlimit(a.pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    EXPECT_EQ(a.stop(), 0);
+    EXPECT_EQ(a.count_log("Total ["), 0u);
+    EXPECT_EQ(a.count_log(ENDED), 0u);
+    EXPECT_EQ(a.count_log("get service list thread is starting"), 0u);
+    EXPECT_EQ(server.count(UPDATE), 0u);
+}
+
+TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
+    write_script("echo one 1; exec sleep 300");
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_NO_FATAL_FAILURE(trigger());
+    EXPECT_TRUE(a.wait_log("\t[#001]"));
+    const long long start_ms = agt::monotonic_ms();
+    EXPECT_EQ(a.stop(), 0);
+    EXPECT_LT(agt::monotonic_ms() - start_ms, 6000);
+    EXPECT_TRUE(in_order(a.log(), {"[ kessard ] end.. resource clear.", "(I) completed join st_log.",
+                                   "(I) completed join health_check.", "(I) completed join shcmd_service_list.",
+                                   "[ kessard ] end.. complete."}));
+    EXPECT_EQ(a.count_log(ENDED), 0u);
+    EXPECT_EQ(server.count(UPDATE), 0u);
+}
+
+TEST_F(ServiceUpload, RunsAtTheDailyTimeToo) {
+    a.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "0000");
+    write_script("echo daily 1");
+    start_running(a);
+    EXPECT_TRUE(server.wait_for(UPDATE));
+    EXPECT_TRUE(a.wait_log(RETRIEVED, 2));
+    EXPECT_TRUE(in_order(a.log(), {"(I) time over!! start update service hhmi(0000)", STARTED, ENDED}));
+}
+
+TEST_F(ServiceUpload, OnlyAnnouncesWithoutTheKey) {
+    a.unset("SERVICE_HASH", "DAILY_UPDATE_YN");
+    ASSERT_NO_FATAL_FAILURE(start());
+    EXPECT_EQ(a.err(), "");
+    a.write_file("svc_update", "");
+    EXPECT_TRUE(a.wait_log("(I) start forced update service"));
+    EXPECT_TRUE(wait_until([&] { return !std::filesystem::exists(a.path("svc_update")); }));
+    EXPECT_EQ(a.stop(), 0);
+    EXPECT_EQ(a.count_log(STARTED), 0u);
+}
+
+} // namespace

@@ -1,0 +1,299 @@
+// Start-up through the real program: the order of its log lines, what stops it, what it leaves in the shared objects,
+// and the background mode.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+
+#include "checks.h"
+#include "command_client.h"
+#include "frame.h"
+#include "tcp_base.h"
+
+namespace {
+
+using namespace test_support;
+
+class Startup : public testing::Test {
+  protected:
+    agent daemon;
+
+    static std::string keyed(const std::string& text, key_t key) {
+        char hex[32];
+        std::snprintf(hex, sizeof hex, ".[key:0x%x]", static_cast<unsigned>(key));
+        return text + hex;
+    }
+    std::string shm(const std::string& text, const std::string& name) const {
+        return keyed(text, daemon.shm_key(name + "_SHMKEY"));
+    }
+    std::string sem(const std::string& text, const std::string& name) const {
+        return keyed(text, daemon.sem_key(name + "_SEMKEY"));
+    }
+
+    // The log of a start without a server, up to the threads; `how` is "create" or "open".
+    texts start_lines(const std::string& how) const {
+        const std::string port = std::to_string(daemon.port());
+        const std::string done = " " + how + " complete";
+        texts lines = {
+            "(I) agt_cmd_port [" + port + ":" + port + "]",
+            "(I) Active Service Detail Monitoring OFF.(0ms)",
+            ">> Update DAILY_UPDATE_HHMI(4DIGIT) : ----",
+            ">> Update DAILY_UPDATE_SCRIPT : " + daemon.path("services.sh"),
+            "svc_update_chk_fn = " + daemon.path("svc_update"),
+            "trc_sts_check_period = 10",
+            "api_stat_out_fn = " + daemon.path("svc_update"),
+            "(i) config-file(" + daemon.cfg_file() + ") read complete. TCP_CMD_MSG size 1407 bytes",
+            shm("(i) tran_logf_que_info" + done, "TRAN_LOGF_QUE_INFO"),
+            shm("(i) noti_send_que" + done, "NOTI_SEND_QUE"),
+            sem("(i) noti_send_que semaphore create complete", "NOTI_SEND_QUE"),
+            sem("(i) svc_hash_tbl semaphore create complete", "SVC_HASH_TBL"),
+            shm("(i) svc_hash_tbl" + done, "SVC_HASH_TBL"),
+            "(i) get service list thread is starting..",
+            "<!> server connection fail. (ip 127.0.0.1, port " + std::to_string(daemon.server_port()) + ") ",
+            "### get_service_list() ### thread function END...",
+            sem("(i) ptrc_hash_tbl semaphore create complete", "PTRC_HASH_TBL"),
+            "(i) initializing.. ptrc_hash_tbl.",
+            shm("(i) ptrc_hash_tbl" + done, "PTRC_HASH_TBL"),
+            sem("(i) jcache_hash_tbl semaphore create complete", "JCACHE_HASH_TBL"),
+            "(i) initializing.. jcache_hash_tbl.",
+            shm("(i) jcache_hash_tbl" + done, "JCACHE_HASH_TBL"),
+            sem("(i) tran agent semaphore create complete", "TRAN_AGT"),
+            shm("(i) tran_agt_shm" + done, "TRAN_AGT"),
+        };
+        if (how == "open")
+            std::erase_if(lines, [](const std::string& line) { return line.starts_with("(i) initializing"); });
+        return lines;
+    }
+    // As many lines of the log, without one that may or may not be there.
+    texts logged(const texts& wanted) const {
+        texts lines = messages(daemon.log());
+        std::erase(lines, "(I) completed join get_service_list.");
+        lines.resize(wanted.size());
+        return lines;
+    }
+    // Starts the program, which is to stop by itself; the last line of its log.
+    std::string last_line_of_a_failed_start() {
+        daemon.mark_log();
+        daemon.start();
+        EXPECT_EQ(daemon.wait_exit(), 1);
+        const texts lines = messages(daemon.log());
+        return lines.empty() ? "" : lines.back();
+    }
+    bool answers() const {
+        kessctl::command_client client;
+        TCP_CMD_MSG answer;
+        return client.connect("127.0.0.1", daemon.port()) && client.request(kessctl::start_frame('2'), &answer);
+    }
+};
+
+TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
+    daemon.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "----");
+    start_running(daemon);
+    EXPECT_EQ(logged(start_lines("create")), start_lines("create"));
+    EXPECT_TRUE(daemon.wait_log("(i) statics log print start... running : 1"));
+    EXPECT_TRUE(daemon.wait_log("(i) notify_active_service_detail thread start... running : 1"));
+    EXPECT_EQ(daemon.out(), "ok, get environment-variable (TRAN_AGT_HOME : " + daemon.home() +
+                                ")\nok, get environment-variable (TRAN_AGT_CFG_FILE : " + daemon.cfg_file() + ")\n");
+    EXPECT_EQ(daemon.err(), "");
+    EXPECT_EQ(daemon.stop(), 0);
+
+    TRAN_LOGF_QUE_INFO before;
+    std::memset(daemon.settings(), 0x33, sizeof before);
+    std::memcpy(&before, daemon.settings(), sizeof before);
+    daemon.segment()->proc_num = 7;
+    daemon.services()->h_idx[5] = 4;
+    daemon.traces()->used.top = 3;
+    daemon.cache()->used.top = 2;
+    daemon.noti_que()->info = {9, 9};
+    daemon.set("TRAN_LOGF", "QUE_CNT", 2);
+    daemon.mark_log();
+    start_running(daemon);
+    EXPECT_EQ(logged(start_lines("open")), start_lines("open"));
+    EXPECT_EQ(std::memcmp(daemon.settings(), &before, sizeof before), 0); // the queue count too
+    EXPECT_EQ(daemon.segment()->proc_num, 7);
+    EXPECT_EQ(daemon.services()->h_idx[5], 4);
+    EXPECT_EQ(daemon.traces()->used.top, 3u);
+    EXPECT_EQ(daemon.cache()->used.top, 2u);
+    EXPECT_EQ(daemon.noti_que()->info.rear, 9);
+}
+
+TEST_F(Startup, LeavesNewObjectsInitialised) {
+    start_running(daemon);
+    TRAN_LOGF_QUE_INFO settings{};
+    settings.qcnt = 8;
+    settings.qcnt_mask = 7;
+    EXPECT_EQ(std::memcmp(daemon.settings(), &settings, sizeof settings), 0);
+    const auto all_zero = [](const void* first, std::size_t size) {
+        const auto* bytes = static_cast<const char*>(first);
+        return bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
+    };
+    const auto empty = [&](const auto& table, std::size_t slots_looked_at) { // at both ends of the slots
+        const std::size_t slots = std::size(table.h_arr);
+        const std::size_t bytes = slots_looked_at * sizeof table.h_arr[0];
+        unsigned ascending = 0;
+        while (ascending < slots && table.available.idx[ascending] == ascending)
+            ++ascending;
+        return table.alloc_cnt == 0 && table.used.top == 0 && table.available.top == slots && ascending == slots &&
+               std::count(std::begin(table.h_idx), std::end(table.h_idx), -1) == std::ssize(table.h_idx) &&
+               all_zero(table.h_arr, bytes) && all_zero(&table.h_arr[slots - slots_looked_at], bytes);
+    };
+    EXPECT_TRUE(empty(*daemon.services(), 10000));
+    EXPECT_TRUE(empty(*daemon.traces(), 50));
+    EXPECT_TRUE(empty(*daemon.cache(), 50));
+    EXPECT_TRUE(all_zero(daemon.segment(), sizeof(TRAN_AGT_SHM)));
+    EXPECT_EQ(daemon.noti_que()->info.front + daemon.noti_que()->info.rear, 0);
+    for (const std::string name : {"SVC_HASH_TBL", "NOTI_SEND_QUE", "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT"}) {
+        semid_ds set{};
+        shmid_ds memory{};
+        unsigned short values[16] = {};
+        EXPECT_EQ(semctl(daemon.sem_id(name + "_SEMKEY"), 0, IPC_STAT, &set), 0) << name;
+        EXPECT_EQ(semctl(daemon.sem_id(name + "_SEMKEY"), 0, GETALL, values), 0) << name;
+        EXPECT_EQ(std::count(values, values + 16, 1), name == "TRAN_AGT" ? 8 : 1) << name;
+        EXPECT_EQ(shmctl(shmget(daemon.shm_key(name + "_SHMKEY"), 0, 0), IPC_STAT, &memory), 0) << name;
+        EXPECT_EQ(set.sem_perm.mode & memory.shm_perm.mode & 0777, 0666) << name;
+    }
+}
+
+TEST_F(Startup, StopsAtAMissingKey) {
+    const texts lines = start_lines("create");
+    const struct {
+        std::string last; // line of the log
+        texts keys;
+    } cases[] = {{"", {"COMMON LOG_HOME", "TRAN_AGENT IP_ADDRESS", "TRAN_AGENT CMD_PORT"}},
+                 {lines[0], {"TRAN_SERVER IP_ADDRESS", "TRAN_SERVER CMD_PORT", "ACTIVE_SERVICE_EVENT ACTIVE_LIMIT"}},
+                 {lines[1],
+                  {"IPC_SHARED_MEMORY TRAN_LOGF_QUE_INFO_SHMKEY", "IPC_SHARED_MEMORY SVC_HASH_TBL_SHMKEY",
+                   "IPC_SHARED_MEMORY NOTI_SEND_QUE_SHMKEY", "IPC_SEMAPHORE SVC_HASH_TBL_SEMKEY",
+                   "IPC_SEMAPHORE NOTI_SEND_QUE_SEMKEY"}},
+                 {lines[3], {"TRAN_LOGF LOG_INTERFACE", "TRAN_LOGF TR_SECTION", "CHECK_FILES SVC_UPDATE_CHK_FILE"}},
+                 {lines[4], {"PTRC_HASH TRC_STS_CHECK_PERIOD"}},
+                 {lines[5],
+                  {"IPC_SHARED_MEMORY PTRC_HASH_TBL_SHMKEY", "IPC_SEMAPHORE PTRC_HASH_TBL_SEMKEY",
+                   "IPC_SHARED_MEMORY JCACHE_HASH_TBL_SHMKEY", "IPC_SEMAPHORE JCACHE_HASH_TBL_SEMKEY",
+                   "SERVICE_HASH DEFAULT_TIMEOUT_SEC", "IPC_SHARED_MEMORY TRAN_AGT_SHMKEY",
+                   "IPC_SEMAPHORE TRAN_AGT_SEMKEY", "CHECK_API_STAT ACT"}},
+                 {lines[7], {"TRAN_LOGF QUE_CNT"}}};
+    for (const auto& one : cases)
+        for (const std::string& key : one.keys) {
+            const std::string section = key.substr(0, key.find(' '));
+            const std::string keyword = key.substr(key.find(' ') + 1);
+            const std::string value = daemon.value(section, keyword);
+            daemon.unset(section, keyword);
+            daemon.set(section, "OTHER", "1"); // the section stays
+            EXPECT_EQ(last_line_of_a_failed_start(), one.last) << key;
+            EXPECT_NE(daemon.err().find("not found keyword[" + keyword + "]"), std::string::npos) << daemon.err();
+            daemon.set(section, keyword, value);
+        }
+    daemon.set("CHECK_API_STAT", "ACT", "three words only");
+    EXPECT_EQ(last_line_of_a_failed_start(), lines[5]);
+}
+
+TEST_F(Startup, StopsWithoutItsEnvironmentOrAConfiguration) {
+    for (const std::string name : {"TRAN_AGT_HOME", "TRAN_AGT_CFG_FILE"}) {
+        const std::string value = daemon.variables[name];
+        daemon.variables.erase(name);
+        EXPECT_EQ(last_line_of_a_failed_start(), "");
+        EXPECT_TRUE(daemon.out().ends_with("<!> please, check environment-variable (" + name + ")\n")) << daemon.out();
+        daemon.variables[name] = value;
+    }
+    daemon.write_file("garbage", std::string(100000, '[') + std::string(5000, '\0') + std::string(3000, '='));
+    for (const char* name : {"garbage", "missing", "."}) {
+        daemon.variables["TRAN_AGT_CFG_FILE"] = daemon.path(name);
+        EXPECT_EQ(last_line_of_a_failed_start(), "") << name;
+    }
+}
+
+TEST_F(Startup, StopsAtAnObjectItCannotHave) {
+    const std::pair<const char*, const char*> segments[] = {{"TRAN_LOGF_QUE_INFO", "tran_logf_que_info"},
+                                                            {"NOTI_SEND_QUE", "noti_send_que"},
+                                                            {"SVC_HASH_TBL", "svc_hash_tbl"},
+                                                            {"PTRC_HASH_TBL", "ptrc_hash_tbl"},
+                                                            {"JCACHE_HASH_TBL", "jcache_hash_tbl"},
+                                                            {"TRAN_AGT", "tran_agt_shm"}};
+    for (const auto& [name, logged] : segments) {
+        daemon.create_shm(std::string(name) + "_SHMKEY", 200); // smaller than any of them
+        EXPECT_EQ(last_line_of_a_failed_start(), shm("<!> " + std::string(logged) + " create error", name));
+        shmctl(shmget(daemon.shm_key(std::string(name) + "_SHMKEY"), 0, 0), IPC_RMID, nullptr);
+    }
+    semctl(daemon.sem_id("TRAN_AGT_SEMKEY"), 0, IPC_RMID);
+    semget(daemon.sem_key("TRAN_AGT_SEMKEY"), 1, IPC_CREAT | 0666); // fewer than it needs
+    EXPECT_EQ(last_line_of_a_failed_start(), sem("<!> tran agent semaphore create error", "TRAN_AGT"));
+    const agt::unique_fd listener(agt::open_tcp_server_session("127.0.0.1", daemon.port()));
+    EXPECT_EQ(last_line_of_a_failed_start(),
+              "<!> init tcp server fail. (agent ip : 127.0.0.1, cmd_port : " + std::to_string(daemon.port()) + ")");
+}
+
+TEST_F(Startup, TakesOptionalAndOddValues) {
+    daemon.unset("SERVICE_HASH", "DAILY_UPDATE_HHMI");
+    daemon.unset("SERVICE_HASH", "DAILY_UPDATE_SCRIPT");
+    start_running(daemon);
+    EXPECT_EQ(daemon.count_log(">> Pass DAILY_UPDATE_HHMI\n"), 2u);
+    EXPECT_EQ(daemon.stop(), 0);
+
+    const std::string home = daemon.path(std::string(80, 'h')); // absolute, and a long word
+    std::filesystem::create_directories(home + "/proc/kessard");
+    daemon.set("COMMON", "LOG_HOME", home);
+    daemon.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "235959");
+    daemon.set("SERVICE_HASH", "DAILY_UPDATE_SCRIPT", "/bin/true");
+    daemon.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "500");
+    start_running(daemon);
+    EXPECT_TRUE(in_order(
+        daemon.log(),
+        {"(I) Active Service Detail Monitoring ON.(500ms)\n",
+         "<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + std::to_string(daemon.server_port()) +
+             ")\n",
+         "<!> network error\n", "<!> network error : send_flag off [0]\n", "<!> network error : socket close\n",
+         ">> Update DAILY_UPDATE_HHMI(4DIGIT) : 2359\n", ">> Update DAILY_UPDATE_SCRIPT : /bin/true\n"}));
+    EXPECT_EQ(daemon.stop(), 0);
+
+    daemon.set("COMMON", "LOG_HOME", "no/such/directory"); // the lines are dropped
+    daemon.start();
+    EXPECT_TRUE(wait_until([&] { return answers(); }));
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(Startup, PrintsUsageAndVersion) {
+    const std::string usage = std::string("usage: ") + KESSARD_PROGRAM +
+                              " [-hvdc:p:]\n\t -h: help\n\t -v: version information\n\t -d: make daemon\n"
+                              "\t -c: status log value clear second(s)\n"
+                              "\t -p: status log print second(s), disable(0)\n"
+                              "\t -i: process_info idx.(ref. agt.cfg)\n";
+    for (const char* option : {"-h", "-x", "-c", "-v"}) {
+        daemon.start({"-d", option});
+        EXPECT_EQ(daemon.wait_exit(), 0);
+        EXPECT_EQ(daemon.out(), option == std::string("-v") ? "kessard v2.0(2013.3.26)\n" : usage);
+    }
+}
+
+TEST_F(Startup, GoesIntoTheBackground) {
+    const agt::unique_fd inherited(open("/dev/zero", O_RDONLY)); // not close-on-exec
+    daemon.start_daemon();
+    ASSERT_TRUE(daemon.wait_log("start... running : 1"));
+    const pid_t pid = daemon.pid();
+    const std::string proc = "/proc/" + std::to_string(pid);
+    for (const char* fd : {"/fd/0", "/fd/1", "/fd/2"})
+        EXPECT_EQ(std::filesystem::read_symlink(proc + fd), "/dev/null");
+    const texts files = open_files(pid);
+    EXPECT_EQ(std::count(files.begin(), files.end(), "/dev/zero"), 0);
+    EXPECT_EQ(getpgid(pid), pid);
+    EXPECT_NE(getsid(pid), pid); // still in the session it was started in
+    EXPECT_EQ(status_of(pid, "Umask"), "0000");
+    EXPECT_EQ(std::filesystem::read_symlink(proc + "/cwd"), std::filesystem::current_path());
+    for (const int signo : {SIGHUP, SIGTSTP, SIGTTIN, SIGTTOU, SIGPIPE})
+        daemon.signal(signo);
+    EXPECT_TRUE(answers());
+    EXPECT_EQ(daemon.stop(), 0);
+
+    daemon.start_daemon();
+    ASSERT_TRUE(daemon.wait_log("start... running : 1", 2));
+    daemon.signal(SIGINT); // not handled in the background
+    EXPECT_EQ(daemon.wait_exit(), 128 + SIGINT);
+}
+
+} // namespace

@@ -1,0 +1,202 @@
+// The service table on the heap: what inserts, updates and deletes do to it, and that nothing in it can break them.
+#include "set_svc_hash_tbl.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <random>
+
+#include "checks.h"
+#include "field.h"
+#include "hash.h"
+#include "service_file.h"
+#include "settings.h"
+#include "show_logs.h"
+#include "svc_hash_stk.h"
+
+namespace {
+
+using namespace kessard;
+using test_support::table_fault;
+using test_support::texts;
+
+constexpr int BUCKET = 77;
+
+SERVICE_ELEMENT element(const std::string& id, char mode = 'A', const char* limit = "10") {
+    SERVICE_ELEMENT made = kessctl::make_service(id);
+    agt::put_text(made.limit, limit);
+    made.update_mode[0] = mode;
+    return made;
+}
+
+// Ids whose bucket is BUCKET.
+texts same_bucket(std::size_t count) {
+    texts ids;
+    for (int i = 1000000; ids.size() < count; ++i) {
+        const std::string id = "SVC" + std::to_string(i) + "      ";
+        if (agt::get_hidx(id.data(), 16, 65535) == BUCKET)
+            ids.push_back(id);
+    }
+    return ids;
+}
+
+class SvcHash : public testing::Test {
+  protected:
+    std::unique_ptr<SVC_HASH_TBL> memory = std::make_unique<SVC_HASH_TBL>();
+    SVC_HASH_TBL& table = *memory;
+
+    SvcHash() {
+        svc_hash_tbl = &table;
+        default_timeout_sec = 30;
+        EXPECT_EQ(init_svc_hash_tbl(), 1);
+    }
+    ~SvcHash() override { svc_hash_tbl = nullptr; }
+
+    int set(const SERVICE_ELEMENT& one) const {
+        const SVC_HASH_ARR_LIST* slot = set_svc_hash_tbl(&one);
+        return slot == nullptr ? -1 : static_cast<int>(slot - table.h_arr);
+    }
+    std::vector<int> chain() const {
+        std::vector<int> slots;
+        for (int s = table.h_idx[BUCKET]; s != -1; s = table.h_arr[s].next_idx)
+            slots.push_back(s);
+        return slots;
+    }
+};
+
+TEST_F(SvcHash, HashesOneByteAtATime) {
+    EXPECT_EQ(agt::get_hash_code("", 0), 0u);
+    EXPECT_EQ(agt::get_hash_code("a", 1), 0xca2e9442u);
+    EXPECT_EQ(agt::get_hash_code("The quick brown fox jumps over the lazy dog", 43), 0x519e91f5u);
+    EXPECT_EQ(agt::get_hidx("a", 1, 0xffff), 0x9442u);
+}
+
+TEST_F(SvcHash, LinksAndUnlinksChains) {
+    using chain_of = std::vector<int>;
+    const texts ids = same_bucket(4);
+    for (const std::string& id : ids)
+        set(element(id));
+    EXPECT_EQ(chain(), (chain_of{9999, 9998, 9997, 9996}));
+    EXPECT_EQ(set(element(ids[0], 'D')), 9999); // the head
+    EXPECT_EQ(chain(), (chain_of{9998, 9997, 9996}));
+    EXPECT_EQ(table.h_arr[9998].pre_idx, -1);
+    EXPECT_EQ(table.h_arr[9999].param.service_id, ids[0]); // left as it was
+    EXPECT_EQ(set(element(ids[2], 'D')), 9997);            // in the middle
+    EXPECT_EQ(chain(), (chain_of{9998, 9996}));
+    EXPECT_EQ(set(element(ids[3], 'D')), 9996); // the tail
+    EXPECT_EQ(table_fault(table), "");
+    EXPECT_EQ(set(element(ids[0])), 9996); // the slot given back last
+    EXPECT_EQ(chain(), (chain_of{9998, 9996}));
+    EXPECT_EQ(table_fault(table), "");
+    set(element(ids[0], 'D'));
+    set(element(ids[1], 'D'));
+    EXPECT_EQ(chain(), chain_of{});
+    EXPECT_EQ(table_fault(table), "");
+}
+
+TEST_F(SvcHash, ActsByModeOnAKnownAndOnAnUnknownService) {
+    const struct {
+        char mode;
+        int unknown; // the slot
+        int known;
+        int limit; // of the known one afterwards; it had 10, the element says 20
+        unsigned entries;
+    } cases[] = {{'A', 9998, 9999, 10, 2}, {'X', 9998, 9999, 10, 2}, {'Y', 9998, 9999, 20, 2},
+                 {'D', -1, 9999, 10, 0},   {'Z', 9998, -1, 10, 2},   {'\0', 9998, -1, 10, 2}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.mode);
+        init_svc_hash_tbl();
+        EXPECT_EQ(set(element("KNOWN")), 9999);
+        table.h_arr[9999].param.is_sync = 5;
+        EXPECT_EQ(set(element("UNKNOWN", one.mode)), one.unknown);
+        EXPECT_EQ(set(element("KNOWN", one.mode, "20")), one.known);
+        EXPECT_EQ(table.h_arr[9999].param.limit, one.limit);
+        EXPECT_EQ(table.h_arr[9999].param.is_sync, 5);
+        EXPECT_EQ(table.alloc_cnt, one.entries);
+        EXPECT_EQ(table_fault(table), "");
+    }
+}
+
+TEST_F(SvcHash, ReadsFieldsOfAnyContent) {
+    SERVICE_ELEMENT full;
+    std::memset(&full, '7', sizeof full); // no terminator anywhere
+    ASSERT_EQ(set(full), 9999);
+    const SVC_HASH_ARR& param = table.h_arr[9999].param;
+    EXPECT_EQ(std::string(param.host_name) + param.server_id + param.service_id, std::string(64 + 15 + 16, '7'));
+    EXPECT_EQ(param.call_trc_depth, 777777);
+    EXPECT_EQ(param.tflag, 77);
+    full.service_id[16] = '8'; // behind the key
+    full.update_mode[0] = 'Y';
+    std::memcpy(full.uflag_set, "SQsq-    ", 9);
+    const struct {
+        const char* text;
+        int limit;
+        long sql_trc_limit;
+    } numbers[] = {{"0", 30, 0},   {"", 30, 0},      {"x1", 30, 0},
+                   {"-5", 30, -5}, {" 12x", 12, 12}, {"2147483647", INT_MAX, INT_MAX}};
+    for (const auto& one : numbers) {
+        agt::put_text(full.limit, one.text);
+        agt::put_text(full.sql_trc_limit, one.text);
+        EXPECT_EQ(set(full), 9999);
+        EXPECT_EQ(param.limit, one.limit) << one.text;
+        EXPECT_EQ(param.sql_trc_limit, one.sql_trc_limit) << one.text;
+    }
+    EXPECT_EQ(static_cast<unsigned char>(param.uflag_set), 0x81);
+}
+
+TEST_F(SvcHash, RefusesWhatItHasNoSlotFor) {
+    for (int i = 0; i < SVC_HASH_SLOTS; ++i)
+        ASSERT_EQ(set(element("S" + std::to_string(i))), 9999 - i);
+    const auto before = std::make_unique<SVC_HASH_TBL>(table);
+    EXPECT_EQ(set(element("ONE MORE")), -1);
+    EXPECT_EQ(svc_hash_push(&table.used, 1), -1);
+    EXPECT_EQ(std::memcmp(before.get(), &table, sizeof table), 0);
+    EXPECT_EQ(set(element("S17", 'D')), 9982);
+    EXPECT_EQ(set(element("ONE MORE")), 9982);
+    EXPECT_EQ(table_fault(table), "");
+}
+
+TEST_F(SvcHash, RemovesAnIndexFromAnywhereInAStack) {
+    SVC_HASH_STK stack = {4, {10, 11, 12, 13}};
+    EXPECT_EQ(svc_hash_popv(&stack, 11), 11);
+    EXPECT_EQ(stack.top, 3u);
+    EXPECT_TRUE(std::equal(stack.idx, stack.idx + 4, std::begin({10u, 13u, 12u, ~0u})));
+    EXPECT_EQ(svc_hash_popv(&stack, 11), -1);
+    EXPECT_EQ(svc_hash_popv(&stack, 12), 12); // on top
+    EXPECT_EQ(svc_hash_pop(&stack), 13);
+    EXPECT_EQ(svc_hash_pop(&stack), 10);
+    EXPECT_EQ(svc_hash_pop(&stack), -1);
+    EXPECT_EQ(svc_hash_popv(&stack, 10), -1);
+}
+
+// Whatever another process left in the segment, every operation ends and stays inside the table.
+TEST_F(SvcHash, SurvivesACorruptTable) {
+    std::mt19937 random(7);
+    const texts ids = same_bucket(5);
+    const auto index = [&] {
+        static const int odd[] = {-1, -2, 10000, INT_MIN, INT_MAX};
+        return random() % 2 == 0 ? odd[random() % 5] : static_cast<int>(random() % 10000);
+    };
+    for (int round = 0; round < 300; ++round) {
+        init_svc_hash_tbl();
+        for (const std::string& id : ids)
+            set(element(id));
+        for (int s = 9995; s <= 9999; ++s) {
+            table.h_arr[s].next_idx = random() % 3 == 0 ? index() : 9995 + static_cast<int>(random() % 5); // a loop
+            table.h_arr[s].pre_idx = index();
+            table.h_arr[s].hash_idx = random() % 2 == 0 ? index() : 65536;
+        }
+        table.h_idx[BUCKET] = random() % 2 == 0 ? index() : 9999;
+        table.available.top = static_cast<unsigned>(index());
+        table.used.top = static_cast<unsigned>(index());
+        for (unsigned i = 0; i < SVC_HASH_SLOTS; ++i)
+            table.available.idx[i] = table.used.idx[i] = static_cast<unsigned>(index());
+        for (unsigned i = 0; i < 20; ++i)
+            set(element(i % 4 == 0 ? "NEW" + std::to_string(i) : ids[random() % 5], "AYDZ"[random() % 4]));
+        show_svc_hash_tbl(*copy_svc_hash_tbl(table));
+    }
+    EXPECT_EQ(init_svc_hash_tbl(), 1);
+    EXPECT_EQ(table_fault(table), ""); // usable again
+}
+
+} // namespace
