@@ -1,12 +1,11 @@
 // A sweep and a watchdog pass over a full trace table, in this process, in processor time.
-//
-// The entries' processes are threads of this process that sleep: the system shows each under /proc like a process.
 #include <fcntl.h>
-#include <pthread.h>
-#include <semaphore.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 
@@ -23,7 +22,6 @@ namespace bench {
 namespace {
 
 constexpr int ENTRIES = PTRC_HASH_SLOTS;
-constexpr std::size_t STACK_BYTES = 32UL * 1024;
 constexpr int CHECK_EVERYTHING_SEC = 10; // a sweep period that makes every entry due
 constexpr int ROUNDS = 11;
 
@@ -39,44 +37,32 @@ double cost_ms(const std::function<void()>& work) {
     return (processor_us() - start) / 1000;
 }
 
-// Sleeping threads, one for each pid.
+// Sleeping processes.
 class sleepers {
   public:
     explicit sleepers(int count) {
-        sem_init(&end_, 0, 0);
-        sem_init(&started_, 0, 0);
-        pthread_attr_t attributes;
-        pthread_attr_init(&attributes);
-        pthread_attr_setstacksize(&attributes, STACK_BYTES);
-        pthread_t thread{};
-        while (static_cast<int>(threads_.size()) < count && pthread_create(&thread, &attributes, sleep, this) == 0) {
-            threads_.push_back(thread);
-            sem_wait(&started_);
+        for (pid_t pid = 0; static_cast<int>(pids_.size()) < count && (pid = fork()) >= 0; pids_.push_back(pid)) {
+            if (pid == 0)
+                sleep_for_good();
         }
-        pthread_attr_destroy(&attributes);
     }
     sleepers(const sleepers&) = delete;
     sleepers& operator=(const sleepers&) = delete;
     ~sleepers() {
-        for (std::size_t i = 0; i < threads_.size(); ++i)
-            sem_post(&end_);
-        for (const pthread_t thread : threads_)
-            pthread_join(thread, nullptr);
+        for (const pid_t pid : pids_)
+            kill(pid, SIGKILL);
+        for (const pid_t pid : pids_)
+            waitpid(pid, nullptr, 0);
     }
     const std::vector<pid_t>& pids() const { return pids_; }
 
   private:
-    static void* sleep(void* self) {
-        auto* all = static_cast<sleepers*>(self);
-        all->pids_.push_back(gettid());
-        sem_post(&all->started_);
-        sem_wait(&all->end_);
-        return nullptr;
+    [[noreturn]] static void sleep_for_good() {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (;;)
+            pause();
     }
 
-    sem_t end_;
-    sem_t started_;
-    std::vector<pthread_t> threads_;
     std::vector<pid_t> pids_;
 };
 
@@ -97,7 +83,7 @@ double read_stat_files(const std::vector<pid_t>& pids) {
 // A full table of entries of these processes, those of one process side by side.
 void fill(test_support::trace_table& table, const std::vector<pid_t>& pids) {
     char name[16] = "";
-    pthread_getname_np(pthread_self(), name, sizeof name);
+    prctl(PR_GET_NAME, name);
     for (std::size_t i = 0; i < ENTRIES; ++i)
         table.add(name, pids[i * pids.size() / ENTRIES]);
 }

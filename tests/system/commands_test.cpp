@@ -220,6 +220,7 @@ TEST_F(Commands, ChangeServices) {
     SERVICE_ELEMENT full; // no field has a terminator
     std::memset(&full, '5', sizeof full);
     TCP_CMD_MSG request = kessctl::modified_services_frame(&full, 1);
+    EXPECT_TRUE(daemon.wait_log("[[ SET_SYS_CONFIG_SET_RSP ]]")); // the end of what came before
     daemon.mark_log();
     expect_answer(request, 'C', std::string("0\0", 2) + "001");
     expect_answer(request, 'C', std::string("0\0", 2) + "000"); // a mode that does not change what is there
