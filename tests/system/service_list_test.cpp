@@ -73,6 +73,7 @@ class ServiceList : public testing::Test {
 TEST_F(ServiceList, IsLoadedAtStartAndByEveryRenewal) {
     server.set_services(services(9));
     start();
+    EXPECT_TRUE(server.wait_for('6', 2));
     expect_loaded(9);
     for (const int count : {0, 8, 1000, 10001}) {
         SCOPED_TRACE(count);
@@ -81,6 +82,7 @@ TEST_F(ServiceList, IsLoadedAtStartAndByEveryRenewal) {
         renew_and_wait();
         expect_loaded(std::min(count, 10000));
         const int blocks = std::max((count + 7) / 8, 1);
+        EXPECT_TRUE(server.wait_for('6', static_cast<std::size_t>(blocks)));
         EXPECT_EQ(server.count('6'), static_cast<std::size_t>(blocks));
         EXPECT_EQ(daemon.count_log("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]\n"), static_cast<std::size_t>(blocks));
         EXPECT_EQ(daemon.count_log("service_id : |SERVICE"), static_cast<std::size_t>(std::min(count, 10000)));

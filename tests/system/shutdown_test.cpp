@@ -116,6 +116,7 @@ TEST_F(Shutdown, DuringAStartThatWaitsForTheTable) {
 
 TEST_F(Shutdown, DuringARetrieval) {
     start();
+    EXPECT_TRUE(server.wait_for('6'));
     mute('6');
     server.set_services(std::vector<SERVICE_ELEMENT>(20, kessctl::make_service("ONE")));
     server.forget_messages();
@@ -186,6 +187,7 @@ TEST_F(Shutdown, MarksNoRowButItsOwn) {
 
 TEST_F(Shutdown, ByForceLeavesObjectsForTheNextStart) {
     start();
+    EXPECT_TRUE(server.wait_for('6'));
     mute('6');
     server.set_services(std::vector<SERVICE_ELEMENT>(9, kessctl::make_service("NEW")));
     server.forget_messages();

@@ -150,13 +150,15 @@ void install_signals(bool daemon_mode) {
 void sig_term(int signo) {
     if (signo == SIGSEGV)
         _exit(255);
+    const int interrupted_errno = errno;
     if (signo == SIGCHLD) {
         reap_children();
-        return;
+    } else {
+        log_signal(signo);
+        agt::log_printf("<!> termination start");
+        running = 0;
     }
-    log_signal(signo);
-    agt::log_printf("<!> termination start");
-    running = 0;
+    errno = interrupted_errno;
 }
 
 void network_check() {
