@@ -125,8 +125,10 @@ void th_cancel_get_service_list() {
 }
 
 void th_join_get_service_list() {
-    if (!retrieving)
+    if (!retrieving) {
+        th.join(JOIN_LIMIT_MS); // takes back one that ended by itself
         return;
+    }
     // At the end of the daemon a retrieval may have been started after the others were cancelled.
     if (running == 0 || !th.wait_end())
         th.cancel();
