@@ -124,7 +124,7 @@ void agent::add_defaults() {
             {"TRAN_SERVER", "IP_ADDRESS", "127.0.0.1"},
             {"TRAN_SERVER", "CMD_PORT", std::to_string(server_port())},
             {"ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "0"},
-            {"SERVICE_HASH", "DAILY_UPDATE_HHMI", "0430"},
+            {"SERVICE_HASH", "DAILY_UPDATE_HHMI", "----"},
             {"SERVICE_HASH", "DAILY_UPDATE_SCRIPT", "services.sh"},
             {"SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", "30"},
             {"TRAN_LOGF", "LOG_INTERFACE", "01"},
@@ -163,7 +163,6 @@ std::string agent::value(const std::string& section, const std::string& keyword)
     return found == cfg_.end() ? "" : found->value;
 }
 
-// The file appears whole: a running program may be reading it.
 void agent::write_cfg() const {
     std::map<std::string, std::string> sections;
     for (const entry& one : cfg_)
@@ -171,15 +170,16 @@ void agent::write_cfg() const {
     std::string text;
     for (const auto& [name, entries] : sections)
         text += "[" + name + "]\n" + entries + "\n";
-    write_file("agt.cfg.new", text);
-    std::rename(path("agt.cfg.new").c_str(), cfg_file().c_str());
+    write_file("agt.cfg", text);
 }
 
+// The file appears whole: a running program may be reading it, or remove it as soon as it is there.
 void agent::write_file(const std::string& name, const std::string& text, unsigned mode) const {
-    std::ofstream file(path(name), std::ios::binary | std::ios::trunc);
+    const std::string unfinished = path(name) + ".new";
+    std::ofstream file(unfinished, std::ios::binary | std::ios::trunc);
     file << text;
     file.close();
-    if (!file || chmod(path(name).c_str(), mode) != 0)
+    if (!file || chmod(unfinished.c_str(), mode) != 0 || std::rename(unfinished.c_str(), path(name).c_str()) != 0)
         ADD_FAILURE() << "cannot write " << path(name) << ": " << std::strerror(errno);
 }
 

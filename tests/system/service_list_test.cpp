@@ -203,8 +203,9 @@ TEST_F(ServiceList, LocksTheTableAndSwitchesTheFilterOffWhileItRuns) {
     start();
     daemon.settings()->svc_filtering = 3;
     std::promise<void> answer_now;
+    const std::shared_future<void> answer_time = answer_now.get_future().share();
     server.change([&](stand_in_options& options) {
-        options.hook = [&](const kessctl::exchange&, std::string&) { answer_now.get_future().wait(); };
+        options.hook = [answer_time](const kessctl::exchange&, std::string&) { answer_time.wait(); };
     });
     server.set_services(services(5));
     const int semid = daemon.sem_id("SVC_HASH_TBL_SEMKEY");

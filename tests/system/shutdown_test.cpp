@@ -85,8 +85,14 @@ TEST_F(Shutdown, GoesThroughItsStepsInOrder) {
 
 TEST_F(Shutdown, TakesSigintAndASecondSignal) {
     start();
-    daemon.signal(SIGTERM);
     expect_orderly_end(SIGINT);
+    start();
+    daemon.mark_log();
+    daemon.signal(SIGTERM);
+    EXPECT_TRUE(daemon.wait_log(CLEAR));
+    daemon.signal(SIGINT);
+    EXPECT_EQ(daemon.wait_exit(END_LIMIT_MS), 0);
+    EXPECT_EQ(messages(daemon.log()).back(), COMPLETE);
 }
 
 TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {

@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,7 +13,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "unique_fd.h"
 #include "wait.h"
@@ -107,7 +108,7 @@ TEST(Subprocess, CutsAtTheLimit) {
     EXPECT_EQ(silent->exit_code, -1);
     EXPECT_TRUE(silent->signal_number == SIGTERM || silent->signal_number == SIGKILL);
     EXPECT_STREQ(silent->stdout_.buf_p, "a");
-    const result ignoring(subprocess_exec_output_timeout("trap '' TERM; while :; do sleep 1; done", 1));
+    const result ignoring(subprocess_exec_output_timeout("trap '' TERM; while :; do sleep 1; done", 2));
     EXPECT_EQ(ignoring->signal_number, SIGKILL);
 }
 
@@ -135,7 +136,7 @@ TEST(Subprocess, KeepsTheFrontOfAnOutputBeyondTheMaximum) {
 // A background process that keeps both streams open holds the run until its limit, although the shell has ended; one
 // that keeps a single stream does not.
 TEST(Subprocess, EndsWithTheFirstStreamThatCloses) {
-    EXPECT_EQ(summary(result(subprocess_exec_output_timeout("sleep 3 & printf a", 1))), "0 -1 1 [a][]");
+    EXPECT_EQ(summary(result(subprocess_exec_output_timeout("sleep 4 & printf a", 2))), "0 -1 1 [a][]");
     EXPECT_EQ(summary(result(subprocess_exec_output("sleep 2 2>/dev/null & printf a"))), "0 -1 0 [a][]");
     EXPECT_EQ(summary(result(subprocess_exec_output("printf a; exec 2>&-; sleep 0.3; printf b; exit 4"))),
               "4 -1 0 [a][]");
@@ -255,19 +256,18 @@ void write_when_told(void*) {
         std::printf("now");
 }
 
-// Puts a directory, which is readable for poll only, in the place of the pipe while the poll of the pipe goes on.
+// Puts a directory, which can be polled but not read, in the place of the pipe that the caller reads.
 void run_with_unreadable_output() {
     const int directory = open("/", O_RDONLY);
     const int next = dup(directory);
     close(next);
-    std::thread swap([&] {
-        while (fcntl(next + 3, F_GETFD) == -1) // the last end of the two pipes
+    const pid_t sharing_descriptors = static_cast<pid_t>(syscall(SYS_clone, CLONE_FILES | SIGCHLD, 0, 0, 0, 0));
+    if (sharing_descriptors == 0) {
+        for (int ms = 0; ms < 20000 && fcntl(next + 3, F_GETFD) == -1; ++ms) // the last end of the two pipes
             sleep_ms(1);
-        sleep_ms(100);
         dup2(directory, next);
-        if (write(go_ahead[1], "x", 1) != 1)
-            _exit(2);
-    });
+        _exit(write(go_ahead[1], "x", 1) == 1 ? 0 : 2);
+    }
     subprocess_call_output(write_when_told, nullptr);
     _exit(3);
 }

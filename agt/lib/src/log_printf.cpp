@@ -127,20 +127,37 @@ void log_printf(const char* fmt, ...) {
 }
 
 void log_batch::printf(const char* fmt, ...) {
+    char* message = start_line();
+    va_list args;
+    va_start(args, fmt);
+    end_line(format_message(message, fmt, args));
+    va_end(args);
+}
+
+void log_batch::line(std::initializer_list<std::string_view> pieces) {
+    char* message = start_line();
+    std::size_t length = 0;
+    for (const std::string_view piece : pieces)
+        length += piece.copy(message + length, LOG_MESSAGE_SIZE - 1 - length);
+    end_line(length);
+}
+
+// Where the message of the next line goes.
+char* log_batch::start_line() {
     const std::time_t second = std::time(nullptr);
     if (second != second_ || used_ + LOG_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1 > CAPACITY)
         flush();
     if (second != second_)
         take_prefix(second);
-    char* message = text_ + used_ + prefix_length_;
-    va_list args;
-    va_start(args, fmt);
-    const std::size_t length = format_message(message, fmt, args);
-    va_end(args);
+    return text_ + used_ + prefix_length_;
+}
+
+void log_batch::end_line(std::size_t length) {
     if (length == 0)
         return;
-    std::memcpy(text_ + used_, prefix_, prefix_length_);
-    message[length] = '\n';
+    char* start = text_ + used_;
+    std::memcpy(start, prefix_, prefix_length_);
+    start[prefix_length_ + length] = '\n';
     used_ += prefix_length_ + length + 1;
 }
 

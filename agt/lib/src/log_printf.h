@@ -11,6 +11,8 @@
 
 #include <cstddef>
 #include <ctime>
+#include <initializer_list>
+#include <string_view>
 
 namespace agt {
 
@@ -38,10 +40,14 @@ class log_batch {
     ~log_batch() { flush(); }
 
     [[gnu::format(printf, 2, 3)]] void printf(const char* fmt, ...);
+    // One line made of the pieces, which hold no NUL: several times as fast, for long dumps.
+    void line(std::initializer_list<std::string_view> pieces);
     void flush();
 
   private:
     void take_prefix(std::time_t second);
+    char* start_line();
+    void end_line(std::size_t length);
 
     static constexpr std::size_t CAPACITY = 32 * 1024;
     std::time_t second_ = 0;

@@ -45,15 +45,15 @@ template <std::size_t N> const char* terminate(char (&field)[N]) {
 void renew_service_list(agt::log_batch&) { s_msg.body.renew_service_list_rsp.result_code[0] = '0'; }
 
 void log_config(agt::log_batch& log, BODY_SET_SYS_CONFIG_SET_REQ& body) {
-    log.printf("(i) -> IPADDR         - '%s'", terminate(body.ipaddr));
-    log.printf("(i) -> LOG_FLAG_SET   - '%s'", terminate(body.log_flag_set));
-    log.printf("(i) -> LOG_QCNT       - '%s'", terminate(body.log_qcnt));
-    log.printf("(i) -> LOG_ONOFF      - '%s'", terminate(body.log_onoff));
-    log.printf("(i) -> SFILTER_ONOFF  - '%s'", terminate(body.sfilter_onoff));
-    log.printf("(i) -> CALL_TRC_DEPTH - '%s'", terminate(body.call_trc_depth));
-    log.printf("(i) -> CALL_TRC_LIMIT - '%s'", terminate(body.call_trc_limit));
-    log.printf("(i) -> DBIO_TRC_LIMIT - '%s'", terminate(body.dbio_trc_limit));
-    log.printf("(i) -> SQL_TRC_LIMIT  - '%s'", terminate(body.sql_trc_limit));
+    log.line({"(i) -> IPADDR         - '", terminate(body.ipaddr), "'"});
+    log.line({"(i) -> LOG_FLAG_SET   - '", terminate(body.log_flag_set), "'"});
+    log.line({"(i) -> LOG_QCNT       - '", terminate(body.log_qcnt), "'"});
+    log.line({"(i) -> LOG_ONOFF      - '", terminate(body.log_onoff), "'"});
+    log.line({"(i) -> SFILTER_ONOFF  - '", terminate(body.sfilter_onoff), "'"});
+    log.line({"(i) -> CALL_TRC_DEPTH - '", terminate(body.call_trc_depth), "'"});
+    log.line({"(i) -> CALL_TRC_LIMIT - '", terminate(body.call_trc_limit), "'"});
+    log.line({"(i) -> DBIO_TRC_LIMIT - '", terminate(body.dbio_trc_limit), "'"});
+    log.line({"(i) -> SQL_TRC_LIMIT  - '", terminate(body.sql_trc_limit), "'"});
 }
 
 bool is_queue_count(int n) { return n == 1 || n == 2 || n == 4 || n == 8 || n == 16; }
@@ -118,10 +118,10 @@ void log_file_systems(agt::log_batch& log, int rows) {
 void set_sys_resource(agt::log_batch& log) {
     auto& body = r_msg.body.set_sys_resource_set_req;
     s_msg.body.set_sys_resource_set_rsp.result_code[0] = '0';
-    log.printf("(i) -> CPU_ALERT_SEC       - '%s'", terminate(body.cpu_alert_sec));
-    log.printf("(i) -> CPU_ALERT_PCNT      - '%s'", terminate(body.cpu_alert_pcnt));
-    log.printf("(i) -> FILE_SYS_ALERT_PCNT - '%s'", terminate(body.file_sys_alert_pcnt));
-    log.printf("(i) -> MAX_FILE_SYS_LIST   - '%s'", terminate(body.file_sys_list));
+    log.line({"(i) -> CPU_ALERT_SEC       - '", terminate(body.cpu_alert_sec), "'"});
+    log.line({"(i) -> CPU_ALERT_PCNT      - '", terminate(body.cpu_alert_pcnt), "'"});
+    log.line({"(i) -> FILE_SYS_ALERT_PCNT - '", terminate(body.file_sys_alert_pcnt), "'"});
+    log.line({"(i) -> MAX_FILE_SYS_LIST   - '", terminate(body.file_sys_list), "'"});
     shared_store(tran_agt_shm->cpu.alert_sec, agt::get_number(body.cpu_alert_sec));
     shared_store(tran_agt_shm->cpu.alert_pcnt, agt::get_number(body.cpu_alert_pcnt));
     log_file_systems(log, set_file_systems(body.file_sys_list, agt::get_number(body.file_sys_alert_pcnt)));

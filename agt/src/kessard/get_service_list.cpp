@@ -62,8 +62,10 @@ bool receive_block(int conn_sockfd) {
 
 void load_block() {
     const auto& block = r_msg.body.get_service_list_rsp;
-    agt::log_printf("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]");
-    agt::log_printf("(i) -> ELEMENT_NUM - '%s'", agt::field_text(block.element_num).text);
+    agt::log_batch log;
+    log.printf("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]");
+    log.printf("(i) -> ELEMENT_NUM - '%s'", agt::field_text(block.element_num).text);
+    log.flush();
     const int n = std::min(agt::get_number(block.element_num), int{SERVICE_ELEMENT_MAX});
     for (int i = 0; i < n; ++i)
         set_svc_hash_tbl(&block.elements[i]);

@@ -6,6 +6,8 @@
 // 200 ms. A failure takes the link down (network_off) and the watcher brings it back.
 #include "notify_active_service_detail.h"
 
+#include <poll.h>
+
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -17,6 +19,7 @@
 #include "noti_send_que.h"
 #include "process_globals.h"
 #include "server_link.h"
+#include "tcp_base.h"
 #include "util.h"
 #include "wait.h"
 
@@ -26,6 +29,7 @@ namespace {
 constexpr int EMPTY_POLL_USEC = 20000;
 constexpr int LINK_DOWN_USEC = 200000;
 constexpr long FLUSH_SEC = 2;
+constexpr int ANSWER_SOON_MS = 20;
 
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
@@ -34,37 +38,45 @@ daemon_thread th("notify_active_service_detail", notify_active_service_detail);
 struct batch {
     int pending = 0;     // records in s_msg
     long batch_time = 0; // when the last message left, 0 before the first record
-    agt::log_batch log;  // empty whenever the thread waits
+    agt::log_batch log;  // empty whenever the thread waits for long
 };
 
 // Seconds of a clock that never steps; never 0.
 long now_sec() { return static_cast<long>(agt::monotonic_ms() / 1000) + 1; }
 
-// Waits for the answer, whose content does not matter; a failure takes the link down. `where` ends the log line.
-void receive_answer(const char* where) {
-    const int rlen = recv_msg(noti_sockfd, &r_msg);
-    if (rlen >= 1)
-        return;
-    if (rlen == -2)
-        agt::log_printf("<!> noti_sockfd, recv_tcp_data timeout error.%s", where);
-    else
-        agt::log_printf("<!> noti_sockfd, recv_tcp_data error. rlen : %d%s", rlen, where);
+void take_link_down(batch* out) {
+    out->log.flush();
     network_off();
 }
 
+// Waits for the answer, whose content does not matter; a failure takes the link down. `where` ends the log line. The
+// lines of a busy queue leave the process many at a time, unless the server lets itself be waited for.
+void receive_answer(batch* out, const char* where) {
+    if (agt::wait_fd(noti_sockfd, POLLIN, ANSWER_SOON_MS) != agt::wait_result::ready)
+        out->log.flush();
+    const int rlen = agt::recv_tcp_data_ready(noti_sockfd, &r_msg, sizeof r_msg, RECV_TIMEOUT_SEC);
+    if (rlen >= 1)
+        return;
+    if (rlen == -2)
+        out->log.printf("<!> noti_sockfd, recv_tcp_data timeout error.%s", where);
+    else
+        out->log.printf("<!> noti_sockfd, recv_tcp_data error. rlen : %d%s", rlen, where);
+    take_link_down(out);
+}
+
 // Sends the pending records; false when they could not be sent, with the link down.
-bool send_batch(int pending, const char* where) {
+bool send_batch(batch* out, int pending, const char* where) {
     const std::lock_guard guard(noti_socket_mutex);
     auto& body = s_msg.body.notify_active_service_detail_req;
     set_header(&s_msg, MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ);
     std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, pending);
     const int slen = send_msg(noti_sockfd, s_msg);
     if (slen >= 1) {
-        receive_answer(where);
+        receive_answer(out, where);
         return true;
     }
-    agt::log_printf("<!> noti_sockfd, send_tcp_data error. slen : %d", slen);
-    network_off();
+    out->log.printf("<!> noti_sockfd, send_tcp_data error. slen : %d", slen);
+    take_link_down(out);
     return false;
 }
 
@@ -72,9 +84,8 @@ void send_full(batch* out) {
     const int pending = out->pending;
     out->log.printf("[notify_active_service_detail] socket send : %d elements, ACTIVE_SERVICE_DETAIL size %d bytes",
                     pending, static_cast<int>(sizeof(ACTIVE_SERVICE_DETAIL)));
-    out->log.flush();
     out->pending = 0;
-    if (noti_send_flag == 1 && !send_batch(pending, ""))
+    if (noti_send_flag == 1 && !send_batch(out, pending, ""))
         return;
     out->log.printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d", pending,
                     noti_send_flag.load());
@@ -101,7 +112,7 @@ void flush(batch* out) {
     if (out->pending == 0 || flush_time < FLUSH_SEC)
         return;
     if (noti_send_flag == 1) {
-        if (!send_batch(out->pending, "(FLUSH)"))
+        if (!send_batch(out, out->pending, "(FLUSH)"))
             return;
         agt::log_printf(
             "(I) [notify_active_service_detail] flush sent %d elements, noti_send_flag : %d, flush_time(%d sec)",

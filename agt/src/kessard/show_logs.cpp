@@ -1,6 +1,11 @@
 // Dumps to the log.
 #include "show_logs.h"
 
+#include <charconv>
+#include <cstdio>
+#include <iterator>
+#include <string_view>
+
 #include "field.h"
 #include "index_stack.h"
 #include "log_printf.h"
@@ -8,34 +13,43 @@
 namespace kessard {
 namespace {
 
-struct position {
-    int i; // in the used stack
-    int s; // slot
+// What the lines of one slot start with: its place in the used stack and its number.
+class slot_head {
+  public:
+    slot_head(int place, int slot) : length_(std::snprintf(text_, sizeof text_, "[%d] array_idx#%d, ", place, slot)) {}
+    operator std::string_view() const { return {text_, static_cast<std::size_t>(length_)}; }
+
+  private:
+    char text_[48]; // any two numbers
+    int length_;
 };
 
-void show_number(agt::log_batch& log, position at, const char* name, long value) {
-    log.printf("[%d] array_idx#%d, %s : %d", at.i, at.s, name, static_cast<int>(value));
+void show_number(agt::log_batch& log, std::string_view head, std::string_view name, long value) {
+    char digits[16];
+    const char* end = std::to_chars(digits, std::end(digits), static_cast<int>(value)).ptr;
+    log.line({head, name, " : ", {digits, end}});
 }
 
-template <std::size_t N> void show_text(agt::log_batch& log, position at, const char* name, const char (&text)[N]) {
-    log.printf("[%d] array_idx#%d, %s : |%.*s|", at.i, at.s, name, static_cast<int>(N), text);
+template <std::size_t N>
+void show_text(agt::log_batch& log, std::string_view head, std::string_view name, const char (&text)[N]) {
+    log.line({head, name, " : |", {text, agt::text_length(text, N)}, "|"});
 }
 
-void show_slot(agt::log_batch& log, position at, const SVC_HASH_ARR_LIST& slot) {
-    show_number(log, at, "my_idx", slot.my_idx);
-    show_number(log, at, "hash_idx", slot.hash_idx);
-    show_number(log, at, "pre_idx", slot.pre_idx);
-    show_number(log, at, "next_idx", slot.next_idx);
-    log.printf("- - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - ");
-    show_text(log, at, "host_name", slot.param.host_name);
-    show_text(log, at, "server_id", slot.param.server_id);
-    show_text(log, at, "service_id", slot.param.service_id);
-    show_number(log, at, "limit", slot.param.limit);
-    show_number(log, at, "call_trc_limit", slot.param.call_trc_limit);
-    show_number(log, at, "dbio_trc_limit", slot.param.dbio_trc_limit);
-    show_number(log, at, "sql_trc_limit", slot.param.sql_trc_limit);
-    show_number(log, at, "uflag_set", slot.param.uflag_set);
-    show_number(log, at, "tflag", slot.param.tflag);
+void show_slot(agt::log_batch& log, std::string_view head, const SVC_HASH_ARR_LIST& slot) {
+    show_number(log, head, "my_idx", slot.my_idx);
+    show_number(log, head, "hash_idx", slot.hash_idx);
+    show_number(log, head, "pre_idx", slot.pre_idx);
+    show_number(log, head, "next_idx", slot.next_idx);
+    log.line({"- - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - "});
+    show_text(log, head, "host_name", slot.param.host_name);
+    show_text(log, head, "server_id", slot.param.server_id);
+    show_text(log, head, "service_id", slot.param.service_id);
+    show_number(log, head, "limit", slot.param.limit);
+    show_number(log, head, "call_trc_limit", slot.param.call_trc_limit);
+    show_number(log, head, "dbio_trc_limit", slot.param.dbio_trc_limit);
+    show_number(log, head, "sql_trc_limit", slot.param.sql_trc_limit);
+    show_number(log, head, "uflag_set", slot.param.uflag_set);
+    show_number(log, head, "tflag", slot.param.tflag);
 }
 
 } // namespace
@@ -64,7 +78,7 @@ void show_svc_hash_tbl(const SVC_HASH_TBL& table) {
     for (unsigned int i = 0; i < used; ++i) {
         const unsigned int s = table.used.idx[i];
         if (s < SVC_HASH_SLOTS)
-            show_slot(log, {static_cast<int>(i), static_cast<int>(s)}, table.h_arr[s]);
+            show_slot(log, slot_head(static_cast<int>(i), static_cast<int>(s)), table.h_arr[s]);
     }
 }
 
