@@ -10,7 +10,9 @@
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
 
+#include "one_processor.h"
 #include "rows.h"
 
 namespace bench {
@@ -19,10 +21,11 @@ namespace {
 struct row {
     const char* name;
     figures (*measure)(running_agent&);
+    bool on_one_processor = false; // short exchanges
 };
-constexpr row ROWS[] = {{"command", command_row}, {"exec", exec_row},         {"services", services_row},
-                        {"notify", notify_row},   {"idle", idle_row},         {"transfer", transfer_row},
-                        {"sweep", sweep_row},     {"watchdog", watchdog_row}, {"startup", startup_row}};
+constexpr row ROWS[] = {{"command", command_row, true}, {"exec", exec_row, true},   {"services", services_row, true},
+                        {"notify", notify_row, true},   {"idle", idle_row},         {"transfer", transfer_row},
+                        {"sweep", sweep_row},           {"watchdog", watchdog_row}, {"startup", startup_row}};
 
 std::string file_line(const char* path, const std::string& start) {
     std::ifstream file(path);
@@ -83,6 +86,9 @@ figures measure(const std::vector<std::string>& names) {
         if (interrupted() || (!names.empty() && std::find(names.begin(), names.end(), one.name) == names.end()))
             continue;
         std::cerr << "measuring " << one.name << "\n";
+        std::optional<one_processor> together;
+        if (one.on_one_processor)
+            together.emplace(agent.program.pid());
         for (const figure& of : one.measure(agent))
             measured.push_back(of);
     }

@@ -164,4 +164,14 @@ int find_nth_token_in_file_section(const char* fname, const char* section, const
     return look_up({fname, section, keyword, n, true}, string);
 }
 
+int find_line_in_file_section(const char* fname, const char* section, const char* keyword) {
+    const file_handle fp(open_text_file(fname));
+    const int header = fp == nullptr ? -1 : find_section(fp.get(), section);
+    if (header < 0 || keyword == nullptr)
+        return header;
+    char value[CFG_LINE_SIZE];
+    const int entry = find_entry(fp.get(), keyword, value);
+    return entry < 0 ? -1 : header + entry;
+}
+
 } // namespace agt

@@ -172,12 +172,12 @@ constexpr char response_type(char request_type) {
     return request_type == '9' ? 'A' : static_cast<char>(request_type + 1);
 }
 
+// The lines leave the process once the answer is out: the server waits for one write less.
 void carry_out(const command& wanted, int sockfd) {
     agt::log_batch log;
     log.printf("(i) MSGRCV : [[ %s ]]", wanted.request);
     s_msg.hdr.msg_type[0] = response_type(wanted.type);
     wanted.handle(log);
-    log.flush();
     const int slen = send_msg(sockfd, s_msg);
     if (slen < 0) {
         log.printf("<!> tcp send error.. slen : %d", slen);

@@ -16,8 +16,6 @@
 #include "../kessard/ring_queue.h"
 #include "event_record.h"
 #include "frame.h"
-#include "kessard/noti_send_que.h"
-#include "kessard/parse_log_que.h"
 #include "print_frame.h"
 #include "sem.h"
 #include "shared_edit.h"
@@ -29,9 +27,6 @@ namespace {
 constexpr int NO_LIMIT = -1;
 constexpr int FOLLOW_POLL_MS = 50;
 constexpr int CALL_SEQ_MODULUS = 1000000; // what the field holds
-
-const shared_object NOTI_QUEUE = {"NOTI_SEND_QUE_SHMKEY", sizeof(NOTI_SEND_QUE_POOL)};
-const shared_object PARSE_QUEUES = {"PARSE_LOG_QUE_SHMKEY", sizeof(PARSE_LOG_QUE_POOL)};
 
 // Empty, or which index of the queue is out of range.
 template <class Queue> std::string check_indexes(const Queue& queue) {

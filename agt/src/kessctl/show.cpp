@@ -9,10 +9,6 @@
 #include <memory>
 
 #include "frame.h"
-#include "kessard/noti_send_que.h"
-#include "kessard/parse_log_que.h"
-#include "kessard/svc_hash_tbl.h"
-#include "kessard/tran_agt_shm.h"
 #include "print_frame.h"
 #include "shared_view.h"
 
@@ -23,18 +19,6 @@ struct show_options {
     std::string cfg_file = default_cfg_file();
     int records = 3;
 };
-
-const shared_object SERVICE_TABLE = {"SVC_HASH_TBL_SHMKEY", sizeof(SVC_HASH_TBL)};
-const shared_object AGENT_SEGMENT = {"TRAN_AGT_SHMKEY", sizeof(TRAN_AGT_SHM)};
-const shared_object NOTI_QUEUE = {"NOTI_SEND_QUE_SHMKEY", sizeof(NOTI_SEND_QUE_POOL)};
-const shared_object PARSE_QUEUES = {"PARSE_LOG_QUE_SHMKEY", sizeof(PARSE_LOG_QUE_POOL)};
-
-// The text of a field that need not have a terminator.
-template <std::size_t N> std::string shown(const char (&field)[N]) {
-    std::string text = printable({field, strnlen(field, N)});
-    text.erase(text.find_last_not_of(' ') + 1);
-    return text;
-}
 
 void dump_hex(const void* bytes, std::size_t size) {
     const auto* at = static_cast<const unsigned char*>(bytes);

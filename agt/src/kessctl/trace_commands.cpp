@@ -17,7 +17,6 @@
 #include "../kessard/hash_tbl.h"
 #include "frame.h"
 #include "hash.h"
-#include "kessard/ptrc_hash_tbl.h"
 #include "shared_edit.h"
 
 namespace kessctl {
@@ -27,8 +26,6 @@ constexpr int NO_SLOT = -1;
 constexpr int FIRST_MADE_UP_PID = 4194305; // beyond the largest that the system gives
 constexpr std::size_t KEY_SIZE = sizeof(PTRC_HASH_ARR::pid) + sizeof(PTRC_HASH_ARR::tid);
 static_assert(offsetof(PTRC_HASH_ARR, tid) == offsetof(PTRC_HASH_ARR, pid) + sizeof(PTRC_HASH_ARR::pid));
-
-const shared_object TRACE_TABLE = {"PTRC_HASH_TBL_SHMKEY", sizeof(PTRC_HASH_TBL)};
 
 struct trace_options {
     std::string cfg_file = default_cfg_file();
