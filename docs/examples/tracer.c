@@ -23,14 +23,14 @@
 enum { REPORTED = 0, FAILED = 1, TRACING_OFF = 2, QUEUE_FULL = 3 };
 
 /* Attaches the segment that kessard created; size 0 takes it as large as it is. Null when it is not there. */
-static void *attach(const char *key, int flags) {
+static void* attach(const char* key, int flags) {
     const int shmid = shmget((key_t)strtol(key, NULL, 10), 0, 0);
-    void *address = shmid < 0 ? (void *)-1 : shmat(shmid, NULL, flags);
-    return address == (void *)-1 ? NULL : address;
+    void* address = shmid < 0 ? (void*)-1 : shmat(shmid, NULL, flags);
+    return address == (void*)-1 ? NULL : address;
 }
 
-/* Takes (-1) or gives back (+1) the queue's semaphore. With SEM_UNDO in both the kernel gives it back for a process that
- * dies in between; without it every other tracer would wait for ever. */
+/* Takes (-1) or gives back (+1) the queue's semaphore. With SEM_UNDO in both the kernel gives it back for a process
+ * that dies in between; without it every other tracer would wait for ever. */
 static int change_semaphore(int semid, short by) {
     struct sembuf operation = {0, by, SEM_UNDO};
     int result;
@@ -41,20 +41,20 @@ static int change_semaphore(int semid, short by) {
 }
 
 /* Text, left-justified: blanks up to the last byte, which stays 0. */
-static void put_text(char *field, size_t size, const char *text) {
+static void put_text(char* field, size_t size, const char* text) {
     const size_t length = strlen(text);
     memset(field, ' ', size - 1);
     memcpy(field, text, length < size ? length : size - 1);
 }
 
 /* A number with leading zeros, as wide as its field. */
-static void put_number(char *field, size_t size, unsigned long value) {
+static void put_number(char* field, size_t size, unsigned long value) {
     char text[32];
     snprintf(text, sizeof text, "%020lu", value);
     memcpy(field, text + 20 - (size - 1), size - 1);
 }
 
-static ACTIVE_SERVICE_DETAIL make_record(const char *service_id, unsigned long elapsed_ms) {
+static ACTIVE_SERVICE_DETAIL make_record(const char* service_id, unsigned long elapsed_ms) {
     ACTIVE_SERVICE_DETAIL record;
     char text[65] = "";
     const time_t now = time(NULL);
@@ -78,7 +78,7 @@ static ACTIVE_SERVICE_DETAIL make_record(const char *service_id, unsigned long e
 
 /* Puts a record behind the last one; the caller holds the queue's semaphore. The record first, then `rear` with release
  * order: kessard, which takes no lock, may read the slot as soon as it sees the new index. */
-static int put(NOTI_SEND_QUE *queue, const ACTIVE_SERVICE_DETAIL *record) {
+static int put(NOTI_SEND_QUE* queue, const ACTIVE_SERVICE_DETAIL* record) {
     const int front = __atomic_load_n(&queue->info.front, __ATOMIC_ACQUIRE);
     const int rear = queue->info.rear;
     if (rear < 0 || rear >= NOTI_SEND_QUE_SLOTS)
@@ -91,7 +91,7 @@ static int put(NOTI_SEND_QUE *queue, const ACTIVE_SERVICE_DETAIL *record) {
     return REPORTED;
 }
 
-static int report(NOTI_SEND_QUE *queue, const char *semkey, const ACTIVE_SERVICE_DETAIL *record) {
+static int report(NOTI_SEND_QUE* queue, const char* semkey, const ACTIVE_SERVICE_DETAIL* record) {
     const int semid = semget((key_t)strtol(semkey, NULL, 10), 1, 0);
     if (semid < 0 || change_semaphore(semid, -1) < 0)
         return FAILED;
@@ -100,13 +100,13 @@ static int report(NOTI_SEND_QUE *queue, const char *semkey, const ACTIVE_SERVICE
     return result;
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
     if (argc != 6) {
         fprintf(stderr, "usage: %s SETTINGS_SHMKEY QUEUE_SHMKEY QUEUE_SEMKEY SERVICE_ID ELAPSED_MS\n", argv[0]);
         return FAILED;
     }
-    const TRAN_LOGF_QUE_INFO *settings = attach(argv[1], SHM_RDONLY);
-    NOTI_SEND_QUE *queue = attach(argv[2], 0);
+    const TRAN_LOGF_QUE_INFO* settings = attach(argv[1], SHM_RDONLY);
+    NOTI_SEND_QUE* queue = attach(argv[2], 0);
     if (settings == NULL || queue == NULL) {
         perror("the agent's shared memory");
         return FAILED;

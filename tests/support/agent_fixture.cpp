@@ -33,11 +33,9 @@ constexpr int KEYS_PER_SLOT = 16;
 constexpr char SHARED_MEMORY[] = "IPC_SHARED_MEMORY";
 constexpr char SEMAPHORES[] = "IPC_SEMAPHORE";
 
-const char* const SHM_KEYWORDS[] = {"TRAN_LOGF_QUE_INFO_SHMKEY", "SVC_HASH_TBL_SHMKEY",    "NOTI_SEND_QUE_SHMKEY",
-                                    "PTRC_HASH_TBL_SHMKEY",      "JCACHE_HASH_TBL_SHMKEY", "TRAN_AGT_SHMKEY",
-                                    "PARSE_LOG_QUE_SHMKEY"};
-const char* const SEM_KEYWORDS[] = {"SVC_HASH_TBL_SEMKEY",    "NOTI_SEND_QUE_SEMKEY", "PTRC_HASH_TBL_SEMKEY",
-                                    "JCACHE_HASH_TBL_SEMKEY", "TRAN_AGT_SEMKEY",      "PARSE_LOG_QUE_SEMKEY"};
+// Each has a segment and, but for the first, a semaphore set.
+const char* const OBJECTS[] = {"TRAN_LOGF_QUE_INFO", "SVC_HASH_TBL", "NOTI_SEND_QUE", "PTRC_HASH_TBL",
+                               "JCACHE_HASH_TBL",    "TRAN_AGT",     "PARSE_LOG_QUE"};
 
 // Valid while this test alone holds the slot.
 agt::unique_fd lock_slot(int slot) {
@@ -138,10 +136,10 @@ void agent::add_defaults() {
             {"KESSARD", "WORKER_MODE", "THREAD"},
             {"KESSARD", "SKIP_PROC", "skipped"}};
     key_t key = first_key_;
-    for (const char* keyword : SHM_KEYWORDS)
-        set(SHARED_MEMORY, keyword, key++);
-    for (const char* keyword : SEM_KEYWORDS)
-        set(SEMAPHORES, keyword, key++);
+    for (const std::string object : OBJECTS) {
+        set(SHARED_MEMORY, object + "_SHMKEY", key++);
+        set(SEMAPHORES, object + "_SEMKEY", key++);
+    }
 }
 
 void agent::set(const std::string& section, const std::string& keyword, const std::string& value) {
@@ -215,6 +213,11 @@ int agent::wait_exit(int limit_ms) {
 int agent::stop(int limit_ms) {
     signal(SIGTERM);
     return wait_exit(limit_ms);
+}
+
+program_result agent::console(std::vector<std::string> words) const {
+    words.insert(words.begin(), KESSCTL_PROGRAM);
+    return run_program(words, variables, 2 * LIMIT_MS);
 }
 
 std::string agent::whole_log() const {

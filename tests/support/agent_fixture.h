@@ -61,6 +61,7 @@ class agent {
     std::string out() const { return program_ ? program_->out() : ""; }
     std::string err() const { return program_ ? program_->err() : ""; }
     std::vector<pid_t> running() const { return program_ ? program_->running() : std::vector<pid_t>(); }
+    program_result console(std::vector<std::string> words) const; // runs kessctl on this agent's configuration
 
     // The log: all its files behind the mark, which is at their start until mark_log().
     std::string log() const;

@@ -84,4 +84,12 @@ texts open_files(pid_t pid) {
     return found;
 }
 
+texts children(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
+    texts found;
+    for (std::string child; file >> child;)
+        found.push_back(child);
+    return found;
+}
+
 } // namespace test_support

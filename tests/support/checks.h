@@ -30,4 +30,7 @@ std::string status_of(pid_t pid, const std::string& name);
 // What each open descriptor of a process refers to.
 texts open_files(pid_t pid);
 
+// The ids of the children of a process's first thread; one that has ended counts until it is waited for.
+texts children(pid_t pid);
+
 } // namespace test_support

@@ -6,7 +6,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -53,46 +52,22 @@ std::vector<proc_stat> processes_of(pid_t session) {
     return found;
 }
 
-std::vector<std::string> environment_lines(const environment& variables) {
-    std::vector<std::string> lines;
-    for (char** entry = environ; *entry != nullptr; ++entry)
-        if (!variables.contains(std::string(*entry, std::strcspn(*entry, "="))))
-            lines.emplace_back(*entry);
-    for (const auto& [name, value] : variables)
-        lines.push_back(name + "=" + value);
-    return lines;
-}
-
-std::vector<char*> pointers(const std::vector<std::string>& texts) {
-    std::vector<char*> list;
-    for (const std::string& text : texts)
-        list.push_back(const_cast<char*>(text.c_str()));
-    list.push_back(nullptr);
-    return list;
-}
-
-// Starts with an empty signal mask and every signal at its default. The error number.
-int spawn(const std::vector<std::string>& argv, const environment& variables, int out, int err, pid_t* pid) {
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_t actions;
+// Becomes the program: in a session of its own, with an empty signal mask and every signal at its default.
+[[noreturn]] void become(std::vector<char*> argv, const environment& variables, int out, int err) {
+    setsid();
     sigset_t none;
-    sigset_t all;
     sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, out, 1);
-    posix_spawn_file_actions_adddup2(&actions, err, 2);
-    const std::vector<std::string> lines = environment_lines(variables);
-    const int error =
-        posix_spawn(pid, argv[0].c_str(), &actions, &attributes, pointers(argv).data(), pointers(lines).data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    return error;
+    for (int signo = 1; signo <= SIGRTMAX; ++signo)
+        signal(signo, SIG_DFL);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (const auto& [name, value] : variables)
+        setenv(name.c_str(), value.c_str(), 1);
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dup2(null, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    execv(argv[0], argv.data());
+    _exit(127);
 }
 
 agt::unique_fd make_capture() {
@@ -116,12 +91,15 @@ int exit_code(int status) {
 process::process(const std::vector<std::string>& argv, const environment& variables)
     : out_(make_capture()), err_(make_capture()) {
     prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
-    const int error = spawn(argv, variables, out_.get(), err_.get(), &pid_);
-    if (error != 0) {
-        ADD_FAILURE() << "cannot start " << argv[0] << ": " << std::strerror(error);
-        pid_ = -1;
-    }
-    session_ = pid_;
+    std::vector<char*> words;
+    for (const std::string& word : argv)
+        words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    pid_ = session_ = fork();
+    if (pid_ == 0)
+        become(words, variables, out_.get(), err_.get());
+    if (pid_ < 0)
+        ADD_FAILURE() << "cannot start " << argv[0] << ": " << std::strerror(errno);
 }
 
 process::~process() {

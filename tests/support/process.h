@@ -30,7 +30,7 @@ using environment = std::map<std::string, std::string>; // added to the test's o
 // A started program, in a session of its own. Whatever runs in that session when the object goes is killed.
 class process {
   public:
-    // Starts argv[0]. A failure to start fails the test; pid() is -1 then.
+    // Starts argv[0], a path; one that cannot be executed ends with status 127.
     process(const std::vector<std::string>& argv, const environment& variables);
     process(process&&) = default;
     process& operator=(process&&) = delete;

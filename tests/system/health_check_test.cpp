@@ -3,12 +3,13 @@
 #include "health_check.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 
 #include "checks.h"
 #include "field.h"
@@ -32,30 +33,20 @@ using namespace test_support;
 using namespace kessard;
 using kessctl::stand_in_options;
 
-// A zeroed record of any size; pages that nobody touches cost nothing.
-template <class T> class zeroed {
-  public:
-    zeroed()
-        : memory_(
-              mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0)) {}
-    zeroed(const zeroed&) = delete;
-    zeroed& operator=(const zeroed&) = delete;
-    ~zeroed() { munmap(memory_, sizeof(T)); }
-    T* get() const { return static_cast<T*>(memory_); }
-
-  private:
-    void* memory_;
-};
+// A zeroed record; pages that nobody touches cost nothing.
+template <class T> std::unique_ptr<T, void (*)(void*)> zeroed() {
+    return {static_cast<T*>(std::calloc(1, sizeof(T))), std::free};
+}
 
 class HealthCheck : public testing::Test {
   protected:
     agent directory; // its log, its keys
     kessctl::stand_in server;
     TRAN_LOGF_QUE_INFO settings{};
-    zeroed<SVC_HASH_TBL> services;
-    zeroed<PTRC_HASH_TBL> traces;
-    zeroed<JCACHE_HASH_TBL> cache;
-    zeroed<TRAN_AGT_SHM> segment;
+    std::unique_ptr<SVC_HASH_TBL, void (*)(void*)> services = zeroed<SVC_HASH_TBL>();
+    std::unique_ptr<PTRC_HASH_TBL, void (*)(void*)> traces = zeroed<PTRC_HASH_TBL>();
+    std::unique_ptr<JCACHE_HASH_TBL, void (*)(void*)> cache = zeroed<JCACHE_HASH_TBL>();
+    std::unique_ptr<TRAN_AGT_SHM, void (*)(void*)> segment = zeroed<TRAN_AGT_SHM>();
     bool reconnect = false;
 
     HealthCheck() {
@@ -150,13 +141,15 @@ TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
     const auto frame = server.wait_for('0')->frame;
     EXPECT_EQ(std::memcmp(&frame, "\x90\x85\x20\x83\x30\0", 6), 0);
 
-    int clock[4] = {};
-    ASSERT_EQ(std::sscanf(body.c_str() + 1001, "%2d%2d%2d%6d,", &clock[0], &clock[1], &clock[2], &clock[3]), 4);
-    EXPECT_EQ(body.find_first_not_of("0123456789", 1001), 1013u);
+    EXPECT_EQ(body.find_first_not_of("0123456789", 1001), 1013u); // hour, minute, second, microseconds
     EXPECT_EQ(body[1013], ',');
-    const struct tm then = agt::local_time(before);
-    const int late = clock[0] * 3600 + clock[1] * 60 + clock[2] - then.tm_hour * 3600 - then.tm_min * 60 - then.tm_sec;
-    EXPECT_LE((late + 86400) % 86400, 60);
+    char clock[8] = "";
+    const std::time_t now = std::time(nullptr);
+    const struct tm local = agt::local_time(now);
+    std::strftime(clock, sizeof clock, "%H%M%S", &local);
+    EXPECT_TRUE(now - before > 1 || std::abs(std::stoi(body.substr(1001, 6)) - std::stoi(clock)) < 2 ||
+                local.tm_sec < 2)
+        << body.substr(1001, 6);
 
     const std::string start = "(i) ##### health check start, ip : 127.0.0.1(" + std::to_string(server.port()) +
                               ") every 30(sec) send 1407 bytes.";
@@ -173,67 +166,55 @@ TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
 }
 
 TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
-    const std::string blanks(105, ' ');
     const auto record = [](std::string line) {
         line += '\0';
         line.resize(105, ' ');
         return line;
     };
+    const std::string none(105, ' ');
     const std::string wide(150, 'w');
     const struct {
-        const char* name;
         std::string text;
         std::string records;
         std::size_t logged;
-    } cases[] = {{"empty", "", blanks + blanks, 0},
-                 {"one line", "WEB  1\n", record("WEB  1\n") + blanks, 1},
-                 {"no line end", "WEB", record("WEB") + blanks, 1},
-                 {"two lines", wide + "\nB\n", wide.substr(0, 105) + record("B\n"), 2},
-                 {"three lines", "A\nB\nC\n", record("A\n") + record("B\n"), 3},
-                 {"four lines", "A\nB\nC\nD\n", record("A\n") + record("B\n"), 3},
-                 {"a line that never ends", std::string(5000, 'x'), std::string(210, 'x'), 3}};
+    } cases[] = {{"", none + none, 0},
+                 {"WEB  1\n", record("WEB  1\n") + none, 1},
+                 {"WEB", record("WEB") + none, 1},
+                 {wide + "\nB\n", wide.substr(0, 105) + record("B\n"), 2},
+                 {"A\nB\nC\nD\n", record("A\n") + record("B\n"), 3},
+                 {std::string(5000, 'x'), std::string(210, 'x'), 3}}; // a line that never ends
     for (const auto& one : cases) {
-        SCOPED_TRACE(one.name);
         directory.write_file("api_stat.out", one.text);
         directory.mark_log();
-        EXPECT_EQ(cycle().substr(791, 210), one.records);
-        EXPECT_EQ(directory.count_log("(I) api_stat.out #"), one.logged);
+        EXPECT_EQ(cycle().substr(791, 210), one.records) << one.text;
+        EXPECT_EQ(directory.count_log("(I) api_stat.out #"), one.logged) << one.text;
     }
     std::filesystem::remove(directory.path("api_stat.out"));
     EXPECT_EQ(cycle().substr(791, 210), std::string(210, 'x')); // as before
-    directory.write_file("api_stat.out", "A\n");
-    directory.mark_log();
-    cycle();
-    EXPECT_EQ(directory.count_log("(I) api_stat.out #0 --> |A\n|\n"), 1u);
 }
 
 TEST_F(HealthCheck, SummarisesProcessesThatAreNotAsWanted) {
     const std::string longest(50, 'p');
-    const struct {
-        texts names; // '+' in front: as wanted
-        std::string text;
-    } cases[] = {{{}, ""},
-                 {{"+a", "+b"}, ""},
-                 {{"trailsink", "trailsink", "pulsed"}, "trailsink 2, pulsed 1"},
-                 {{"a", "+b", "a", "+a", "a"}, "a 3"},
-                 {{"a", "b", "a"}, "a 1, b 1, a 1"},
-                 {{longest, "b", longest, "b", longest, "b", longest, "b", longest, "b", longest}, ""}};
-    for (const auto& one : cases) {
-        tran_agt_shm->proc_num = 0;
-        for (const std::string& name : one.names)
-            add_process(name.c_str() + (name[0] == '+' ? 1 : 0), name[0] != '+');
-        char text[301];
-        std::memset(text, 'x', sizeof text);
-        const bool overflows = one.names.size() > 10;
-        EXPECT_EQ(get_engine_sts(text), overflows || !one.text.empty() ? 1 : 0);
-        if (overflows) {
-            EXPECT_EQ(std::string(text).substr(0, 60), longest + " 1, b 1, p");
-            EXPECT_EQ(strnlen(text, sizeof text), 300u);
-        } else {
-            EXPECT_STREQ(text, one.text.c_str());
-        }
-    }
+    const std::pair<texts, std::string> cases[] = {{{}, ""}, // '+' in front: as wanted
+                                                   {{"+a", "+b"}, ""},
+                                                   {{"trailsink", "trailsink", "pulsed"}, "trailsink 2, pulsed 1"},
+                                                   {{"a", "+b", "a", "+a", "a"}, "a 3"},
+                                                   {{"a", "b", "a"}, "a 1, b 1, a 1"}};
     char text[301];
+    for (const auto& [names, wanted] : cases) {
+        tran_agt_shm->proc_num = 0;
+        for (const std::string& name : names)
+            add_process(name.c_str() + (name[0] == '+' ? 1 : 0), name[0] != '+');
+        EXPECT_EQ(get_engine_sts(text), wanted.empty() ? 0 : 1);
+        EXPECT_STREQ(text, wanted.c_str());
+    }
+    tran_agt_shm->proc_num = 0;
+    for (int i = 0; i < 11; ++i)
+        add_process(i % 2 == 0 ? longest.c_str() : "b", true);
+    std::memset(text, 'x', sizeof text);
+    EXPECT_EQ(get_engine_sts(text), 1);
+    EXPECT_TRUE(std::string(text).starts_with(longest + " 1, b 1, p"));
+    EXPECT_EQ(strnlen(text, sizeof text), 300u);
     for (const int rows : {-1, INT_MIN, INT_MAX}) { // of another process's making
         tran_agt_shm->proc_num = rows;
         EXPECT_EQ(get_engine_sts(text), rows > 0 ? 1 : 0);
@@ -241,13 +222,10 @@ TEST_F(HealthCheck, SummarisesProcessesThatAreNotAsWanted) {
 }
 
 TEST_F(HealthCheck, CountsInitialProcesses) {
-    add_trace(0, "000000000000000", "java");
-    add_trace(9999, "000000000000000", "python");
-    add_trace(2, "000000000000000", "trailsink");
-    add_trace(3, "000000000000000", "pulsed2");
-    add_trace(4, "000000000000000", "beaconer");
-    add_trace(5, "000000000000000", "pulse");
-    add_trace(6, "00000000000000", "java");
+    unsigned slot = 0;
+    for (const char* name : {"java", "python", "trailsink", "pulsed2", "beaconer", "pulse"})
+        add_trace(slot++, "000000000000000", name);
+    add_trace(slot, "00000000000000", "java");
     add_trace(10000, "", ""); // no slot
     EXPECT_EQ(get_init_proc_num(), 3);
     ptrc_hash_tbl->used.top = UINT_MAX;
@@ -306,41 +284,6 @@ TEST_F(HealthCheck, RetrievesTheListAfterAFailedConnect) {
     EXPECT_EQ(server.count('4'), 1u);
     EXPECT_NE(cycle(), "");
     EXPECT_EQ(directory.count_log("get service list thread is starting.."), 1u);
-}
-
-TEST_F(HealthCheck, ReconnectsToAMuteServer) {
-    server.change([](stand_in_options& options) { options.faults['0'].silent = true; });
-    const long long start_ms = agt::monotonic_ms();
-    EXPECT_NE(cycle(), "");
-    EXPECT_GE(agt::monotonic_ms() - start_ms, 10000);
-    EXPECT_EQ(svr_cmd_sockfd, -1);
-    EXPECT_EQ(directory.count_log("<!> XXXX server recv error.. , rlen : -2\n"), 1u);
-    server.change([](stand_in_options& options) { options.faults.clear(); });
-    EXPECT_NE(cycle(), "");
-    EXPECT_EQ(server.connections(), 2);
-    EXPECT_FALSE(reconnect);
-}
-
-TEST(HealthCheckProgram, SendsTheDeviceInformationAtStart) {
-    kessctl::stand_in server;
-    agent daemon;
-    ASSERT_EQ(server.start(), "");
-    daemon.set("TRAN_SERVER", "CMD_PORT", server.port());
-    daemon.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "1000");
-    auto* segment = static_cast<TRAN_AGT_SHM*>(daemon.create_shm("TRAN_AGT_SHMKEY", sizeof(TRAN_AGT_SHM)));
-    segment->device_info.core_cnt = 123456;
-    segment->device_info.mem_total = 1.0;
-    agt::copy_text(segment->device_info.os_info, "Linux");
-    daemon.start();
-    const auto got = server.wait_for('H');
-    ASSERT_TRUE(got);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&got->frame.body), 303),
-              host_name() + "Linux" + std::string(195, ' ') + ",12345,1." + std::string(28, '0') + ",");
-    EXPECT_TRUE(daemon.wait_log("(i) ##### device info send complete\n"));
-    EXPECT_EQ(daemon.count_log("(I) server notify(cmd) port connect ok!(ip : 127.0.0.1, port: " +
-                               std::to_string(server.port()) + ")\n"),
-              1u);
-    EXPECT_EQ(server.count('0'), 0u); // the first health check comes 30 s later
 }
 
 } // namespace

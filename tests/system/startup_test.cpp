@@ -40,6 +40,7 @@ class Startup : public testing::Test {
     texts start_lines(const std::string& how) const {
         const std::string port = std::to_string(daemon.port());
         const std::string done = " " + how + " complete";
+        const std::string made = " semaphore create complete";
         texts lines = {
             "(I) agt_cmd_port [" + port + ":" + port + "]",
             "(I) Active Service Detail Monitoring OFF.(0ms)",
@@ -51,19 +52,19 @@ class Startup : public testing::Test {
             "(i) config-file(" + daemon.cfg_file() + ") read complete. TCP_CMD_MSG size 1407 bytes",
             shm("(i) tran_logf_que_info" + done, "TRAN_LOGF_QUE_INFO"),
             shm("(i) noti_send_que" + done, "NOTI_SEND_QUE"),
-            sem("(i) noti_send_que semaphore create complete", "NOTI_SEND_QUE"),
-            sem("(i) svc_hash_tbl semaphore create complete", "SVC_HASH_TBL"),
+            sem("(i) noti_send_que" + made, "NOTI_SEND_QUE"),
+            sem("(i) svc_hash_tbl" + made, "SVC_HASH_TBL"),
             shm("(i) svc_hash_tbl" + done, "SVC_HASH_TBL"),
             "(i) get service list thread is starting..",
             "<!> server connection fail. (ip 127.0.0.1, port " + std::to_string(daemon.server_port()) + ") ",
             "### get_service_list() ### thread function END...",
-            sem("(i) ptrc_hash_tbl semaphore create complete", "PTRC_HASH_TBL"),
+            sem("(i) ptrc_hash_tbl" + made, "PTRC_HASH_TBL"),
             "(i) initializing.. ptrc_hash_tbl.",
             shm("(i) ptrc_hash_tbl" + done, "PTRC_HASH_TBL"),
-            sem("(i) jcache_hash_tbl semaphore create complete", "JCACHE_HASH_TBL"),
+            sem("(i) jcache_hash_tbl" + made, "JCACHE_HASH_TBL"),
             "(i) initializing.. jcache_hash_tbl.",
             shm("(i) jcache_hash_tbl" + done, "JCACHE_HASH_TBL"),
-            sem("(i) tran agent semaphore create complete", "TRAN_AGT"),
+            sem("(i) tran agent" + made, "TRAN_AGT"),
             shm("(i) tran_agt_shm" + done, "TRAN_AGT"),
         };
         if (how == "open")
@@ -93,7 +94,6 @@ class Startup : public testing::Test {
 };
 
 TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
-    daemon.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "----");
     start_running(daemon);
     EXPECT_EQ(logged(start_lines("create")), start_lines("create"));
     EXPECT_TRUE(daemon.wait_log("(i) statics log print start... running : 1"));
@@ -103,24 +103,21 @@ TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
     EXPECT_EQ(daemon.err(), "");
     EXPECT_EQ(daemon.stop(), 0);
 
-    TRAN_LOGF_QUE_INFO before;
-    std::memset(daemon.settings(), 0x33, sizeof before);
-    std::memcpy(&before, daemon.settings(), sizeof before);
-    daemon.segment()->proc_num = 7;
-    daemon.services()->h_idx[5] = 4;
-    daemon.traces()->used.top = 3;
-    daemon.cache()->used.top = 2;
-    daemon.noti_que()->info = {9, 9};
+    // None of it is touched, the queue count neither.
+    std::memset(daemon.settings(), 0x33, sizeof(TRAN_LOGF_QUE_INFO));
+    daemon.segment()->proc_num = daemon.services()->h_idx[5] = daemon.noti_que()->info.rear = 7;
+    daemon.traces()->used.top = daemon.cache()->used.top = daemon.noti_que()->info.front = 7;
     daemon.set("TRAN_LOGF", "QUE_CNT", 2);
     daemon.mark_log();
     start_running(daemon);
     EXPECT_EQ(logged(start_lines("open")), start_lines("open"));
-    EXPECT_EQ(std::memcmp(daemon.settings(), &before, sizeof before), 0); // the queue count too
-    EXPECT_EQ(daemon.segment()->proc_num, 7);
-    EXPECT_EQ(daemon.services()->h_idx[5], 4);
-    EXPECT_EQ(daemon.traces()->used.top, 3u);
-    EXPECT_EQ(daemon.cache()->used.top, 2u);
-    EXPECT_EQ(daemon.noti_que()->info.rear, 9);
+    EXPECT_EQ(reinterpret_cast<const char*>(daemon.settings())[0], 0x33);
+    EXPECT_EQ(std::memcmp(daemon.settings(), reinterpret_cast<const char*>(daemon.settings()) + 1,
+                          sizeof(TRAN_LOGF_QUE_INFO) - 1),
+              0);
+    for (const int kept : {daemon.segment()->proc_num, daemon.services()->h_idx[5], daemon.noti_que()->info.rear,
+                           static_cast<int>(daemon.traces()->used.top), static_cast<int>(daemon.cache()->used.top)})
+        EXPECT_EQ(kept, 7);
 }
 
 TEST_F(Startup, LeavesNewObjectsInitialised) {
@@ -129,23 +126,20 @@ TEST_F(Startup, LeavesNewObjectsInitialised) {
     settings.qcnt = 8;
     settings.qcnt_mask = 7;
     EXPECT_EQ(std::memcmp(daemon.settings(), &settings, sizeof settings), 0);
-    const auto all_zero = [](const void* first, std::size_t size) {
-        const auto* bytes = static_cast<const char*>(first);
-        return bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
+    EXPECT_EQ(table_fault(*daemon.services()), "");
+    EXPECT_EQ(daemon.services()->available.idx[9999], 9999u); // the first to be taken
+    const auto all_zero = [](const void* at, std::size_t size) {
+        const auto* byte = static_cast<const char*>(at);
+        return byte[0] == 0 && std::memcmp(byte, byte + 1, size - 1) == 0;
     };
-    const auto empty = [&](const auto& table, std::size_t slots_looked_at) { // at both ends of the slots
+    const auto empty = [&](const auto& table, std::size_t looked_at) { // the first and the last slots
         const std::size_t slots = std::size(table.h_arr);
-        const std::size_t bytes = slots_looked_at * sizeof table.h_arr[0];
-        unsigned ascending = 0;
-        while (ascending < slots && table.available.idx[ascending] == ascending)
-            ++ascending;
-        return table.alloc_cnt == 0 && table.used.top == 0 && table.available.top == slots && ascending == slots &&
+        const std::size_t bytes = looked_at * sizeof table.h_arr[0];
+        return table.alloc_cnt == 0 && table.used.top == 0 && table.available.top == slots &&
                std::count(std::begin(table.h_idx), std::end(table.h_idx), -1) == std::ssize(table.h_idx) &&
-               all_zero(table.h_arr, bytes) && all_zero(&table.h_arr[slots - slots_looked_at], bytes);
+               all_zero(table.h_arr, bytes) && all_zero(&table.h_arr[slots - looked_at], bytes);
     };
-    EXPECT_TRUE(empty(*daemon.services(), 10000));
-    EXPECT_TRUE(empty(*daemon.traces(), 50));
-    EXPECT_TRUE(empty(*daemon.cache(), 50));
+    EXPECT_TRUE(empty(*daemon.services(), 10000) && empty(*daemon.traces(), 50) && empty(*daemon.cache(), 50));
     EXPECT_TRUE(all_zero(daemon.segment(), sizeof(TRAN_AGT_SHM)));
     EXPECT_EQ(daemon.noti_que()->info.front + daemon.noti_que()->info.rear, 0);
     for (const std::string name : {"SVC_HASH_TBL", "NOTI_SEND_QUE", "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT"}) {
@@ -164,31 +158,31 @@ TEST_F(Startup, StopsAtAMissingKey) {
     const texts lines = start_lines("create");
     const struct {
         std::string last; // line of the log
-        texts keys;
-    } cases[] = {{"", {"COMMON LOG_HOME", "TRAN_AGENT IP_ADDRESS", "TRAN_AGENT CMD_PORT"}},
-                 {lines[0], {"TRAN_SERVER IP_ADDRESS", "TRAN_SERVER CMD_PORT", "ACTIVE_SERVICE_EVENT ACTIVE_LIMIT"}},
-                 {lines[1],
-                  {"IPC_SHARED_MEMORY TRAN_LOGF_QUE_INFO_SHMKEY", "IPC_SHARED_MEMORY SVC_HASH_TBL_SHMKEY",
-                   "IPC_SHARED_MEMORY NOTI_SEND_QUE_SHMKEY", "IPC_SEMAPHORE SVC_HASH_TBL_SEMKEY",
-                   "IPC_SEMAPHORE NOTI_SEND_QUE_SEMKEY"}},
-                 {lines[3], {"TRAN_LOGF LOG_INTERFACE", "TRAN_LOGF TR_SECTION", "CHECK_FILES SVC_UPDATE_CHK_FILE"}},
-                 {lines[4], {"PTRC_HASH TRC_STS_CHECK_PERIOD"}},
-                 {lines[5],
-                  {"IPC_SHARED_MEMORY PTRC_HASH_TBL_SHMKEY", "IPC_SEMAPHORE PTRC_HASH_TBL_SEMKEY",
-                   "IPC_SHARED_MEMORY JCACHE_HASH_TBL_SHMKEY", "IPC_SEMAPHORE JCACHE_HASH_TBL_SEMKEY",
-                   "SERVICE_HASH DEFAULT_TIMEOUT_SEC", "IPC_SHARED_MEMORY TRAN_AGT_SHMKEY",
-                   "IPC_SEMAPHORE TRAN_AGT_SEMKEY", "CHECK_API_STAT ACT"}},
-                 {lines[7], {"TRAN_LOGF QUE_CNT"}}};
+        const char* section;
+        texts keywords;
+    } cases[] = {
+        {"", "COMMON", {"LOG_HOME"}},
+        {"", "TRAN_AGENT", {"IP_ADDRESS", "CMD_PORT"}},
+        {lines[0], "TRAN_SERVER", {"IP_ADDRESS", "CMD_PORT"}},
+        {lines[0], "ACTIVE_SERVICE_EVENT", {"ACTIVE_LIMIT"}},
+        {lines[1], "IPC_SHARED_MEMORY", {"TRAN_LOGF_QUE_INFO_SHMKEY", "SVC_HASH_TBL_SHMKEY", "NOTI_SEND_QUE_SHMKEY"}},
+        {lines[1], "IPC_SEMAPHORE", {"SVC_HASH_TBL_SEMKEY", "NOTI_SEND_QUE_SEMKEY"}},
+        {lines[3], "TRAN_LOGF", {"LOG_INTERFACE", "TR_SECTION"}},
+        {lines[3], "CHECK_FILES", {"SVC_UPDATE_CHK_FILE"}},
+        {lines[4], "PTRC_HASH", {"TRC_STS_CHECK_PERIOD"}},
+        {lines[5], "IPC_SHARED_MEMORY", {"PTRC_HASH_TBL_SHMKEY", "JCACHE_HASH_TBL_SHMKEY", "TRAN_AGT_SHMKEY"}},
+        {lines[5], "IPC_SEMAPHORE", {"PTRC_HASH_TBL_SEMKEY", "JCACHE_HASH_TBL_SEMKEY", "TRAN_AGT_SEMKEY"}},
+        {lines[5], "SERVICE_HASH", {"DEFAULT_TIMEOUT_SEC"}},
+        {lines[5], "CHECK_API_STAT", {"ACT"}},
+        {lines[7], "TRAN_LOGF", {"QUE_CNT"}}};
     for (const auto& one : cases)
-        for (const std::string& key : one.keys) {
-            const std::string section = key.substr(0, key.find(' '));
-            const std::string keyword = key.substr(key.find(' ') + 1);
-            const std::string value = daemon.value(section, keyword);
-            daemon.unset(section, keyword);
-            daemon.set(section, "OTHER", "1"); // the section stays
-            EXPECT_EQ(last_line_of_a_failed_start(), one.last) << key;
+        for (const std::string& keyword : one.keywords) {
+            const std::string value = daemon.value(one.section, keyword);
+            daemon.unset(one.section, keyword);
+            daemon.set(one.section, "OTHER", "1"); // the section stays
+            EXPECT_EQ(last_line_of_a_failed_start(), one.last) << keyword;
             EXPECT_NE(daemon.err().find("not found keyword[" + keyword + "]"), std::string::npos) << daemon.err();
-            daemon.set(section, keyword, value);
+            daemon.set(one.section, keyword, value);
         }
     daemon.set("CHECK_API_STAT", "ACT", "three words only");
     EXPECT_EQ(last_line_of_a_failed_start(), lines[5]);
@@ -210,16 +204,14 @@ TEST_F(Startup, StopsWithoutItsEnvironmentOrAConfiguration) {
 }
 
 TEST_F(Startup, StopsAtAnObjectItCannotHave) {
-    const std::pair<const char*, const char*> segments[] = {{"TRAN_LOGF_QUE_INFO", "tran_logf_que_info"},
-                                                            {"NOTI_SEND_QUE", "noti_send_que"},
-                                                            {"SVC_HASH_TBL", "svc_hash_tbl"},
-                                                            {"PTRC_HASH_TBL", "ptrc_hash_tbl"},
-                                                            {"JCACHE_HASH_TBL", "jcache_hash_tbl"},
-                                                            {"TRAN_AGT", "tran_agt_shm"}};
-    for (const auto& [name, logged] : segments) {
-        daemon.create_shm(std::string(name) + "_SHMKEY", 200); // smaller than any of them
-        EXPECT_EQ(last_line_of_a_failed_start(), shm("<!> " + std::string(logged) + " create error", name));
-        shmctl(shmget(daemon.shm_key(std::string(name) + "_SHMKEY"), 0, 0), IPC_RMID, nullptr);
+    for (const std::string name :
+         {"TRAN_LOGF_QUE_INFO", "NOTI_SEND_QUE", "SVC_HASH_TBL", "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT"}) {
+        std::string logged = name == "TRAN_AGT" ? "tran_agt_shm" : name;
+        std::transform(logged.begin(), logged.end(), logged.begin(),
+                       [](char c) { return static_cast<char>(std::tolower(c)); });
+        daemon.create_shm(name + "_SHMKEY", 200); // smaller than any of them
+        EXPECT_EQ(last_line_of_a_failed_start(), shm("<!> " + logged + " create error", name));
+        shmctl(shmget(daemon.shm_key(name + "_SHMKEY"), 0, 0), IPC_RMID, nullptr);
     }
     semctl(daemon.sem_id("TRAN_AGT_SEMKEY"), 0, IPC_RMID);
     semget(daemon.sem_key("TRAN_AGT_SEMKEY"), 1, IPC_CREAT | 0666); // fewer than it needs
@@ -243,13 +235,9 @@ TEST_F(Startup, TakesOptionalAndOddValues) {
     daemon.set("SERVICE_HASH", "DAILY_UPDATE_SCRIPT", "/bin/true");
     daemon.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "500");
     start_running(daemon);
-    EXPECT_TRUE(in_order(
-        daemon.log(),
-        {"(I) Active Service Detail Monitoring ON.(500ms)\n",
-         "<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + std::to_string(daemon.server_port()) +
-             ")\n",
-         "<!> network error\n", "<!> network error : send_flag off [0]\n", "<!> network error : socket close\n",
-         ">> Update DAILY_UPDATE_HHMI(4DIGIT) : 2359\n", ">> Update DAILY_UPDATE_SCRIPT : /bin/true\n"}));
+    EXPECT_TRUE(in_order(daemon.log(), {"(I) Active Service Detail Monitoring ON.(500ms)\n",
+                                        ">> Update DAILY_UPDATE_HHMI(4DIGIT) : 2359\n",
+                                        ">> Update DAILY_UPDATE_SCRIPT : /bin/true\n"}));
     EXPECT_EQ(daemon.stop(), 0);
 
     daemon.set("COMMON", "LOG_HOME", "no/such/directory"); // the lines are dropped

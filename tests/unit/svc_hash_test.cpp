@@ -12,7 +12,6 @@
 #include "service_file.h"
 #include "settings.h"
 #include "show_logs.h"
-#include "svc_hash_stk.h"
 
 namespace {
 
@@ -94,36 +93,13 @@ TEST_F(SvcHash, LinksAndUnlinksChains) {
     EXPECT_EQ(table_fault(table), "");
 }
 
-TEST_F(SvcHash, ActsByModeOnAKnownAndOnAnUnknownService) {
-    const struct {
-        char mode;
-        int unknown; // the slot
-        int known;
-        int limit; // of the known one afterwards; it had 10, the element says 20
-        unsigned entries;
-    } cases[] = {{'A', 9998, 9999, 10, 2}, {'X', 9998, 9999, 10, 2}, {'Y', 9998, 9999, 20, 2},
-                 {'D', -1, 9999, 10, 0},   {'Z', 9998, -1, 10, 2},   {'\0', 9998, -1, 10, 2}};
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.mode);
-        init_svc_hash_tbl();
-        EXPECT_EQ(set(element("KNOWN")), 9999);
-        table.h_arr[9999].param.is_sync = 5;
-        EXPECT_EQ(set(element("UNKNOWN", one.mode)), one.unknown);
-        EXPECT_EQ(set(element("KNOWN", one.mode, "20")), one.known);
-        EXPECT_EQ(table.h_arr[9999].param.limit, one.limit);
-        EXPECT_EQ(table.h_arr[9999].param.is_sync, 5);
-        EXPECT_EQ(table.alloc_cnt, one.entries);
-        EXPECT_EQ(table_fault(table), "");
-    }
-}
-
 TEST_F(SvcHash, ReadsFieldsOfAnyContent) {
     SERVICE_ELEMENT full;
     std::memset(&full, '7', sizeof full); // no terminator anywhere
     ASSERT_EQ(set(full), 9999);
     const SVC_HASH_ARR& param = table.h_arr[9999].param;
-    EXPECT_EQ(std::string(param.host_name) + param.server_id + param.service_id, std::string(64 + 15 + 16, '7'));
     EXPECT_EQ(param.call_trc_depth, 777777);
+    table.h_arr[9999].param.is_sync = 5; // not the daemon's
     EXPECT_EQ(param.tflag, 77);
     full.service_id[16] = '8'; // behind the key
     full.update_mode[0] = 'Y';
@@ -142,31 +118,7 @@ TEST_F(SvcHash, ReadsFieldsOfAnyContent) {
         EXPECT_EQ(param.sql_trc_limit, one.sql_trc_limit) << one.text;
     }
     EXPECT_EQ(static_cast<unsigned char>(param.uflag_set), 0x81);
-}
-
-TEST_F(SvcHash, RefusesWhatItHasNoSlotFor) {
-    for (int i = 0; i < SVC_HASH_SLOTS; ++i)
-        ASSERT_EQ(set(element("S" + std::to_string(i))), 9999 - i);
-    const auto before = std::make_unique<SVC_HASH_TBL>(table);
-    EXPECT_EQ(set(element("ONE MORE")), -1);
-    EXPECT_EQ(svc_hash_push(&table.used, 1), -1);
-    EXPECT_EQ(std::memcmp(before.get(), &table, sizeof table), 0);
-    EXPECT_EQ(set(element("S17", 'D')), 9982);
-    EXPECT_EQ(set(element("ONE MORE")), 9982);
-    EXPECT_EQ(table_fault(table), "");
-}
-
-TEST_F(SvcHash, RemovesAnIndexFromAnywhereInAStack) {
-    SVC_HASH_STK stack = {4, {10, 11, 12, 13}};
-    EXPECT_EQ(svc_hash_popv(&stack, 11), 11);
-    EXPECT_EQ(stack.top, 3u);
-    EXPECT_TRUE(std::equal(stack.idx, stack.idx + 4, std::begin({10u, 13u, 12u, ~0u})));
-    EXPECT_EQ(svc_hash_popv(&stack, 11), -1);
-    EXPECT_EQ(svc_hash_popv(&stack, 12), 12); // on top
-    EXPECT_EQ(svc_hash_pop(&stack), 13);
-    EXPECT_EQ(svc_hash_pop(&stack), 10);
-    EXPECT_EQ(svc_hash_pop(&stack), -1);
-    EXPECT_EQ(svc_hash_popv(&stack, 10), -1);
+    EXPECT_EQ(param.is_sync, 5);
 }
 
 // Whatever another process left in the segment, every operation ends and stays inside the table.

@@ -25,8 +25,8 @@ int get_nth_token_in_file_section(const char* fname, const char* section, const 
 // The same without a word on standard error, for keys that may be absent.
 int find_nth_token_in_file_section(const char* fname, const char* section, const char* keyword, int n, char* string);
 
-// The number (from 1) of the line that the lookups above read for `keyword` in `section`, or of the section's header for
-// a null keyword; -1 without one. Nothing on standard error. Pieces of a long line count as lines.
+// The number (from 1) of the line that the lookups above read for `keyword` in `section`, or of the section's header
+// for a null keyword; -1 without one. Nothing on standard error. Pieces of a long line count as lines.
 int find_line_in_file_section(const char* fname, const char* section, const char* keyword);
 
 // Positions `fp` behind the header of `section`, searching from its start. The line number of the header (from 1), or

@@ -164,6 +164,8 @@ int recv_within(int sockfd, void* buffer, int length, int timeout, int got) {
 }
 
 bool resolve(const char* host, in_addr* out) {
+    if (inet_aton(host, out) != 0) // the resolver, which a lack of memory can leave locked, is for names
+        return true;
     char buffer[8192];
     hostent entry{};
     hostent* found = nullptr;

@@ -70,6 +70,7 @@ int try_connect() {
 void* check_network(void*) {
     while (keep_running()) {
         agt::log_printf("(i) check network, trying connect to notify(cmd) port...");
+        close_noti_socket();
         if (try_connect() == 1) {
             agt::log_printf("(i) successfully connected to notify(cmd) port..");
             noti_send_flag = 1;

@@ -101,9 +101,9 @@ char is_alive_pid(int k, pid_t pid, const char* proc_nm) {
 // Whether it is the entry's turn; counts its seconds otherwise.
 bool is_due(PTRC_HASH_ARR& entry, std::time_t now) {
     const char trc_sts = shared_load(entry.trc_sts);
-    if (trc_sts == 'h' || (trc_sts == 'f' && now - shared_load(entry.lasted_access) > FINISHED_IDLE_SEC))
+    if (trc_sts == 'h' || (trc_sts == 'f' && shared_load(entry.lasted_access) < now - FINISHED_IDLE_SEC))
         return true;
-    const int elapsed = static_cast<signed char>(shared_load(entry.chk_elps_sec)) + trc_sts_check_period;
+    const long elapsed = static_cast<signed char>(shared_load(entry.chk_elps_sec)) + long{trc_sts_check_period};
     const bool due = elapsed > CHECK_PERIOD_SEC;
     shared_store(entry.chk_elps_sec, static_cast<char>(due ? 0 : elapsed));
     return due;

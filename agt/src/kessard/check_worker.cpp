@@ -97,7 +97,7 @@ void write_idle_entry(LOG_HASH_ARR* record, const PTRC_HASH_ARR_LIST& entry, con
     std::memcpy(hdr.tid, entry.param.tid, sizeof hdr.tid - 1);
     const struct tm when = agt::local_time(subject.lasted_access);
     char accessed[80];
-    std::snprintf(accessed, sizeof accessed, "%04d-%02d-%02d %02d:%02d:%02d", when.tm_year + 1900, when.tm_mon + 1,
+    std::snprintf(accessed, sizeof accessed, "%04ld-%02d-%02d %02d:%02d:%02d", when.tm_year + 1900L, when.tm_mon + 1,
                   when.tm_mday, when.tm_hour, when.tm_min, when.tm_sec);
     auto& text = record->keep_log.bdy.evt_log.evt_info_str;
     std::snprintf(text, sizeof text - 1, "%s not running. [%s / pid:%d / tid:%lu] (Last access tm : %s)",
@@ -189,7 +189,7 @@ void delete_worker() {
 }
 
 bool is_idle(const PTRC_HASH_ARR_LIST& entry, std::time_t now) {
-    return now - shared_load(entry.param.lasted_access) > worker_cfg.worker_rest_interval;
+    return shared_load(entry.param.lasted_access) < now - worker_cfg.worker_rest_interval;
 }
 
 void examine_thread(const PTRC_HASH_ARR_LIST* entry, std::time_t now) {

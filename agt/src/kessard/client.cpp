@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "access_control.h"
 #include "log_printf.h"
 #include "tcp_base.h"
 
@@ -109,7 +110,7 @@ int cmd_new_connection(int listen_sockfd) {
     sockaddr_in peer{};
     const int sockfd = agt::accept_tcpserver_connection(listen_sockfd, &peer);
     // A descriptor that the set cannot hold is refused like one too many.
-    if (sockfd >= FD_SETSIZE || add_cmd_client(sockfd, peer) < 0) {
+    if (!admit_cmd_client(peer) || sockfd >= FD_SETSIZE || add_cmd_client(sockfd, peer) < 0) {
         agt::close_tcp_session(sockfd);
         return -1;
     }

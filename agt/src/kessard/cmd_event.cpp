@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "access_control.h"
 #include "check_network.h"
 #include "ext_request.h"
 #include "field.h"
@@ -252,7 +253,10 @@ void cmd_event(const CMD_CLIENT* client) {
     const char type = r_msg.hdr.msg_type[0];
     set_header(&s_msg, s_msg.hdr.msg_type[0]);
     if (type == MSG_EXT_REQ) {
-        hand_over(sockfd, TCP_CMD_MSG_SIZE);
+        if (admit_ext_request(client->sock_addr))
+            hand_over(sockfd, TCP_CMD_MSG_SIZE);
+        else
+            drop_cmd_client(sockfd);
         return;
     }
     const command* wanted =

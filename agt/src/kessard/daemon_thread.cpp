@@ -5,6 +5,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 
@@ -30,9 +32,15 @@ bool send_event(int fd) {
     return write(fd, &one, sizeof one) == static_cast<ssize_t>(sizeof one);
 }
 
+// Not wait_fd, which the cancelled caller's own event would end.
 bool has_event(int fd, int limit_ms) {
+    const long long until_ms = agt::monotonic_ms() + limit_ms;
     pollfd watched = {fd, POLLIN, 0};
-    return poll(&watched, 1, limit_ms) > 0;
+    int ret;
+    do
+        ret = poll(&watched, 1, static_cast<int>(std::max(until_ms - agt::monotonic_ms(), 0LL)));
+    while (ret < 0 && errno == EINTR);
+    return ret > 0;
 }
 
 } // namespace
@@ -50,6 +58,8 @@ void* daemon_thread::run(void* self) {
 
 bool daemon_thread::start() {
     const std::lock_guard guard(mutex_);
+    if (started_ && !has_event(done_fd_, JOIN_LIMIT_MS))
+        return false;
     if (started_)
         pthread_join(handle_, nullptr);
     started_ = false;

@@ -24,8 +24,8 @@ class daemon_thread {
 
     const char* name() const { return name_; }
 
-    // Creates the thread, once a former one has ended: callers start a thread again when it is at its end. False when
-    // the thread could not be created.
+    // Creates the thread, once a former one has ended: callers start a thread again when it is at its end, and one that
+    // is not within JOIN_LIMIT_MS is not started. False then, and when the thread could not be created.
     bool start();
 
     // Whether there is a thread that was started and not joined.

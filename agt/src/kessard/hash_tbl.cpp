@@ -26,12 +26,14 @@ void log_hash_tbl_complete(const hash_tbl_key& key, const hash_tbl_object& objec
                     static_cast<unsigned>(key.shmkey));
 }
 
-bool init_new_hash_tbl(const hash_tbl_object& object, int (*init)()) {
+bool init_new_hash_tbl(const hash_tbl_key& key, const hash_tbl_object& object, int (*init)()) {
     if (object.existed || object.shmid <= 0)
         return false;
-    const object_lock lock("new table", object.semid);
-    if (lock.given_up())
+    const object_lock lock(key.name, object.semid);
+    if (lock.given_up()) { // the next start must not take it for a table in order
+        agt::remove_shm(object.shmid);
         return false;
+    }
     init();
     return true;
 }

@@ -4,10 +4,12 @@
 // what is logged when the key may be absent. A step that does more than store the word is a function of its own.
 #include "init.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "access_control.h"
 #include "check_network.h"
 #include "client.h"
 #include "field.h"
@@ -182,9 +184,13 @@ bool take_key(const cfg_row& row) {
     char word[agt::CFG_WORD_SIZE];
     const auto look_up =
         row.if_absent == SILENT ? agt::find_nth_token_in_file_section : agt::get_nth_token_in_file_section;
+    errno = 0;
     if (look_up(cfg_file(), row.section, row.keyword, row.word, word) > 0)
         return row.take(word);
-    if (row.if_absent == nullptr)
+    const int error = errno;
+    if (error != 0) // a file that cannot be read does not say that a key is absent
+        agt::log_printf("<!> %s %s : cannot be read, errno : %d", row.section, row.keyword, error);
+    if (row.if_absent == nullptr || error != 0)
         return false;
     agt::log_printf("%s", row.if_absent);
     return true;
@@ -212,7 +218,7 @@ int check_env_var() { return check_variable("TRAN_AGT_HOME") && check_variable("
 
 int init_config() {
     pthread_mutex_lock(&cfg_mutex);
-    const bool complete = take_all_keys();
+    const bool complete = take_all_keys() && read_access_control();
     pthread_mutex_unlock(&cfg_mutex);
     if (!complete)
         return 0;

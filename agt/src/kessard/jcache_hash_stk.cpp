@@ -15,7 +15,7 @@ int create_jcache_hash_tbl() {
     if (!open_hash_tbl(key, &object))
         return 0;
     jcache_hash_tbl = static_cast<JCACHE_HASH_TBL*>(object.address);
-    if (object.existed || init_new_hash_tbl(object, init_jcache_hash_tbl))
+    if (object.existed || init_new_hash_tbl(key, object, init_jcache_hash_tbl))
         log_hash_tbl_complete(key, object);
     return 1;
 }

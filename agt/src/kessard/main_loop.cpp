@@ -24,6 +24,7 @@
 #include "log_printf.h"
 #include "notify_active_service_detail.h"
 #include "process_globals.h"
+#include "service_manager.h"
 #include "shcmd_service_list.h"
 #include "st_log.h"
 #include "tcp_base.h"
@@ -184,6 +185,7 @@ void* network_checker(void*) {
 
 void start() {
     agt::log_printf("[ %s ] start... running : %d", PROGRAM_NAME, running.load());
+    notify_service_manager("READY=1");
     for (unsigned int served = 0; running != 0;) {
         fd_set ready = readFds;
         const int ret = pselect(maxFd + 1, &ready, nullptr, nullptr, &SELECT_TIMEOUT, &loop_mask);
@@ -203,6 +205,7 @@ void start() {
 void end() {
     agt::set_cancel_fd(-1);
     agt::log_printf("[ %s ] end.. resource clear.", PROGRAM_NAME);
+    notify_service_manager("STOPPING=1");
     agt::sleep_ms(1000);
     th_cancel_get_service_list();
     th_cancel_health_check();

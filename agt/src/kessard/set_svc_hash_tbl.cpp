@@ -128,7 +128,7 @@ int open_svc_hash_tbl() {
         return 0;
     svc_hash_tbl = static_cast<SVC_HASH_TBL*>(object.address);
     svc_hash_tbl_semid = object.semid;
-    init_new_hash_tbl(object, init_svc_hash_tbl);
+    init_new_hash_tbl(key, object, init_svc_hash_tbl);
     log_hash_tbl_complete(key, object);
     return 1;
 }

@@ -22,6 +22,7 @@
 #include "get_service_list.h"
 #include "kessard/cmd_msg.h"
 #include "log_printf.h"
+#include "process_globals.h"
 #include "server_link.h"
 #include "settings.h"
 #include "subprocess.h"
@@ -74,6 +75,8 @@ bool next_line(line_source* from, char* line) {
         if (!read_more(from))
             break;
     }
+    if (agt::cancelled()) // what is held may be the start of a line
+        return false;
     from->taken = end == nullptr ? from->held
                                  : static_cast<std::size_t>(static_cast<const char*>(end) - from->text) + 1;
     std::memcpy(line, from->text, from->taken);
@@ -189,6 +192,10 @@ bool run_script(upload* up) {
     if (agt::shell_reader_start(update_service_script, &script) != 0)
         return false;
     const bool complete = upload_lines(up, script.fd);
+    if (!complete) { // the server need not wait for the script's end
+        agt::close_tcp_session(up->conn_sockfd);
+        up->conn_sockfd = -1;
+    }
     end_script(&script);
     return complete && (up->count == 0 || send_block(up, LAST_BLOCK_RECV_ERROR));
 }
@@ -199,7 +206,7 @@ bool upload_services(int conn_sockfd) {
     up.conn_sockfd = conn_sockfd;
     request().result_code[0] = NO_BLOCK_YET;
     const bool complete = put_host_name(up.host_name, sizeof up.host_name) && run_script(&up);
-    agt::close_tcp_session(conn_sockfd);
+    agt::close_tcp_session(up.conn_sockfd);
     if (complete)
         agt::log_printf("(I) Total [%d] Services Server Update, Success..", up.total);
     return complete;
@@ -232,7 +239,11 @@ void th_start_shcmd_service_list() {
 
 void th_cancel_shcmd_service_list() { cancel_thread(th); }
 
-void th_join_shcmd_service_list() { join_thread(th); }
+void th_join_shcmd_service_list() {
+    if (running == 0)
+        th.cancel(); // one that was started after the cancellation
+    join_thread(th);
+}
 
 bool shcmd_service_list_running() { return uploads > 0; }
 

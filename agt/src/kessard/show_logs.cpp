@@ -60,9 +60,9 @@ svc_hash_tbl_copy copy_svc_hash_tbl(const SVC_HASH_TBL& table) {
         return copy;
     copy->alloc_cnt = shared_load(table.alloc_cnt);
     copy->used = table.used;
-    const unsigned int used = stack_size(table.used);
+    const unsigned int used = stack_size(copy->used); // of the copy: the table may change meanwhile
     for (unsigned int i = 0; i < used; ++i) {
-        const unsigned int s = table.used.idx[i];
+        const unsigned int s = copy->used.idx[i];
         if (s < SVC_HASH_SLOTS)
             copy->h_arr[s] = table.h_arr[s];
     }

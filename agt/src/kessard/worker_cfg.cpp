@@ -37,8 +37,8 @@ bool read_tr_section() { return read_cfg_word("TRAN_LOGF", "TR_SECTION", worker_
 bool read_check_interval() {
     if (!read_cfg_number(SECTION, "WORKER_CHECK_INTERVAL", &worker_cfg.worker_check_interval))
         return false;
-    if (worker_cfg.worker_check_interval == 0) {
-        agt::log_printf("<!> WORKER_CHECK_INTERVAL is 0. finished job.");
+    if (worker_cfg.worker_check_interval <= 0) {
+        agt::log_printf("<!> WORKER_CHECK_INTERVAL is %d. finished job.", worker_cfg.worker_check_interval);
         return false;
     }
     worker_cfg.worker_flag = 1;

@@ -30,6 +30,13 @@ void add_agent_options(CLI::App& command, agent_address& agent) {
         ->capture_default_str();
 }
 
+void add_look_options(CLI::App& command, look_options& look) {
+    command.add_option("--config,--cfg", look.cfg_file, "Configuration file of the agent (default: TRAN_AGT_CFG_FILE)");
+    command.add_option("--full", look.full_percent, "Fill level of a queue or table, in per cent, that is a problem")
+        ->check(CLI::Range(0.0, 100.0))
+        ->capture_default_str();
+}
+
 bool connect_agent(agent_address& agent, command_client& client) {
     if (agent.port == 0)
         agent.port = std::atoi(cfg_value(default_cfg_file(), "TRAN_AGENT", "CMD_PORT").c_str());

@@ -23,11 +23,20 @@ struct agent_address {
 // The value of TRAN_AGT_CFG_FILE; empty without it.
 std::string default_cfg_file();
 
+// Of a look at a whole agent.
+struct look_options {
+    std::string cfg_file = default_cfg_file();
+    double full_percent = 90; // fill level that is a problem
+};
+
 // Word 1 of a configuration value; empty when it is not there.
 std::string cfg_value(const std::string& cfg_file, const char* section, const char* keyword);
 
 // Adds --host, --port and --timeout-ms.
 void add_agent_options(CLI::App& command, agent_address& agent);
+
+// Adds --config and --full.
+void add_look_options(CLI::App& command, look_options& look);
 
 // Connects, taking the port from the configuration file if none was given. False after a line on standard error.
 bool connect_agent(agent_address& agent, command_client& client);

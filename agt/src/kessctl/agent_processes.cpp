@@ -4,15 +4,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cinttypes>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
+
+#include "daemon_process.h"
 
 namespace kessctl {
 namespace {
@@ -41,12 +41,6 @@ std::vector<pid_t> all_processes() {
     return pids;
 }
 
-std::string name_of(pid_t pid) {
-    std::string name = read_whole(proc_path(pid, "comm"));
-    name.erase(std::min(name.find('\n'), name.size()));
-    return name;
-}
-
 // The environment's configuration file of a process, as a path from here; empty without one.
 fs::path configuration_of(pid_t pid) {
     const std::string environment = '\0' + read_whole(proc_path(pid, "environ"));
@@ -59,9 +53,11 @@ fs::path configuration_of(pid_t pid) {
 
 pid_t parent_of(pid_t pid) {
     const std::string stat = read_whole(proc_path(pid, "stat"));
+    const std::size_t name_end = stat.rfind(')'); // the name may hold anything
     int parent = 0;
-    const std::size_t name_end = stat.rfind(')');
-    return name_end != stat.npos && std::sscanf(stat.c_str() + name_end, ") %*c %d", &parent) == 1 ? parent : 0;
+    if (name_end != stat.npos)
+        std::sscanf(stat.c_str() + name_end, ") %*c %d", &parent);
+    return parent;
 }
 
 std::set<std::uintmax_t> listening_inodes(int port) {
@@ -116,30 +112,31 @@ template <class Test> std::vector<pid_t> processes_that(Test test) {
 std::vector<pid_t> daemons_of(const std::string& cfg_file) {
     std::vector<pid_t> pids = processes_that([&](pid_t pid) {
         std::error_code error;
-        return name_of(pid) == PROGRAM && fs::equivalent(configuration_of(pid), cfg_file, error);
+        return process_name(pid) == PROGRAM && fs::equivalent(configuration_of(pid), cfg_file, error);
     });
     const std::set<pid_t> all(pids.begin(), pids.end());
+    const pid_t attached = find_daemon(cfg_file).pid;
+    if (attached > 0 && !all.contains(attached))
+        pids.push_back(attached);
     std::erase_if(pids, [&](pid_t pid) { return all.contains(parent_of(pid)); });
     return pids;
 }
 
 std::vector<pid_t> listeners_of(int port) {
     const std::set<std::uintmax_t> inodes = listening_inodes(port);
-    return inodes.empty() ? std::vector<pid_t>()
-                          : processes_that([&](pid_t pid) { return has_socket(pid, inodes); });
+    return inodes.empty() ? std::vector<pid_t>() : processes_that([&](pid_t pid) { return has_socket(pid, inodes); });
 }
 
 std::vector<pid_t> attached_to(int shmid) {
     return processes_that([shmid](pid_t pid) { return maps_segment(pid, shmid); });
 }
 
-bool is_alive(pid_t pid) {
-    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+bool may_have_attached(pid_t pid, int shmid) {
+    return maps_segment(pid, shmid) || !std::ifstream(proc_path(pid, "maps"));
 }
 
 std::string process_text(pid_t pid) {
-    const std::string name = name_of(pid);
-    return std::to_string(pid) + " (" + (is_alive(pid) && !name.empty() ? name : "no longer there") + ")";
+    return std::to_string(pid) + " (" + (process_alive(pid) ? process_name(pid) : "no longer there") + ")";
 }
 
 std::string process_texts(const std::vector<pid_t>& pids) {

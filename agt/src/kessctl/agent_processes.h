@@ -8,7 +8,7 @@
 
 namespace kessctl {
 
-// The daemons that run with this configuration file; not their children.
+// The daemons that were started with this configuration file or have attached what it names; not their children.
 std::vector<pid_t> daemons_of(const std::string& cfg_file);
 
 // The processes that listen on a TCP port.
@@ -17,7 +17,8 @@ std::vector<pid_t> listeners_of(int port);
 // The processes that have a segment attached, this one not among them.
 std::vector<pid_t> attached_to(int shmid);
 
-bool is_alive(pid_t pid);
+// Whether a process has it attached; true, too, where that cannot be seen.
+bool may_have_attached(pid_t pid, int shmid);
 
 // "pid (name)", or "pid (no longer there)".
 std::string process_text(pid_t pid);

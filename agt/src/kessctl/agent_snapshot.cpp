@@ -122,7 +122,8 @@ void read_agent_segment(agent_snapshot& now) {
 } // namespace
 
 int agent_snapshot::object_count() const {
-    const auto segments_there = std::count_if(segments.begin(), segments.end(), [](const auto& s) { return s.exists(); });
+    const auto segments_there =
+        std::count_if(segments.begin(), segments.end(), [](const auto& s) { return s.exists(); });
     const auto sets_there =
         std::count_if(semaphores.begin(), semaphores.end(), [](const auto& s) { return s.object.exists(); });
     return static_cast<int>(segments_there + sets_there);

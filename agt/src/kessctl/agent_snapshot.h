@@ -117,6 +117,8 @@ struct agent_snapshot {
     std::vector<fill_level> tables() const { return {service_fill, trace_fill, cache_fill}; }
     // Objects of either kind that exist.
     int object_count() const;
+    // Of the daemon; 0 when it is not known.
+    long long uptime_sec() const { return daemon.pid > 0 && taken > daemon.started ? taken - daemon.started : 0; }
 };
 
 agent_snapshot take_snapshot(const std::string& cfg_file);

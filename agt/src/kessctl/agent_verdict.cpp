@@ -11,7 +11,9 @@ using reason_list = std::vector<std::string>;
 
 constexpr int START_SEC = 10; // the last objects appear five seconds after the daemon starts
 
-bool has_started(const agent_snapshot& now) { return now.daemon.running && now.daemon.uptime_sec >= START_SEC; }
+bool has_started(const agent_snapshot& now) {
+    return now.daemon.running && now.uptime_sec() >= START_SEC;
+}
 
 bool is_missed(const agent_snapshot& now, const object_state& state) {
     return !state.object->watchdog_only || (now.watchdog_on && has_started(now));
@@ -88,7 +90,7 @@ void judge_settings(const agent_snapshot& now, reason_list& reasons) {
 std::string absence(const agent_snapshot& now) {
     const int objects = now.object_count();
     if (objects == 0)
-        return "no agent: no daemon runs and none of the shared objects exists";
+        return "no daemon runs and none of the shared objects exists";
     return "no daemon runs; " + std::to_string(objects) + " shared objects are there without it";
 }
 

@@ -22,7 +22,7 @@ namespace {
 constexpr char DECIMAL[] = "0123456789";
 constexpr char ADDRESS_CHARACTERS[] = "0123456789.";
 
-std::string quoted(const std::string& word) {
+std::string in_quotes(const std::string& word) {
     return "'" + word + "'";
 }
 
@@ -44,7 +44,7 @@ std::vector<std::string> split(const std::string& text) {
 verdict check_number(const config_key& key, const std::string& word) {
     const std::string digits = word.substr(word.starts_with('+') || word.starts_with('-') ? 1 : 0);
     if (!all_of(digits, DECIMAL))
-        return {quoted(word) + " is not a number; the daemon reads " + std::to_string(number_read(word))};
+        return {in_quotes(word) + " is not a number; the daemon reads " + std::to_string(number_read(word))};
     long number = 0;
     const char* start = word.data() + (word.starts_with('+') ? 1 : 0);
     const auto read = std::from_chars(start, word.data() + word.size(), number);
@@ -56,25 +56,25 @@ verdict check_number(const config_key& key, const std::string& word) {
 verdict check_length(const config_key& key, const std::string& word) {
     const auto length = static_cast<long>(word.size());
     if (length > key.most)
-        return {quoted(word) + " is too long; the daemon keeps " +
-                quoted(word.substr(0, static_cast<std::size_t>(key.most)))};
-    return {length < key.least ? quoted(word) + " is too short" : ""};
+        return {in_quotes(word) + " is too long; the daemon keeps " +
+                in_quotes(word.substr(0, static_cast<std::size_t>(key.most)))};
+    return {length < key.least ? in_quotes(word) + " is too short" : ""};
 }
 
 verdict check_choice(const config_key& key, const std::string& word) {
     const std::string choices = std::string(" ") + key.unit + " ";
-    return {choices.find(" " + word + " ") == choices.npos ? quoted(word) + " is none of its values" : ""};
+    return {choices.find(" " + word + " ") == choices.npos ? in_quotes(word) + " is none of its values" : ""};
 }
 
 verdict check_time_of_day(const config_key& key, const std::string& word) {
     if (const verdict length = check_length(key, word); !length.what.empty())
         return length;
     const bool time = all_of(word, DECIMAL) && word.substr(0, 2) < "24" && word.substr(2) < "60";
-    return {time || word == "----" ? "" : quoted(word) + " is no time of day"};
+    return {time || word == "----" ? "" : in_quotes(word) + " is no time of day"};
 }
 
-verdict check_yes_no(const config_key& key, const std::string& word) {
-    return {word == "Y" || word == "N" ? "" : quoted(word) + " counts as " + key.otherwise};
+verdict check_yes_no(const std::string& word) {
+    return {word == "Y" || word == "N" ? "" : in_quotes(word) + " is neither Y nor N"};
 }
 
 bool is_dotted(const std::string& word, in_addr* out) {
@@ -93,14 +93,14 @@ bool is_own(in_addr address) {
 verdict check_own_address(const std::string& word) {
     in_addr address{};
     if (!is_dotted(word, &address))
-        return {quoted(word) + " is no dotted IPv4 address"};
+        return {in_quotes(word) + " is no dotted IPv4 address"};
     return {is_own(address) ? "" : word + " is no address of this host"};
 }
 
 verdict check_host(const config_key& key, const std::string& word) {
     in_addr address{};
     if (all_of(word, ADDRESS_CHARACTERS) && !is_dotted(word, &address))
-        return {quoted(word) + " is no dotted IPv4 address"};
+        return {in_quotes(word) + " is no dotted IPv4 address"};
     return check_length(key, word);
 }
 
@@ -113,11 +113,14 @@ bool is_block(const std::string& item) {
     return all_of(bits, DECIMAL) && bits.size() <= 2 && std::stoi(bits) <= 32;
 }
 
-verdict check_addresses(const std::string& word) {
-    for (const std::string& item : split(word))
-        if (!is_block(item))
-            return {quoted(item) + " is no address and no block of addresses"};
-    return {};
+verdict check_addresses(const std::string& list) {
+    bool any = false;
+    for (const std::string& item : split(list)) {
+        if (!item.empty() && !is_block(item))
+            return {in_quotes(item) + " is no address and no block of addresses; the daemon does not start"};
+        any = any || !item.empty();
+    }
+    return {any ? "" : "it names no address; the daemon does not start"};
 }
 
 // An empty name ends the list; one at its end does no harm.
@@ -126,11 +129,11 @@ verdict check_names(const config_key& key, const std::string& word) {
     const auto empty = std::find(all.begin(), all.end(), "");
     const auto lost = std::find_if(empty, all.end(), [](const std::string& name) { return !name.empty(); });
     if (lost != all.end())
-        return {"an empty name ends the list in front of " + quoted(*lost)};
+        return {"an empty name ends the list in front of " + in_quotes(*lost)};
     all.erase(empty, all.end());
     for (const std::string& name : all)
         if (name.size() > SKIPPED_NAME_MAX)
-            return {quoted(name) + " is too long; it never matches a program"};
+            return {in_quotes(name) + " is too long; it never matches a program"};
     return {static_cast<long>(all.size()) > key.most ? std::to_string(all.size()) + " names are too many" : ""};
 }
 
@@ -146,10 +149,10 @@ std::string directory_fault(const std::string& directory) {
 
 verdict check_path(const config_key& key, const std::string& word, const std::string& home) {
     if (home.empty() && !word.starts_with('/'))
-        return {quoted(word) + " is relative and TRAN_AGT_HOME is not set", severity::warning};
+        return {in_quotes(word) + " is relative and TRAN_AGT_HOME is not set", severity::warning};
     const std::string path = full_path(word, home);
     if (static_cast<long>(path.size()) > key.most)
-        return {quoted(path) + " is too long"};
+        return {in_quotes(path) + " is too long"};
     if (key.kind == key_kind::log_directory)
         return {directory_fault(path + "/proc/kessard")};
     if (key.kind == key_kind::file)
@@ -173,7 +176,7 @@ verdict check_value(const config_key& key, const std::string& word, const std::s
     case key_kind::time_of_day:
         return check_time_of_day(key, word);
     case key_kind::yes_no:
-        return check_yes_no(key, word);
+        return check_yes_no(word);
     case key_kind::own_address:
         return check_own_address(word);
     case key_kind::host:

@@ -1,5 +1,5 @@
-// A configuration file as the daemon's reader sees it: in pieces of at most 255 characters, the value of a key where the
-// reader finds it, and where in the file that is.
+// A configuration file as the daemon's reader sees it: in pieces of at most 255 characters, the value of a key where
+// the reader finds it, and where in the file that is.
 #pragma once
 
 #include <string>

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -24,7 +23,9 @@ namespace {
 constexpr char DAEMON_NAME[] = "kessard";
 constexpr unsigned TCP_LISTENS = 0x0A;
 
-std::string proc_file(pid_t pid, const char* name) { return "/proc/" + std::to_string(pid) + "/" + name; }
+std::string proc_file(pid_t pid, const char* name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
 
 struct process_stat {
     char state = 'X'; // as of a process that is gone
@@ -44,10 +45,13 @@ process_stat read_stat(pid_t pid) {
     return stat;
 }
 
-long long uptime_of(const process_stat& stat) {
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return std::max(0LL, now.tv_sec - stat.start_ticks / sysconf(_SC_CLK_TCK));
+// When the system started, by its own clock.
+time_t boot_time() {
+    std::ifstream file("/proc/stat");
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with("btime "))
+            return std::atoll(line.c_str() + std::size("btime ") - 1);
+    return 0;
 }
 
 struct candidate {
@@ -152,7 +156,7 @@ daemon_state find_daemon(const std::string& cfg_file) {
         return state;
     const candidate& chosen = sure != candidates.end() ? *sure : candidates.front();
     state.pid = chosen.pid;
-    state.uptime_sec = uptime_of(chosen.stat);
+    state.started = boot_time() + chosen.stat.start_ticks / sysconf(_SC_CLK_TCK);
     state.attachments_known = chosen.readable;
     state.attached_ids = chosen.attached_ids;
     return state;

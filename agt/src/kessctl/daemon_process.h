@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,7 @@ namespace kessctl {
 struct daemon_state {
     bool running = false;
     pid_t pid = 0; // 0: not known
-    long long uptime_sec = 0;
+    time_t started = 0;
     bool attachments_known = false;
     std::vector<int> attached_ids; // of segments of the configuration's keys
     std::string address;           // of the command port

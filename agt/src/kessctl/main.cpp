@@ -14,12 +14,17 @@ int main(int argc, char** argv) {
     add_set_resource(app, &status);
     add_services(app, &status);
     add_show(app, &status);
+    add_status(app, &status);
+    add_metrics(app, &status);
     add_put_notification(app, &status);
     add_put_trace(app, &status);
     add_show_events(app, &status);
     add_exec(app, &status);
     add_put(app, &status);
     add_get(app, &status);
+    add_check_config(app, &status);
+    add_doctor(app, &status);
+    add_clean(app, &status);
     app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage or no connection.");
     try {
         app.parse(argc, argv);

@@ -21,9 +21,9 @@ enum class object_kind { segment, semaphores };
 struct shared_object {
     const char* keyword; // of its key in the configuration
     object_kind kind;
-    std::size_t size;    // bytes of a segment, semaphores of a set
-    const char* name;    // for people
-    bool watchdog_only;  // not there while the worker watchdog is off
+    std::size_t size;   // bytes of a segment, semaphores of a set
+    const char* name;   // for people
+    bool watchdog_only; // not there while the worker watchdog is off
 
     constexpr const char* section() const {
         return kind == object_kind::segment ? SHARED_MEMORY_SECTION : SEMAPHORE_SECTION;

@@ -262,6 +262,8 @@ bool stand_in::deliver(connection& peer, std::string answer, const answer_fault&
     if (fault.delay_ms > 0 && !agt::sleep_ms(fault.delay_ms))
         return false;
     const bool cut = fault.close_after_bytes >= 0;
+    const linger at_once = {fault.reset ? 1 : 0, 0};
+    setsockopt(peer.sockfd.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
     if (cut)
         answer.resize(std::min(answer.size(), static_cast<std::size_t>(fault.close_after_bytes)));
     const auto first = static_cast<std::size_t>(std::max(fault.split_after_bytes, 0));

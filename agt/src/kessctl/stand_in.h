@@ -31,6 +31,7 @@ struct answer_fault {
     int split_after_bytes = 0;  // send that much, pause, send the rest; 0 sends it whole
     int pause_ms = 100;         // of a split answer
     int close_after_bytes = -1; // send that much, then close the connection; -1 sends it all
+    bool reset = false;         // close it by a reset
 };
 
 // One message of an agent, as handed to the hook.

@@ -28,7 +28,7 @@ template <class Table> fill_level read_fill(const segment_view& view, const char
 // The used slots, those that exist; one that does not becomes the fault of the fill level.
 template <class Table> std::vector<unsigned> read_used_slots(const segment_view& view, fill_level& fill) {
     std::vector<unsigned> used(fill.known ? fill.used : 0);
-    if (!view.copy(offsetof(Table, used) + sizeof(unsigned), used.data(), used.size() * sizeof used[0]))
+    if (used.empty() || !view.copy(offsetof(Table, used) + sizeof(unsigned), used.data(), used.size() * sizeof used[0]))
         return {};
     std::erase_if(used, [&](unsigned slot) {
         if (slot < fill.slots)
@@ -67,8 +67,8 @@ void read_services(agent_snapshot& now) {
 
 // Reads what a trace entry says of its process and its state, and leaves the rest of *entry as it is.
 bool read_trace(const segment_view& view, unsigned slot, PTRC_HASH_ARR* entry) {
-    const std::size_t at = offsetof(PTRC_HASH_TBL, h_arr) + slot * sizeof(PTRC_HASH_ARR_LIST) +
-                           offsetof(PTRC_HASH_ARR_LIST, param);
+    const std::size_t at =
+        offsetof(PTRC_HASH_TBL, h_arr) + slot * sizeof(PTRC_HASH_ARR_LIST) + offsetof(PTRC_HASH_ARR_LIST, param);
     return view.copy(at, entry, offsetof(PTRC_HASH_ARR, call_trc_depth_list)) &&
            view.copy(at + offsetof(PTRC_HASH_ARR, lasted_access), &entry->lasted_access);
 }

@@ -1,0 +1,257 @@
+// File transfer to and from the host, through the real program and the console: every answer to the byte, every error
+// text.
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "ext_peer.h"
+#include "tcp_base.h"
+
+namespace {
+
+using namespace std::string_literals;
+using namespace test_support;
+
+std::string content(const std::string& file) {
+    std::ifstream in(file);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+struct stat status(const std::string& file) {
+    struct stat info {};
+    stat(file.c_str(), &info);
+    return info;
+}
+
+mode_t permission(const std::string& file) {
+    return status(file).st_mode & 07777;
+}
+
+const std::string ACCEPTED = ext_answer('A', "");
+
+class FileTransfer : public testing::Test {
+  protected:
+    agent a;
+    const std::string dir = a.home();
+
+    FileTransfer() {
+        a.variables["KT_HOME"] = dir;
+        const mode_t before = umask(077); // the daemon's too
+        start_running(a);
+        umask(before);
+    }
+    std::string path(const std::string& name) const { return dir + "/" + name; }
+    std::string ask(const std::string& request) {
+        a.mark_log();
+        return ask_ext(a, request);
+    }
+    // Has a request refused with this text.
+    void expect_refusal(const std::string& request, const std::string& text, const std::string& before = "") {
+        EXPECT_EQ(ask(request), before + ext_answer('E', text));
+        EXPECT_TRUE(a.wait_log("<!> " + text + "\n"));
+    }
+};
+
+TEST_F(FileTransfer, WritesUploadedFilesExactly) {
+    const std::string x = path("up/x/");
+    std::filesystem::create_directories(x);
+    a.write_file("up/x/longer", "much longer than what comes");
+    const std::string big(2500000, 'b');
+    ext_peer peer(a, "0002R" + ext_items({"$KT_HOME/up/x", "longer", "5", "493", "big", "2500000", "33152", "empty",
+                                          "0", "420", "minus", "-7", "2560", "word", "w", "w"}));
+    EXPECT_EQ(peer.receive(73), ACCEPTED);
+    peer.send("12345" + big);
+    EXPECT_EQ(peer.receive(), "");
+    EXPECT_EQ(content(x + "longer"), "12345");
+    EXPECT_EQ(content(x + "big"), big);
+    const std::pair<const char*, mode_t> permissions[] = {
+        {"longer", 0755}, {"big", 0600}, {"empty", 0644}, {"minus", 05000}, {"word", 0}};
+    for (const auto& [name, wanted] : permissions)
+        EXPECT_EQ(permission(x + name), wanted) << name;
+    EXPECT_TRUE(in_order(a.log(), {"(i) MSGRCV : [[ EXT_REQ - SVC_FILE_UP ]] \n",
+                                   "(i) start (2/5) - file=|" + x + "big|, size=|2500000|\n",
+                                   "(i) ok    (2/5) - file=|" + x + "big|, total recv size=|2500000|\n",
+                                   "(i) start (4/5) - file=|" + x + "minus|, size=|-7|\n", "(i) ok    (5/5) - "}));
+}
+
+TEST_F(FileTransfer, RefusesAnUploadThatCannotBe) {
+    std::filesystem::create_symlink(dir, path("link"));
+    const std::string too_long = dir + "/" + std::string(512, 'd');
+    expect_refusal("0002R", "makedir() failed...");
+    for (const std::string& directory : {"/proc/none"s, path("link"), too_long})
+        expect_refusal("0002R" + ext_items({directory, "f", "1", "420"}), "makedir(" + directory + ") failed...");
+    expect_refusal("0002R" + ext_items({dir, "f", "1", "420", "g"}), "invalid data... count=5, type=2, |" + dir + "|");
+    expect_refusal("0002R" + dir + "\x1f" + ext_items(texts(30, "1")),
+                   "invalid data... count=30, type=2, |" + dir + "|");
+    EXPECT_EQ(ask("0002R" + dir), ACCEPTED); // no file at all
+
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600) + mkfifo(path("nobody").c_str(), 0600), 0);
+    const agt::unique_fd reader(open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK));
+    const std::pair<std::string, std::string> targets[] = {
+        {dir, "fifo"}, {dir, "nobody"}, {"/dev", "null"}, {dir, ""}, {dir, std::string(256, 'n')}, {dir, "none/x"}};
+    for (const auto& [directory, name] : targets)
+        expect_refusal("0002R" + ext_items({directory, name, "5", "420"}),
+                       "can't open file |" + directory + "/" + name + "|", ACCEPTED);
+}
+
+// Peers that vanish are noticed at once, those that stall after some seconds; nobody waits for either.
+TEST_F(FileTransfer, EndsAnUploadWhoseBytesDoNotCome) {
+    std::vector<ext_peer> peers;
+    for (const std::size_t bytes : {0, 1, 65536, 1500000}) {
+        const std::string name = "f" + std::to_string(bytes);
+        peers.emplace_back(a, "0002R" + ext_items({dir, name, "2000000", "420"}));
+        EXPECT_EQ(peers.back().receive(73), ACCEPTED);
+        peers.back().send(std::string(bytes, 'x'));
+        ext_peer vanishing(a, "0002R" + ext_items({dir, "v" + name, "2000000", "420"}));
+        EXPECT_EQ(vanishing.receive(73), ACCEPTED);
+        vanishing.send(std::string(bytes, 'x'));
+        shutdown(vanishing.client.fd(), SHUT_WR);
+        EXPECT_EQ(vanishing.receive(), ext_answer('E', ""));
+    }
+    EXPECT_EQ(a.count_log("<!> recv_tcp_data_timeout error!! |0|\n"), 4U);
+    EXPECT_EQ(ask_ext(a, "0001Recho a").substr(73 + 8), "a\n");
+    for (const ext_peer& stalled : peers)
+        EXPECT_EQ(stalled.receive(), ext_answer('E', ""));
+    EXPECT_TRUE(a.wait_log("<!> recv_tcp_data_timeout error!! |-2|\n")); // of the one that sent nothing
+    EXPECT_TRUE(a.wait_log("<!> recv_tcp_data_timeout error!! |-1|\n", 3));
+    EXPECT_EQ(status(path("f1500000")).st_size, 1048576);
+    EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
+}
+
+std::string announcement(const texts& files) {
+    std::string body = on_wire(static_cast<std::int64_t>(files.size()));
+    for (const std::string& file : files) {
+        std::string name = std::filesystem::path(file).filename().string().substr(0, 127);
+        name.resize(128);
+        body += on_wire(status(file).st_size) + on_wire(status(file).st_mode) + name;
+    }
+    return ext_answer('A', body);
+}
+
+TEST_F(FileTransfer, SendsFilesExactly) {
+    const texts files = {path("small"), path("empty"), path(std::string(200, 'n'))};
+    a.write_file("small", "12345", 04711);
+    a.write_file("empty", "");
+    a.write_file(std::string(200, 'n'), std::string(1500000, 'b'), 0600);
+    ext_peer peer(a, "0003R" + ext_items({"$KT_HOME/small", files[1], files[2]}));
+    const std::string wanted = announcement(files) + "12345" + std::string(1500000, 'b');
+    EXPECT_EQ(peer.receive(wanted.size()), wanted);
+    EXPECT_EQ(children(a.pid()).size(), 1U); // waits for the acknowledgement
+    peer.send("k");
+    EXPECT_EQ(peer.receive(), "");
+    texts lines = {"(i) MSGRCV : [[ EXT_REQ - SVC_FILE_DOWN ]] ", "(i) send file count(3)"};
+    for (const std::size_t i : {0, 1, 2}) {
+        const std::string number = "(i) (" + std::to_string(i) + "/3) ";
+        const std::string size = std::to_string(status(files[i]).st_size);
+        lines.insert(lines.end(), {number + "start send file=|" + files[i] + "|\n",
+                                   number + "ok    send file=|" + files[i] + "|, size=|" + size + "|\n"});
+    }
+    EXPECT_TRUE(in_order(a.log(), lines));
+    EXPECT_TRUE(wait_until(
+        [&] { return a.out().find("read_len = 5\nread_len = 0\nread_len = 1500000\n") != std::string::npos; }));
+}
+
+TEST_F(FileTransfer, RefusesADownloadOfWhatIsNoRegularFile) {
+    a.write_file("file", "text");
+    std::filesystem::create_symlink(path("file"), path("link"));
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+    a.write_file("huge", "");
+    ASSERT_EQ(truncate(path("huge").c_str(), 0x100000000), 0); // more than can be announced
+    for (const std::string& name : {path("link"), path("none"), dir, path("fifo"), "/dev/null"s, path("huge"),
+                                    dir + "/" + std::string(512, 'p'), "$KT_UNSET/file"s, ""s})
+        expect_refusal("0003R" + ext_items({path("file"), name}), "invliad file=|" + name + "|");
+    expect_refusal("0003R" + ext_items(texts(31, path("file"))), // the rest stays in the last item
+                   "invliad file=|" + ext_items({path("file"), path("file")}) + "|");
+}
+
+// The child hangs in its first file until the peer reads it; meanwhile the others change behind their announcement.
+TEST_F(FileTransfer, SendsNoMoreThanItAnnounced) {
+    const std::string big(16 << 20, 'b');
+    a.write_file("big", big);
+    const texts files = {path("big"), path("grown"), path("shrunk"), path("gone"), path("last")};
+    for (const char* name : {"grown", "shrunk", "gone", "last"})
+        a.write_file(name, "1234");
+    const std::string announced = announcement(files);
+    ext_peer peer(a, "0003R" + ext_items(files));
+    EXPECT_EQ(peer.receive(announced.size()), announced);
+    a.write_file("grown", "12345678");
+    a.write_file("shrunk", "12");
+    std::filesystem::remove(path("gone"));
+    EXPECT_TRUE(peer.receive(big.size() + 6) == big + "1234" + "12");
+    EXPECT_TRUE(a.wait_log("<!> fopen error.... |" + path("gone") + "|\n"));
+    EXPECT_EQ(a.count_log("(1/5) ok    send file=|" + path("grown") + "|, size=|4|"), 1U);
+    EXPECT_EQ(a.count_log("(2/5) ok    send file=|" + path("shrunk") + "|, size=|2|"), 1U);
+    peer.send("k");
+    EXPECT_EQ(peer.receive(), "");
+
+    for (const std::size_t bytes : {0, 1, 72, 73, 77, 213, 1 << 20}) // of the answer; then the peer vanishes
+        EXPECT_EQ(ext_peer(a, "0003R" + ext_items({path("big"), path("last")})).receive(bytes).size(), bytes);
+    EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
+    EXPECT_TRUE(a.wait_log("<!> error for send file data.... |" + path("big") + "|\n"));
+    EXPECT_TRUE(a.wait_log("<!> error for send file data.... |" + path("last") + "|\n"));
+}
+
+TEST_F(FileTransfer, ConsolePutAndGet) {
+    texts put = {"put"};
+    texts get = {"get"};
+    for (std::size_t i = 0; i < 31; ++i) { // four uploads, two downloads
+        const std::string name = "f" + std::to_string(i);
+        a.write_file(name, std::string(i * 100000, static_cast<char>('a' + i % 26)), 0640);
+        put.push_back(path(name));
+        get.push_back("${TRAN_AGT_HOME}/up/" + name);
+    }
+    put.push_back(path("up"));
+    get.push_back(path("down"));
+    EXPECT_EQ(a.console(put).err, "");
+    EXPECT_NE(a.console(get).status, 0) << "there is no directory yet";
+    std::filesystem::create_directory(path("down"));
+    EXPECT_EQ(a.console(get).err, "");
+    for (std::size_t i = 0; i < 31; ++i) {
+        const std::string name = "f" + std::to_string(i);
+        EXPECT_TRUE(content(path(name)) == content(path("down/" + name))) << name;
+        EXPECT_EQ(permission(path("down/" + name)), 0640U);
+    }
+    const program_result none = a.console({"get", path("f1"), "/nowhere/x", path("down")});
+    EXPECT_EQ(none.err + std::to_string(none.status), "kessctl: invliad file=|/nowhere/x|\n1");
+    const program_result device = a.console({"put", path("f1"), "/dev/null/x"});
+    EXPECT_EQ(device.err + std::to_string(device.status), "kessctl: makedir(/dev/null/x) failed...\n1");
+}
+
+// An agent that announces one file, with this name, and sends it.
+void send_one_file(int listener, const std::string& name) {
+    sockaddr_in peer{};
+    char request[TCP_CMD_MSG_SIZE];
+    const agt::unique_fd sockfd(agt::accept_tcpserver_connection(listener, &peer));
+    EXPECT_EQ(agt::recv_tcp_data(sockfd.get(), request, sizeof request), int{TCP_CMD_MSG_SIZE});
+    std::string padded = name;
+    padded.resize(128);
+    const std::string answer = ext_answer('A', on_wire(1) + on_wire(3) + on_wire(0104755) + padded) + "abc";
+    EXPECT_EQ(agt::send_tcp_data(sockfd.get(), answer.data(), static_cast<int>(answer.size())),
+              static_cast<int>(answer.size()));
+}
+
+TEST(ConsoleGet, WritesInItsDirectoryOnly) {
+    const agent a;
+    const std::string inside = a.path("in/side");
+    std::filesystem::create_directories(inside);
+    const agt::unique_fd listener(agt::open_tcp_server_session("127.0.0.1", a.port()));
+    for (const std::string name : {"../up", "..", ".", "", "/tmp/x", "side/x", "good"}) {
+        std::thread fake([&] { send_one_file(listener.get(), name); });
+        const program_result got = a.console({"get", "--port", std::to_string(a.port()), "x", inside});
+        fake.join();
+        EXPECT_EQ(got.status, name == "good" ? 0 : 2) << name << got.err;
+    }
+    const std::filesystem::recursive_directory_iterator found(a.path("in"));
+    EXPECT_EQ(std::distance(begin(found), end(found)), 2); // side/good
+    EXPECT_EQ(content(inside + "/good"), "abc");
+    EXPECT_EQ(permission(inside + "/good"), 0755U) << "no more than the permission bits";
+}
+
+} // namespace

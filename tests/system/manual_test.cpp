@@ -1,0 +1,88 @@
+// The manual pages and the shell completion against the programs and the table of configuration keys.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <string>
+
+#include "config_keys.h"
+#include "process.h"
+
+namespace {
+
+using namespace test_support;
+using names = std::set<std::string>;
+
+constexpr char SUBCOMMAND[] = "\n  ([a-z][a-z-]*)  "; // in a help, as the next
+constexpr char OPTION[] = "(?:\n  |,)(--[a-z0-9-]+)";
+const std::string ROOT = std::filesystem::path(__FILE__).parent_path() / "../../";
+
+names found(std::string text, const std::string& pattern) {
+    names all;
+    const std::regex wanted(pattern);
+    for (std::smatch at; std::regex_search(text, at, wanted); text = at.suffix())
+        all.insert(at[1]);
+    return all;
+}
+
+std::string shell(const std::string& line) {
+    const program_result ran = run_program({"/bin/bash", "-c", line});
+    EXPECT_EQ(ran.err, "") << line;
+    return ran.out;
+}
+
+// A page without escaped hyphens, one blank between words.
+std::string page(const std::string& name) {
+    return shell("sed 's/\\\\-/-/g' " + ROOT + "docs/man/" + name + " | tr -s ' \\n' ' '");
+}
+
+// The part of a page under a heading.
+std::string part(const std::string& text, const std::string& heading) {
+    const std::size_t start = text.find(".SS " + heading + " ");
+    return start == text.npos ? "" : text.substr(start, std::min(text.find(".S", start + 1), text.size()) - start);
+}
+
+// What the completion offers behind these words.
+names completed(const std::string& words) {
+    return found(shell(". " + ROOT + "scripts/kessctl.bash-completion; COMP_WORDS=(kessctl " + words +
+                       "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _kessctl; printf '%s\\n' \"${COMPREPLY[@]}\""),
+                 "([^\n]+)\n");
+}
+
+TEST(Manual, KnowsEverySubcommandAndOption) {
+    const std::string text = page("kessctl.1");
+    const names commands = found(shell(KESSCTL_PROGRAM " --help"), SUBCOMMAND);
+    EXPECT_EQ(completed("''"), commands);
+    EXPECT_EQ(found(text, "\\.SS ([a-z-]+)"), commands);
+    for (const std::string& command : commands) {
+        const std::string own = shell(KESSCTL_PROGRAM " " + command + " --help");
+        names all = found(own, OPTION);
+        EXPECT_EQ(completed(command + " --"), all);
+        for (const std::string& action : found(own, SUBCOMMAND)) {
+            names more = found(shell(KESSCTL_PROGRAM " " + command + " " + action + " --help"), OPTION);
+            EXPECT_EQ(completed(command + " " + action + " --"), more);
+            EXPECT_NE(part(text, command).find(" " + action + " "), text.npos) << command << " " << action;
+            all.merge(more);
+        }
+        all.erase("--help");
+        EXPECT_EQ(found(part(text, command), "(--[a-z0-9-]+)"), all) << command;
+    }
+    EXPECT_EQ(found(page("kessard.8"), "\\.TP \\.BI? (-[a-z])"), found(shell(KESSARD_PROGRAM " -h"), "\t (-[a-z]):"));
+}
+
+TEST(Manual, KnowsEveryKey) {
+    const std::string text = page("agt.cfg.5");
+    names in_table;
+    for (const kessctl::config_key& key : kessctl::config_keys()) {
+        const std::string entry = std::string(".B ") + key.keyword + " " + key.help +
+                                  ". Allowed: " + allowed_text(key) + (*key.otherwise == '\0' ? "." : ". Default: ") +
+                                  key.otherwise;
+        EXPECT_NE(part(text, key.section).find(entry), text.npos) << entry;
+        in_table.insert(key.keyword);
+    }
+    EXPECT_EQ(found(text.substr(text.find(".SS ")), "\\.TP \\.B ([A-Z_]+) "), in_table);
+    EXPECT_EQ(found(shell("cat " + ROOT + "agt/conf/agt.cfg"), "\n#?([A-Z_]+) ="), in_table);
+}
+
+} // namespace
