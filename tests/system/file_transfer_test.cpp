@@ -254,4 +254,19 @@ TEST(ConsoleGet, WritesInItsDirectoryOnly) {
     EXPECT_EQ(permission(inside + "/good"), 0755U) << "no more than the permission bits";
 }
 
+TEST_F(FileTransfer, TellsTheLogWhenTheAnswerFindsNobody) {
+    a.write_file("file", "1234");
+    for (const auto& [request, line] : {std::pair("0002R" + dir, "<!> send_tcp_data for response\n"),
+                                        std::pair("0003R" + path("file"), "file_download(): send fail for mb len=(")}) {
+        ext_peer peer(a);
+        a.signal(SIGSTOP); // the request and the reset are there when it goes on
+        peer.ask(request);
+        const linger reset = {1, 0};
+        setsockopt(peer.client.fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        peer.client.close();
+        a.signal(SIGCONT);
+        EXPECT_TRUE(a.wait_log(line)) << line;
+    }
+}
+
 } // namespace

@@ -286,4 +286,15 @@ TEST_F(HealthCheck, RetrievesTheListAfterAFailedConnect) {
     EXPECT_EQ(directory.count_log("get service list thread is starting.."), 1u);
 }
 
+TEST_F(HealthCheck, ReconnectsToAMuteServer) {
+    server.change([](stand_in_options& options) { options.faults['0'].silent = true; });
+    const long long start_ms = agt::monotonic_ms();
+    EXPECT_NE(cycle(), "");
+    EXPECT_GE(agt::monotonic_ms() - start_ms, 10000);
+    EXPECT_EQ(directory.count_log("<!> XXXX server recv error.. , rlen : -2\n"), 1u);
+    server.change([](stand_in_options& options) { options.faults.clear(); });
+    EXPECT_NE(cycle(), "");
+    EXPECT_EQ(server.connections(), 2);
+}
+
 } // namespace

@@ -342,7 +342,30 @@ TEST_F(CutLink, EndsWhileTheServerTakesNoConnection) {
     expect_orderly_end();
 }
 
-// The thread that stands alone, in this process.
+// The link and the thread that stands alone, in this process.
+TEST(NotifyLink, LeaksNothingInAThousandReconnections) {
+    stand_in server;
+    ASSERT_EQ(server.start(), "");
+    agent a;
+    a.set("TRAN_SERVER", "CMD_PORT", server.port());
+    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
+    a.write_cfg();
+    setenv("TRAN_AGT_CFG_FILE", a.cfg_file().c_str(), 1);
+    std::size_t files = 0;
+    for (int i = 1; i <= 1000; ++i) {
+        ASSERT_EQ(kessard::try_connect(), 1);
+        kessard::network_on();
+        kessard::network_off();
+        kessard::close_noti_socket();
+        ASSERT_TRUE(server.wait_connections(i) && server.wait_open_connections(0));
+        EXPECT_TRUE(i == 1 || open_files(getpid()).size() == files);
+        files = open_files(getpid()).size();
+    }
+    server.stop();
+    EXPECT_EQ(kessard::try_connect(), -1);
+    EXPECT_EQ(kessard::noti_sockfd, -1);
+}
+
 TEST(NotifyLink, ComesBackThroughItsOwnThread) {
     stand_in server;
     ASSERT_EQ(server.start(), "");

@@ -195,10 +195,10 @@ TEST_F(ServiceUpload, RetrievesAllTheSameWhenNobodyTakesTheConnection) {
 }
 
 TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
-    write_script("echo one 1; exec sleep 300");
+    write_script(lines(14) + "; printf 'half of 1'; exec sleep 300");
     ASSERT_NO_FATAL_FAILURE(start());
     ASSERT_NO_FATAL_FAILURE(trigger());
-    EXPECT_TRUE(a.wait_log("\t[#001]"));
+    EXPECT_TRUE(a.wait_log("\t[#014]"));
     const long long start_ms = agt::monotonic_ms();
     EXPECT_EQ(a.stop(), 0);
     EXPECT_LT(agt::monotonic_ms() - start_ms, 6000);
@@ -207,6 +207,16 @@ TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
                                    "[ kessard ] end.. complete."}));
     EXPECT_EQ(a.count_log(ENDED), 0u);
     EXPECT_EQ(server.count(UPDATE), 0u);
+}
+
+TEST_F(ServiceUpload, LetsGoOfABrokenServerBeforeTheScriptEnds) {
+    server.change([](auto& options) { options.faults[UPDATE].wrong_type = 'B'; });
+    write_script(lines(15) + "; exec sleep 300");
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_NO_FATAL_FAILURE(trigger());
+    EXPECT_TRUE(a.wait_log("<!> Response Msg MisMatch Type : 'B'"));
+    EXPECT_TRUE(server.wait_open_connections(1)); // the health check's
+    EXPECT_EQ(a.stop(), 0);
 }
 
 TEST_F(ServiceUpload, RunsAtTheDailyTimeToo) {

@@ -1,6 +1,7 @@
 // The end of the real program: in order and soon, whatever it is doing, and what it does to its registry row.
 #include <gtest/gtest.h>
 #include <sys/sem.h>
+#include <sys/shm.h>
 
 #include <csignal>
 #include <cstring>
@@ -116,6 +117,7 @@ TEST_F(Shutdown, DuringAStartThatWaitsForTheTable) {
     EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
     expect_orderly_end();
     EXPECT_EQ(semctl(semid, 0, GETVAL), 0);
+    EXPECT_EQ(shmget(daemon.shm_key("SVC_HASH_TBL_SHMKEY"), 0, 0), -1); // the next start makes a table in order
 }
 
 TEST_F(Shutdown, DuringARetrieval) {
