@@ -45,6 +45,12 @@ testing::AssertionResult in_order(const std::string& log, const texts& wanted) {
     return testing::AssertionSuccess();
 }
 
+testing::AssertionResult in_order(const agent& one, const texts& wanted) {
+    testing::AssertionResult result = in_order(one.log(), wanted);
+    wait_until([&] { return result || (result = in_order(one.log(), wanted)); });
+    return result;
+}
+
 void start_running(agent& one, const texts& options) {
     one.start(options);
     ASSERT_TRUE(one.wait_log("start... running : 1"));

@@ -17,6 +17,7 @@ texts messages(const std::string& log);
 
 // Whether the texts occur in the log in this order.
 testing::AssertionResult in_order(const std::string& log, const texts& wanted);
+testing::AssertionResult in_order(const agent& one, const texts& wanted); // waits for them
 
 // Starts the agent and waits for its command loop.
 void start_running(agent& one, const texts& options = {});

@@ -8,6 +8,7 @@
 #include "check_network.h"
 #include "checks.h"
 #include "command_client.h"
+#include "field.h"
 #include "frame.h"
 #include "full_listener.h"
 #include "process_globals.h"
@@ -25,8 +26,8 @@ constexpr char LINK_UP[] = "(I) notify socket reconnect success";
 
 ACTIVE_SERVICE_DETAIL make_record(int number) {
     ACTIVE_SERVICE_DETAIL record;
-    std::memset(&record, 'a' + number % 26, sizeof record); // any bytes go through
-    std::snprintf(record.call_seq, sizeof record.call_seq, "%06d", number % 1000000);
+    std::memset(&record, 'a' + number % 26, sizeof record);                        // any bytes go through
+    agt::copy_text(record.call_seq, std::to_string(1000000 + number).c_str() + 1); // six digits
     return record;
 }
 
@@ -85,8 +86,8 @@ class Notify : public testing::Test {
     }
     void expect_orderly_end() {
         EXPECT_EQ(a.stop(8000), 0);
-        EXPECT_TRUE(in_order(a.log(), {"<!> termination start", "[ kessard ] end.. resource clear.",
-                                       "(I) completed join health_check.", "[ kessard ] end.. complete."}));
+        EXPECT_TRUE(in_order(a, {"<!> termination start", "[ kessard ] end.. resource clear.",
+                                 "(I) completed join health_check.", "[ kessard ] end.. complete."}));
     }
 };
 
@@ -142,16 +143,16 @@ TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
     put(3, 4); // the next batch starts empty
     expect_message(2, notify_frame(3, 2));
     EXPECT_TRUE(a.wait_log("sent 2 elements, noti_send_flag : 1"));
-    EXPECT_TRUE(in_order(a.log(), {"<!> noti_sockfd, recv_tcp_data error. rlen : 0\n", "<!> network error\n",
-                                   "<!> network error : send_flag off [1]\n", "<!> network error : socket close\n",
-                                   "sent 2 elements, noti_send_flag : 0",
-                                   "(i) successfully, notify(cmd) port connect [ip 127.0.0.1, port ", LINK_UP,
-                                   "<!> network error : send_flag on [1]", "sent 2 elements, noti_send_flag : 1"}));
+    EXPECT_TRUE(in_order(a, {"<!> noti_sockfd, recv_tcp_data error. rlen : 0\n", "<!> network error\n",
+                             "<!> network error : send_flag off [1]\n", "<!> network error : socket close\n",
+                             "sent 2 elements, noti_send_flag : 0",
+                             "(i) successfully, notify(cmd) port connect [ip 127.0.0.1, port ", LINK_UP,
+                             "<!> network error : send_flag on [1]", "sent 2 elements, noti_send_flag : 1"}));
     set_fault({.close_after_bytes = 0});
     put(5, 5);
     EXPECT_TRUE(a.wait_log(LINK_UP, 2));
-    EXPECT_TRUE(in_order(a.log(), {"<!> noti_sockfd, recv_tcp_data error. rlen : 0(FLUSH)\n",
-                                   "flush sent 1 elements, noti_send_flag : 0, flush_time("}));
+    EXPECT_TRUE(in_order(a, {"<!> noti_sockfd, recv_tcp_data error. rlen : 0(FLUSH)\n",
+                             "flush sent 1 elements, noti_send_flag : 0, flush_time("}));
 }
 
 class MuteServer : public Notify, public testing::WithParamInterface<int> {};
@@ -181,8 +182,8 @@ TEST_F(Notify, DropsRecordsWhileTheServerIsDown) {
     ASSERT_NO_FATAL_FAILURE(start());
     const std::string port = std::to_string(a.server_port());
     EXPECT_TRUE(a.wait_log("<!> server notify(cmd) port connect fail[ip 127.0.0.1, port " + port + "]"));
-    EXPECT_TRUE(in_order(a.log(), {"<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + port,
-                                   "<!> network error\n", "<!> network error : send_flag off [0]\n"}));
+    EXPECT_TRUE(in_order(a, {"<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + port,
+                             "<!> network error\n", "<!> network error : send_flag off [0]\n"}));
     const long long start_ms = agt::monotonic_ms();
     put(1, 6);
     EXPECT_TRUE(wait_empty());
@@ -297,8 +298,8 @@ TEST_F(CutLink, LosesABatchThatCannotBeSent) {
     reset_link();
     put(1, 2);
     accept_link();
-    EXPECT_TRUE(in_order(a.log(), {"socket send : 2 elements", "<!> noti_sockfd, send_tcp_data error. slen : -1",
-                                   "<!> network error : send_flag off [1]", LINK_UP}));
+    EXPECT_TRUE(in_order(a, {"socket send : 2 elements", "<!> noti_sockfd, send_tcp_data error. slen : -1",
+                             "<!> network error : send_flag off [1]", LINK_UP}));
     EXPECT_EQ(a.count_log("sent 2 elements"), 0u);
     expect_use();
     put(5, 5);

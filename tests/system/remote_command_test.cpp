@@ -45,8 +45,8 @@ TEST_P(RemoteCommand, ExitCodesAndOutputInOrder) {
     const texts items = {"echo a", "exit 3", "echo e >&2; exit 4", "echo $0; kill -9 $$", "printf '\\0x'"};
     EXPECT_EQ(ask_ext(a, "0001R" + ext_items(items)), accepted(result(0, "a\n") + result(-1, "") + result(4, "e\n") +
                                                                result(-1, "sh\n") + result(0, std::string("\0x", 2))));
-    EXPECT_TRUE(in_order(a.log(), {"(i) MSGRCV : [[ EXT_REQ - SVC_CMD ]] len=1398, timeout=10\n",
-                                   "(i) send header... ok.. len=(73)\n", "(i) send datas... ok.. len=(49)\n"}));
+    EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ EXT_REQ - SVC_CMD ]] len=1398, timeout=10\n",
+                             "(i) send header... ok.. len=(73)\n", "(i) send datas... ok.. len=(49)\n"}));
     EXPECT_EQ(ask_ext(a, "0001R"), accepted(""));
     EXPECT_EQ(a.count_log("<!> send_cmd_response() error.. len=0"), 1U);
     const std::string longest(1397 - 5, 'x'); // fills the frame to its last byte

@@ -120,7 +120,7 @@ TEST_F(ServiceList, ExchangesTheseBytesAndLogsTheTable) {
           "sql_trc_limit : 2147483647"s, "uflag_set : -128"s, "tflag : 4"s})
         wanted.push_back("[0] array_idx#9999, " + field + "\n");
     wanted.push_back(THREAD_END);
-    EXPECT_TRUE(daemon.wait_log(THREAD_END) && in_order(daemon.log(), wanted));
+    EXPECT_TRUE(daemon.wait_log(THREAD_END) && in_order(daemon, wanted));
 }
 
 struct bad_server {

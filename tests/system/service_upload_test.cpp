@@ -91,9 +91,8 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
         EXPECT_EQ(blocks(server), one.blocks);
         EXPECT_EQ(a.count_log("\t[#"), static_cast<std::size_t>(one.services));
         EXPECT_EQ(a.count_log("(I) Update Service List Complete."), one.blocks.size());
-        EXPECT_TRUE(
-            in_order(a.log(), {"(I) Total [" + std::to_string(one.services) + "] Services Server Update, Success..",
-                               ENDED, "(i) get service list thread is starting.."}));
+        EXPECT_TRUE(in_order(a, {"(I) Total [" + std::to_string(one.services) + "] Services Server Update, Success..",
+                                 ENDED, "(i) get service list thread is starting.."}));
         EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 1u);
         EXPECT_FALSE(std::filesystem::exists(a.path("svc_update")));
     }
@@ -148,10 +147,10 @@ TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
     EXPECT_EQ(std::memcmp(&message->frame, &wanted, sizeof wanted), 0);
     const std::string skipped = "<!> SKIP.. DATA -> fail get service, format string : ";
     EXPECT_EQ(a.count_log(skipped), 4u);
-    EXPECT_TRUE(in_order(a.log(), {"\t[#001]", skipped + "lonely\n", skipped + "\n", "\t[#002]", "\t[#004]",
-                                   skipped + "pieces\n", skipped + std::string(511, ' ') + "\n", "\t[#005]",
-                                   "\t[#006] host_name : " + host_name() + ", service_id : unended, limit : 7\n",
-                                   "(I) Total [6] Services Server Update, Success.."}));
+    EXPECT_TRUE(in_order(a, {"\t[#001]", skipped + "lonely\n", skipped + "\n", "\t[#002]", "\t[#004]",
+                             skipped + "pieces\n", skipped + std::string(511, ' ') + "\n", "\t[#005]",
+                             "\t[#006] host_name : " + host_name() + ", service_id : unended, limit : 7\n",
+                             "(I) Total [6] Services Server Update, Success.."}));
 }
 
 TEST_F(ServiceUpload, StopsAtABrokenServer) {
@@ -187,10 +186,10 @@ TEST_F(ServiceUpload, RetrievesAllTheSameWhenNobodyTakesTheConnection) {
     server.stop();
     ASSERT_NO_FATAL_FAILURE(trigger());
     EXPECT_TRUE(a.wait_log(RETRIEVED));
-    EXPECT_TRUE(in_order(a.log(), {"<!> server connection fail. (ip 127.0.0.1, port " + std::to_string(server.port()) +
-                                       ")\n", // no blank at the end
-                                   ENDED, "(i) get service list thread is starting..",
-                                   "<!> server connection fail. (ip 127.0.0.1, port "}));
+    EXPECT_TRUE(in_order(a, {"<!> server connection fail. (ip 127.0.0.1, port " + std::to_string(server.port()) +
+                                 ")\n", // no blank at the end
+                             ENDED, "(i) get service list thread is starting..",
+                             "<!> server connection fail. (ip 127.0.0.1, port "}));
     EXPECT_EQ(a.count_log("run script"), 0u);
 }
 
@@ -202,9 +201,9 @@ TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
     const long long start_ms = agt::monotonic_ms();
     EXPECT_EQ(a.stop(), 0);
     EXPECT_LT(agt::monotonic_ms() - start_ms, 6000);
-    EXPECT_TRUE(in_order(a.log(), {"[ kessard ] end.. resource clear.", "(I) completed join st_log.",
-                                   "(I) completed join health_check.", "(I) completed join shcmd_service_list.",
-                                   "[ kessard ] end.. complete."}));
+    EXPECT_TRUE(in_order(a, {"[ kessard ] end.. resource clear.", "(I) completed join st_log.",
+                             "(I) completed join health_check.", "(I) completed join shcmd_service_list.",
+                             "[ kessard ] end.. complete."}));
     EXPECT_EQ(a.count_log(ENDED), 0u);
     EXPECT_EQ(server.count(UPDATE), 0u);
 }
@@ -225,7 +224,7 @@ TEST_F(ServiceUpload, RunsAtTheDailyTimeToo) {
     start_running(a);
     EXPECT_TRUE(server.wait_for(UPDATE));
     EXPECT_TRUE(a.wait_log(RETRIEVED, 2));
-    EXPECT_TRUE(in_order(a.log(), {"(I) time over!! start update service hhmi(0000)", STARTED, ENDED}));
+    EXPECT_TRUE(in_order(a, {"(I) time over!! start update service hhmi(0000)", STARTED, ENDED}));
 }
 
 TEST_F(ServiceUpload, OnlyAnnouncesWithoutTheKey) {

@@ -48,8 +48,8 @@ class Shutdown : public testing::Test {
         daemon.signal(signo);
         EXPECT_EQ(daemon.wait_exit(END_LIMIT_MS), 0);
         const std::string name = signo == SIGINT ? "SIGINT" : "SIGTERM";
-        EXPECT_TRUE(in_order(daemon.log(), {">> received " + name + " signal to terminate!\n",
-                                            "<!> termination start\n", CLEAR, COMPLETE}));
+        EXPECT_TRUE(in_order(
+            daemon, {">> received " + name + " signal to terminate!\n", "<!> termination start\n", CLEAR, COMPLETE}));
         EXPECT_EQ(messages(daemon.log()).back(), COMPLETE);
         EXPECT_EQ(daemon.count_log("cannot"), 0u);
         EXPECT_TRUE(daemon.running().empty());

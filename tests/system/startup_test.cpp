@@ -235,9 +235,9 @@ TEST_F(Startup, TakesOptionalAndOddValues) {
     daemon.set("SERVICE_HASH", "DAILY_UPDATE_SCRIPT", "/bin/true");
     daemon.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "500");
     start_running(daemon);
-    EXPECT_TRUE(in_order(daemon.log(), {"(I) Active Service Detail Monitoring ON.(500ms)\n",
-                                        ">> Update DAILY_UPDATE_HHMI(4DIGIT) : 2359\n",
-                                        ">> Update DAILY_UPDATE_SCRIPT : /bin/true\n"}));
+    EXPECT_TRUE(in_order(daemon, {"(I) Active Service Detail Monitoring ON.(500ms)\n",
+                                  ">> Update DAILY_UPDATE_HHMI(4DIGIT) : 2359\n",
+                                  ">> Update DAILY_UPDATE_SCRIPT : /bin/true\n"}));
     EXPECT_EQ(daemon.stop(), 0);
 
     daemon.set("COMMON", "LOG_HOME", "no/such/directory"); // the lines are dropped
