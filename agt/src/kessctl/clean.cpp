@@ -120,7 +120,7 @@ exit_status clean(const clean_options& chosen) {
 void add_clean(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<clean_options>();
     CLI::App* command = app.add_subcommand("clean", "Remove the shared objects of a configuration");
-    command->add_option("--config", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    command->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->add_flag("--yes", chosen->yes, "Do not ask");
     command->add_flag("--force", chosen->force,
                       "Even while the daemon runs, processes are attached, or an object has another size");

@@ -231,7 +231,7 @@ exit_status examine(const std::string& cfg_file) {
 void add_doctor(CLI::App& app, exit_status* status) {
     const auto cfg_file = std::make_shared<std::string>(default_cfg_file());
     CLI::App* command = app.add_subcommand("doctor", "Say what is wrong with the agent on this host, and what to do");
-    command->add_option("--config", *cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    command->add_option("--config,--cfg", *cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->footer("Only looks. Relative paths are taken under TRAN_AGT_HOME. Exit status 0 without findings, 1 with\n"
                     "findings, 2 when the configuration file cannot be read.");
     command->callback([cfg_file, status] { *status = examine(*cfg_file); });

@@ -194,7 +194,7 @@ void add_put_notification(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<put_options>();
     CLI::App* command =
         app.add_subcommand("put-notification", "Put records on the notification queue, as a tracer would");
-    command->add_option("--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    command->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->add_option("--count", chosen->count, "How many records; call_seq counts them")
         ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
@@ -218,7 +218,7 @@ void add_show_events(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<events_options>();
     CLI::App* command = app.add_subcommand("show-events", "Take the event records off parse-log queue 0 and show them, "
                                                           "as the log parser would");
-    command->add_option("--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    command->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->add_option("--count", chosen->count, "Stop after that many records")->check(CLI::Range(1, INT_MAX));
     command->add_flag("--follow", chosen->follow, "Wait for more when there are none left");
     command->add_flag("--peek", chosen->peek, "Leave the records in the queue");

@@ -230,7 +230,7 @@ void add_show(CLI::App& app, exit_status* status) {
     for (const view& row : VIEWS) {
         const auto chosen = std::make_shared<show_options>();
         CLI::App* action = command->add_subcommand(row.name, row.help);
-        action->add_option("--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+        action->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
         if (row.show == show_queues)
             action->add_option("--records", chosen->records, "How many of the last records to show")
                 ->check(CLI::Range(0, 1000))

@@ -210,7 +210,7 @@ void add_put_trace(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<trace_options>();
     CLI::App* command = app.add_subcommand(
         "put-trace", "Enter processes and threads into the trace table, as a tracer would; what is there is renewed");
-    command->add_option("--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    command->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
     CLI::Option* pids = command->add_option("--pid", chosen->pids, "Pids of processes (default: made-up ones)")
                             ->check(CLI::Range(1, 99999999));
     command->add_option("--count", chosen->count, "How many made-up processes")

@@ -1,0 +1,122 @@
+// Start of a fuzz target, and what the program under test finds around it.
+#include "harness.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+
+#include "log_printf.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***);
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t*, std::size_t);
+
+namespace fuzz {
+namespace {
+
+constexpr int WATCHED_DESCRIPTORS = 64;
+constexpr int LOG_DAYS = 3;
+constexpr std::time_t DAY_SEC = 24L * 60 * 60;
+
+int report_fd = -1; // standard error is closed while inputs run
+const pid_t own_pid = getpid();
+
+void remove_directory() {
+    std::error_code error;
+    if (getpid() == own_pid)
+        std::filesystem::remove_all(directory(), error);
+}
+
+std::string make_directory() {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/fuzz.XXXXXX";
+    require(mkdtemp(pattern.data()) != nullptr, "no directory of its own");
+    return pattern;
+}
+
+// The files of today and of the next days are /dev/null.
+void open_null_log() {
+    for (int day = 0; day < LOG_DAYS; ++day) {
+        const struct tm when = agt::local_time(std::time(nullptr) + day * DAY_SEC);
+        char name[64];
+        std::strftime(name, sizeof name, "/fuzz-%Y-%m-%d-log", &when);
+        require(symlink("/dev/null", (directory() + name).c_str()) == 0, "no log");
+    }
+    require(agt::open_log(directory().c_str(), "fuzz", 1) == 0, "no log");
+}
+
+std::uint64_t open_descriptors() {
+    std::uint64_t open = 0;
+    for (int fd = 0; fd < WATCHED_DESCRIPTORS; ++fd)
+        open |= std::uint64_t{fcntl(fd, F_GETFD) != -1} << fd;
+    return open;
+}
+
+} // namespace
+
+void fail(const std::string& what) {
+    dprintf(report_fd >= 0 ? report_fd : STDERR_FILENO, "FOUND: %s\n", what.c_str());
+    std::abort();
+}
+
+const std::string& directory() {
+    static const std::string made = make_directory();
+    return made;
+}
+
+memory_file::memory_file() : fd_(memfd_create("fuzz", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_)) {
+    require(fd_ >= 0, "no file in memory");
+}
+
+void memory_file::set(std::string_view content) const {
+    require(ftruncate(fd_, 0) == 0 &&
+                pwrite(fd_, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()),
+            "no content of a file in memory");
+    lseek(fd_, 0, SEEK_SET);
+}
+
+far_end::far_end(std::string_view says) {
+    int ends[2];
+    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "no connection");
+    near_ = ends[0];
+    far_ = ends[1];
+    require(send(far_, says.data(), says.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(says.size()) ||
+                says.empty(),
+            "no room in a connection");
+    shutdown(far_, SHUT_WR);
+}
+
+far_end::~far_end() {
+    close(far_);
+}
+
+std::string far_end::heard() const {
+    std::string all;
+    char piece[65536];
+    for (ssize_t got = 0; (got = recv(far_, piece, sizeof piece, MSG_DONTWAIT)) > 0;)
+        all.append(piece, static_cast<std::size_t>(got));
+    return all;
+}
+
+} // namespace fuzz
+
+int LLVMFuzzerInitialize(int*, char***) {
+    fuzz::report_fd = dup(STDERR_FILENO);
+    fuzz::open_null_log();
+    std::atexit(fuzz::remove_directory);
+    fuzz::set_up();
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::uint64_t before = fuzz::open_descriptors();
+    fuzz::run({reinterpret_cast<const char*>(data), size});
+    if (const std::uint64_t after = fuzz::open_descriptors(); after != before)
+        fuzz::fail("open descriptors changed from " + std::to_string(before) + " to " + std::to_string(after));
+    return 0;
+}

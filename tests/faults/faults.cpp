@@ -1,0 +1,174 @@
+// A library to preload: wraps what the daemon calls of the C library (it sends with sendmsg alone, waits for semaphores
+// with semtimedop alone, and so on) and fails as the table in the file KESSARD_FAULTS says. What the daemon starts is
+// left alone.
+#include "faults.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+using namespace faults;
+
+void* wrapped[std::size(CALLS)];
+table* now = nullptr;
+
+[[gnu::constructor]] void map_table() {
+    for (std::size_t i = 0; i < std::size(CALLS); ++i)
+        wrapped[i] = dlsym(RTLD_NEXT, CALLS[i].data());
+    const char* path = std::getenv("KESSARD_FAULTS");
+    if (path == nullptr || std::strcmp(program_invocation_short_name, "kessard") != 0)
+        return;
+    const int fd = open(path, O_RDWR | O_CLOEXEC);
+    void* memory = mmap(nullptr, sizeof(table), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    now = memory == MAP_FAILED ? nullptr : static_cast<table*>(memory);
+}
+
+int error_of(std::size_t call) {
+    return now == nullptr ? 0 : now->of[call].error.load();
+}
+
+// Counts a call; whether it fails, with errno set.
+bool fails(std::size_t call) {
+    if (error_of(call) <= 0)
+        return false;
+    fault& one = now->of[call];
+    const unsigned nth = ++one.calls;
+    if (nth < one.first || (one.every == 0 ? nth != one.first : (nth - one.first) % one.every != 0))
+        return false;
+    ++one.hits;
+    errno = error_of(call);
+    return true;
+}
+
+// Event descriptors never move a part of what they have, and only disks are full.
+bool concerns(std::size_t call, int fd) {
+    struct stat info;
+    if (error_of(call) == 0 || fstat(fd, &info) != 0)
+        return false;
+    return S_ISREG(info.st_mode) || (error_of(call) != ENOSPC && (S_ISSOCK(info.st_mode) || S_ISFIFO(info.st_mode)));
+}
+
+std::size_t cut(std::size_t call, int fd, std::size_t length) {
+    if (error_of(call) != SHORT_COUNT || length < 2 || !concerns(call, fd))
+        return length;
+    ++now->of[call].hits;
+    return std::min<std::size_t>(length, 1 + ++now->of[call].calls % now->of[call].every);
+}
+
+time_t shown(time_t when) {
+    return when + (now == nullptr ? 0 : now->clock_sec.load());
+}
+
+int cut_sleep(const pollfd* fds, int limit_ms) {
+    const bool sleeps = now != nullptr && now->longest_sleep_ms > 0 && fds[0].fd < 0;
+    return sleeps ? std::min<int>(limit_ms, now->longest_sleep_ms) : limit_ms;
+}
+
+} // namespace
+
+// A wrapped call: its type, its parameters, the condition under which it can fail, what it returns then, its arguments.
+#define NUMBER(name) std::integral_constant<std::size_t, number_of(#name)>::value
+#define REAL(type, name, parameters) reinterpret_cast<type(*) parameters>(wrapped[NUMBER(name)])
+#define WRAP(type, name, parameters, condition, failed, ...)                                                           \
+    type name parameters {                                                                                             \
+        return condition && fails(NUMBER(name)) ? failed : REAL(type, name, parameters)(__VA_ARGS__);                  \
+    }
+
+extern "C" {
+// clang-format off
+WRAP(int, socket, (int domain, int type, int protocol) noexcept, true, -1, domain, type, protocol)
+WRAP(int, connect, (int fd, const sockaddr* peer, socklen_t size), true, -1, fd, peer, size)
+WRAP(int, accept4, (int fd, sockaddr* peer, socklen_t* size, int flags), true, -1, fd, peer, size, flags)
+WRAP(int, pipe2, (int* fds, int flags) noexcept, true, -1, fds, flags)
+WRAP(int, eventfd, (unsigned count, int flags) noexcept, true, -1, count, flags)
+WRAP(int, shmget, (key_t key, std::size_t size, int flags) noexcept, true, -1, key, size, flags)
+WRAP(void*, shmat, (int id, const void* at, int flags) noexcept, true, reinterpret_cast<void*>(-1), id, at, flags)
+WRAP(int, semget, (key_t key, int count, int flags) noexcept, true, -1, key, count, flags)
+WRAP(int, semtimedop, (int id, sembuf* op, std::size_t count, const timespec* limit) noexcept,
+     (op->sem_op < 0 || error_of(NUMBER(semtimedop)) == EINTR), -1, id, op, count, limit) // what is held is given back
+WRAP(pid_t, fork, () noexcept, true, -1)
+WRAP(int, posix_spawn, (pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+     const posix_spawnattr_t* how, char* const* argv, char* const* env), true, errno, pid, path, actions, how, argv, env)
+WRAP(int, pthread_create, (pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*), void* arg) noexcept,
+     true, errno, thread, how, entry, arg)
+WRAP(int, pselect, (int count, fd_set* in, fd_set* out, fd_set* other, const timespec* limit, const sigset_t* mask),
+     true, -1, count, in, out, other, limit, mask)
+WRAP(ssize_t, recv, (int fd, void* to, std::size_t size, int flags), true, -1, fd, to, cut(NUMBER(recv), fd, size), flags)
+WRAP(ssize_t, read, (int fd, void* to, std::size_t size), concerns(NUMBER(read), fd), -1,
+     fd, to, cut(NUMBER(read), fd, size))
+WRAP(ssize_t, write, (int fd, const void* from, std::size_t size), concerns(NUMBER(write), fd), -1,
+     fd, from, cut(NUMBER(write), fd, size))
+// clang-format on
+
+int open(const char* path, int flags, ...) {
+    va_list mode;
+    va_start(mode, flags);
+    const int ret =
+        fails(NUMBER(open)) ? -1 : REAL(int, open, (const char*, int, ...))(path, flags, va_arg(mode, mode_t));
+    va_end(mode);
+    return ret;
+}
+
+int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) asm("poll"); // under its name its table is not to be read
+int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) {
+    if (fails(NUMBER(poll)))
+        return -1;
+    return REAL(int, poll, (pollfd*, nfds_t, int))(fds, count, cut_sleep(fds, limit_ms));
+}
+
+ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    iovec first = message->msg_iov[0];
+    msghdr shorter = *message;
+    first.iov_len = cut(NUMBER(sendmsg), fd, first.iov_len);
+    if (first.iov_len < message->msg_iov[0].iov_len)
+        shorter.msg_iov = &first, shorter.msg_iovlen = 1;
+    if (fails(NUMBER(sendmsg)))
+        return -1;
+    return REAL(ssize_t, sendmsg, (int, const msghdr*, int))(fd, &shorter, flags);
+}
+
+// Not through dlsym, which may want memory itself.
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* malloc(std::size_t size) noexcept {
+    return now != nullptr && size >= now->smallest_bytes && fails(NUMBER(malloc)) ? nullptr : __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) noexcept {
+    return fails(NUMBER(calloc)) ? nullptr : __libc_calloc(count, size);
+}
+
+time_t time(time_t*) noexcept {
+    return shown(REAL(time_t, time, (time_t*))(nullptr));
+}
+int gettimeofday(timeval* out, void* zone) noexcept {
+    const int ret = REAL(int, gettimeofday, (timeval*, void*))(out, zone);
+    out->tv_sec = shown(out->tv_sec);
+    return ret;
+}
+int clock_gettime(clockid_t clock, timespec* out) noexcept {
+    const int ret = REAL(int, clock_gettime, (clockid_t, timespec*))(clock, out);
+    out->tv_sec = clock == CLOCK_REALTIME ? shown(out->tv_sec) : out->tv_sec;
+    return ret;
+}
+
+} // extern "C"

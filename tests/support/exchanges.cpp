@@ -1,0 +1,161 @@
+// Every kind of exchange with an agent.
+#include "exchanges.h"
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+
+#include "command_client.h"
+#include "frame.h"
+#include "ring_queue.h"
+#include "sem.h"
+#include "service_file.h"
+
+namespace test_support {
+namespace {
+
+constexpr int TRY_MS = 1000; // of a step that what else happens may have spoilt
+constexpr int SERVICES = 200;
+
+} // namespace
+
+exchanges::exchanges() {
+    EXPECT_EQ(server.start(), "");
+    server.set_services(std::vector<SERVICE_ELEMENT>(1, kessctl::make_service("ONE")));
+    a.set("TRAN_SERVER", "CMD_PORT", server.port());
+    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1000);
+    a.set("SERVICE_HASH", "DAILY_UPDATE_YN", "Y");
+    a.set("PTRC_HASH", "TRC_STS_CHECK_PERIOD", 1);
+    a.set("KESSARD", "WORKER_CHECK_INTERVAL", 1);
+    a.write_file("services.sh", "#!/bin/sh\nfor i in $(seq 20); do echo SVC$i $i; done\n", 0755);
+    a.write_file("sent", std::string(300000, 's') + "end");
+    std::filesystem::create_directory(a.path("down"));
+}
+
+program_result exchanges::console(texts words) const {
+    words.insert(words.begin(), KESSCTL_PROGRAM);
+    return run_program(words, a.variables, 2 * LIMIT_MS);
+}
+
+bool exchanges::run(const std::string& name) {
+    bool (exchanges::*const all[])() = {&exchanges::command, &exchanges::remote_command, &exchanges::transfer,
+                                        &exchanges::notify,  &exchanges::reload,         &exchanges::update,
+                                        &exchanges::sweep};
+    return (this->*all[std::find(std::begin(EXCHANGES), std::end(EXCHANGES), name) - std::begin(EXCHANGES)])();
+}
+
+void exchanges::empty_log() const {
+    for (const auto& log : std::filesystem::directory_iterator(a.path("logs/proc/kessard")))
+        std::filesystem::resize_file(log.path(), 0);
+}
+
+bool exchanges::command() {
+    SERVICE_ELEMENT gone = kessctl::make_service("NOT THERE");
+    gone.update_mode[0] = 'D';
+    kessctl::command_client client;
+    TCP_CMD_MSG answer;
+    return wait_until(
+        [&] {
+            return client.connect("127.0.0.1", a.port()) &&
+                   client.request(kessctl::modified_services_frame(&gone, 1), &answer) &&
+                   kessctl::field_text(answer, "element_num") == "001";
+        },
+        limit_ms);
+}
+
+bool exchanges::remote_command() {
+    return wait_until(
+        [&] {
+            return console({"exec", "echo ran"}).out == "$ echo ran\nran\n-> exit status 0\n";
+        },
+        limit_ms);
+}
+
+bool exchanges::transfer() {
+    std::filesystem::remove(a.path("down/sent"));
+    return wait_until(
+        [&] {
+            return console({"put", a.path("sent"), a.path("up")}).status == 0 &&
+                   console({"get", a.path("up/sent"), a.path("down")}).status == 0 &&
+                   run_program({"/usr/bin/cmp", a.path("sent"), a.path("down/sent")}).status == 0;
+        },
+        limit_ms);
+}
+
+void exchanges::put_notifications() {
+    queue_ = queue_ == nullptr ? a.noti_que() : queue_;
+    const NOTI_SEND_QUE_DATA record{};
+    kessard::ring_put(*queue_, &record, sizeof record);
+    kessard::ring_put(*queue_, &record, sizeof record);
+}
+
+bool exchanges::notify() {
+    const std::size_t before = server.count(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ);
+    return wait_until(
+        [&] { // what comes while the link is down is dropped
+            put_notifications();
+            return server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, before + 1, TRY_MS).has_value();
+        },
+        limit_ms);
+}
+
+bool exchanges::renew() {
+    kessctl::command_client client;
+    TCP_CMD_MSG answer;
+    return client.connect("127.0.0.1", a.port()) &&
+           client.request(kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ), &answer);
+}
+
+bool exchanges::reload() {
+    const int wanted = SERVICES + ++lists_ % 8;
+    std::vector<SERVICE_ELEMENT> services;
+    for (int i = 0; i < wanted; ++i)
+        services.push_back(kessctl::make_service("SERVICE" + std::to_string(i)));
+    server.set_services(services);
+    services_ = services_ == nullptr ? a.services() : services_;
+    const SVC_HASH_TBL& table = *services_;
+    const auto loaded = [&] {
+        const agt::sem_hold hold(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0);
+        return table.alloc_cnt == static_cast<unsigned>(wanted) && table_fault(table).empty();
+    };
+    return wait_until([&] { return renew() && wait_until(loaded, 2 * TRY_MS); }, limit_ms);
+}
+
+bool exchanges::update() {
+    const std::size_t before = server.count(MSG_UPDATE_SERVICE_LIST_REQ);
+    return wait_until(
+        [&] {
+            if (!std::filesystem::exists(a.path("svc_update")))
+                a.write_file("svc_update", "");
+            return server.wait_for(MSG_UPDATE_SERVICE_LIST_REQ, before + 2, TRY_MS).has_value();
+        },
+        limit_ms);
+}
+
+int exchanges::isalive(pid_t pid) {
+    traces_ = traces_ == nullptr ? a.traces() : traces_;
+    const PTRC_HASH_TBL& table = *traces_;
+    for (unsigned i = 0; i < table.used.top && i < PTRC_HASH_SLOTS; ++i)
+        if (const PTRC_HASH_ARR& entry = table.h_arr[table.used.idx[i] % PTRC_HASH_SLOTS].param; entry._pid == pid)
+            return entry.isalive;
+    return -1;
+}
+
+bool exchanges::sweep() {
+    console({"put-trace", "--clear"});
+    process traced({"/bin/sleep", "100"}, {});
+    const pid_t pid = traced.pid();
+    const bool found = wait_until(
+        [&] {
+            return console(
+                       {"put-trace", "--pid", std::to_string(pid), "--name", "sleep", "--state", "h", "--alive", "0"})
+                           .status == 0 &&
+                   wait_until([&] { return isalive(pid) == 1; }, TRY_MS);
+        },
+        limit_ms);
+    kill(pid, SIGKILL);
+    traced.wait_exit();
+    return found && wait_until([&] { return isalive(pid) == 0; }, limit_ms);
+}
+
+} // namespace test_support

@@ -1,0 +1,379 @@
+// The real program while calls of the system fail, peers reset, neighbours hold or spoil what it shares, and it is
+// killed.
+#include "faults.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "command_client.h"
+#include "exchanges.h"
+#include "frame.h"
+#include "service_file.h"
+
+namespace {
+
+using namespace test_support;
+using kessctl::command_client;
+
+class Faults : public testing::Test, public exchanges {
+  protected:
+    faults::table* table = nullptr;
+
+    void SetUp() override {
+        if (FAULTS_LIBRARY[0] == '\0')
+            GTEST_SKIP() << "a sanitizer wraps the same calls";
+        a.write_file("faults", std::string(sizeof *table, '\0'));
+        const agt::unique_fd file(open(a.path("faults").c_str(), O_RDWR | O_CLOEXEC));
+        void* memory = mmap(nullptr, sizeof *table, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+        table = static_cast<faults::table*>(memory);
+        table->longest_sleep_ms = 20;
+        a.variables["KESSARD_FAULTS"] = a.path("faults");
+        a.variables["LD_PRELOAD"] = FAULTS_LIBRARY;
+    }
+    unsigned hits(const std::string& call) const { return table->of[faults::number_of(call)].hits; }
+    // Lets a call fail from its `first` time on, every so often; 0: once.
+    void set(const std::string& call, int error, unsigned every = 1, unsigned first = 1) {
+        faults::fault& one = table->of[faults::number_of(call)];
+        one.calls = one.hits = 0;
+        one.every = every;
+        one.first = first;
+        one.error = error;
+    }
+    void clear() {
+        for (faults::fault& one : table->of)
+            one.error = 0;
+        limit_ms = LIMIT_MS;
+    }
+    void expect_all() {
+        for (const char* name : EXCHANGES)
+            EXPECT_TRUE(run(name)) << name;
+    }
+    void expect_end() {
+        EXPECT_EQ(a.stop(8000), 0);
+        EXPECT_EQ(messages(a.log()).back(), "[ kessard ] end.. complete.");
+        EXPECT_EQ(a.count_log("<!> cannot"), 0u);
+    }
+    bool ended() const {
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(a.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
+    }
+};
+
+struct fault_case {
+    std::string call;
+    int error;
+    texts named; // one of them is said, on standard error or in the log; none: it may go unnoticed
+    std::string exchange = "Start";
+    bool works = false; // the exchange, all the same
+};
+
+class FaultCases : public Faults, public testing::WithParamInterface<fault_case> {
+  protected:
+    const fault_case& one = GetParam();
+    bool is_named() const {
+        const std::string said = a.log() + a.err();
+        const auto has = [&](const std::string& text) { return said.find(text) != said.npos; };
+        return one.named.empty() || std::any_of(one.named.begin(), one.named.end(), has);
+    }
+};
+const auto name_of = [](const auto& one) { return one.param.call + "_" + one.param.exchange; };
+
+// The first, the second, ... call of the start fails. A file that cannot be read never allows what it forbids.
+class StartFaults : public FaultCases {};
+TEST_P(StartFaults, AreNamedOrHarmless) {
+    a.set("TRAN_AGENT", "REMOTE_COMMANDS_YN", "N");
+    unsigned nth = 0;
+    for (bool hit = true; hit && !HasFailure();) {
+        SCOPED_TRACE(++nth);
+        a.mark_log();
+        set(one.call, one.error, 0, nth);
+        a.start();
+        limit_ms = 0;
+        EXPECT_TRUE(wait_until([&] { return command() || ended(); }));
+        hit = hits(one.call) > 0;
+        clear();
+        EXPECT_TRUE(!hit || is_named());
+        EXPECT_TRUE(ended() || console({"exec", "true"}).err.find("closed the connection") != std::string::npos);
+        EXPECT_EQ(ended() ? a.wait_exit() : a.stop() + 1, 1);
+    }
+    EXPECT_GT(nth, 1u);
+}
+INSTANTIATE_TEST_SUITE_P(
+    , StartFaults,
+    testing::Values(fault_case{"shmget", ENOSPC, {" create error.[key:0x"}},
+                    fault_case{"shmat", ENOMEM, {" create error.[key:0x"}},
+                    fault_case{"semget", ENOSPC, {" semaphore create error.[key:0x"}},
+                    fault_case{"semtimedop", ENOSPC, {" semaphore lock error.[semid:"}},
+                    fault_case{"socket", EMFILE, {"init tcp server fail", "connection fail", "port connect fail"}},
+                    fault_case{"connect", ENETUNREACH, {"connection fail", "port connect fail"}},
+                    fault_case{"open", ENFILE, {"fopen fail", "cannot open a log file", " : cannot be read, errno : "}},
+                    fault_case{"pthread_create", EAGAIN, {"pthread_create error"}},
+                    fault_case{"eventfd", EMFILE, {"pthread_create error"}}, fault_case{"malloc", ENOMEM, {}},
+                    fault_case{"calloc", ENOMEM, {}}),
+    name_of);
+
+// A call fails for a while; afterwards everything goes on, with what was stored.
+class RunningFaults : public FaultCases {};
+TEST_P(RunningFaults, PassAndLeaveNothing) {
+    table->smallest_bytes = 65536;
+    start_running(a);
+    expect_all();
+    const unsigned services = a.services()->alloc_cnt;
+    a.mark_log();
+    limit_ms = 300;
+    set(one.call, one.error);
+    if (one.call == "connect")
+        server.drop_connections();
+    EXPECT_EQ(run(one.exchange), one.works);
+    EXPECT_TRUE(wait_until([&] { return hits(one.call) > 0 && is_named(); }));
+    clear();
+    EXPECT_TRUE(one.works || a.services()->alloc_cnt == services);
+    expect_all();
+    expect_end();
+}
+INSTANTIATE_TEST_SUITE_P(
+    , RunningFaults,
+    testing::Values(fault_case{"fork", EAGAIN, {"<!> fork error. errno : 11"}, "remote_command"},
+                    fault_case{"posix_spawn", EAGAIN, {}, "remote_command", true}, // it is forked then
+                    fault_case{"posix_spawn", EAGAIN, {"(I) run script : "}, "update"},
+                    fault_case{"pipe2", EMFILE, {"(i) send datas... ok.. len=(8)"}, "remote_command"},
+                    fault_case{"pthread_create", EAGAIN, {"pthread_create error"}, "reload"},
+                    fault_case{"socket", EMFILE, {"<!> server connection fail. (ip "}, "reload"},
+                    fault_case{"connect", ENETUNREACH, {"<!> server connection fail. (ip "}, "update"},
+                    fault_case{"connect", ENETUNREACH, {"<!> server notify(cmd) port connect fail[ip "}, "notify"},
+                    fault_case{"semtimedop", EIDRM, {"<!> svc_hash_tbl semaphore lock error.[semid:"}, "reload", true},
+                    fault_case{"malloc", ENOMEM, {"<!> no memory for the dump of svc_hash_tbl"}, "reload", true},
+                    fault_case{"malloc", ENOMEM, {"<!> RECV_MAX_SIZE malloc error!!"}, "transfer"},
+                    fault_case{"calloc", ENOMEM, {"<!> add_worker -> not enought memory."}, "sweep", true},
+                    fault_case{"open", EMFILE, {"<!> can't open file |"}, "transfer"},
+                    fault_case{"write", ENOSPC, {}, "transfer"}), // nor can the log say so
+    name_of);
+
+TEST_F(Faults, InterruptedCallsAreRepeatedAndShortOnesCompleted) {
+    const texts calls = {"recv", "sendmsg", "read", "write", "poll", "pselect", "accept4", "semtimedop"};
+    for (const bool interrupted : {true, false}) {
+        const texts chosen(calls.begin(), interrupted ? calls.end() : calls.begin() + 4);
+        a.mark_log();
+        server.forget_messages();
+        for (const std::string& call : chosen)
+            interrupted ? set(call, EINTR, 2) : set(call, faults::SHORT_COUNT, 7);
+        start_running(a);
+        expect_all();
+        EXPECT_TRUE(server.wait_for(MSG_HEALTH_CHECK_REQ));
+        for (const std::string& call : chosen)
+            EXPECT_GT(hits(call), 0u) << call;
+        expect_end();
+        clear();
+    }
+}
+
+TEST_F(Faults, AFailingAcceptEndsTheDaemon) {
+    start_running(a);
+    EXPECT_TRUE(reload());
+    set("accept4", EMFILE);
+    command_client().connect("127.0.0.1", a.port());
+    EXPECT_EQ(a.wait_exit(), 1);
+    EXPECT_EQ(a.err(), "accept_tcpserver_connection: Too many open files\n");
+    clear();
+    a.mark_log();
+    start_running(a);
+    expect_all();
+}
+
+TEST_F(Faults, TheClockStepsAndTheLogIsRemoved) {
+    const auto has_log_of = [&](int days) {
+        char name[64];
+        const std::time_t then = std::time(nullptr) + days * 86400;
+        table->clock_sec = days * 86400;
+        std::strftime(name, sizeof name, "logs/proc/kessard/kessard-%Y-%m-%d-log", std::localtime(&then));
+        return command() && wait_until([&] { return std::filesystem::exists(a.path(name)); }, 1000);
+    };
+    a.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "0000");
+    start_running(a);
+    expect_all();
+    EXPECT_TRUE(has_log_of(1));
+    EXPECT_TRUE(a.wait_log("start update service hhmi(0000)", 2));
+    EXPECT_TRUE(has_log_of(-1));
+    std::filesystem::remove_all(a.path("logs"));
+    EXPECT_FALSE(has_log_of(2)); // lines are dropped until the next day
+    std::filesystem::create_directories(a.path("logs/proc/kessard"));
+    EXPECT_TRUE(has_log_of(400));
+    expect_all();
+    EXPECT_EQ(a.count_log("start update service hhmi(0000)"), 1u);
+    expect_end();
+}
+
+TEST_F(Faults, ResetsAtAnyByteLeaveNothing) {
+    std::vector<int> offsets;
+    for (int at = 0; at < TCP_CMD_MSG_SIZE; at += at < 30 ? 1 : 97)
+        offsets.push_back(at);
+    const std::pair<char, std::function<void()>> answers[] = {
+        {MSG_HEALTH_CHECK_REQ, [] {}},
+        {MSG_GET_SERVICE_LIST_REQ, [this] { renew(); }},
+        {MSG_GET_SERVICE_LIST_RSPACK, [this] { renew(); }},
+        {MSG_UPDATE_SERVICE_LIST_REQ, [this] { a.write_file("svc_update", ""); }},
+        {MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, [this] { put_notifications(); }}};
+    start_running(a);
+    expect_all();
+    const std::size_t files = open_files(a.pid()).size();
+    server.set_services(std::vector<SERVICE_ELEMENT>(9, kessctl::make_service("ONE")));
+    for (const char type : {'2', '7', 'B', 'D', '\2'})
+        for (const int at : offsets) {
+            const TCP_CMD_MSG frame = kessctl::start_frame(type);
+            const linger reset = {1, 0};
+            command_client client;
+            EXPECT_TRUE(client.connect("127.0.0.1", a.port()) &&
+                        (at == 0 || client.send_bytes(&frame, static_cast<std::size_t>(at))));
+            setsockopt(client.fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+            client.close();
+            EXPECT_TRUE(at % 10 != 0 || command());
+        }
+    for (const auto& [type, provoke] : answers)
+        for (const int at : offsets) {
+            server.forget_messages();
+            server.change([&, key = type](auto& options) {
+                options.faults = {{key, {.close_after_bytes = at, .reset = true}}};
+            });
+            EXPECT_TRUE(wait_until([&, key = type, &act = provoke] { return act(), server.wait_for(key, 1, 50); }));
+        }
+    server.change([](auto& options) { options.faults.clear(); });
+    expect_all();
+    EXPECT_TRUE(wait_until([&] { return open_files(a.pid()).size() <= files; }));
+    expect_end();
+}
+
+TEST_F(Faults, KilledAtAnyMomentStartsAgainOnItsObjects) {
+    const unsigned seed = std::random_device()();
+    std::mt19937 random(seed);
+    std::cout << "seed " << seed << '\n';
+    std::vector<SERVICE_ELEMENT> services;
+    for (int i = 0; i < 2000; ++i)
+        services.push_back(kessctl::make_service("SERVICE" + std::to_string(i)));
+    server.set_services(services);
+    start_running(a);
+    EXPECT_EQ(console({"put-trace", "--count", "3000"}).status, 0);
+    a.settings()->call_trc_depth = 77;
+    for (int i = 0; i < 12 && !HasFailure(); ++i) {
+        EXPECT_TRUE(renew());
+        agt::sleep_ms(static_cast<int>(random() % 120));
+        a.signal(SIGKILL);
+        EXPECT_EQ(a.wait_exit(), 128 + SIGKILL);
+        for (const char* key : {"SVC_HASH_TBL_SEMKEY", "PTRC_HASH_TBL_SEMKEY"})
+            EXPECT_TRUE(wait_until([&] { return semctl(a.sem_id(key), 0, GETVAL) == 1; })) << key;
+        empty_log();
+        start_running(a);
+        EXPECT_EQ(table_fault(*a.services()), "");
+        EXPECT_EQ(a.services()->alloc_cnt, 2000u);
+        EXPECT_EQ(a.traces()->used.top, 3000u);
+        EXPECT_EQ(a.settings()->call_trc_depth, 77);
+    }
+    expect_end();
+}
+
+class Neighbours : public testing::Test, public exchanges {};
+
+TEST_F(Neighbours, OneThatHoldsATableForLongCostsNothing) {
+    start_running(a);
+    const int semid = a.sem_id("SVC_HASH_TBL_SEMKEY");
+    const pid_t holder = fork();
+    if (holder == 0) {
+        sembuf take = {0, -1, SEM_UNDO};
+        semop(semid, &take, 1);
+        pause();
+    }
+    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETVAL) == 0; }) && renew());
+    std::thread waiting([&] { EXPECT_TRUE(command()); });
+    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 2; }));
+    clockid_t clock = 0;
+    timespec before{};
+    timespec after{};
+    EXPECT_EQ(clock_getcpuclockid(a.pid(), &clock) + clock_gettime(clock, &before), 0);
+    const long long from_ms = agt::monotonic_ms();
+    EXPECT_TRUE(wait_until([&] { return agt::monotonic_ms() - from_ms > 3000; }));
+    EXPECT_EQ(clock_gettime(clock, &after), 0);
+    EXPECT_LT((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000, 100);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    waiting.join();
+    EXPECT_TRUE(reload());
+    EXPECT_EQ(a.stop(), 0);
+}
+
+struct spoilt {
+    SVC_HASH_TBL& svc;
+    PTRC_HASH_TBL& ptrc;
+    JCACHE_HASH_TBL& cache;
+    NOTI_SEND_QUE_INFO& noti;
+    TRAN_AGT_SHM& segment;
+};
+
+// Writes anything anywhere, but leaves the watchdog its trace table: it ends when that is out of range, as it should.
+void spoil(const spoilt& in, unsigned seed) {
+    std::mt19937 random(seed);
+    const int values[] = {0, -1, 9999, 10000, INT_MAX, INT_MIN, static_cast<int>(random() % 10000)};
+    SVC_HASH_ARR_LIST& slot = in.svc.h_arr[9999 - random() % 300];
+    PTRC_HASH_ARR& entry = in.ptrc.h_arr[random() % 100].param;
+    void* const places[] = {&in.svc.h_idx[slot.hash_idx & 0xffff],
+                            &slot.next_idx,
+                            &slot.pre_idx,
+                            &slot.hash_idx,
+                            &in.svc.used.top,
+                            &in.svc.available.top,
+                            &in.svc.alloc_cnt,
+                            &in.svc.used.idx[random() % 300],
+                            &in.svc.available.idx[9999 - random() % 300],
+                            &in.ptrc.used.idx[random() % 300],
+                            &in.ptrc.alloc_cnt,
+                            &in.cache.used.top,
+                            &in.segment.proc_num,
+                            &in.noti.front,
+                            &in.noti.rear};
+    std::memcpy(places[random() % std::size(places)], &values[random() % std::size(values)], sizeof values[0]);
+    std::memset(entry.proc_nm, values[random() % std::size(values)], sizeof entry.proc_nm);
+    std::memset(entry.pid, '0' + values[6] % 12, sizeof entry.pid);
+    in.ptrc.used.top = 300;
+}
+
+TEST_F(Neighbours, OneThatSpoilsTheTablesIsSurvived) {
+    start_running(a);
+    EXPECT_TRUE(reload());
+    const spoilt shared = {*a.services(), *a.traces(), *a.cache(), a.noti_que()->info, *a.segment()};
+    std::atomic<bool> over{false};
+    std::thread vandal([&] {
+        for (unsigned seed = 0; !over; ++seed)
+            spoil(shared, seed);
+    });
+    const long long from_ms = agt::monotonic_ms();
+    for (int i = 0; agt::monotonic_ms() - from_ms < 4000; ++i) {
+        SERVICE_ELEMENT sent[8];
+        for (SERVICE_ELEMENT& one : sent) {
+            one = kessctl::make_service("SERVICE" + std::to_string(i % 400));
+            one.update_mode[0] = "ADYX"[i++ % 4];
+        }
+        command_client client;
+        TCP_CMD_MSG answer;
+        EXPECT_TRUE(client.connect("127.0.0.1", a.port()) &&
+                    client.request(kessctl::modified_services_frame(sent, 8), &answer) && (i % 64 != 8 || renew()));
+    }
+    over = true;
+    vandal.join();
+    shared.noti = {};
+    for (const char* name : EXCHANGES)
+        EXPECT_TRUE(run(name)) << name;
+    EXPECT_EQ(a.stop(8000), 0);
+}
+
+} // namespace

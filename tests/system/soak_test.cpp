@@ -1,0 +1,85 @@
+// Everything at once, in rounds; between them the daemon may hold no more than after the first. KESSARD_SOAK_SEC says
+// for how long, 30 seconds otherwise.
+#include <gtest/gtest.h>
+#include <sys/shm.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "exchanges.h"
+
+namespace {
+
+using namespace test_support;
+
+constexpr int ROUND_MS = 6000;
+constexpr long MEMORY_BOUND_KB = 512;
+constexpr int THREADS = 6; // of a daemon at rest; its descriptors may be one more: the connection of the health check
+
+struct figures {
+    long anon_kb;
+    std::size_t files;
+    int threads;
+    std::size_t processes; // its children too, but not itself
+    int segments;
+};
+
+class Soak : public testing::Test, public exchanges {
+  protected:
+    figures look() const {
+        int segments = 0;
+        for (const char* key : {"TRAN_LOGF_QUE_INFO", "SVC_HASH_TBL", "NOTI_SEND_QUE", "PTRC_HASH_TBL",
+                                "JCACHE_HASH_TBL", "TRAN_AGT", "PARSE_LOG_QUE"})
+            segments += shmget(a.shm_key(std::string(key) + "_SHMKEY"), 0, 0) >= 0 ? 1 : 0;
+        return {std::stol(status_of(a.pid(), "RssAnon")), open_files(a.pid()).size(),
+                std::stoi(status_of(a.pid(), "Threads")), a.running().size() - 1, segments};
+    }
+
+    // Runs each kind of exchange again and again; how many there were.
+    int run_round() {
+        std::atomic<int> count{0};
+        const long long until_ms = agt::monotonic_ms() + ROUND_MS;
+        std::vector<std::thread> threads;
+        for (const char* name : EXCHANGES)
+            threads.emplace_back([&, name] {
+                for (; agt::monotonic_ms() < until_ms; ++count)
+                    EXPECT_TRUE(run(name)) << name;
+            });
+        while (agt::monotonic_ms() < until_ms && agt::sleep_ms(1500))
+            server.drop_connections();
+        for (std::thread& one : threads)
+            one.join();
+        return count;
+    }
+};
+
+TEST_F(Soak, HoldsNoMoreThanAfterItsFirstRound) {
+    const char* wanted = std::getenv("KESSARD_SOAK_SEC");
+    const long long until_ms = agt::monotonic_ms() + (wanted == nullptr ? 30 : std::atoll(wanted)) * 1000;
+    start_running(a);
+    figures first{};
+    for (int round = 0; round < 2 || (agt::monotonic_ms() + ROUND_MS < until_ms && !HasFailure()); ++round) {
+        const int count = run_round();
+        std::filesystem::remove(a.path("svc_update"));
+        figures now{};
+        const bool settled = wait_until([&] {
+            now = look();
+            return now.processes == 0 && now.threads == THREADS && (round == 0 || now.files <= first.files + 1);
+        });
+        std::cout << "round " << round << ": " << count << " exchanges, RssAnon " << now.anon_kb << " KB, files "
+                  << now.files << ", threads " << now.threads << ", children " << now.processes << ", segments "
+                  << now.segments << std::endl;
+        if (round == 0)
+            first = now;
+        EXPECT_TRUE(settled);
+        EXPECT_LE(now.anon_kb, first.anon_kb + MEMORY_BOUND_KB);
+        EXPECT_EQ(now.segments, 7);
+        server.forget_messages();
+        empty_log();
+    }
+    EXPECT_EQ(a.stop(8000), 0);
+}
+
+} // namespace
