@@ -181,7 +181,7 @@ void agent::write_file(const std::string& name, const std::string& text, unsigne
         ADD_FAILURE() << "cannot write " << path(name) << ": " << std::strerror(errno);
 }
 
-void agent::launch(std::vector<std::string> options) {
+void agent::start(std::vector<std::string> options) {
     write_cfg();
     if (program_)
         earlier_.push_back(std::move(*program_));
@@ -189,14 +189,8 @@ void agent::launch(std::vector<std::string> options) {
     program_.emplace(options, variables);
 }
 
-void agent::start(const std::vector<std::string>& options) {
-    launch(options);
-}
-
-void agent::start_daemon(const std::vector<std::string>& options) {
-    std::vector<std::string> all = {"-d"};
-    all.insert(all.end(), options.begin(), options.end());
-    launch(all);
+void agent::start_daemon() {
+    start({"-d"});
     EXPECT_EQ(program_->wait_exit(), 0) << "the parent of the daemon";
     EXPECT_TRUE(program_->follow_background()) << "there is no daemon";
 }

@@ -50,10 +50,10 @@ class agent {
     int port() const { return port_; }            // the command port
     int server_port() const { return port_ + 1; } // reserved for a server; nobody else listens on it
 
-    // Starts the program in the foreground, or with -d behind the given options; then pid() is the daemon's. A program
-    // that does not start as it should fails the test.
-    void start(const std::vector<std::string>& options = {});
-    void start_daemon(const std::vector<std::string>& options = {});
+    // Starts the program in the foreground, or with -d; then pid() is the daemon's. A program that does not start as it
+    // should fails the test.
+    void start(std::vector<std::string> options = {});
+    void start_daemon();
     pid_t pid() const { return program_ ? program_->pid() : -1; }
     void signal(int signo) const;
     int wait_exit(int limit_ms = LIMIT_MS); // as process::wait_exit
@@ -94,7 +94,6 @@ class agent {
     void* attach(const std::string& keyword, std::size_t size, int flags);
     void reserve_slot();
     void add_defaults();
-    void launch(std::vector<std::string> options);
     std::string whole_log() const;
     void remove_objects() const;
 

@@ -52,8 +52,10 @@ testing::AssertionResult in_order(const agent& one, const texts& wanted) {
 }
 
 void start_running(agent& one, const texts& options) {
+    const char* const started = "start... running : 1"; // said by the command loop and by two threads
+    const std::size_t before = one.count_log(started);
     one.start(options);
-    ASSERT_TRUE(one.wait_log("start... running : 1"));
+    ASSERT_TRUE(one.wait_log(started, before + 3));
 }
 
 std::string table_fault(const SVC_HASH_TBL& table) {

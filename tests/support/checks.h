@@ -19,7 +19,7 @@ texts messages(const std::string& log);
 testing::AssertionResult in_order(const std::string& log, const texts& wanted);
 testing::AssertionResult in_order(const agent& one, const texts& wanted); // waits for them
 
-// Starts the agent and waits for its command loop.
+// Starts the agent and waits for its command loop and its threads.
 void start_running(agent& one, const texts& options = {});
 
 // What is wrong with a table's counts, stacks and chains; empty when it is in order.

@@ -5,24 +5,18 @@
 #include <csignal>
 #include <filesystem>
 
-#include "command_client.h"
-#include "frame.h"
 #include "ring_queue.h"
 #include "sem.h"
-#include "service_file.h"
 
 namespace test_support {
 namespace {
 
 constexpr int TRY_MS = 1000; // of a step that what else happens may have spoilt
-constexpr int SERVICES = 200;
 
 } // namespace
 
 exchanges::exchanges() {
-    EXPECT_EQ(server.start(), "");
-    server.set_services(std::vector<SERVICE_ELEMENT>(1, kessctl::make_service("ONE")));
-    a.set("TRAN_SERVER", "CMD_PORT", server.port());
+    server.set_services(services(1));
     a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1000);
     a.set("SERVICE_HASH", "DAILY_UPDATE_YN", "Y");
     a.set("PTRC_HASH", "TRC_STS_CHECK_PERIOD", 1);
@@ -32,16 +26,16 @@ exchanges::exchanges() {
     std::filesystem::create_directory(a.path("down"));
 }
 
-program_result exchanges::console(texts words) const {
-    words.insert(words.begin(), KESSCTL_PROGRAM);
-    return run_program(words, a.variables, 2 * LIMIT_MS);
-}
-
 bool exchanges::run(const std::string& name) {
     bool (exchanges::*const all[])() = {&exchanges::command, &exchanges::remote_command, &exchanges::transfer,
                                         &exchanges::notify,  &exchanges::reload,         &exchanges::update,
                                         &exchanges::sweep};
     return (this->*all[std::find(std::begin(EXCHANGES), std::end(EXCHANGES), name) - std::begin(EXCHANGES)])();
+}
+
+void exchanges::expect_all() {
+    for (const char* name : EXCHANGES)
+        EXPECT_TRUE(run(name)) << name;
 }
 
 void exchanges::empty_log() const {
@@ -52,13 +46,11 @@ void exchanges::empty_log() const {
 bool exchanges::command() {
     SERVICE_ELEMENT gone = kessctl::make_service("NOT THERE");
     gone.update_mode[0] = 'D';
-    kessctl::command_client client;
-    TCP_CMD_MSG answer;
+    TCP_CMD_MSG got;
     return wait_until(
         [&] {
-            return client.connect("127.0.0.1", a.port()) &&
-                   client.request(kessctl::modified_services_frame(&gone, 1), &answer) &&
-                   kessctl::field_text(answer, "element_num") == "001";
+            return answers(a, kessctl::modified_services_frame(&gone, 1), &got) &&
+                   kessctl::field_text(got, "element_num") == "001";
         },
         limit_ms);
 }
@@ -66,7 +58,7 @@ bool exchanges::command() {
 bool exchanges::remote_command() {
     return wait_until(
         [&] {
-            return console({"exec", "echo ran"}).out == "$ echo ran\nran\n-> exit status 0\n";
+            return a.console({"exec", "echo ran"}).out == "$ echo ran\nran\n-> exit status 0\n";
         },
         limit_ms);
 }
@@ -75,8 +67,8 @@ bool exchanges::transfer() {
     std::filesystem::remove(a.path("down/sent"));
     return wait_until(
         [&] {
-            return console({"put", a.path("sent"), a.path("up")}).status == 0 &&
-                   console({"get", a.path("up/sent"), a.path("down")}).status == 0 &&
+            return a.console({"put", a.path("sent"), a.path("up")}).status == 0 &&
+                   a.console({"get", a.path("up/sent"), a.path("down")}).status == 0 &&
                    run_program({"/usr/bin/cmp", a.path("sent"), a.path("down/sent")}).status == 0;
         },
         limit_ms);
@@ -99,19 +91,13 @@ bool exchanges::notify() {
         limit_ms);
 }
 
-bool exchanges::renew() {
-    kessctl::command_client client;
-    TCP_CMD_MSG answer;
-    return client.connect("127.0.0.1", a.port()) &&
-           client.request(kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ), &answer);
+bool exchanges::renew() const {
+    return answers(a, kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ));
 }
 
 bool exchanges::reload() {
-    const int wanted = SERVICES + ++lists_ % 8;
-    std::vector<SERVICE_ELEMENT> services;
-    for (int i = 0; i < wanted; ++i)
-        services.push_back(kessctl::make_service("SERVICE" + std::to_string(i)));
-    server.set_services(services);
+    const int wanted = static_cast<int>(LEAST_SERVICES) + ++lists_ % 8;
+    server.set_services(services(wanted));
     services_ = services_ == nullptr ? a.services() : services_;
     const SVC_HASH_TBL& table = *services_;
     const auto loaded = [&] {
@@ -142,13 +128,13 @@ int exchanges::isalive(pid_t pid) {
 }
 
 bool exchanges::sweep() {
-    console({"put-trace", "--clear"});
+    a.console({"put-trace", "--clear"});
     process traced({"/bin/sleep", "100"}, {});
     const pid_t pid = traced.pid();
     const bool found = wait_until(
         [&] {
-            return console(
-                       {"put-trace", "--pid", std::to_string(pid), "--name", "sleep", "--state", "h", "--alive", "0"})
+            return a.console(
+                        {"put-trace", "--pid", std::to_string(pid), "--name", "sleep", "--state", "h", "--alive", "0"})
                            .status == 0 &&
                    wait_until([&] { return isalive(pid) == 1; }, TRY_MS);
         },

@@ -1,24 +1,24 @@
 // An agent, its server, and every kind of exchange that there is with the two, each seen through to its effect.
 #pragma once
 
-#include "checks.h"
-#include "stand_in.h"
+#include "served_agent.h"
 
 namespace test_support {
 
 inline constexpr const char* EXCHANGES[] = {"command", "remote_command", "transfer", "notify",
                                             "reload",  "update",         "sweep"};
 
-class exchanges {
-  public:
-    kessctl::stand_in server;
-    agent a; // configured for all of them, not started
+inline constexpr unsigned LEAST_SERVICES = 200; // in the table when no list is coming in
+
+class exchanges : public served_agent {
+  protected:
     int limit_ms = LIMIT_MS;
 
-    exchanges();
+    exchanges(); // the agent is configured for all of them, and not started
 
     // Each tries until it has succeeded or its limit is over. They may run at once, one of a kind.
     bool run(const std::string& name); // one of EXCHANGES
+    void expect_all();                 // each succeeds, in turn
     bool command();                    // deletes a service that is not there
     bool remote_command();
     bool transfer(); // a file goes there and comes back
@@ -27,10 +27,9 @@ class exchanges {
     bool update(); // the script's services go up
     bool sweep();  // a traced process lives and dies
 
-    bool renew();             // asks for one list
+    bool renew() const;       // asks for one list
     void put_notifications(); // two, which leave together
     void empty_log() const;
-    program_result console(texts words) const;
 
   private:
     int isalive(pid_t pid); // of a process's entry in the trace table, -1 without one

@@ -5,6 +5,7 @@
 
 #include "checks.h"
 #include "kessard/ptrc_hash_tbl.h"
+#include "process_globals.h"
 
 namespace test_support {
 
@@ -16,8 +17,8 @@ class trace_table {
     PTRC_HASH_TBL& operator*() const { return *table_; }
     PTRC_HASH_TBL* operator->() const { return table_; }
 
-    // Puts an entry last on the used stack, in state 'a', alive and last accessed now.
-    PTRC_HASH_ARR& add(const std::string& proc_nm, int pid, unsigned long tid = 0);
+    // Puts an entry last on the used stack, in state 'a', alive and last accessed so long ago.
+    PTRC_HASH_ARR& add(const std::string& proc_nm, int pid, unsigned long tid = 0, int idle_sec = 0);
 
   private:
     PTRC_HASH_TBL* table_;
@@ -38,14 +39,25 @@ class test_log {
     std::string directory_;
 };
 
-// Runs `pass` after `prepare(now)` until both fall into one second.
-template <class Prepare, class Pass> void within_one_second(Prepare prepare, Pass pass) {
+// Both, in a daemon that runs, and the keys and files of an agent.
+class trace_table_test : public testing::Test {
+  protected:
+    agent a;
+    test_log log;
+    trace_table table;
+
+    trace_table_test() { kessard::running = 1; }
+};
+
+// Runs `pass` after `prepare(now)` until both fall into one second, which it returns.
+template <class Prepare, class Pass> time_t within_one_second(Prepare prepare, Pass pass) {
     time_t now = 0;
     do {
         now = time(nullptr);
         prepare(now);
         pass();
     } while (time(nullptr) != now);
+    return now;
 }
 
 } // namespace test_support

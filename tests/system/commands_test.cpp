@@ -1,18 +1,13 @@
 // The command port through the real program: every command of the server byte for byte, and every way to break the
 // protocol.
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstring>
 #include <random>
 
-#include "checks.h"
-#include "command_client.h"
 #include "field.h"
-#include "frame.h"
-#include "service_file.h"
-#include "tcp_base.h"
+#include "served_agent.h"
 
 namespace {
 
@@ -26,21 +21,13 @@ template <std::size_t N> void fill(char (&field)[N], const std::string& text, ch
     std::memcpy(field, text.data(), std::min(N, text.size()));
 }
 
-class Commands : public testing::Test {
+class Commands : public served_agent {
   protected:
-    agent daemon;
-    command_client client;
-
-    Commands() {
-        start_running(daemon);
-        reconnect();
-    }
-    void reconnect() { ASSERT_TRUE(client.connect("127.0.0.1", daemon.port())) << client.error(); }
+    Commands() { start(); }
 
     // Sends a request and checks all 1407 bytes of the answer; `body` starts it, zeros follow.
     void expect_answer(const TCP_CMD_MSG& request, char type, const std::string& body) {
-        TCP_CMD_MSG answer;
-        ASSERT_TRUE(client.request(request, &answer)) << client.error();
+        ASSERT_TRUE(ask(request)) << client.error();
         TCP_CMD_MSG wanted = start_frame(type);
         std::memcpy(&wanted.body, body.data(), body.size());
         EXPECT_EQ(std::string(reinterpret_cast<char*>(&answer), 20), std::string(reinterpret_cast<char*>(&wanted), 20));
@@ -48,11 +35,8 @@ class Commands : public testing::Test {
     }
     // The daemon still serves, and its table is in order.
     void expect_serving() {
-        command_client other;
-        TCP_CMD_MSG answer;
-        EXPECT_TRUE(other.connect("127.0.0.1", daemon.port()) && other.request(start_frame('7'), &answer))
-            << other.error();
-        EXPECT_EQ(table_fault(*daemon.services()), "");
+        EXPECT_TRUE(answers(a));
+        EXPECT_EQ(table_fault(*a.services()), "");
     }
 };
 
@@ -96,25 +80,24 @@ TEST_F(Commands, SetTheRuntimeSettings) {
             fill(body.dbio_trc_limit, std::string("1") + one.limit, pad);
             fill(body.sql_trc_limit, std::string("2") + one.limit, pad);
             expect_answer(request, '8', "0");
-            EXPECT_EQ(std::memcmp(daemon.settings(), &one.wanted, sizeof one.wanted), 0);
+            EXPECT_EQ(std::memcmp(a.settings(), &one.wanted, sizeof one.wanted), 0);
         }
 }
 
 TEST_F(Commands, LogEveryFieldOfTheSettings) {
     TCP_CMD_MSG request = start_frame('7');
     std::memset(&request.body, '8', sizeof request.body); // no terminator anywhere
-    daemon.mark_log();
+    a.mark_log();
     expect_answer(request, '8', "0");
     const std::string ten(10, '8');
     EXPECT_TRUE(
-        in_order(daemon, {"(i) MSGRCV : [[ SET_SYS_CONFIG_SET_REQ ]]\n", "(i) -> IPADDR         - '" + ten + "88888'\n",
-                          "(i) -> LOG_FLAG_SET   - '88888888'\n", "(i) -> LOG_QCNT       - '888'\n",
-                          "(i) -> LOG_ONOFF      - '8'\n", "(i) -> SFILTER_ONOFF  - '8'\n",
-                          "(i) -> CALL_TRC_DEPTH - '88888'\n", "(i) -> CALL_TRC_LIMIT - '" + ten + "'\n",
-                          "(i) -> DBIO_TRC_LIMIT - '" + ten + "'\n", "(i) -> SQL_TRC_LIMIT  - '" + ten + "'\n"}));
-    EXPECT_TRUE(daemon.wait_log("(i) MSGSND : [[ SET_SYS_CONFIG_SET_RSP ]]\n") &&
-                daemon.wait_log("(i) -> RESULT_CODE - '0'\n"));
-    EXPECT_EQ(daemon.settings()->sql_trc_limit, 8888888888);
+        in_order(a, {"(i) MSGRCV : [[ SET_SYS_CONFIG_SET_REQ ]]\n", "(i) -> IPADDR         - '" + ten + "88888'\n",
+                     "(i) -> LOG_FLAG_SET   - '88888888'\n", "(i) -> LOG_QCNT       - '888'\n",
+                     "(i) -> LOG_ONOFF      - '8'\n", "(i) -> SFILTER_ONOFF  - '8'\n",
+                     "(i) -> CALL_TRC_DEPTH - '88888'\n", "(i) -> CALL_TRC_LIMIT - '" + ten + "'\n",
+                     "(i) -> DBIO_TRC_LIMIT - '" + ten + "'\n", "(i) -> SQL_TRC_LIMIT  - '" + ten + "'\n"}));
+    EXPECT_TRUE(a.wait_log("(i) MSGSND : [[ SET_SYS_CONFIG_SET_RSP ]]\n") && a.wait_log("(i) -> RESULT_CODE - '0'\n"));
+    EXPECT_EQ(a.settings()->sql_trc_limit, 8888888888);
 }
 
 TEST_F(Commands, SetTheResourceThresholds) {
@@ -131,7 +114,7 @@ TEST_F(Commands, SetTheResourceThresholds) {
                  {deep + "," + deep + " ", {deep.substr(0, 256), deep.substr(0, 256)}},
                  {std::string(1025, ','), texts(5)},
                  {std::string(1025, 'x'), {}}};
-    daemon.mark_log();
+    a.mark_log();
     for (const auto& one : cases) {
         SCOPED_TRACE(one.list.substr(0, 20));
         TCP_CMD_MSG request = start_frame('D');
@@ -140,9 +123,9 @@ TEST_F(Commands, SetTheResourceThresholds) {
         fill(body.cpu_alert_pcnt, "9999");
         fill(body.file_sys_alert_pcnt, "90,,");
         fill(body.file_sys_list, one.list, '\0');
-        daemon.segment()->file_system[0].alert_cnt = 5;
+        a.segment()->file_system[0].alert_cnt = 5;
         expect_answer(request, 'E', "0");
-        const TRAN_AGT_SHM& segment = *daemon.segment();
+        const TRAN_AGT_SHM& segment = *a.segment();
         EXPECT_EQ(segment.cpu.alert_sec, 60);
         EXPECT_EQ(segment.cpu.alert_pcnt, 999);
         const std::size_t rows = one.wanted.size();
@@ -154,13 +137,12 @@ TEST_F(Commands, SetTheResourceThresholds) {
         }
         EXPECT_EQ(std::memcmp(segment.file_system, wanted, sizeof wanted), 0);
     }
-    EXPECT_TRUE(daemon.wait_log("RESULT_CODE", std::size(cases)));
-    EXPECT_TRUE(
-        in_order(daemon, {"(i) MSGRCV : [[ SET_SYS_RESOURCE_SET_REQ ]]\n", "(i) -> CPU_ALERT_SEC       - '00060'\n",
-                          "(i) -> CPU_ALERT_PCNT      - '999'\n", "(i) -> FILE_SYS_ALERT_PCNT - '90,'\n",
-                          "(i) -> MAX_FILE_SYS_LIST   - '/,/home", "## file_sys_num : 2\n", "#0# file_system : /\n",
-                          "#0# alert_pcnt : 90\n", "#0# alert_cnt : 0\n", "#1# file_system : /home\n",
-                          "(i) MSGSND : [[ SET_SYS_RESOURCE_SET_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"}));
+    EXPECT_TRUE(a.wait_log("RESULT_CODE", std::size(cases)));
+    EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ SET_SYS_RESOURCE_SET_REQ ]]\n", "(i) -> CPU_ALERT_SEC       - '00060'\n",
+                             "(i) -> CPU_ALERT_PCNT      - '999'\n", "(i) -> FILE_SYS_ALERT_PCNT - '90,'\n",
+                             "(i) -> MAX_FILE_SYS_LIST   - '/,/home", "## file_sys_num : 2\n", "#0# file_system : /\n",
+                             "#0# alert_pcnt : 90\n", "#0# alert_cnt : 0\n", "#1# file_system : /home\n",
+                             "(i) MSGSND : [[ SET_SYS_RESOURCE_SET_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"}));
 }
 
 SERVICE_ELEMENT numbered(int i, char mode) {
@@ -190,37 +172,36 @@ TEST_F(Commands, ChangeServices) {
             before.push_back(numbered(i, known.find(static_cast<char>('0' + i)) == known.npos ? 'D' : 'A'));
             sent.push_back(numbered(i, one.modes[i - 1]));
         }
-        TCP_CMD_MSG answer;
-        EXPECT_TRUE(client.request(kessctl::modified_services_frame(before.data(), before.size()), &answer));
+        EXPECT_TRUE(ask(kessctl::modified_services_frame(before.data(), before.size())));
         TCP_CMD_MSG request = kessctl::modified_services_frame(sent.data(), sent.size());
         std::memcpy(request.body.set_modified_service_req.element_num, one.num, 4);
         expect_answer(request, 'C', std::string("0\0", 2) + one.handled);
-        EXPECT_EQ(daemon.services()->alloc_cnt, one.entries);
-        EXPECT_EQ(table_fault(*daemon.services()), "");
+        EXPECT_EQ(a.services()->alloc_cnt, one.entries);
+        EXPECT_EQ(table_fault(*a.services()), "");
     }
     expect_answer(start_frame('7'), '8', std::string("0\0", 2) + "002"); // what earlier answers left stays
 
     SERVICE_ELEMENT full; // no field has a terminator
     std::memset(&full, '5', sizeof full);
     TCP_CMD_MSG request = kessctl::modified_services_frame(&full, 1);
-    EXPECT_TRUE(daemon.wait_log("[[ SET_SYS_CONFIG_SET_RSP ]]")); // the end of what came before
-    daemon.mark_log();
+    EXPECT_TRUE(a.wait_log("[[ SET_SYS_CONFIG_SET_RSP ]]")); // the end of what came before
+    a.mark_log();
     expect_answer(request, 'C', std::string("0\0", 2) + "001");
     expect_answer(request, 'C', std::string("0\0", 2) + "000"); // a mode that does not change what is there
-    const SVC_HASH_ARR& param = daemon.services()->h_arr[daemon.services()->used.idx[3]].param;
+    const SVC_HASH_ARR& param = a.services()->h_arr[a.services()->used.idx[3]].param;
     EXPECT_EQ(std::string(param.host_name) + param.server_id + param.service_id, std::string(64 + 15 + 16, '5'));
     const std::string id(16, '5');
-    EXPECT_TRUE(in_order(daemon, {"(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]\n", "(I) SERVICE_ID : " + id + "\n",
-                                  "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n",
-                                  "<!> service_id(" + id + "5) is already exist, update_mode : '5'\n"}));
+    EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]\n", "(I) SERVICE_ID : " + id + "\n",
+                             "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n",
+                             "<!> service_id(" + id + "5) is already exist, update_mode : '5'\n"}));
 }
 
 TEST_F(Commands, AreRefusedWhenTheyBreakTheProtocol) {
-    daemon.mark_log();
+    a.mark_log();
     for (const char type : std::string("0134568 9ACEFGHIz\0\1\xff", 20)) {
         EXPECT_TRUE(client.send(start_frame(type)) && client.wait_closed()) << type << client.error();
         if (type > ' ') {
-            EXPECT_TRUE(daemon.wait_log("<!> error! unknown command type('" + std::string(1, type) + "')\n"));
+            EXPECT_TRUE(a.wait_log("<!> error! unknown command type('" + std::string(1, type) + "')\n"));
         }
         reconnect();
     }
@@ -230,17 +211,8 @@ TEST_F(Commands, AreRefusedWhenTheyBreakTheProtocol) {
         EXPECT_TRUE(client.send(frame) && client.wait_closed()) << client.error();
         reconnect();
     }
-    EXPECT_TRUE(daemon.wait_log("<!> magic bit mismatch. sockfd : ", 4));
-    EXPECT_EQ(daemon.count_log(", rlen : 1407\n"), 4u);
-    daemon.mark_log();
-    const TCP_CMD_MSG frame = start_frame('7');
-    for (const std::size_t sent : {0, 1, 3, 5, 6, 700, 1406}) { // a frame that the peer does not finish
-        EXPECT_TRUE(sent == 0 || client.send_bytes(&frame, sent));
-        shutdown(client.fd(), SHUT_WR);
-        EXPECT_TRUE(client.wait_closed()) << sent << client.error();
-        reconnect();
-    }
-    EXPECT_EQ(daemon.count_log("rlen : ") + daemon.count_log("unknown command"), 0u);
+    EXPECT_TRUE(a.wait_log("<!> magic bit mismatch. sockfd : ", 4));
+    EXPECT_EQ(a.count_log(", rlen : 1407\n"), 4u);
     expect_serving();
 }
 
@@ -254,51 +226,45 @@ TEST_F(Commands, SurviveRandomFrames) {
         std::generate(body, body + sizeof frame.body, [&] {
             return static_cast<unsigned char>(text ? "0123456789SEVBDXYA-, /"[random() % 22] : random());
         });
-        TCP_CMD_MSG answer;
-        if (!client.request(frame, &answer))
+        if (!ask(frame))
             reconnect();
     }
     expect_serving();
-    EXPECT_EQ(daemon.stop(), 0);
 }
 
 TEST_F(Commands, ServeFiveClientsAndNoSixth) {
     command_client others[4];
-    TCP_CMD_MSG answer;
     for (command_client& other : others)
-        EXPECT_TRUE(other.connect("127.0.0.1", daemon.port()) && other.request(start_frame('7'), &answer));
+        EXPECT_TRUE(other.connect("127.0.0.1", a.port()) && other.request(start_frame('7'), &answer));
     command_client sixth;
-    EXPECT_TRUE(sixth.connect("127.0.0.1", daemon.port()) && sixth.wait_closed()) << sixth.error();
-    EXPECT_TRUE(daemon.wait_log("<!> client_list error.. client_num : 5\n"));
+    EXPECT_TRUE(sixth.connect("127.0.0.1", a.port()) && sixth.wait_closed()) << sixth.error();
+    EXPECT_TRUE(a.wait_log("<!> client_list error.. client_num : 5\n"));
     for (command_client& other : others)
         EXPECT_TRUE(other.request(start_frame('7'), &answer)) << other.error();
-    EXPECT_TRUE(client.request(start_frame('7'), &answer)) << client.error();
+    EXPECT_TRUE(renew()) << client.error();
     others[1].close();
     EXPECT_TRUE(wait_until([&] {
-        return sixth.connect("127.0.0.1", daemon.port()) && sixth.request(start_frame('7'), &answer);
+        return sixth.connect("127.0.0.1", a.port()) && sixth.request(start_frame('7'), &answer);
     })) << sixth.error();
 }
 
 TEST_F(Commands, ComeTogetherOrInPieces) {
     const TCP_CMD_MSG both[2] = {start_frame('2'), start_frame('D')};
-    TCP_CMD_MSG answer;
-    daemon.mark_log();
+    a.mark_log();
     EXPECT_TRUE(client.send_bytes(both, sizeof both));
     for (const char type : {'3', 'E'}) {
         EXPECT_TRUE(client.receive(&answer)) << client.error();
         EXPECT_EQ(answer.hdr.msg_type[0], type);
         EXPECT_EQ(kessctl::field_text(answer, "result_code"), "0");
     }
-    EXPECT_TRUE(in_order(daemon, {"(i) MSGRCV : [[ RENEW_SERVICE_LIST_REQ ]]\n",
-                                  "(i) MSGSND : [[ RENEW_SERVICE_LIST_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"}));
+    EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ RENEW_SERVICE_LIST_REQ ]]\n",
+                             "(i) MSGSND : [[ RENEW_SERVICE_LIST_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"}));
     for (std::size_t i = 0; i < sizeof both[0]; ++i)
         ASSERT_TRUE(client.send_bytes(reinterpret_cast<const char*>(both) + i, 1));
     EXPECT_TRUE(client.receive(&answer)) << client.error();
 
-    command_client other; // has to wait for the stalled frame, but not for long
-    EXPECT_TRUE(other.connect("127.0.0.1", daemon.port()));
     EXPECT_TRUE(client.send_bytes(both, 700));
-    EXPECT_TRUE(other.request(both[0], &answer)) << other.error();
+    EXPECT_TRUE(answers(a)); // who has to wait for the stalled frame, but not for long
     EXPECT_TRUE(client.wait_closed()) << client.error();
 }
 
@@ -309,16 +275,8 @@ TEST_F(Commands, GiveUpAClientThatNeverReads) {
     EXPECT_TRUE(wait_until([&] { // the daemon takes no more
         while (send(client.fd(), &request, sizeof request, MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
             continue;
-        return daemon.count_log("<!> tcp send error.. slen : -1\n") == 1;
+        return a.count_log("<!> tcp send error.. slen : -1\n") == 1;
     }));
-    expect_serving();
-    reconnect();
-    const linger reset = {1, 0};
-    for (int i = 0; i < 20; ++i) { // clients that are gone before their answer comes
-        EXPECT_TRUE(client.send(request) && client.send(request));
-        setsockopt(client.fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-        reconnect();
-    }
     expect_serving();
 }
 

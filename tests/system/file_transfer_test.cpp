@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "ext_peer.h"
+#include "served_agent.h"
 #include "tcp_base.h"
 
 namespace {
@@ -104,7 +105,7 @@ TEST_F(FileTransfer, RefusesAnUploadThatCannotBe) {
 // Peers that vanish are noticed at once, those that stall after some seconds; nobody waits for either.
 TEST_F(FileTransfer, EndsAnUploadWhoseBytesDoNotCome) {
     std::vector<ext_peer> peers;
-    for (const std::size_t bytes : {0, 1, 65536, 1500000}) {
+    for (const std::size_t bytes : {0, 1, 1500000}) {
         const std::string name = "f" + std::to_string(bytes);
         peers.emplace_back(a, "0002R" + ext_items({dir, name, "2000000", "420"}));
         EXPECT_EQ(peers.back().receive(73), ACCEPTED);
@@ -115,12 +116,12 @@ TEST_F(FileTransfer, EndsAnUploadWhoseBytesDoNotCome) {
         shutdown(vanishing.client.fd(), SHUT_WR);
         EXPECT_EQ(vanishing.receive(), ext_answer('E', ""));
     }
-    EXPECT_EQ(a.count_log("<!> recv_tcp_data_timeout error!! |0|\n"), 4U);
+    EXPECT_EQ(a.count_log("<!> recv_tcp_data_timeout error!! |0|\n"), 3U);
     EXPECT_EQ(ask_ext(a, "0001Recho a").substr(73 + 8), "a\n");
     for (const ext_peer& stalled : peers)
         EXPECT_EQ(stalled.receive(), ext_answer('E', ""));
     EXPECT_TRUE(a.wait_log("<!> recv_tcp_data_timeout error!! |-2|\n")); // of the one that sent nothing
-    EXPECT_TRUE(a.wait_log("<!> recv_tcp_data_timeout error!! |-1|\n", 3));
+    EXPECT_TRUE(a.wait_log("<!> recv_tcp_data_timeout error!! |-1|\n", 2));
     EXPECT_EQ(status(path("f1500000")).st_size, 1048576);
     EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
 }
@@ -262,8 +263,7 @@ TEST_F(FileTransfer, TellsTheLogWhenTheAnswerFindsNobody) {
         ext_peer peer(a);
         a.signal(SIGSTOP); // the request and the reset are there when it goes on
         peer.ask(request);
-        const linger reset = {1, 0};
-        setsockopt(peer.client.fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        reset_at_close(peer.client.fd());
         peer.client.close();
         a.signal(SIGCONT);
         EXPECT_TRUE(a.wait_log(line)) << line;

@@ -2,7 +2,6 @@
 // connection. Cycles run in this process, on memory of its own; one test sees the real program report.
 #include "health_check.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <climits>
@@ -11,7 +10,6 @@
 #include <filesystem>
 #include <memory>
 
-#include "checks.h"
 #include "field.h"
 #include "get_service_list.h"
 #include "jcache_hash_stk.h"
@@ -19,10 +17,10 @@
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "sem.h"
+#include "served_agent.h"
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
 #include "shmem.h"
-#include "stand_in.h"
 #include "tcp_base.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
@@ -31,32 +29,29 @@ namespace {
 
 using namespace test_support;
 using namespace kessard;
-using kessctl::stand_in_options;
 
 // A zeroed record; pages that nobody touches cost nothing.
 template <class T> std::unique_ptr<T, void (*)(void*)> zeroed() {
     return {static_cast<T*>(std::calloc(1, sizeof(T))), std::free};
 }
 
-class HealthCheck : public testing::Test {
+// Nothing of the agent but its directory and its keys.
+class HealthCheck : public served_agent {
   protected:
-    agent directory; // its log, its keys
-    kessctl::stand_in server;
     TRAN_LOGF_QUE_INFO settings{};
-    std::unique_ptr<SVC_HASH_TBL, void (*)(void*)> services = zeroed<SVC_HASH_TBL>();
+    std::unique_ptr<SVC_HASH_TBL, void (*)(void*)> service_table = zeroed<SVC_HASH_TBL>();
     std::unique_ptr<PTRC_HASH_TBL, void (*)(void*)> traces = zeroed<PTRC_HASH_TBL>();
     std::unique_ptr<JCACHE_HASH_TBL, void (*)(void*)> cache = zeroed<JCACHE_HASH_TBL>();
     std::unique_ptr<TRAN_AGT_SHM, void (*)(void*)> segment = zeroed<TRAN_AGT_SHM>();
     bool reconnect = false;
 
     HealthCheck() {
-        EXPECT_EQ(server.start(), "");
-        agt::open_log(directory.path("logs/proc/kessard").c_str(), "kessard", 1);
+        agt::open_log(a.path("logs/proc/kessard").c_str(), "kessard", 1);
         set_server_address("127.0.0.1", server.port());
-        agt::copy_text(api_stat_out_fn, directory.path("api_stat.out").c_str());
-        svc_hash_tbl_semid = agt::create_sem(directory.sem_key("SVC_HASH_TBL_SEMKEY"), 1);
+        agt::copy_text(api_stat_out_fn, a.path("api_stat.out").c_str());
+        svc_hash_tbl_semid = agt::create_sem(a.sem_key("SVC_HASH_TBL_SEMKEY"), 1);
         que_info = &settings;
-        svc_hash_tbl = services.get();
+        svc_hash_tbl = service_table.get();
         ptrc_hash_tbl = traces.get();
         jcache_hash_tbl = cache.get();
         tran_agt_shm = segment.get();
@@ -111,8 +106,8 @@ TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
     settings.save_apilog_yn = '1';
     settings.save_relllog_yn = '-';
     int existed = 0;
-    tran_logf_que_info_shmkey = directory.shm_key("TRAN_LOGF_QUE_INFO_SHMKEY");
-    svc_hash_tbl_shmkey = directory.shm_key("SVC_HASH_TBL_SHMKEY"); // no such segment
+    tran_logf_que_info_shmkey = a.shm_key("TRAN_LOGF_QUE_INFO_SHMKEY");
+    svc_hash_tbl_shmkey = a.shm_key("SVC_HASH_TBL_SHMKEY"); // no such segment
     const int shmid = agt::create_shm(tran_logf_que_info_shmkey, 1, &existed);
     void* attached[] = {agt::attach_shm(shmid), agt::attach_shm(shmid)};
     svc_hash_tbl->alloc_cnt = 42;
@@ -155,7 +150,7 @@ TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
                               ") every 30(sec) send 1407 bytes.";
     const texts lines = {start, "(i) ##### health check complete (slen : 1407, rlen : 1407), result_code : 0, "
                                 "svr_gap_time : 0         "};
-    EXPECT_EQ(messages(directory.log()), lines);
+    EXPECT_EQ(messages(a.log()), lines);
 
     ptrc_hash_tbl = nullptr;
     jcache_hash_tbl = nullptr;
@@ -184,12 +179,12 @@ TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
                  {"A\nB\nC\nD\n", record("A\n") + record("B\n"), 3},
                  {std::string(5000, 'x'), std::string(210, 'x'), 3}}; // a line that never ends
     for (const auto& one : cases) {
-        directory.write_file("api_stat.out", one.text);
-        directory.mark_log();
+        a.write_file("api_stat.out", one.text);
+        a.mark_log();
         EXPECT_EQ(cycle().substr(791, 210), one.records) << one.text;
-        EXPECT_EQ(directory.count_log("(I) api_stat.out #"), one.logged) << one.text;
+        EXPECT_EQ(a.count_log("(I) api_stat.out #"), one.logged) << one.text;
     }
-    std::filesystem::remove(directory.path("api_stat.out"));
+    std::filesystem::remove(a.path("api_stat.out"));
     EXPECT_EQ(cycle().substr(791, 210), std::string(210, 'x')); // as before
 }
 
@@ -253,46 +248,45 @@ TEST_F(HealthCheck, SendsTheDeviceInformationOnce) {
                   host_name() + std::string(200, 'o') + ",00008," + one.text + ",");
         agt::close_tcp_session(svr_cmd_sockfd.exchange(-1));
     }
-    EXPECT_EQ(directory.count_log("(i) ##### device info send complete\n"), 6u);
+    EXPECT_EQ(a.count_log("(i) ##### device info send complete\n"), 6u);
     server.close_listener();
     EXPECT_EQ(transfer_device_info(), -1);
-    EXPECT_EQ(directory.count_log("<!> server connection fail. (ip 127.0.0.1, port "), 1u);
+    EXPECT_EQ(a.count_log("<!> server connection fail. (ip 127.0.0.1, port "), 1u);
 }
 
 TEST_F(HealthCheck, RetrievesTheListAfterAFailedConnect) {
     const std::string line = std::string(48, '#') + "\n";
     EXPECT_NE(cycle(), ""); // the first success does not
     EXPECT_FALSE(reconnect);
-    server.change([](stand_in_options& options) { options.faults['0'].close_after_bytes = 5; });
+    set_fault('0', {.close_after_bytes = 5});
     EXPECT_NE(cycle(), "");
     EXPECT_EQ(svr_cmd_sockfd, -1);
     EXPECT_FALSE(reconnect); // a connection that broke does not either
-    EXPECT_EQ(directory.count_log("<!> XXXX server recv error.. , rlen : 0\n"), 1u);
+    EXPECT_EQ(a.count_log("<!> XXXX server recv error.. , rlen : 0\n"), 1u);
     server.close_listener();
     EXPECT_EQ(cycle(), "");
     EXPECT_EQ(cycle(), "");
     EXPECT_TRUE(reconnect);
-    EXPECT_EQ(directory.count_log("<!> server connection fail. (ip 127.0.0.1, port "), 2u);
-    EXPECT_EQ(directory.count_log(line), 0u);
+    EXPECT_EQ(a.count_log("<!> server connection fail. (ip 127.0.0.1, port "), 2u);
+    EXPECT_EQ(a.count_log(line), 0u);
     EXPECT_EQ(server.open_listener(), "");
-    server.change([](stand_in_options& options) { options.faults['0'] = {.wrong_type = 'x'}; }); // not looked at
+    set_fault('0', {.wrong_type = 'x'}); // not looked at
     EXPECT_NE(cycle(), "");
     EXPECT_FALSE(reconnect);
-    EXPECT_TRUE(
-        in_order(directory.log(), {line, "get service list thread is starting..", line, "health check complete"}));
+    EXPECT_TRUE(in_order(a.log(), {line, "get service list thread is starting..", line, "health check complete"}));
     th_join_get_service_list();
     EXPECT_EQ(server.count('4'), 1u);
     EXPECT_NE(cycle(), "");
-    EXPECT_EQ(directory.count_log("get service list thread is starting.."), 1u);
+    EXPECT_EQ(a.count_log("get service list thread is starting.."), 1u);
 }
 
 TEST_F(HealthCheck, ReconnectsToAMuteServer) {
-    server.change([](stand_in_options& options) { options.faults['0'].silent = true; });
+    set_fault('0', {.silent = true});
     const long long start_ms = agt::monotonic_ms();
     EXPECT_NE(cycle(), "");
     EXPECT_GE(agt::monotonic_ms() - start_ms, 10000);
-    EXPECT_EQ(directory.count_log("<!> XXXX server recv error.. , rlen : -2\n"), 1u);
-    server.change([](stand_in_options& options) { options.faults.clear(); });
+    EXPECT_EQ(a.count_log("<!> XXXX server recv error.. , rlen : -2\n"), 1u);
+    set_fault('0', {});
     EXPECT_NE(cycle(), "");
     EXPECT_EQ(server.connections(), 2);
 }

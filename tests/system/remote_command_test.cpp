@@ -1,19 +1,12 @@
 // Shell commands for the central server, through the real program and the console.
 #include <signal.h>
-#include <sys/socket.h>
-
-#include <atomic>
-#include <thread>
 
 #include "ext_peer.h"
-#include "frame.h"
-#include "service_file.h"
-#include "stand_in.h"
+#include "served_agent.h"
 
 namespace {
 
 using namespace test_support;
-using kessctl::command_client;
 
 std::string result(int exit_code, const std::string& output) {
     return on_wire(exit_code) + on_wire(static_cast<std::int64_t>(output.size())) + output;
@@ -21,10 +14,6 @@ std::string result(int exit_code, const std::string& output) {
 
 std::string accepted(const std::string& results) {
     return ext_answer('A', results);
-}
-
-bool serves(const agent& a) {
-    return ask_ext(a, "0001Recho a") == accepted(result(0, "a\n"));
 }
 
 // In the foreground and as a daemon.
@@ -68,43 +57,8 @@ TEST_P(RemoteCommand, ABackgroundCommandDoesNotHoldThePort) {
     EXPECT_EQ(a.stop(), 0);
     a.mark_log();
     start();
-    EXPECT_TRUE(serves(a));
+    EXPECT_TRUE(answers(a));
     EXPECT_EQ(kill(left, 0), 0);
-}
-
-// Every request follows a renew command on its connection, so a retrieval starts whenever the one before has ended.
-TEST_P(RemoteCommand, AnswersWhileTheServiceTableIsRenewedAndDumped) {
-    constexpr int REQUESTS = 200;
-    kessctl::stand_in server;
-    std::vector<SERVICE_ELEMENT> services;
-    for (int i = 0; i < 2000; ++i)
-        services.push_back(kessctl::make_service("SVC" + std::to_string(i)));
-    server.set_services(services);
-    server.change([](kessctl::stand_in_options& options) { options.record = false; });
-    ASSERT_EQ(server.start(), "");
-    a.set("TRAN_SERVER", "CMD_PORT", server.port());
-    start();
-    a.mark_log();
-    std::atomic<int> next{0};
-    std::atomic<int> answered{0};
-    const auto work = [&] {
-        for (int i = 0; (i = next++) < REQUESTS;) {
-            ext_peer peer(a);
-            TCP_CMD_MSG renewed;
-            const std::string number = std::to_string(i);
-            EXPECT_TRUE(peer.client.request(kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ), &renewed));
-            peer.ask("0001Rsleep 0.1; echo " + number);
-            answered += peer.receive() == accepted(result(0, number + "\n")) ? 1 : 0;
-        }
-    };
-    std::vector<std::thread> workers;
-    for (int i = 0; i < 5; ++i)
-        workers.emplace_back(work);
-    for (std::thread& worker : workers)
-        worker.join();
-    EXPECT_EQ(answered, REQUESTS);
-    EXPECT_GE(a.count_log("### get_service_list() ### thread function END..."), 2U);
-    EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
 }
 
 class RemoteCommandOnce : public testing::Test {
@@ -152,8 +106,7 @@ TEST_F(RemoteCommandOnce, TellsTheLogWhenThePeerIsGoneOrAsksForAnotherThing) {
     {
         const ext_peer gone(a, "0001Rsleep 0.3; echo a");
         EXPECT_TRUE(a.wait_log("[[ EXT_REQ - SVC_CMD ]]"));
-        const linger reset = {1, 0};
-        setsockopt(gone.client.fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        reset_at_close(gone.client.fd());
     }
     EXPECT_TRUE(a.wait_log("<!> send_cmd_response() error.. len=-1\n"));
     EXPECT_EQ(a.count_log("<!> tcp error.. for header: -1\n"), 1U);

@@ -1,6 +1,5 @@
 // Retrieval of the service list through the real program: lists of every size, servers of every kind, and that nothing
 // is left behind.
-#include <gtest/gtest.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
@@ -8,12 +7,8 @@
 #include <cstring>
 #include <future>
 
-#include "checks.h"
-#include "command_client.h"
 #include "field.h"
-#include "frame.h"
-#include "service_file.h"
-#include "stand_in.h"
+#include "served_agent.h"
 
 namespace {
 
@@ -23,42 +18,16 @@ using kessctl::answer_fault;
 using kessctl::stand_in_options;
 using kessctl::start_frame;
 
-constexpr char THREAD_END[] = "### get_service_list() ### thread function END...";
-
-std::vector<SERVICE_ELEMENT> services(int count) {
-    std::vector<SERVICE_ELEMENT> made;
-    for (int i = 0; i < count; ++i)
-        made.push_back(kessctl::make_service("SERVICE" + std::to_string(i)));
-    return made;
-}
-
-class ServiceList : public testing::Test {
+class ServiceList : public served_agent {
   protected:
-    kessctl::stand_in server;
-    agent daemon;
-    kessctl::command_client client;
-
-    ServiceList() {
-        EXPECT_EQ(server.start(), "");
-        daemon.set("TRAN_SERVER", "CMD_PORT", server.port());
-    }
-    void start() {
-        start_running(daemon);
-        ASSERT_TRUE(client.connect("127.0.0.1", daemon.port()));
-        daemon.mark_log();
-    }
-    bool renew() {
-        TCP_CMD_MSG answer;
-        return client.request(start_frame('2'), &answer);
-    }
     void renew_and_wait() {
-        daemon.mark_log();
+        a.mark_log();
         EXPECT_TRUE(renew()) << client.error();
-        EXPECT_TRUE(daemon.wait_log(THREAD_END));
+        EXPECT_TRUE(a.wait_log(THREAD_END));
     }
     // Slot 9999 holds the first service and so on.
     void expect_loaded(int count) {
-        SVC_HASH_TBL& table = *daemon.services();
+        SVC_HASH_TBL& table = *a.services();
         EXPECT_EQ(table.alloc_cnt, static_cast<unsigned>(count));
         EXPECT_EQ(table_fault(table), "");
         for (const int i : {0, count / 2, count - 1}) {
@@ -83,12 +52,11 @@ TEST_F(ServiceList, IsLoadedAtStartAndByEveryRenewal) {
         const int blocks = std::max((count + 7) / 8, 1);
         EXPECT_TRUE(server.wait_for('6', static_cast<std::size_t>(blocks)));
         EXPECT_EQ(server.count('6'), static_cast<std::size_t>(blocks));
-        EXPECT_EQ(daemon.count_log("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]\n"), static_cast<std::size_t>(blocks));
-        EXPECT_EQ(daemon.count_log("service_id : |SERVICE"), static_cast<std::size_t>(std::min(count, 10000)));
+        EXPECT_EQ(a.count_log("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]\n"), static_cast<std::size_t>(blocks));
+        EXPECT_EQ(a.count_log("service_id : |SERVICE"), static_cast<std::size_t>(std::min(count, 10000)));
     }
     const SERVICE_ELEMENT one_more = kessctl::make_service("ONE MORE");
-    TCP_CMD_MSG answer;
-    EXPECT_TRUE(client.request(kessctl::modified_services_frame(&one_more, 1), &answer));
+    EXPECT_TRUE(ask(kessctl::modified_services_frame(&one_more, 1)));
     EXPECT_EQ(kessctl::field_text(answer, "element_num"), "000"); // the table is full
     EXPECT_EQ(kessctl::field_text(answer, "result_code"), "0");
 }
@@ -99,7 +67,7 @@ TEST_F(ServiceList, ExchangesTheseBytesAndLogsTheTable) {
     std::vector<SERVICE_ELEMENT> one(1);
     ASSERT_EQ(kessctl::parse_service(kessctl::split_words(line), &one[0]), "");
     server.set_services(one);
-    start_running(daemon);
+    start_running(a);
     TCP_CMD_MSG request = start_frame('4');
     gethostname(request.body.get_service_list_req.host_name, 65);
     TCP_CMD_MSG acknowledgement = request; // in the same buffer
@@ -112,7 +80,7 @@ TEST_F(ServiceList, ExchangesTheseBytesAndLogsTheTable) {
                     "(i) -> ELEMENT_NUM - '001'\n",
                     "------------------------ SERVICE HASH TABLE ----------------------------\n",
                     "alloc_cnt : 1, used.top : 1\n"};
-    const std::string bucket = std::to_string(daemon.services()->h_arr[9999].hash_idx);
+    const std::string bucket = std::to_string(a.services()->h_arr[9999].hash_idx);
     for (const std::string& field :
          {"my_idx : 9999"s, "hash_idx : " + bucket, "pre_idx : -1"s, "next_idx : -1"s,
           "host_name : |host" + std::string(60, ' ') + "|", "server_id : |server         |"s,
@@ -120,7 +88,7 @@ TEST_F(ServiceList, ExchangesTheseBytesAndLogsTheTable) {
           "sql_trc_limit : 2147483647"s, "uflag_set : -128"s, "tflag : 4"s})
         wanted.push_back("[0] array_idx#9999, " + field + "\n");
     wanted.push_back(THREAD_END);
-    EXPECT_TRUE(daemon.wait_log(THREAD_END) && in_order(daemon, wanted));
+    EXPECT_TRUE(a.wait_log(THREAD_END) && in_order(a, wanted));
 }
 
 struct bad_server {
@@ -141,14 +109,14 @@ TEST_P(BadServer, LeavesATableInOrderAndTheFilterAsItWas) {
     const bad_server& bad = GetParam();
     server.set_services(services(3));
     start();
-    daemon.settings()->svc_filtering = 5;
+    a.settings()->svc_filtering = 5;
     server.set_services(services(16));
     server.change([&](stand_in_options& options) { options.faults = {{'4', bad.first}, {'6', bad.second}}; });
     renew_and_wait();
     expect_loaded(bad.entries);
-    EXPECT_EQ(daemon.count_log(bad.logged), 1u);
-    EXPECT_EQ(daemon.settings()->svc_filtering, 5);
-    EXPECT_EQ(semctl(daemon.sem_id("SVC_HASH_TBL_SEMKEY"), 0, GETVAL), 1);
+    EXPECT_EQ(a.count_log(bad.logged), 1u);
+    EXPECT_EQ(a.settings()->svc_filtering, 5);
+    EXPECT_EQ(semctl(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0, GETVAL), 1);
     server.change([&](stand_in_options& options) { options.faults.clear(); });
     renew_and_wait();
     expect_loaded(16);
@@ -170,28 +138,29 @@ INSTANTIATE_TEST_SUITE_P(ServiceList, BadServer, testing::ValuesIn(BAD_SERVERS),
 
 TEST_F(ServiceList, LocksTheTableAndSwitchesTheFilterOffWhileItRuns) {
     start();
-    daemon.settings()->svc_filtering = 3;
+    a.settings()->svc_filtering = 3;
     std::promise<void> answer_now;
     const std::shared_future<void> answer_time = answer_now.get_future().share();
     server.change([&](stand_in_options& options) {
         options.hook = [answer_time](const kessctl::exchange&, std::string&) { answer_time.wait(); };
     });
     server.set_services(services(5));
-    const int semid = daemon.sem_id("SVC_HASH_TBL_SEMKEY");
+    const int semid = a.sem_id("SVC_HASH_TBL_SEMKEY");
+    a.mark_log();
     EXPECT_TRUE(renew());
     EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETVAL) == 0; }));
-    EXPECT_EQ(semctl(semid, 0, GETPID), daemon.pid());
-    EXPECT_EQ(daemon.settings()->svc_filtering, 0);
+    EXPECT_EQ(semctl(semid, 0, GETPID), a.pid());
+    EXPECT_EQ(a.settings()->svc_filtering, 0);
     EXPECT_TRUE(renew());
-    EXPECT_TRUE(daemon.wait_log("<!> get service list thread is already running now.. skip action .\n"));
+    EXPECT_TRUE(a.wait_log("<!> get service list thread is already running now.. skip action .\n"));
     server.change([&](stand_in_options& options) { options.hook = {}; });
     answer_now.set_value();
-    EXPECT_TRUE(daemon.wait_log(THREAD_END));
-    EXPECT_EQ(daemon.settings()->svc_filtering, 3);
+    EXPECT_TRUE(a.wait_log(THREAD_END));
+    EXPECT_EQ(a.settings()->svc_filtering, 3);
     expect_loaded(5);
-    EXPECT_EQ(daemon.count_log(THREAD_END), 1u); // the second was not queued
+    EXPECT_EQ(a.count_log(THREAD_END), 1u); // the second was not queued
     EXPECT_TRUE(renew());
-    EXPECT_TRUE(daemon.wait_log(THREAD_END, 2));
+    EXPECT_TRUE(a.wait_log(THREAD_END, 2));
 }
 
 // One list whose blocks each say something else about their number.
@@ -207,34 +176,7 @@ TEST_F(ServiceList, TakesAnyElementNumber) {
     renew_and_wait();
     expect_loaded(8 + 8 + 2);
     for (const char* num : {"999", "8888", " 2,", "-1", "abc"})
-        EXPECT_EQ(daemon.count_log("(i) -> ELEMENT_NUM - '" + std::string(num)), 1u);
-}
-
-TEST_F(ServiceList, WaitsForATableThatAnotherProcessHolds) {
-    server.set_services(services(2));
-    start();
-    const int semid = daemon.sem_id("SVC_HASH_TBL_SEMKEY");
-    sembuf operation = {0, -1, SEM_UNDO};
-    ASSERT_EQ(semop(semid, &operation, 1), 0);
-    daemon.services()->used.idx[0] = 12345; // only to see that nobody touches the table
-    const SERVICE_ELEMENT service = kessctl::make_service("ADDED");
-    EXPECT_TRUE(renew());
-    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
-    EXPECT_TRUE(client.send(kessctl::modified_services_frame(&service, 1)));
-    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 2; }));
-    EXPECT_EQ(daemon.services()->used.idx[0], 12345u);
-    daemon.services()->used.idx[0] = 9999;
-    operation.sem_op = 1;
-    ASSERT_EQ(semop(semid, &operation, 1), 0);
-    TCP_CMD_MSG answer;
-    EXPECT_TRUE(client.receive(&answer)) << client.error();
-    EXPECT_TRUE(daemon.wait_log(THREAD_END));
-    EXPECT_EQ(table_fault(*daemon.services()), "");
-
-    semctl(semid, 0, IPC_RMID); // removed under the daemon: said, and the work goes on
-    renew_and_wait();
-    EXPECT_EQ(daemon.count_log("<!> svc_hash_tbl semaphore lock error."), 1u);
-    expect_loaded(2);
+        EXPECT_EQ(a.count_log("(i) -> ELEMENT_NUM - '" + std::string(num)), 1u);
 }
 
 } // namespace

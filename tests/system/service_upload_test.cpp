@@ -1,43 +1,23 @@
 // Uploads of a script's service list through the real program.
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <filesystem>
 
-#include "checks.h"
-#include "frame.h"
-#include "stand_in.h"
+#include "served_agent.h"
 
 namespace {
 
 using namespace test_support;
-using kessctl::stand_in;
 
 constexpr char UPDATE = MSG_UPDATE_SERVICE_LIST_REQ;
 constexpr char STARTED[] = "(I) run shell-command get service list starting..";
 constexpr char ENDED[] = "(I) End Thread-function(cmd_service_list)...";
-constexpr char RETRIEVED[] = "### get_service_list() ### thread function END...";
 
 // An agent whose trigger file runs its script, and the server that it uploads to.
-class ServiceUpload : public testing::Test {
+class ServiceUpload : public served_agent {
   protected:
-    stand_in server;
-    agent a;
-
     ServiceUpload() {
         a.set("SERVICE_HASH", "DAILY_UPDATE_YN", "Y");
-        a.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "----");
         write_script("echo never");
-    }
-    void SetUp() override {
-        ASSERT_EQ(server.start(), "");
-        a.set("TRAN_SERVER", "CMD_PORT", server.port());
-    }
-    // Starts the agent; the first retrieval is over then, and no connection stands but the health check's.
-    void start() {
-        start_running(a);
-        ASSERT_TRUE(server.wait_for(MSG_DEVICE_INFO_REQ));
-        server.forget_messages();
     }
     void write_script(const std::string& text) const { a.write_file("services.sh", "#!/bin/sh\n" + text + "\n", 0755); }
     // Has an upload started; one that is just ending makes the agent refuse the next.
@@ -48,13 +28,12 @@ class ServiceUpload : public testing::Test {
                 a.write_file("svc_update", "");
             return a.count_log(STARTED) > 0;
         };
-        ASSERT_TRUE(wait_until(started));
+        EXPECT_TRUE(wait_until(started));
     }
     void upload() {
         server.forget_messages();
-        ASSERT_NO_FATAL_FAILURE(trigger());
-        ASSERT_TRUE(a.wait_log(ENDED));
-        ASSERT_TRUE(a.wait_log(RETRIEVED));
+        trigger();
+        EXPECT_TRUE(a.wait_log(ENDED) && a.wait_log(THREAD_END));
     }
 };
 
@@ -69,7 +48,7 @@ std::string lines(int count) {
 }
 
 // The blocks of an upload: result_code and element_num of each.
-texts blocks(const stand_in& server) {
+texts blocks(const kessctl::stand_in& server) {
     texts found;
     for (const kessctl::received_message& message : server.messages())
         if (message.frame.hdr.msg_type[0] == UPDATE)
@@ -83,11 +62,11 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
         int services;
         texts blocks;
     } cases[] = {{0, {}}, {1, {"3 001"}}, {15, {"3 015"}}, {16, {"3 015", "4 001"}}, {31, {"3 015", "4 015", "4 001"}}};
-    ASSERT_NO_FATAL_FAILURE(start());
+    start();
     for (const auto& one : cases) {
         SCOPED_TRACE(one.services);
         write_script(lines(one.services));
-        ASSERT_NO_FATAL_FAILURE(upload());
+        upload();
         EXPECT_EQ(blocks(server), one.blocks);
         EXPECT_EQ(a.count_log("\t[#"), static_cast<std::size_t>(one.services));
         EXPECT_EQ(a.count_log("(I) Update Service List Complete."), one.blocks.size());
@@ -109,7 +88,7 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
          "(I) Receive Msg From Server (<- UPDATE_SERVICE_LIST_RSP )", "(I) Update Service List Complete.",
          "\t[#016] host_name : "}));
     server.change([](auto& options) { options.update_result = '7'; });
-    ASSERT_NO_FATAL_FAILURE(upload());
+    upload();
     EXPECT_EQ(blocks(server).size(), 3u); // it goes on when they are refused
     EXPECT_EQ(a.count_log("<!> Update Service List Fail. Result Code : '7'"), 3u);
     EXPECT_EQ(a.count_log("(I) Total [31] Services Server Update, Success.."), 1u);
@@ -126,8 +105,8 @@ TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
                              "late 5\n"
                              "unended 7");
     write_script("cat " + a.path("list"));
-    ASSERT_NO_FATAL_FAILURE(start());
-    ASSERT_NO_FATAL_FAILURE(upload());
+    start();
+    upload();
     const auto message = server.wait_for(UPDATE);
     ASSERT_TRUE(message);
     TCP_CMD_MSG wanted = kessctl::start_frame(UPDATE);
@@ -165,27 +144,28 @@ TEST_F(ServiceUpload, StopsAtABrokenServer) {
                  {{.wrong_type = 'B'}, 20, "<!> Response Msg MisMatch Type : 'B'"},
                  {{.silent = true}, 3, "<!> shcmd_service_list1, server recv error.. rlen : -2"}, // after ten seconds
                  {{.wrong_magic = true}, 20, "<!> magic bit mismatch. sockfd : "}};
-    ASSERT_NO_FATAL_FAILURE(start());
+    start();
+    server.forget_messages();
     for (const auto& one : cases) {
         SCOPED_TRACE(one.line);
-        server.change([&](auto& options) { options.faults[UPDATE] = one.fault; });
+        set_fault(UPDATE, one.fault);
         write_script(lines(one.services));
-        ASSERT_NO_FATAL_FAILURE(trigger());
+        trigger();
         EXPECT_TRUE(a.wait_log(one.line));
         EXPECT_EQ(a.count_log("(I) Send Msg To Server"), 1u);
     }
     EXPECT_EQ(blocks(server).size(), std::size(cases));
     EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 0u); // none of them was followed by a retrieval
-    server.change([](auto& options) { options.faults.clear(); });
-    ASSERT_NO_FATAL_FAILURE(upload());
+    set_fault(UPDATE, {});
+    upload();
     EXPECT_EQ(a.count_log("(I) Total [20] Services Server Update, Success.."), 1u);
 }
 
 TEST_F(ServiceUpload, RetrievesAllTheSameWhenNobodyTakesTheConnection) {
-    ASSERT_NO_FATAL_FAILURE(start());
+    start();
     server.stop();
-    ASSERT_NO_FATAL_FAILURE(trigger());
-    EXPECT_TRUE(a.wait_log(RETRIEVED));
+    trigger();
+    EXPECT_TRUE(a.wait_log(THREAD_END));
     EXPECT_TRUE(in_order(a, {"<!> server connection fail. (ip 127.0.0.1, port " + std::to_string(server.port()) +
                                  ")\n", // no blank at the end
                              ENDED, "(i) get service list thread is starting..",
@@ -195,8 +175,8 @@ TEST_F(ServiceUpload, RetrievesAllTheSameWhenNobodyTakesTheConnection) {
 
 TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
     write_script(lines(14) + "; printf 'half of 1'; exec sleep 300");
-    ASSERT_NO_FATAL_FAILURE(start());
-    ASSERT_NO_FATAL_FAILURE(trigger());
+    start();
+    trigger();
     EXPECT_TRUE(a.wait_log("\t[#014]"));
     const long long start_ms = agt::monotonic_ms();
     EXPECT_EQ(a.stop(), 0);
@@ -209,11 +189,10 @@ TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
 }
 
 TEST_F(ServiceUpload, LetsGoOfABrokenServerBeforeTheScriptEnds) {
-    server.change([](auto& options) { options.faults[UPDATE].wrong_type = 'B'; });
+    set_fault(UPDATE, {.wrong_type = 'B'});
     write_script(lines(15) + "; exec sleep 300");
-    ASSERT_NO_FATAL_FAILURE(start());
-    ASSERT_NO_FATAL_FAILURE(trigger());
-    EXPECT_TRUE(a.wait_log("<!> Response Msg MisMatch Type : 'B'"));
+    start();
+    trigger();
     EXPECT_TRUE(server.wait_open_connections(1)); // the health check's
     EXPECT_EQ(a.stop(), 0);
 }
@@ -222,14 +201,13 @@ TEST_F(ServiceUpload, RunsAtTheDailyTimeToo) {
     a.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "0000");
     write_script("echo daily 1");
     start_running(a);
-    EXPECT_TRUE(server.wait_for(UPDATE));
-    EXPECT_TRUE(a.wait_log(RETRIEVED, 2));
+    EXPECT_TRUE(server.wait_for(UPDATE) && a.wait_log(THREAD_END, 2));
     EXPECT_TRUE(in_order(a, {"(I) time over!! start update service hhmi(0000)", STARTED, ENDED}));
 }
 
 TEST_F(ServiceUpload, OnlyAnnouncesWithoutTheKey) {
     a.unset("SERVICE_HASH", "DAILY_UPDATE_YN");
-    ASSERT_NO_FATAL_FAILURE(start());
+    start();
     EXPECT_EQ(a.err(), "");
     a.write_file("svc_update", "");
     EXPECT_TRUE(a.wait_log("(I) start forced update service"));

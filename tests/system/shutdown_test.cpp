@@ -1,76 +1,48 @@
 // The end of the real program: in order and soon, whatever it is doing, and what it does to its registry row.
-#include <gtest/gtest.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 
 #include <csignal>
 #include <cstring>
 
-#include "checks.h"
-#include "command_client.h"
-#include "frame.h"
 #include "full_listener.h"
-#include "service_file.h"
-#include "stand_in.h"
+#include "served_agent.h"
 
 namespace {
 
 using namespace test_support;
-using kessctl::stand_in_options;
 using kessctl::start_frame;
 
 constexpr int END_LIMIT_MS = 8000;
 constexpr char CLEAR[] = "[ kessard ] end.. resource clear.";
 constexpr char COMPLETE[] = "[ kessard ] end.. complete.";
 
-class Shutdown : public testing::Test {
+class Shutdown : public served_agent {
   protected:
-    kessctl::stand_in server;
-    agent daemon;
-    kessctl::command_client client;
-
-    Shutdown() {
-        EXPECT_EQ(server.start(), "");
-        daemon.set("TRAN_SERVER", "CMD_PORT", server.port());
-        daemon.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "----");
-        server.set_services({kessctl::make_service("ONE")});
-    }
-    void start(const texts& options = {}) {
-        start_running(daemon, options);
-        ASSERT_TRUE(client.connect("127.0.0.1", daemon.port()));
-    }
-    void mute(char type) {
-        server.change([type](stand_in_options& options) { options.faults[type].silent = true; });
-    }
+    void mute(char type) { set_fault(type, {.silent = true}); }
     // Ends the daemon; what else it logs depends on what it was doing.
     void expect_orderly_end(int signo = SIGTERM) {
-        daemon.mark_log();
-        daemon.signal(signo);
-        EXPECT_EQ(daemon.wait_exit(END_LIMIT_MS), 0);
+        a.mark_log();
+        a.signal(signo);
+        EXPECT_EQ(a.wait_exit(END_LIMIT_MS), 0);
         const std::string name = signo == SIGINT ? "SIGINT" : "SIGTERM";
         EXPECT_TRUE(in_order(
-            daemon, {">> received " + name + " signal to terminate!\n", "<!> termination start\n", CLEAR, COMPLETE}));
-        EXPECT_EQ(messages(daemon.log()).back(), COMPLETE);
-        EXPECT_EQ(daemon.count_log("cannot"), 0u);
-        EXPECT_TRUE(daemon.running().empty());
+            a, {">> received " + name + " signal to terminate!\n", "<!> termination start\n", CLEAR, COMPLETE}));
+        EXPECT_EQ(messages(a.log()).back(), COMPLETE);
+        EXPECT_EQ(a.count_log("cannot"), 0u);
+        EXPECT_TRUE(a.running().empty());
     }
 };
 
 TEST_F(Shutdown, GoesThroughItsStepsInOrder) {
     start();
-    TCP_CMD_MSG answer;
-    EXPECT_TRUE(server.wait_for('H') && client.request(start_frame('7'), &answer));
-    EXPECT_TRUE(daemon.wait_log("device info send complete"));
     for (int i = 0; i < 5; ++i)
-        daemon.signal(SIGCHLD); // does not end it
-    EXPECT_TRUE(wait_until([&] {
-        return daemon.out().find("(" + std::to_string(daemon.pid()) + ") recive sinal... SIGCHLD(-1)\n") !=
-               std::string::npos;
-    }));
-    EXPECT_TRUE(client.request(start_frame('7'), &answer));
-    EXPECT_TRUE(daemon.wait_log("(i) -> RESULT_CODE", 2));
-    daemon.mark_log();
-    EXPECT_EQ(daemon.stop(END_LIMIT_MS), 0);
+        a.signal(SIGCHLD); // does not end it
+    const std::string received = "(" + std::to_string(a.pid()) + ") recive sinal... SIGCHLD(-1)\n";
+    EXPECT_TRUE(wait_until([&] { return a.out().find(received) != std::string::npos; }));
+    EXPECT_TRUE(ask(start_frame('7')) && a.wait_log("(i) -> RESULT_CODE"));
+    a.mark_log();
+    EXPECT_EQ(a.stop(END_LIMIT_MS), 0);
     const texts wanted = {">> received SIGTERM signal to terminate!",
                           "<!> termination start",
                           "<!> interrupted system call",
@@ -78,7 +50,7 @@ TEST_F(Shutdown, GoesThroughItsStepsInOrder) {
                           "(I) completed join st_log.",
                           "(I) completed join health_check.",
                           COMPLETE};
-    EXPECT_EQ(messages(daemon.log()), wanted);
+    EXPECT_EQ(messages(a.log()), wanted);
     EXPECT_TRUE(client.wait_closed()) << client.error();
     EXPECT_TRUE(server.wait_open_connections(0));
 }
@@ -86,52 +58,47 @@ TEST_F(Shutdown, GoesThroughItsStepsInOrder) {
 TEST_F(Shutdown, TakesSigintAndASecondSignal) {
     start();
     expect_orderly_end(SIGINT);
-    daemon.mark_log();
     start();
-    daemon.signal(SIGTERM);
-    EXPECT_TRUE(daemon.wait_log(CLEAR));
-    daemon.signal(SIGINT);
-    EXPECT_EQ(daemon.wait_exit(END_LIMIT_MS), 0);
-    EXPECT_EQ(messages(daemon.log()).back(), COMPLETE);
+    a.signal(SIGTERM);
+    EXPECT_TRUE(a.wait_log(CLEAR));
+    a.signal(SIGINT);
+    EXPECT_EQ(a.wait_exit(END_LIMIT_MS), 0);
+    EXPECT_EQ(messages(a.log()).back(), COMPLETE);
 }
 
 TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {
     mute('4');
-    daemon.start();
+    a.start();
     EXPECT_TRUE(server.wait_for('4'));
     expect_orderly_end();
-}
 
-TEST_F(Shutdown, DuringAStartThatCannotConnect) {
     full_listener full; // accepts nobody
     full.fill_up();
-    daemon.set("TRAN_SERVER", "CMD_PORT", full.port());
-    daemon.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "1000");
-    daemon.start();
-    EXPECT_TRUE(daemon.wait_log("Active Service Detail Monitoring ON"));
+    a.set("TRAN_SERVER", "CMD_PORT", full.port());
+    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "1000");
+    a.mark_log();
+    a.start();
+    EXPECT_TRUE(a.wait_log("Active Service Detail Monitoring ON"));
     expect_orderly_end();
 }
 
 TEST_F(Shutdown, DuringAStartThatWaitsForTheTable) {
-    const int semid = semget(daemon.sem_key("SVC_HASH_TBL_SEMKEY"), 1, IPC_CREAT | 0666); // value 0: held
-    daemon.start();
+    const int semid = semget(a.sem_key("SVC_HASH_TBL_SEMKEY"), 1, IPC_CREAT | 0666); // value 0: held
+    a.start();
     EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
     expect_orderly_end();
     EXPECT_EQ(semctl(semid, 0, GETVAL), 0);
-    EXPECT_EQ(shmget(daemon.shm_key("SVC_HASH_TBL_SHMKEY"), 0, 0), -1); // the next start makes a table in order
+    EXPECT_EQ(shmget(a.shm_key("SVC_HASH_TBL_SHMKEY"), 0, 0), -1); // the next start makes a table in order
 }
 
 TEST_F(Shutdown, DuringARetrieval) {
     start();
-    EXPECT_TRUE(server.wait_for('6'));
     mute('6');
-    server.set_services(std::vector<SERVICE_ELEMENT>(20, kessctl::make_service("ONE")));
-    server.forget_messages();
-    TCP_CMD_MSG answer;
-    EXPECT_TRUE(client.request(start_frame('2'), &answer) && server.wait_for('6'));
+    server.set_services(services(20));
+    EXPECT_TRUE(renew() && server.wait_for('6', 2));
     expect_orderly_end();
-    EXPECT_EQ(daemon.count_log("(I) completed join get_service_list.\n"), 1u);
-    EXPECT_EQ(semctl(daemon.sem_id("SVC_HASH_TBL_SEMKEY"), 0, GETVAL), 1);
+    EXPECT_EQ(a.count_log("(I) completed join get_service_list.\n"), 1u);
+    EXPECT_EQ(semctl(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0, GETVAL), 1);
 }
 
 TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
@@ -141,7 +108,7 @@ TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
     expect_orderly_end();
 
     start();
-    const int semid = daemon.sem_id("SVC_HASH_TBL_SEMKEY");
+    const int semid = a.sem_id("SVC_HASH_TBL_SEMKEY");
     sembuf take = {0, -1, SEM_UNDO};
     ASSERT_EQ(semop(semid, &take, 1), 0);
     EXPECT_TRUE(client.send(start_frame('B')));
@@ -159,14 +126,14 @@ TEST_F(Shutdown, MarksNoRowButItsOwn) {
         {{"-i", "3"}, 4, "7003"}, {{"-i", "68"}, 0, "-1"},      {{"-i", "2147483647"}, 0, "-1"}};
     mute('H'); // a report waits for its answer meanwhile
     for (const auto& one : cases) {
-        daemon.mark_log();
+        a.mark_log();
         start(one.options);
-        const std::string pid = std::to_string(daemon.pid());
-        PROCESS_INFO* rows = daemon.segment()->proc_info;
+        const std::string pid = std::to_string(a.pid());
+        PROCESS_INFO* rows = a.segment()->proc_info;
         PROCESS_INFO wanted[PROCESS_INFO_MAX];
         for (int i = 0; i < PROCESS_INFO_MAX; ++i) {
             std::memset(&rows[i], 'r', sizeof rows[i]);
-            rows[i].proc_pid = i == one.own_row ? daemon.pid() : 7000 + i;
+            rows[i].proc_pid = i == one.own_row ? a.pid() : 7000 + i;
         }
         std::memcpy(wanted, rows, sizeof wanted);
         std::string line = "(I) pid : " + pid + ",  cur_sts set PROCESS_DEACT... ok";
@@ -178,7 +145,7 @@ TEST_F(Shutdown, MarksNoRowButItsOwn) {
                                                    "), process_idx : " + one.options[1];
         expect_orderly_end();
         EXPECT_EQ(std::memcmp(rows, wanted, sizeof wanted), 0);
-        EXPECT_EQ(messages(daemon.log()).end()[-2], line);
+        EXPECT_EQ(messages(a.log()).end()[-2], line);
     }
 }
 

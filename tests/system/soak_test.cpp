@@ -1,6 +1,5 @@
 // Everything at once, in rounds; between them the daemon may hold no more than after the first. KESSARD_SOAK_SEC says
 // for how long, 30 seconds otherwise.
-#include <gtest/gtest.h>
 #include <sys/shm.h>
 
 #include <atomic>
@@ -26,7 +25,7 @@ struct figures {
     int segments;
 };
 
-class Soak : public testing::Test, public exchanges {
+class Soak : public exchanges {
   protected:
     figures look() const {
         int segments = 0;

@@ -1,7 +1,6 @@
 // Start-up through the real program: the order of its log lines, what stops it, what it leaves in the shared objects,
 // and the background mode.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -11,9 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "checks.h"
-#include "command_client.h"
-#include "frame.h"
+#include "served_agent.h"
 #include "tcp_base.h"
 
 namespace {
@@ -85,11 +82,6 @@ class Startup : public testing::Test {
         EXPECT_EQ(daemon.wait_exit(), 1);
         const texts lines = messages(daemon.log());
         return lines.empty() ? "" : lines.back();
-    }
-    bool answers() const {
-        kessctl::command_client client;
-        TCP_CMD_MSG answer;
-        return client.connect("127.0.0.1", daemon.port()) && client.request(kessctl::start_frame('2'), &answer);
     }
 };
 
@@ -207,8 +199,8 @@ TEST_F(Startup, StopsAtAnObjectItCannotHave) {
     for (const std::string name :
          {"TRAN_LOGF_QUE_INFO", "NOTI_SEND_QUE", "SVC_HASH_TBL", "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT"}) {
         std::string logged = name == "TRAN_AGT" ? "tran_agt_shm" : name;
-        std::transform(logged.begin(), logged.end(), logged.begin(),
-                       [](char c) { return static_cast<char>(std::tolower(c)); });
+        for (char& letter : logged)
+            letter = static_cast<char>(std::tolower(letter));
         daemon.create_shm(name + "_SHMKEY", 200); // smaller than any of them
         EXPECT_EQ(last_line_of_a_failed_start(), shm("<!> " + logged + " create error", name));
         shmctl(shmget(daemon.shm_key(name + "_SHMKEY"), 0, 0), IPC_RMID, nullptr);
@@ -242,7 +234,7 @@ TEST_F(Startup, TakesOptionalAndOddValues) {
 
     daemon.set("COMMON", "LOG_HOME", "no/such/directory"); // the lines are dropped
     daemon.start();
-    EXPECT_TRUE(wait_until([&] { return answers(); }));
+    EXPECT_TRUE(wait_until([&] { return answers(daemon); }));
     EXPECT_EQ(daemon.stop(), 0);
 }
 
@@ -275,7 +267,7 @@ TEST_F(Startup, GoesIntoTheBackground) {
     EXPECT_EQ(std::filesystem::read_symlink(proc + "/cwd"), std::filesystem::current_path());
     for (const int signo : {SIGHUP, SIGTSTP, SIGTTIN, SIGTTOU, SIGPIPE})
         daemon.signal(signo);
-    EXPECT_TRUE(answers());
+    EXPECT_TRUE(answers(daemon));
     EXPECT_EQ(daemon.stop(), 0);
 
     daemon.start_daemon();

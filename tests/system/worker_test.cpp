@@ -1,8 +1,6 @@
-// Killed and idle workers, found by the sweep and the watchdog of the real program; the console plays the tracer and
-// the log parser.
+// Idle workers, found by the watchdog of the real program; the console plays the tracer and the log parser.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstring>
 
 #include "checks.h"
@@ -27,23 +25,6 @@ const PTRC_HASH_ARR* find_entry(const PTRC_HASH_TBL& table, int pid, unsigned lo
 bool has_line(const std::string& text, const std::string& name, const std::string& value) {
     const std::size_t at = text.find("    " + name + " ");
     return at != text.npos && text.substr(at, text.find('\n', at) - at).ends_with(" : " + value);
-}
-
-TEST(Workers, SweepFindsAKilledOne) {
-    agent a;
-    a.set("PTRC_HASH", "TRC_STS_CHECK_PERIOD", 1);
-    start_running(a);
-    process worker({"/bin/sleep", "100"}, {});
-    const std::string pid = std::to_string(worker.pid());
-    ASSERT_TRUE(wait_until([&] { return status_of(worker.pid(), "Name") == "sleep"; }));
-    ASSERT_EQ(a.console({"put-trace", "--pid", pid, "--state", "h", "--alive", "0"}).status, 0);
-    const PTRC_HASH_ARR* entry = find_entry(*a.traces(), worker.pid(), 0);
-    ASSERT_NE(entry, nullptr);
-    EXPECT_TRUE(wait_until([&] { return entry->isalive == 1; }));
-    kill(worker.pid(), SIGKILL);
-    EXPECT_EQ(worker.wait_exit(), 128 + SIGKILL);
-    EXPECT_TRUE(a.wait_log("@@@ process down: sleep(" + pid + ")"));
-    EXPECT_TRUE(wait_until([&] { return entry->isalive == 0; }));
 }
 
 TEST(Workers, WatchdogFindsAnIdleOne) {

@@ -1,18 +1,16 @@
 // Housekeeping passes: the liveness sweep, the statistics and their countdowns, the reset in silence, the update
 // triggers.
 #include <sys/eventfd.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
-#include <fstream>
 
 #include "check_ptrc_hash_tbl.h"
 #include "client.h"
+#include "field.h"
 #include "full_listener.h"
-#include "log_printf.h"
 #include "process_globals.h"
 #include "settings.h"
 #include "shcmd_service_list.h"
@@ -26,46 +24,36 @@ using namespace kessard;
 using namespace test_support;
 
 constexpr int DEAD_PID = 4194305; // beyond the largest that the system gives
-constexpr char STARTED[] = "(I) run shell-command get service list starting..";
+const std::string OWN_NAME = program_invocation_short_name;
 
-std::string own_name() {
-    char name[16] = "";
-    prctl(PR_GET_NAME, name);
-    return name;
-}
-
-class Housekeeping : public testing::Test {
+class Housekeeping : public trace_table_test {
   protected:
-    test_log log;
-    trace_table table;
     TRAN_LOGF_QUE_INFO memory{};
-    std::string trigger = log.directory() + "/trigger";
+    const std::string trigger = a.path("trigger");
     agt::unique_fd ended{eventfd(1, EFD_CLOEXEC)}; // makes the daily trigger's pause short
 
     Housekeeping() {
-        running = 1;
         memory.magic_code = TRACE_ON_MAGIC_CODE;
         que_info = &memory;
-        tot_logs = print_time = clear_time = trc_sts_check_period = 0;
+        tot_logs = print_time = clear_time = 0;
+        trc_sts_check_period = 86400; // every sweep looks at every entry, and none comes by itself
         client_list = {};
         daily_update_yn = false;
         std::snprintf(svc_update_chk_fn, sizeof svc_update_chk_fn, "%s", trigger.c_str());
         set_daily_time("----");
         agt::set_cancel_fd(ended.get());
-        start_st_log_passes();
     }
     ~Housekeeping() override {
         agt::set_cancel_fd(-1);
         que_info = nullptr;
     }
 
-    static void set_daily_time(const std::string& hhmi) {
-        std::memset(update_service_hhmi, 0, sizeof update_service_hhmi);
-        std::memcpy(update_service_hhmi, hhmi.data(), hhmi.size());
+    static void set_daily_time(const char* hhmi) {
+        agt::copy_text(update_service_hhmi, hhmi);
+        start_st_log_passes();
     }
-    void make_trigger() const { std::ofstream(trigger) << "now\n"; }
     // The lines of `count` passes, each bringing `logs` logs.
-    texts run_passes(int count, int logs = 0) {
+    texts run_passes(int count, int logs = 0) const {
         log.clear();
         for (int i = 0; i < count; ++i) {
             tot_logs += logs;
@@ -91,41 +79,33 @@ TEST_F(Housekeeping, LooksAtAnEntryWhenItsStateAndTimeSaySo) {
     PTRC_HASH_ARR& entry = table.add("worker", DEAD_PID);
     for (const auto& one : cases) {
         SCOPED_TRACE(testing::Message() << one.trc_sts << " idle " << one.idle_sec << " elapsed " << one.elapsed);
-        within_one_second(
-            [&](time_t now) {
-                entry.trc_sts = one.trc_sts;
-                entry.lasted_access = now - one.idle_sec;
-                entry.chk_elps_sec = static_cast<char>(one.elapsed);
-                entry.isalive = 1;
-                trc_sts_check_period = one.period;
-            },
-            check_ptrc_hash_tbl);
+        const auto prepare = [&](time_t now) {
+            entry.trc_sts = one.trc_sts;
+            entry.lasted_access = now - one.idle_sec;
+            entry.chk_elps_sec = static_cast<char>(one.elapsed);
+            entry.isalive = 1;
+            trc_sts_check_period = one.period;
+        };
+        within_one_second(prepare, check_ptrc_hash_tbl);
         EXPECT_EQ(entry.isalive, one.checked ? 0 : 1);
         EXPECT_EQ(entry.chk_elps_sec, one.elapsed_after);
     }
 }
 
 TEST_F(Housekeeping, MarksLiveRenamedAndDeadProcesses) {
-    trc_sts_check_period = 10;
     const struct {
         std::string name;
         int pid;
         char before;
         char after;
         const char* line; // without name and pid; null: none
-    } cases[] = {{own_name(), getpid(), 0, 1, nullptr},
-                 {own_name(), getpid(), 2, 2, nullptr},
-                 {own_name(), getpid(), 127, 127, nullptr},
-                 {own_name() + "x", getpid(), 2, 0, "@@@ process down : "},
-                 {"", getpid(), 1, 0, "@@@ process down : "},
-                 {own_name(), DEAD_PID, 1, 0, "@@@ process down: "},
-                 {"worker", DEAD_PID + 1, 5, 0, "@@@ process down: "},
+    } cases[] = {{OWN_NAME, getpid(), 0, 1, nullptr},         {OWN_NAME, getpid(), 2, 2, nullptr},
+                 {OWN_NAME, getpid(), 127, 127, nullptr},     {OWN_NAME + "x", getpid(), 2, 0, "@@@ process down : "},
+                 {"", getpid(), 1, 0, "@@@ process down : "}, {OWN_NAME, DEAD_PID, 5, 0, "@@@ process down: "},
                  {"worker", 0, 1, 0, "@@@ process down: "}};
-    texts wanted = {"##### ptrc hash table (total : 9) #####", ""};
-    std::vector<PTRC_HASH_ARR*> entries;
+    texts wanted = {"##### ptrc hash table (total : 8) #####", ""};
     for (const auto& one : cases) {
-        entries.push_back(&table.add(one.name, one.pid));
-        entries.back()->isalive = one.before;
+        table.add(one.name, one.pid).isalive = one.before;
         if (one.line != nullptr)
             wanted.push_back(one.line + one.name + "(" + std::to_string(one.pid) + ")");
     }
@@ -134,22 +114,21 @@ TEST_F(Housekeeping, MarksLiveRenamedAndDeadProcesses) {
     std::memset(endless.pid, '9', sizeof endless.pid);
     wanted.push_back("@@@ process down: " + std::string(31, 'x') + "(999999999)");
     check_ptrc_hash_tbl();
-    for (std::size_t i = 0; i < entries.size(); ++i)
-        EXPECT_EQ(entries[i]->isalive, cases[i].after) << "entry " << i;
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, cases[i].after) << "entry " << i;
     EXPECT_EQ(log.lines(), wanted);
 }
 
 TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
-    trc_sts_check_period = 10;
     for (unsigned long i = 0; i < 1000; ++i)
         table.add("worker", DEAD_PID, i);
-    check_ptrc_hash_tbl();
-    EXPECT_EQ(log.count("@@@ process down: worker(4194305)"), 1u);
-    check_ptrc_hash_tbl(); // the next sweep knows nothing of this one
-    EXPECT_EQ(log.count("@@@ process down: worker(4194305)"), 2u);
+    for (const std::size_t sweeps : {1u, 2u}) { // the next one knows nothing of this one
+        check_ptrc_hash_tbl();
+        EXPECT_EQ(log.count("@@@ process down: worker(4194305)"), sweeps);
+    }
     for (int i = 0; i < 600; ++i) { // the cache may miss a record that it holds
         const bool own = i % 3 == 0;
-        table.add(own ? own_name() : "worker" + std::to_string(i % 7), own ? getpid() : DEAD_PID + i % 5);
+        table.add(own ? OWN_NAME : "worker" + std::to_string(i % 7), own ? getpid() : DEAD_PID + i % 5);
     }
     check_ptrc_hash_tbl();
     for (unsigned i = 0; i < table->used.top; ++i)
@@ -157,31 +136,24 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
 }
 
 TEST_F(Housekeeping, TakesAFullTableAndSwitchesTracingOffForACorruptOne) {
-    trc_sts_check_period = 10;
     PTRC_HASH_ARR& entry = table.add("worker", DEAD_PID);
     entry.trc_sts = 'h';
-    for (const unsigned top : {10001u, 0xffffffffu}) {
+    for (unsigned i = 0; i < PTRC_HASH_SLOTS; i += 2)
+        table->used.idx[i + 1] = i % 4 == 0 ? 10000 : 0xffffffffu; // no slots
+    const struct {
+        unsigned top;
+        int running;
+        bool tracing; // afterwards
+        char isalive;
+    } cases[] = {{10001, 1, false, 1}, {0xffffffffu, 1, false, 1}, {10000, 0, true, 1}, {10000, 1, true, 0}};
+    for (const auto& one : cases) {
         memory.magic_code = TRACE_ON_MAGIC_CODE;
-        table->used.top = top;
+        table->used.top = one.top;
+        running = one.running;
         check_ptrc_hash_tbl();
-        EXPECT_EQ(memory.magic_code, 0u);
-        EXPECT_EQ(entry.isalive, 1);
+        EXPECT_EQ(memory.magic_code, one.tracing ? unsigned{TRACE_ON_MAGIC_CODE} : 0u) << one.top;
+        EXPECT_EQ(entry.isalive, one.isalive) << one.top;
     }
-    memory.magic_code = TRACE_ON_MAGIC_CODE;
-    const unsigned slots[] = {PTRC_HASH_SLOTS - 1, PTRC_HASH_SLOTS, 0xffffffffu}; // only the first exists
-    for (unsigned i = 0; i < PTRC_HASH_SLOTS; ++i)
-        table->used.idx[i] = slots[i % 3];
-    table->used.top = PTRC_HASH_SLOTS;
-    const std::string stacks(reinterpret_cast<char*>(&table->available), 2 * sizeof(PTRC_HASH_STK));
-    running = 0; // the daemon ends
-    check_ptrc_hash_tbl();
-    EXPECT_EQ(entry.isalive, 1);
-    running = 1;
-    check_ptrc_hash_tbl();
-    EXPECT_EQ(entry.isalive, 0);
-    EXPECT_EQ(memory.magic_code, TRACE_ON_MAGIC_CODE);
-    EXPECT_EQ(log.count("@@@ process down: worker"), 1u);
-    EXPECT_EQ(std::memcmp(stacks.data(), &table->available, stacks.size()), 0);
 }
 
 TEST_F(Housekeeping, PrintsEveryPrintTimePasses) {
@@ -201,52 +173,42 @@ TEST_F(Housekeeping, PrintsEveryPrintTimePasses) {
 }
 
 TEST_F(Housekeeping, PrintsAndSweepsInTheirPeriods) {
-    const struct {
-        int period;
-        std::size_t times; // in seven passes
-    } cases[] = {{3, 2}, {1, 7}, {7, 1}, {8, 0}, {0, 0}, {-3, 0}};
-    for (const auto& one : cases) {
-        trc_sts_check_period = print_time = one.period;
+    const std::pair<int, std::size_t> times_in_seven_passes[] = {{3, 2}, {1, 7}, {7, 1}, {8, 0}, {0, 0}, {-3, 0}};
+    for (const auto& [period, times] : times_in_seven_passes) {
+        trc_sts_check_period = print_time = period;
         start_st_log_passes();
         run_passes(7);
-        EXPECT_EQ(log.count("##### ptrc hash table"), one.times) << one.period;
-        EXPECT_EQ(log.count("clients 0/5"), one.times) << one.period;
+        EXPECT_EQ(log.count("##### ptrc hash table"), times) << period;
+        EXPECT_EQ(log.count("clients 0/5"), times) << period;
     }
 }
 
 TEST_F(Housekeeping, ClearsTheCountersOnceInASilence) {
-    clear_time = 3;
+    const struct {
+        int clear_time;
+        int passes;
+        int logs; // of each
+        int total;
+    } steps[] = {{3, 1, 5, 5}, {3, 2, 0, 5}, {3, 1, 1, 6}, {3, 2, 0, 6},  {3, 1, 0, 0},
+                 {3, 1, 4, 4}, {3, 2, 0, 4}, {0, 9, 0, 4}, {-1, 9, 0, 4}, {3, 9, 0, 4}}; // a silence counts on
     print_time = 1;
     start_st_log_passes();
-    run_passes(1, 5);
-    run_passes(2);
-    EXPECT_EQ(tot_logs, 5);
-    run_passes(1, 1); // breaks the silence
-    run_passes(2);
-    EXPECT_EQ(tot_logs, 6);
-    run_passes(1);
-    EXPECT_EQ(tot_logs, 0);
-    EXPECT_EQ(run_passes(1, 4).at(1), "clients 0/5 , total_logs 4, curr_logs 4");
-    for (const int never : {0, -1}) {
-        clear_time = never;
-        run_passes(10);
-        EXPECT_EQ(tot_logs, 4);
+    for (const auto& one : steps) {
+        clear_time = one.clear_time;
+        const texts printed = run_passes(one.passes, one.logs);
+        EXPECT_EQ(tot_logs, one.total) << &one - steps;
+        EXPECT_TRUE(one.logs == 0 || printed.at(1).ends_with(", curr_logs " + std::to_string(one.logs))) << printed[1];
     }
 }
 
-TEST_F(Housekeeping, AnnouncesAForcedUpdateOncePerFile) {
-    for (int i = 0; i < 2; ++i) {
-        make_trigger();
-        EXPECT_EQ(run_passes(3), (texts{">> Check OK, [" + trigger + "] ..", "(I) start forced update service"}));
-        EXPECT_FALSE(std::filesystem::exists(trigger));
-    }
-}
-
-TEST_F(Housekeeping, AnnouncesTheDailyUpdateOncePerDate) {
+TEST_F(Housekeeping, AnnouncesAForcedUpdateOncePerFileAndTheDailyOneOncePerDate) {
     const std::string line = "(I) time over!! start update service hhmi(";
     set_daily_time("0000");
-    make_trigger();
-    EXPECT_EQ(run_passes(1).size(), 2u);                         // the file comes first
+    for (int i = 0; i < 2; ++i) { // the file comes first
+        a.write_file("trigger", "now\n");
+        EXPECT_EQ(run_passes(1), (texts{">> Check OK, [" + trigger + "] ..", "(I) start forced update service"}));
+        EXPECT_FALSE(std::filesystem::exists(trigger));
+    }
     for (const char* zone : {"EAST-14", "WEST+12", "EAST-14"}) { // never the same date
         setenv("TZ", zone, 1);
         tzset();
@@ -256,14 +218,12 @@ TEST_F(Housekeeping, AnnouncesTheDailyUpdateOncePerDate) {
     tzset();
     for (const char* never : {"2400", "----", "", "9"}) {
         set_daily_time(never);
-        start_st_log_passes();
         EXPECT_EQ(run_passes(2), texts()) << never;
     }
     char hhmi[8];
-    const struct tm local = agt::local_time(std::time(nullptr));
-    std::strftime(hhmi, sizeof hhmi, "%H%M", &local);
-    set_daily_time(hhmi);
-    start_st_log_passes(); // a restart forgets the day
+    const std::time_t now = std::time(nullptr);
+    std::strftime(hhmi, sizeof hhmi, "%H%M", std::localtime(&now));
+    set_daily_time(hhmi); // a restart forgets the day
     EXPECT_EQ(run_passes(2), texts{line + hhmi + ")"});
 }
 
@@ -272,11 +232,11 @@ TEST_F(Housekeeping, StartsOneUpdateAtATime) {
     listener.fill_up();
     set_server_address("127.0.0.1", listener.port());
     daily_update_yn = true;
-    make_trigger();
-    run_passes(1);
-    make_trigger();
-    st_log_pass();
-    EXPECT_EQ(log.count(STARTED), 1u);
+    for (int i = 0; i < 2; ++i) {
+        a.write_file("trigger", "now\n");
+        st_log_pass();
+    }
+    EXPECT_EQ(log.count("(I) run shell-command get service list starting.."), 1u);
     EXPECT_EQ(log.count("<!> update service is already running now.. skip action ."), 1u);
     running = 0;
     th_cancel_shcmd_service_list();
