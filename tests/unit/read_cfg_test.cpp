@@ -1,7 +1,11 @@
 // The configuration reader: what it finds, what it refuses and what it says about it.
 #include "read_cfg.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "agent_fixture.h"
 
@@ -65,6 +69,22 @@ TEST(ReadCfg, FindsTheWordOrSaysWhyNot) {
         EXPECT_EQ(word, one.said.empty() ? one.word : "untouched");
         EXPECT_TRUE(one.said.empty() ? said.empty() : said.ends_with(wanted)) << said;
     }
+}
+
+// Callers tell an absent key from an unreadable file by errno.
+TEST(ReadCfg, LeavesErrnoAloneWhenItCannotComplain) {
+    test_support::agent directory;
+    directory.write_file("cfg", CFG);
+    const agt::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const agt::unique_fd usual(dup(STDERR_FILENO));
+    char word[agt::CFG_WORD_SIZE];
+    dup2(full.get(), STDERR_FILENO);
+    errno = 0;
+    const int ret = agt::get_nth_token_in_file_section(directory.path("cfg").c_str(), "FIRST", "ABSENT", 1, word);
+    const int error = errno;
+    dup2(usual.get(), STDERR_FILENO);
+    EXPECT_EQ(ret, -1);
+    EXPECT_EQ(error, 0);
 }
 
 } // namespace

@@ -81,13 +81,16 @@ std::string_view nth_word(const char* value, int n) {
     return word;
 }
 
-// Writes a diagnostic to standard error unless the key may be absent.
+// Writes a diagnostic to standard error unless the key may be absent; -1. errno is kept: a standard error that takes
+// nothing says nothing about the file.
 [[gnu::format(printf, 2, 3)]] int complain(bool quiet, const char* fmt, ...) {
     if (!quiet) {
+        const int error = errno;
         va_list args;
         va_start(args, fmt);
         std::vfprintf(stderr, fmt, args);
         va_end(args);
+        errno = error;
     }
     return -1;
 }
