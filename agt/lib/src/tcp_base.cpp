@@ -11,9 +11,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "unique_fd.h"
 #include "wait.h"
@@ -21,6 +23,7 @@
 namespace agt {
 namespace {
 
+constexpr int ADDRESS_BITS = 32; // of IPv4
 constexpr unsigned char MAGIC[4] = {0x90, 0x85, 0x20, 0x83};
 constexpr int LISTEN_BACKLOG = 5;
 constexpr int SEND_STALL_MS = 10000;
@@ -318,6 +321,24 @@ void close_tcp_session(int sockfd) {
         return;
     shutdown(sockfd, SHUT_RDWR);
     close(sockfd);
+}
+
+bool parse_address_block(const char* text, address_block* out) {
+    const char* slash = std::strchr(text, '/');
+    const std::string dotted(text, slash == nullptr ? std::strlen(text) : static_cast<std::size_t>(slash - text));
+    int bits = ADDRESS_BITS;
+    if (slash != nullptr) {
+        const char* end = slash + std::strlen(slash);
+        const auto [stop, error] = std::from_chars(slash + 1, end, bits);
+        if (error != std::errc() || stop != end || bits < 0 || bits > ADDRESS_BITS)
+            return false;
+    }
+    in_addr address{};
+    if (inet_pton(AF_INET, dotted.c_str(), &address) != 1)
+        return false;
+    out->mask = bits == 0 ? 0 : ~in_addr_t{0} << (ADDRESS_BITS - bits);
+    out->address = ntohl(address.s_addr) & out->mask;
+    return true;
 }
 
 int url_to_ipaddr(const char* host, char* out) {

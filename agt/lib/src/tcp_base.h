@@ -16,6 +16,15 @@ int open_tcp_server_session(const char* address, int port);
 // The same; a failure ends the process with status 1 after a line on standard error.
 int create_tcp_server_session(const char* address, int port);
 
+// IPv4 addresses that agree with `address` in the bits of `mask`; both in host byte order.
+struct address_block {
+    in_addr_t address;
+    in_addr_t mask;
+};
+
+// Takes "192.0.2.7" or "192.0.2.0/24"; false, and `out` is untouched, when it is neither.
+bool parse_address_block(const char* text, address_block* out);
+
 // Accepts one connection on the listening `sockfd` and fills in the peer's address; the connection has TCP_NODELAY set.
 // The descriptor. A failing accept closes `sockfd` and ends the process with status 1.
 int accept_tcpserver_connection(int sockfd, struct sockaddr_in* peer);

@@ -5,12 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "log_printf.h"
 #include "read_cfg.h"
 #include "settings.h"
+#include "tcp_base.h"
 
 namespace kessard {
 namespace {
@@ -19,39 +19,14 @@ constexpr char SECTION[] = "TRAN_AGENT";
 constexpr char ADDRESSES_KEY[] = "ALLOWED_ADDRESSES";
 constexpr char REMOTE_KEY[] = "REMOTE_COMMANDS_YN";
 constexpr int MAX_BLOCKS = 128; // of a value: 16 words of a line of 255 characters hold no more
-constexpr int ADDRESS_BITS = 32;
 
-struct address_block {
-    in_addr_t address; // host byte order
-    in_addr_t mask;
-};
-
-address_block allowed[MAX_BLOCKS];
+agt::address_block allowed[MAX_BLOCKS];
 int allowed_num = 0; // 0: everybody
-
-// "192.0.2.7" or "192.0.2.0/24"; the text is changed.
-bool parse_block(char* text, address_block* out) {
-    int bits = ADDRESS_BITS;
-    if (char* slash = std::strchr(text, '/'); slash != nullptr) {
-        *slash = '\0';
-        char* end = nullptr;
-        const long number = std::strtol(slash + 1, &end, 10);
-        if (slash[1] < '0' || slash[1] > '9' || *end != '\0' || number > ADDRESS_BITS)
-            return false;
-        bits = static_cast<int>(number);
-    }
-    in_addr address{};
-    if (inet_pton(AF_INET, text, &address) != 1)
-        return false;
-    out->mask = bits == 0 ? 0 : ~in_addr_t{0} << (ADDRESS_BITS - bits);
-    out->address = ntohl(address.s_addr) & out->mask;
-    return true;
-}
 
 bool take_addresses(char* word) {
     char* rest = nullptr;
     for (char* text = strtok_r(word, ",", &rest); text != nullptr; text = strtok_r(nullptr, ",", &rest)) {
-        if (allowed_num == MAX_BLOCKS || !parse_block(text, &allowed[allowed_num])) {
+        if (allowed_num == MAX_BLOCKS || !agt::parse_address_block(text, &allowed[allowed_num])) {
             agt::log_printf("<!> %s %s : not an address or block of addresses (%s)", SECTION, ADDRESSES_KEY, text);
             return false;
         }
@@ -113,7 +88,7 @@ bool read_access_control() {
 
 bool admit_cmd_client(const sockaddr_in& peer) {
     const in_addr_t address = ntohl(peer.sin_addr.s_addr);
-    const auto covers = [address](const address_block& block) { return (address & block.mask) == block.address; };
+    const auto covers = [address](const agt::address_block& block) { return (address & block.mask) == block.address; };
     if (allowed_num == 0 || std::any_of(allowed, allowed + allowed_num, covers))
         return true;
     log_refusal("command connection", peer);

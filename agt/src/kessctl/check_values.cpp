@@ -14,6 +14,7 @@
 #include <cstring>
 #include <vector>
 
+#include "tcp_base.h"
 #include "unique_fd.h"
 
 namespace kessctl {
@@ -104,19 +105,11 @@ verdict check_host(const config_key& key, const std::string& word) {
     return check_length(key, word);
 }
 
-bool is_block(const std::string& item) {
-    const std::size_t slash = item.find('/');
-    in_addr address{};
-    if (!is_dotted(item.substr(0, slash), &address))
-        return false;
-    const std::string bits = slash == item.npos ? "0" : item.substr(slash + 1);
-    return all_of(bits, DECIMAL) && bits.size() <= 2 && std::stoi(bits) <= 32;
-}
-
 verdict check_addresses(const std::string& list) {
     bool any = false;
     for (const std::string& item : split(list)) {
-        if (!item.empty() && !is_block(item))
+        agt::address_block block;
+        if (!item.empty() && !agt::parse_address_block(item.c_str(), &block))
             return {in_quotes(item) + " is no address and no block of addresses; the daemon does not start"};
         any = any || !item.empty();
     }
