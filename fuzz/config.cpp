@@ -41,7 +41,9 @@ place take_place(std::string_view line) {
     const std::string section(from.text_until(' '));
     const std::string keyword(from.text_until(' '));
     const std::string word(from.rest());
-    return {section.c_str(), keyword.c_str(), static_cast<int>(std::strtol(word.c_str(), nullptr, 10))};
+    // Each ends at its first NUL.
+    return {std::string(section.c_str()), std::string(keyword.c_str()),
+            static_cast<int>(std::strtol(word.c_str(), nullptr, 10))};
 }
 
 // The line of the entry as the two functions on an open file find it.

@@ -272,9 +272,12 @@ TEST_F(Commands, GiveUpAClientThatNeverReads) {
     const TCP_CMD_MSG request = start_frame('D');
     const int small = 1;
     setsockopt(client.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    std::size_t at = 0; // of the next byte in its frame
     EXPECT_TRUE(wait_until([&] { // the daemon takes no more
-        while (send(client.fd(), &request, sizeof request, MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
-            continue;
+        const char* bytes = reinterpret_cast<const char*>(&request);
+        ssize_t sent = 0;
+        while ((sent = send(client.fd(), bytes + at, sizeof request - at, MSG_DONTWAIT | MSG_NOSIGNAL)) > 0)
+            at = (at + static_cast<std::size_t>(sent)) % sizeof request;
         return a.count_log("<!> tcp send error.. slen : -1\n") == 1;
     }));
     expect_serving();

@@ -1,5 +1,6 @@
 // Support library: clearing shared memory, and receiving whole frames within limits whatever the peer does.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -55,6 +56,26 @@ TEST(Library, StartsAFrameOverAndLimitsATrickle) {
     EXPECT_LT(agt::monotonic_ms() - start_ms, 5000);
     over = true;
     sender.join();
+}
+
+TEST(Library, SendsToAPeerThatTakesLittleAtATime) {
+    const agt::unique_fd listener(agt::open_tcp_server_session("127.0.0.1", 0));
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    std::thread peer([port = ntohs(address.sin_port)] { // the sender has room again only after more than 10 seconds
+        const agt::unique_fd taking(agt::create_tcp_client_session("127.0.0.1", port, 0));
+        std::string taken(8000, 0);
+        while (recv(taking.get(), taken.data(), taken.size(), MSG_WAITALL) > 0)
+            agt::sleep_ms(100);
+    });
+    agt::unique_fd sender(agt::accept_tcpserver_connection(listener.get(), &address));
+    const std::string bytes(5000000, 'b');
+    EXPECT_EQ(agt::send_tcp_data(sender.get(), bytes.data(), 5000000), 5000000);
+    const linger at_once = {1, 0};
+    setsockopt(sender.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    sender.reset();
+    peer.join();
 }
 
 } // namespace

@@ -1,22 +1,23 @@
-/* The command message: the fixed 1407-byte frame of all traffic between kessard and the central server, and the extended
- * request that shares its header position. Every record here is packed text: alignment 1, no byte order, no length
- * field. A field char[N] holds at most N-1 characters and one terminator byte. */
+/* The command message: the fixed 1407-byte frame of all traffic between kessard and the central server, and the
+ * extended request that shares its header position. Every record here is packed text: alignment 1, no byte order, no
+ * length field. A field char[N] holds at most N-1 characters and one terminator byte. */
 #ifndef KESSARD_CMD_MSG_H
 #define KESSARD_CMD_MSG_H
 
 #include "layout.h"
 
 enum {
-    TCP_CMD_MSG_SIZE = 1407,         /* bytes of every frame, whatever its body */
-    SERVICE_ELEMENT_MAX = 8,         /* services in one block of the service list */
-    SERVICE_SMALL_MAX = 15,          /* services in one block of an upload */
-    NOTIFY_ELEMENT_MAX = 2,          /* active-service records in one notification */
-    MSG_QUE_STAT_MAX = 16,           /* queue rows of a health check */
-    MSG_API_STAT_MAX = 2             /* API statistics rows of a health check */
+    TCP_CMD_MSG_SIZE = 1407, /* bytes of every frame, whatever its body */
+    SERVICE_ELEMENT_MAX = 8, /* services in one block of the service list */
+    SERVICE_SMALL_MAX = 15,  /* services in one block of an upload */
+    NOTIFY_ELEMENT_MAX = 2,  /* active-service records in one notification */
+    MSG_QUE_STAT_MAX = 16,   /* queue rows of a health check */
+    MSG_API_STAT_MAX = 2     /* API statistics rows of a health check */
 };
 
 /* The four bytes that start every frame. */
-#define TCP_CMD_MAGIC_BYTES { 0x90, 0x85, 0x20, 0x83 }
+#define TCP_CMD_MAGIC_BYTES                                                                                            \
+    { 0x90, 0x85, 0x20, 0x83 }
 
 /* msg_type[0]. A response takes the code that follows its request's. */
 enum {
@@ -131,8 +132,8 @@ typedef struct {
     char call_trc_limit[11];
     char dbio_trc_limit[11];
     char sql_trc_limit[11];
-    char limit[11];      /* seconds */
-    char uflag_set[9];   /* log-type letters */
+    char limit[11];    /* seconds */
+    char uflag_set[9]; /* log-type letters */
     char tflag[2];
     char update_mode[2]; /* 'D' deletes, 'Y' overwrites, others insert */
 } SERVICE_ELEMENT;
@@ -258,15 +259,15 @@ typedef struct {
 
 /* The extended request: a frame of type MSG_EXT_REQ. Its code overlaps msg_type[1]. */
 enum {
-    EXT_REQ_CODE_AT = 5,      /* four ASCII digits, EXT_SVC_* */
+    EXT_REQ_CODE_AT = 5, /* four ASCII digits, EXT_SVC_* */
     EXT_REQ_CODE_SIZE = 4,
-    EXT_REQ_PDU_AT = 9,       /* EXT_PDU_REQUEST */
+    EXT_REQ_PDU_AT = 9, /* EXT_PDU_REQUEST */
     EXT_REQ_DATA_AT = 10,
     EXT_PDU_REQUEST = 'R',
-    EXT_SEPARATOR = 0x1F,     /* between the items of the request's data */
+    EXT_SEPARATOR = 0x1F, /* between the items of the request's data */
     EXT_STATUS_ACCEPTED = 'A',
     EXT_STATUS_ERROR = 'E',
-    EXT_ITEM_MAX = 30         /* command lines, or items of a file list */
+    EXT_ITEM_MAX = 30 /* command lines, or items of a file list */
 };
 
 #define EXT_SVC_CMD "0001"

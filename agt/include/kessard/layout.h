@@ -9,7 +9,7 @@
 #define KESSARD_SIZE(type, bytes) static_assert(sizeof(type) == (bytes), #type " must take " #bytes " bytes")
 
 /* `member` starts `offset` bytes into the record `type`. */
-#define KESSARD_AT(type, member, offset) \
+#define KESSARD_AT(type, member, offset)                                                                               \
     static_assert(offsetof(type, member) == (offset), #type "." #member " must start at byte " #offset)
 
 #endif

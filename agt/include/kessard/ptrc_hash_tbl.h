@@ -51,21 +51,21 @@ typedef struct {
     PTRC_VAR ptrc_var[PTRC_VAR_MAX];
     char service_depth;
     char rsv_fld[8];
-    char proc_nm[31];      /* process name */
+    char proc_nm[31]; /* process name */
     char cont_nm[31];
-    char pid[9];           /* decimal text */
-    char tid[16];          /* text; fifteen '0' mark a process entry */
+    char pid[9];  /* decimal text */
+    char tid[16]; /* text; fifteen '0' mark a process entry */
     char idx[6];
     pid_t _pid;
-    unsigned long _tid;    /* pthread_t of the thread; 0 in a process entry */
+    unsigned long _tid; /* pthread_t of the thread; 0 in a process entry */
     char ss_flag;
     char ss_tr_cd[13];
     time_t ss_set_tm;
     struct timeval t_tm;
     struct timeval s_tm;
     struct timeval f_tm;
-    char trc_sts;          /* trace state letter */
-    char isalive;          /* 0 dead, 1 alive, 2 and above kept as the tracer set it */
+    char trc_sts; /* trace state letter */
+    char isalive; /* 0 dead, 1 alive, 2 and above kept as the tracer set it */
     signed char in_depth;
     signed char post_call_trc_depth;
     signed char show_call_trc_depth;
@@ -73,7 +73,7 @@ typedef struct {
     int call_seq;
     char write_qidx;
     char evt_flag;
-    char chk_elps_sec;     /* seconds since the last liveness check */
+    char chk_elps_sec; /* seconds since the last liveness check */
     char show_dbio_flag;
     long show_call_trc_limit;
     long show_dbio_trc_limit;
@@ -94,7 +94,7 @@ typedef struct {
     int acc_fetch_time;
     char db_user[11];
     char db_sid[11];
-    time_t lasted_access;  /* when the tracer last touched the entry */
+    time_t lasted_access; /* when the tracer last touched the entry */
 } PTRC_HASH_ARR;
 
 typedef struct {

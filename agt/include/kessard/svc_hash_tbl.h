@@ -20,9 +20,9 @@ typedef struct {
     long call_trc_limit;
     long dbio_trc_limit;
     long sql_trc_limit;
-    int limit;       /* seconds */
-    char uflag_set;  /* LOG_FLAG_* */
-    char tflag;      /* 0..9 */
+    int limit;      /* seconds */
+    char uflag_set; /* LOG_FLAG_* */
+    char tflag;     /* 0..9 */
     char is_sync;
     char reserved;
 } SVC_HASH_ARR;
@@ -41,10 +41,10 @@ typedef struct {
 } SVC_HASH_STK;
 
 typedef struct {
-    unsigned int alloc_cnt;       /* entries in the table */
-    int h_idx[SVC_HASH_BUCKETS];  /* first slot of each chain */
+    unsigned int alloc_cnt;      /* entries in the table */
+    int h_idx[SVC_HASH_BUCKETS]; /* first slot of each chain */
     SVC_HASH_ARR_LIST h_arr[SVC_HASH_SLOTS];
-    SVC_HASH_STK available;       /* free slots, handed out from the top */
+    SVC_HASH_STK available; /* free slots, handed out from the top */
     SVC_HASH_STK used;
 } SVC_HASH_TBL;
 

@@ -37,16 +37,16 @@ typedef struct {
 } DIR_CLEANUP;
 
 typedef struct {
-    int proc_idx;           /* this row */
-    pid_t proc_pid;         /* the process that owns the row */
-    char proc_bin[51];      /* program name */
-    char exec_args[257];    /* command line that starts it */
+    int proc_idx;        /* this row */
+    pid_t proc_pid;      /* the process that owns the row */
+    char proc_bin[51];   /* program name */
+    char exec_args[257]; /* command line that starts it */
     int exec_args_num;
-    char cur_sts;           /* current state */
-    char act_sts;           /* wanted state, same codes */
+    char cur_sts; /* current state */
+    char act_sts; /* wanted state, same codes */
     unsigned char cur_retry_cnt;
     unsigned char set_retry_cnt;
-    int chk_retry_cnt_sec;  /* seconds over which restarts are counted */
+    int chk_retry_cnt_sec; /* seconds over which restarts are counted */
     time_t proc_uptime;
     char proc_sign;
 } PROCESS_INFO;
@@ -69,7 +69,7 @@ typedef struct {
     int read_type;
     char file_name[257];
     unsigned long file_inode;
-    void *fpbin; /* valid only inside the process that opened it */
+    void* fpbin; /* valid only inside the process that opened it */
     long offset_pos;
     int act_sts;
     int cur_sts;
@@ -159,7 +159,7 @@ typedef struct {
 typedef struct {
     int pattern_refresh; /* a four-byte truth value: 0 or 1 */
     int pattern_cnt;
-    char *pattern[FILE_SKIP_PATTERN_MAX]; /* into pattern_string, valid only inside one process */
+    char* pattern[FILE_SKIP_PATTERN_MAX]; /* into pattern_string, valid only inside one process */
     char pattern_string[1025];
 } FILE_SKIP_PATTERN;
 

@@ -6,8 +6,8 @@
 #include "layout.h"
 
 enum {
-    RC_SET_MAX = 128,     /* return codes with an error setting */
-    LOG_QUE_MAX = 16      /* log queues with a discard counter */
+    RC_SET_MAX = 128, /* return codes with an error setting */
+    LOG_QUE_MAX = 16  /* log queues with a discard counter */
 };
 
 /* magic_code while tracing is on; any other value means off. */
@@ -26,18 +26,18 @@ enum {
 };
 
 typedef struct {
-    int qcnt;                         /* number of log queues, a power of two */
-    int qcnt_mask;                    /* qcnt - 1 */
-    unsigned int magic_code;          /* TRACE_ON_MAGIC_CODE: tracing is on */
-    unsigned char log_flag_set;       /* LOG_FLAG_* */
-    char fst_err_rc_set[RC_SET_MAX];  /* per return code: 0, 1 or 2 */
+    int qcnt;                        /* number of log queues, a power of two */
+    int qcnt_mask;                   /* qcnt - 1 */
+    unsigned int magic_code;         /* TRACE_ON_MAGIC_CODE: tracing is on */
+    unsigned char log_flag_set;      /* LOG_FLAG_* */
+    char fst_err_rc_set[RC_SET_MAX]; /* per return code: 0, 1 or 2 */
     int call_trc_depth;
     long call_trc_limit;
     long dbio_trc_limit;
     long sql_trc_limit;
-    char svc_filtering;               /* 0 off */
-    char save_apilog_yn;              /* one ASCII digit */
-    char save_relllog_yn;             /* one ASCII digit */
+    char svc_filtering;                      /* 0 off */
+    char save_apilog_yn;                     /* one ASCII digit */
+    char save_relllog_yn;                    /* one ASCII digit */
     unsigned int discard_qmsgs[LOG_QUE_MAX]; /* messages discarded per log queue */
 } TRAN_LOGF_QUE_INFO;
 

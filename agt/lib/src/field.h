@@ -8,7 +8,9 @@
 namespace agt {
 
 // Bytes of a field before its terminator, at most `size`.
-inline std::size_t text_length(const char* text, std::size_t size) { return strnlen(text, size); }
+inline std::size_t text_length(const char* text, std::size_t size) {
+    return strnlen(text, size);
+}
 
 // Copies `text` into `out`, cut to fit and terminated; the rest of `out` is left alone.
 template <std::size_t N> void copy_text(char (&out)[N], const char* text) {
@@ -60,6 +62,8 @@ template <std::size_t N> long get_long(const char (&field)[N]) {
 }
 
 // The same as an int; a value beyond its range loses its high bits.
-template <std::size_t N> int get_number(const char (&field)[N]) { return static_cast<int>(get_long(field)); }
+template <std::size_t N> int get_number(const char (&field)[N]) {
+    return static_cast<int>(get_long(field));
+}
 
 } // namespace agt

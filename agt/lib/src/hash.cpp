@@ -17,6 +17,8 @@ unsigned int get_hash_code(const void* key, std::size_t len) {
     return h;
 }
 
-unsigned int get_hidx(const void* key, std::size_t len, unsigned int mask) { return get_hash_code(key, len) & mask; }
+unsigned int get_hidx(const void* key, std::size_t len, unsigned int mask) {
+    return get_hash_code(key, len) & mask;
+}
 
 } // namespace agt

@@ -11,29 +11,29 @@
 #include <cstring>
 
 #include "field.h"
+#include "mutex.h"
 
 namespace agt {
 namespace {
 
-pthread_mutex_t log_lock = PTHREAD_MUTEX_INITIALIZER;
-int log_file = -1;
-int cur_day = -1; // day of the year in the current file name
-char log_dir[256];
-char log_title[256];
-std::time_t now = -1; // the second that tm and time_str belong to
-struct tm tm;
-char time_str[LOG_PREFIX_SIZE];
+mutex log_lock;
+int log_file AGT_GUARDED_BY(log_lock) = -1;
+int cur_day AGT_GUARDED_BY(log_lock) = -1; // day of the year in the current file name
+char log_dir[256] AGT_GUARDED_BY(log_lock);
+char log_title[256] AGT_GUARDED_BY(log_lock);
+std::time_t now AGT_GUARDED_BY(log_lock) = -1; // the second that tm and time_str belong to
+struct tm tm AGT_GUARDED_BY(log_lock);
+char time_str[LOG_PREFIX_SIZE] AGT_GUARDED_BY(log_lock);
 
-void lock() { pthread_mutex_lock(&log_lock); }
-void unlock() { pthread_mutex_unlock(&log_lock); }
+void lock() AGT_ACQUIRES(log_lock) {
+    log_lock.lock();
+}
+void unlock() AGT_RELEASES(log_lock) {
+    log_lock.unlock();
+}
 [[maybe_unused]] const int fork_handlers = pthread_atfork(lock, unlock, unlock);
 
-struct log_guard {
-    log_guard() { lock(); }
-    ~log_guard() { unlock(); }
-};
-
-void take_time(std::time_t when) {
+void take_time(std::time_t when) AGT_REQUIRES(log_lock) {
     if (when == now)
         return;
     now = when;
@@ -41,14 +41,14 @@ void take_time(std::time_t when) {
     std::strftime(time_str, sizeof time_str, "%m-%d %T  ", &tm);
 }
 
-void close_file() {
+void close_file() AGT_REQUIRES(log_lock) {
     if (log_file >= 0)
         ::close(log_file);
     log_file = -1;
 }
 
 // The day counts as seen whether or not the file opens, so a missing directory costs one attempt a day.
-int open_file() {
+int open_file() AGT_REQUIRES(log_lock) {
     char date_str[32];
     char name[256];
     std::strftime(date_str, sizeof date_str, "%Y-%m-%d", &tm);
@@ -60,14 +60,14 @@ int open_file() {
     return log_file >= 0 ? 0 : -1;
 }
 
-void check_day() {
+void check_day() AGT_REQUIRES(log_lock) {
     if (tm.tm_yday == cur_day || log_title[0] == '\0')
         return;
     close_file();
     open_file();
 }
 
-void append(const char* text, std::size_t length) {
+void append(const char* text, std::size_t length) AGT_REQUIRES(log_lock) {
     while (log_file >= 0 && length > 0) {
         const ssize_t written = ::write(log_file, text, length);
         if (written < 0 && errno == EINTR)
@@ -90,7 +90,7 @@ std::size_t format_message(char* out, const char* fmt, va_list args) {
 } // namespace
 
 int open_log(const char* dir, const char* title, int mflag) {
-    const log_guard guard;
+    const lock_guard guard(log_lock);
     if (log_file >= 0)
         return 0;
     if (dir != nullptr)
@@ -103,7 +103,7 @@ int open_log(const char* dir, const char* title, int mflag) {
 }
 
 void close_log() {
-    const log_guard guard;
+    const lock_guard guard(log_lock);
     close_file();
 }
 
@@ -118,7 +118,7 @@ void log_printf(const char* fmt, ...) {
         return;
     message[length] = '\n';
 
-    const log_guard guard;
+    const lock_guard guard(log_lock);
     take_time(std::time(nullptr));
     check_day();
     const std::size_t prefix = std::strlen(time_str);
@@ -162,7 +162,7 @@ void log_batch::end_line(std::size_t length) {
 }
 
 void log_batch::take_prefix(std::time_t second) {
-    const log_guard guard;
+    const lock_guard guard(log_lock);
     take_time(second);
     second_ = second;
     prefix_length_ = std::strlen(time_str);
@@ -172,7 +172,7 @@ void log_batch::take_prefix(std::time_t second) {
 void log_batch::flush() {
     if (used_ == 0)
         return;
-    const log_guard guard;
+    const lock_guard guard(log_lock);
     take_time(second_);
     check_day();
     append(text_, used_);
@@ -180,7 +180,7 @@ void log_batch::flush() {
 }
 
 struct tm local_time(std::time_t when) {
-    const log_guard guard;
+    const lock_guard guard(log_lock);
     struct tm converted {};
     localtime_r(&when, &converted);
     return converted;

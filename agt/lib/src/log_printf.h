@@ -34,7 +34,7 @@ void close_log();
 // and at the end of the object's life. For one thread.
 class log_batch {
   public:
-    log_batch() = default;
+    log_batch() = default; // cppcheck-suppress uninitMemberVar
     log_batch(const log_batch&) = delete;
     log_batch& operator=(const log_batch&) = delete;
     ~log_batch() { flush(); }
@@ -49,7 +49,7 @@ class log_batch {
     char* start_line();
     void end_line(std::size_t length);
 
-    static constexpr std::size_t CAPACITY = 32 * 1024;
+    static constexpr std::size_t CAPACITY = std::size_t{32} * 1024;
     std::time_t second_ = 0;
     std::size_t prefix_length_ = 0;
     std::size_t used_ = 0;

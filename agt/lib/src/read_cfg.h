@@ -13,8 +13,8 @@
 
 namespace agt {
 
-inline constexpr int CFG_WORD_MAX = 16;           // words of a value
-inline constexpr std::size_t CFG_LINE_SIZE = 256; // bytes of a line with its terminator
+inline constexpr int CFG_WORD_MAX = 16;                     // words of a value
+inline constexpr std::size_t CFG_LINE_SIZE = 256;           // bytes of a line with its terminator
 inline constexpr std::size_t CFG_WORD_SIZE = CFG_LINE_SIZE; // a word may fill its line
 
 // Copies word `n` (from 1) of the value of `keyword` in `section` of the file `fname` into `string`, which must hold

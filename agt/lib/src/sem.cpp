@@ -16,13 +16,17 @@ namespace agt {
 namespace {
 
 constexpr int SEM_PERMISSIONS = 0666;
-constexpr timespec SLICE = {0, 100 * 1000 * 1000};
+constexpr timespec SLICE = {0, 100'000'000};
 
 // Tells the thread sanitizer, which does not know these locks, what orders the threads of this process.
 #if defined(__SANITIZE_THREAD__)
 char order_of[64];
-void note_locked(int sem_id, int num) { __tsan_acquire(&order_of[(sem_id * 7 + num) & 63]); }
-void note_unlocking(int sem_id, int num) { __tsan_release(&order_of[(sem_id * 7 + num) & 63]); }
+void note_locked(int sem_id, int num) {
+    __tsan_acquire(&order_of[(sem_id * 7 + num) & 63]);
+}
+void note_unlocking(int sem_id, int num) {
+    __tsan_release(&order_of[(sem_id * 7 + num) & 63]);
+}
 #else
 void note_locked(int, int) {}
 void note_unlocking(int, int) {}
@@ -73,6 +77,8 @@ int sem_unlock(int sem_id, int num, int sem_flg) {
     return operate(sem_id, num, 1, sem_flg);
 }
 
-void sem_wait(int sem_id, int num) { operate(sem_id, num, 0, 0); }
+void sem_wait(int sem_id, int num) {
+    operate(sem_id, num, 0, 0);
+}
 
 } // namespace agt

@@ -34,9 +34,13 @@ void* attach_shm(int shm_id) {
     return address == reinterpret_cast<void*>(-1) ? nullptr : address;
 }
 
-int detach_shm(const void* shmptr) { return shmdt(shmptr); }
+int detach_shm(const void* shmptr) {
+    return shmdt(shmptr);
+}
 
-int remove_shm(int shm_id) { return shmctl(shm_id, IPC_RMID, nullptr); }
+int remove_shm(int shm_id) {
+    return shmctl(shm_id, IPC_RMID, nullptr);
+}
 
 void clear_shm(void* start, std::size_t size) {
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));

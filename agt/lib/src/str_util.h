@@ -12,8 +12,8 @@ int tran_str_token(char* p_pattern_, const char* p_delimeter_, char** buf_);
 int tran_str_n_token(char* p_pattern_, const char* p_delimeter_, char** buf_, int max_token_);
 
 // Splits at every single delimiter: returns the next field, empty when two delimiters meet, and null at the end (a
-// trailing delimiter yields no last empty field). A non-null `p_pattern_` starts a new string, null continues. Keeps its
-// place per thread.
+// trailing delimiter yields no last empty field). A non-null `p_pattern_` starts a new string, null continues. Keeps
+// its place per thread.
 char* tran_str_token_single(char* p_pattern_, const char* p_delimeter_);
 
 // Splits with tran_str_token_single into at most `max_token_` fields, storing null for an empty one; returns the number

@@ -25,7 +25,7 @@ namespace {
 constexpr char SHELL[] = "/bin/sh";
 constexpr int NO_LIMIT = -1;
 constexpr int FIRST_OWN_FD = 3;
-constexpr std::size_t PASS_BYTES = 1024 * 1024; // read from one stream before the time is looked at again
+constexpr std::size_t PASS_BYTES = std::size_t{1024} * 1024; // read from one stream before the time is looked at again
 
 struct result_deleter {
     void operator()(subprocess_result_t* result) const { subprocess_result_free(result); }

@@ -3,9 +3,11 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -43,38 +45,76 @@ sockaddr_in address_of(in_addr host, int port) {
     return address;
 }
 
-// One gathered write of what is left, waiting for room while the peer takes some; 0 or -1 ends the sending.
-ssize_t send_some(int sockfd, msghdr& message) {
+// Milliseconds that `length` bytes may take at the slowest.
+long long slowest_ms(std::size_t length) {
+    return static_cast<long long>(length) / SLOWEST_BYTES_PER_SEC * 1000;
+}
+
+struct sending {
+    int sockfd;
+    msghdr message;
+    std::size_t left;              // bytes that the system has not taken yet
+    long long until_ms = NO_LIMIT; // monotonic end of the whole, once there was something to wait for
+};
+
+// Bytes that the system has taken and the peer has not.
+int unsent_bytes(int sockfd) {
+    int bytes = 0;
+    return ioctl(sockfd, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
+}
+
+// Waits until the system takes more. It does so long after the peer has begun to take some, when it has queued much.
+bool wait_room(sending& to) {
+    if (to.until_ms == NO_LIMIT)
+        to.until_ms = monotonic_ms() + SEND_STALL_MS + slowest_ms(to.left);
     for (;;) {
-        const ssize_t sent = sendmsg(sockfd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        const int unsent = unsent_bytes(to.sockfd);
+        const long long left_ms = std::max(to.until_ms - monotonic_ms(), 0LL);
+        const int limit_ms = static_cast<int>(std::min<long long>(left_ms, SEND_STALL_MS));
+        const wait_result waited = wait_fd(to.sockfd, POLLOUT, limit_ms);
+        if (waited != wait_result::timed_out || left_ms == 0 || unsent_bytes(to.sockfd) >= unsent)
+            return waited == wait_result::ready;
+    }
+}
+
+// One gathered write of what is left, waiting for room while the peer takes some; 0 or -1 ends the sending.
+ssize_t send_some(sending& to) {
+    for (;;) {
+        const ssize_t sent = sendmsg(to.sockfd, &to.message, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent >= 0 || (errno != EINTR && errno != EAGAIN))
             return sent;
-        if (errno == EAGAIN && wait_fd(sockfd, POLLOUT, SEND_STALL_MS) != wait_result::ready)
+        if (errno == EAGAIN && !wait_room(to))
             return -1;
     }
 }
 
+// Takes what was sent off the front of the parts.
+void drop_sent(sending& to, std::size_t sent) {
+    to.left -= sent;
+    msghdr& message = to.message;
+    while (message.msg_iovlen > 0 && sent >= message.msg_iov->iov_len) {
+        sent -= message.msg_iov->iov_len;
+        ++message.msg_iov;
+        --message.msg_iovlen;
+    }
+    if (message.msg_iovlen > 0) {
+        message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + sent;
+        message.msg_iov->iov_len -= sent;
+    }
+}
+
 int send_parts(int sockfd, iovec* parts, std::size_t count) {
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = count;
-    std::size_t total = 0;
-    while (message.msg_iovlen > 0) {
-        if (message.msg_iov->iov_len == 0) {
-            ++message.msg_iov;
-            --message.msg_iovlen;
-            continue;
-        }
-        ssize_t sent = send_some(sockfd, message);
+    sending to{sockfd, {}, 0};
+    to.message.msg_iov = parts;
+    to.message.msg_iovlen = count;
+    for (std::size_t i = 0; i < count; ++i)
+        to.left += parts[i].iov_len;
+    const std::size_t total = to.left;
+    while (to.left > 0) {
+        const ssize_t sent = send_some(to);
         if (sent < 1)
             return static_cast<int>(sent);
-        total += static_cast<std::size_t>(sent);
-        for (iovec* part = message.msg_iov; sent > 0; ++part) {
-            const std::size_t taken = std::min(part->iov_len, static_cast<std::size_t>(sent));
-            part->iov_base = static_cast<char*>(part->iov_base) + taken;
-            part->iov_len -= taken;
-            sent -= static_cast<ssize_t>(taken);
-        }
+        drop_sent(to, static_cast<std::size_t>(sent));
     }
     return static_cast<int>(total);
 }
@@ -162,7 +202,7 @@ int recv_whole(const reception& from, void* buffer, int length, int got) {
 
 // The whole within the limits of recv_tcp_data_timeout, `got` bytes of it being there already.
 int recv_within(int sockfd, void* buffer, int length, int timeout, int got) {
-    const long long longest_ms = (timeout + length / SLOWEST_BYTES_PER_SEC) * 1000LL;
+    const long long longest_ms = timeout * 1000LL + slowest_ms(static_cast<std::size_t>(length));
     return recv_whole({sockfd, timeout * 1000, monotonic_ms() + longest_ms, true}, buffer, length, got);
 }
 

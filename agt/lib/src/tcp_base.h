@@ -9,8 +9,8 @@
 
 namespace agt {
 
-// Opens a listening socket on `port` of the dotted address `address` (null: any address), with a receive time-out of one
-// second that accepted connections inherit, and a backlog of 5. The descriptor; -1 and errno on failure.
+// Opens a listening socket on `port` of the dotted address `address` (null: any address), with a receive time-out of
+// one second that accepted connections inherit, and a backlog of 5. The descriptor; -1 and errno on failure.
 int open_tcp_server_session(const char* address, int port);
 
 // The same; a failure ends the process with status 1 after a line on standard error.
@@ -33,7 +33,8 @@ int accept_tcpserver_connection(int sockfd, struct sockaddr_in* peer);
 // are read from `sockfd` first; -1 when that fails.
 int magic_bit_check(int sockfd, const void* buffer);
 
-// Sends the whole of `buffer`. `length` on success, else 0 or -1; a peer that takes nothing for 10 seconds is an error.
+// Sends the whole of `buffer`. `length` on success, else 0 or -1. A peer that takes nothing for 10 seconds is an error,
+// and one that lets itself be waited for more than 10 seconds and one more for every 4096 bytes.
 int send_tcp_data(int sockfd, const void* buffer, int length);
 
 // Sends two buffers with one gathered write, as one piece; the sum of the lengths, else 0 or -1.
@@ -41,9 +42,9 @@ int send_tcp_data2(int sockfd, const void* first, int first_length, const void* 
 
 // Receives `length` bytes, waiting up to `timeout` seconds for the first. `length`; -2 when nothing came in time; else
 // the value of the failing read: 0 the peer closed, -1 an error. When a read behind the first one fails, what had
-// arrived is dropped and reading starts over, so a partial frame is never returned. A rest that stalls is an error after
-// the socket's receive time-out (without one, after `timeout` seconds), and one that trickles after `timeout` seconds
-// and one more for every 4096 bytes of `length`.
+// arrived is dropped and reading starts over, so a partial frame is never returned. A rest that stalls is an error
+// after the socket's receive time-out (without one, after `timeout` seconds), and one that trickles after `timeout`
+// seconds and one more for every 4096 bytes of `length`.
 int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout);
 
 // The same on a socket that was found readable: does not look for that a second time.
@@ -59,8 +60,8 @@ int create_tcp_client_session(const char* host, int port, int nonblocking);
 // Shuts a connection down and closes it; nothing for -1.
 void close_tcp_session(int sockfd);
 
-// Writes the first address of `host` in dotted form into `out` (20 bytes). 0; -1 for an empty name; -2 when it cannot be
-// resolved. Shows the addresses on standard output and standard error.
+// Writes the first address of `host` in dotted form into `out` (20 bytes). 0; -1 for an empty name; -2 when it cannot
+// be resolved. Shows the addresses on standard output and standard error.
 int url_to_ipaddr(const char* host, char* out);
 
 } // namespace agt

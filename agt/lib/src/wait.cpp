@@ -23,7 +23,9 @@ long long monotonic_ms() {
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }
 
-void set_cancel_fd(int fd) { cancel_fd = fd; }
+void set_cancel_fd(int fd) {
+    cancel_fd = fd;
+}
 
 bool cancelled() {
     pollfd watched = {cancel_fd, POLLIN, 0};
@@ -48,6 +50,8 @@ wait_result wait_fd(int fd, short events, int limit_ms) {
     }
 }
 
-bool sleep_ms(int ms) { return wait_fd(-1, 0, ms) == wait_result::timed_out; }
+bool sleep_ms(int ms) {
+    return wait_fd(-1, 0, ms) == wait_result::timed_out;
+}
 
 } // namespace agt

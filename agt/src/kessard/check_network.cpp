@@ -17,18 +17,13 @@ namespace kessard {
 std::atomic<int> noti_sockfd{-1};
 std::atomic<int> noti_send_flag{0};
 std::atomic<int> send_flag{0};
-std::mutex noti_socket_mutex;
+agt::mutex noti_socket_mutex;
 
 namespace {
 
 constexpr int RETRY_SEC = 3;
 
 daemon_thread th("check_network", check_network);
-
-struct cfg_guard {
-    cfg_guard() { pthread_mutex_lock(&cfg_mutex); }
-    ~cfg_guard() { pthread_mutex_unlock(&cfg_mutex); }
-};
 
 } // namespace
 
@@ -45,12 +40,12 @@ void network_on() {
 }
 
 void close_noti_socket() {
-    const std::lock_guard guard(noti_socket_mutex);
+    const agt::lock_guard guard(noti_socket_mutex);
     agt::close_tcp_session(noti_sockfd.exchange(-1));
 }
 
 int try_connect() {
-    const cfg_guard guard;
+    const agt::lock_guard guard(cfg_mutex);
     int active_limit = 0;
     char ipaddr[agt::CFG_WORD_SIZE];
     int port = 0;
@@ -88,8 +83,12 @@ void th_start_check_network() {
         agt::log_printf("<!> pthread_create error.");
 }
 
-void th_cancel_check_network() { cancel_thread(th); }
+void th_cancel_check_network() {
+    cancel_thread(th);
+}
 
-void th_join_check_network() { join_thread(th); }
+void th_join_check_network() {
+    join_thread(th);
+}
 
 } // namespace kessard

@@ -2,7 +2,8 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
+
+#include "mutex.h"
 
 namespace kessard {
 
@@ -16,7 +17,7 @@ extern std::atomic<int> send_flag;
 
 // Held during an exchange on the socket and while it is closed, so that a descriptor in use is never closed under its
 // user. Nothing else is locked under it but the log.
-extern std::mutex noti_socket_mutex;
+extern agt::mutex noti_socket_mutex;
 
 // Marks the link down and logs it. The socket stays open for the watcher to close.
 void network_off();

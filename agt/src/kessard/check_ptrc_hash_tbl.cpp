@@ -1,9 +1,9 @@
 // The liveness sweep.
 //
-// A cache of (pid, name) pairs saves repeated looks into /proc: entries of one process mostly stand side by side, so the
-// last record is tried first. Behind that the cache is sorted and searched with an equality test, which is no order: a
-// record that is there may be missed, which costs one more look and nothing else. It has to stay so; the C library's
-// qsort and bsearch take such a function without harm.
+// A cache of (pid, name) pairs saves repeated looks into /proc: entries of one process mostly stand side by side, so
+// the last record is tried first. Behind that the cache is sorted and searched with an equality test, which is no
+// order: a record that is there may be missed, which costs one more look and nothing else. It has to stay so; the C
+// library's qsort and bsearch take such a function without harm.
 #include "check_ptrc_hash_tbl.h"
 
 #include <fcntl.h>
@@ -27,9 +27,9 @@ namespace kessard {
 namespace {
 
 constexpr std::size_t PROC_NM_SIZE = sizeof(PTRC_HASH_ARR::proc_nm);
-constexpr int FINISHED_IDLE_SEC = 5;  // an entry in state 'f' is checked after this
-constexpr int CHECK_PERIOD_SEC = 9;   // any other entry after more than this
-constexpr char KEPT_ALIVE = 2;        // isalive from here up is the tracer's
+constexpr int FINISHED_IDLE_SEC = 5; // an entry in state 'f' is checked after this
+constexpr int CHECK_PERIOD_SEC = 9;  // any other entry after more than this
+constexpr char KEPT_ALIVE = 2;       // isalive from here up is the tracer's
 
 struct CHK_PID {
     pid_t pid;

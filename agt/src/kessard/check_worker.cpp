@@ -45,9 +45,9 @@ daemon_thread th("check_worker", check_worker);
 struct ST_WORKER_LIST {
     pid_t pid;
     char proc_nm[PROC_NM_SIZE];
-    char is_alive;             // a thread of the process was active in this pass
+    char is_alive; // a thread of the process was active in this pass
     std::time_t lasted_access;
-    int worker_count;          // thread entries of the process in this pass
+    int worker_count;              // thread entries of the process in this pass
     const PTRC_HASH_ARR_LIST* ptr; // the process's entry
     UT_hash_handle hh;
 };
@@ -183,7 +183,7 @@ void delete_worker() {
     ST_WORKER_LIST* next = nullptr;
     agt::log_printf("[CHECK_WORKER] Delete worker list. [count:%d]\n", static_cast<int>(HASH_COUNT(worker_list)));
     HASH_ITER(hh, worker_list, worker, next) {
-        HASH_DEL(worker_list, worker);
+        HASH_DEL(worker_list, worker); // NOLINT(clang-analyzer-unix.Malloc): HASH_ITER keeps the next one
         std::free(worker);
     }
 }

@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <mutex>
 
 #include "access_control.h"
 #include "log_printf.h"
+#include "mutex.h"
 #include "tcp_base.h"
 
 namespace kessard {
@@ -21,12 +21,12 @@ int agt_cmd_sockfd = -1;
 
 namespace {
 
-std::mutex list_mutex; // held while the list changes and while it is copied
+agt::mutex list_mutex; // held while the list changes and while it is copied
 
 } // namespace
 
 CMD_CLIENT_LIST copy_cmd_client_list() {
-    const std::lock_guard guard(list_mutex);
+    const agt::lock_guard guard(list_mutex);
     return client_list;
 }
 
@@ -45,7 +45,7 @@ int init_tcp_server(const char* ipaddr, int port) {
 }
 
 int init_cmd_client() {
-    const std::lock_guard guard(list_mutex);
+    const agt::lock_guard guard(list_mutex);
     client_list = {};
     return 1;
 }
@@ -55,7 +55,7 @@ int add_cmd_client(int sockfd, const sockaddr_in& sock_addr) {
         agt::log_printf("<!> client_list error.. client_num : %d", client_list.client_num);
         return -1;
     }
-    const std::lock_guard guard(list_mutex);
+    const agt::lock_guard guard(list_mutex);
     CMD_CLIENT& client = client_list.client[client_list.client_num];
     client.sockfd = sockfd;
     client.sock_addr = sock_addr;
@@ -69,7 +69,7 @@ int del_cmd_client(int sockfd) {
     if (found == end)
         return -1;
     {
-        const std::lock_guard guard(list_mutex);
+        const agt::lock_guard guard(list_mutex);
         std::move(found + 1, end, found);
         --client_list.client_num;
     }

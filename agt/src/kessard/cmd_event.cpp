@@ -43,7 +43,9 @@ template <std::size_t N> const char* terminate(char (&field)[N]) {
     return field;
 }
 
-void renew_service_list(agt::log_batch&) { s_msg.body.renew_service_list_rsp.result_code[0] = '0'; }
+void renew_service_list(agt::log_batch&) {
+    s_msg.body.renew_service_list_rsp.result_code[0] = '0';
+}
 
 void log_config(agt::log_batch& log, BODY_SET_SYS_CONFIG_SET_REQ& body) {
     log.line({"(i) -> IPADDR         - '", terminate(body.ipaddr), "'"});
@@ -57,7 +59,9 @@ void log_config(agt::log_batch& log, BODY_SET_SYS_CONFIG_SET_REQ& body) {
     log.line({"(i) -> SQL_TRC_LIMIT  - '", terminate(body.sql_trc_limit), "'"});
 }
 
-bool is_queue_count(int n) { return n == 1 || n == 2 || n == 4 || n == 8 || n == 16; }
+bool is_queue_count(int n) {
+    return n == 1 || n == 2 || n == 4 || n == 8 || n == 16;
+}
 
 // Everything else is applied even when the log flag set is refused. The magic code doubles as the switch that the
 // agent's other processes test: 1 stores the "on" code, any other number is stored as it is.

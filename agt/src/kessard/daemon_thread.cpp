@@ -22,8 +22,8 @@ bool reset_event(int& fd) {
     std::uint64_t events = 0;
     if (fd < 0)
         fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    else
-        [[maybe_unused]] const ssize_t taken = read(fd, &events, sizeof events);
+    else [[maybe_unused]]
+        const ssize_t taken = read(fd, &events, sizeof events);
     return fd >= 0;
 }
 
@@ -57,7 +57,7 @@ void* daemon_thread::run(void* self) {
 }
 
 bool daemon_thread::start() {
-    const std::lock_guard guard(mutex_);
+    const agt::lock_guard guard(mutex_);
     if (started_ && !has_event(done_fd_, JOIN_LIMIT_MS))
         return false;
     if (started_)
@@ -69,7 +69,7 @@ bool daemon_thread::start() {
 }
 
 bool daemon_thread::cancel() {
-    const std::lock_guard guard(mutex_);
+    const agt::lock_guard guard(mutex_);
     return !started_ || send_event(cancel_fd_);
 }
 
@@ -78,7 +78,7 @@ bool daemon_thread::wait_end() {
 }
 
 bool daemon_thread::join(int limit_ms) {
-    const std::lock_guard guard(mutex_);
+    const agt::lock_guard guard(mutex_);
     if (!started_)
         return true;
     if (!has_event(done_fd_, limit_ms))
@@ -88,7 +88,9 @@ bool daemon_thread::join(int limit_ms) {
     return true;
 }
 
-bool keep_running() { return running != 0 && !agt::cancelled(); }
+bool keep_running() {
+    return running != 0 && !agt::cancelled();
+}
 
 void cancel_thread(daemon_thread& thread) {
     if (thread.started() && !thread.cancel())

@@ -1,8 +1,8 @@
 // A thread of the daemon: its handle, its name, and how it is ended.
 //
-// Threads are not cancelled by the system's pthread_cancel, which would unwind C++ frames from inside any call: each one
-// has an event descriptor that ends its waits (wait.h), and leaves its loop by itself. A thread that is stuck where no
-// wait of ours can be ended (name resolution) is not waited for longer than JOIN_LIMIT_MS; it dies with the process.
+// Threads are not cancelled by the system's pthread_cancel, which would unwind C++ frames from inside any call: each
+// one has an event descriptor that ends its waits (wait.h), and leaves its loop by itself. A thread that is stuck where
+// no wait of ours can be ended (name resolution) is not waited for longer than JOIN_LIMIT_MS; it dies with the process.
 //
 // One object per thread entry, with static storage. start, cancel and join may be called from any thread.
 #pragma once
@@ -10,7 +10,8 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <mutex>
+
+#include "mutex.h"
 
 namespace kessard {
 
@@ -45,8 +46,8 @@ class daemon_thread {
 
     const char* name_;
     void* (*entry_)(void*);
-    std::mutex mutex_;
-    pthread_t handle_ = 0;
+    agt::mutex mutex_;
+    pthread_t handle_ AGT_GUARDED_BY(mutex_) = 0;
     std::atomic<bool> started_{false};
     int cancel_fd_ = -1; // an event descriptor: readable when the thread is to end
     int done_fd_ = -1;   // an event descriptor: readable when the thread has ended

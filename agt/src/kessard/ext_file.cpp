@@ -128,7 +128,7 @@ bool take_target(char* data, int length, upload_target& target, std::string& err
 }
 
 upload_file file_of(const upload_target& target, int number) {
-    char* const* item = target.items + 1 + (number - 1) * 3;
+    char* const* item = target.items + 1 + static_cast<std::ptrdiff_t>(number - 1) * 3;
     return {number, target.file_count, std::string(target.directory) + '/' + item[0],
             std::strtoll(item[1], nullptr, 10), static_cast<mode_t>(std::strtol(item[2], nullptr, 10)) & 07777};
 }

@@ -1,9 +1,9 @@
 // Retrieval of the service list.
 //
 // A short-lived thread, one at a time: it connects, asks, and receives the list in blocks of up to eight services, each
-// acknowledged; result code '5' marks the last. The table is emptied at the first valid answer and is locked from before
-// the reception until after it; service filtering is off for everybody meanwhile, so that nothing is filtered against a
-// half-loaded table. What was loaded stays when the server fails in the middle.
+// acknowledged; result code '5' marks the last. The table is emptied at the first valid answer and is locked from
+// before the reception until after it; service filtering is off for everybody meanwhile, so that nothing is filtered
+// against a half-loaded table. What was loaded stays when the server fails in the middle.
 //
 // `retrieving` is the "already running" mark. A failure to name the host or to send the request leaves it set for good:
 // later starts are refused until the process restarts. That is the required behaviour.

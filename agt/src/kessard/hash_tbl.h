@@ -33,8 +33,8 @@ bool open_hash_tbl(const hash_tbl_key& key, hash_tbl_object* object);
 // Logs "(i) <name> open complete" or "create complete" with the segment's key.
 void log_hash_tbl_complete(const hash_tbl_key& key, const hash_tbl_object& object);
 
-// Runs `init` under semaphore 0 of a new table. A segment whose identifier is 0 is left as the system gave it; one whose
-// semaphore was given up is removed again. Whether it ran.
+// Runs `init` under semaphore 0 of a new table. A segment whose identifier is 0 is left as the system gave it; one
+// whose semaphore was given up is removed again. Whether it ran.
 bool init_new_hash_tbl(const hash_tbl_key& key, const hash_tbl_object& object, int (*init)());
 
 // Holds semaphore 0 of a shared object's set. A set that is gone (removed under the daemon) is logged with the object's

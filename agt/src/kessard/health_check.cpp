@@ -1,7 +1,7 @@
 // Health check and device information.
 //
-// The two messages are built in the same buffer, which is never cleared: a field that a cycle does not write repeats its
-// last value (the API statistics while their file is absent, for example). All values are read from shared memory
+// The two messages are built in the same buffer, which is never cleared: a field that a cycle does not write repeats
+// its last value (the API statistics while their file is absent, for example). All values are read from shared memory
 // without locks and are a snapshot.
 #include "health_check.h"
 
@@ -45,7 +45,9 @@ TCP_CMD_MSG r_msg;
 daemon_thread th("health_check", health_check);
 
 // Fields of these messages end in a comma, so that the body reads as a comma-separated line.
-template <std::size_t N> void end_field(char (&field)[N]) { field[N - 1] = ','; }
+template <std::size_t N> void end_field(char (&field)[N]) {
+    field[N - 1] = ',';
+}
 
 template <std::size_t N> void report_text(char (&field)[N], const char* text) {
     agt::put_text(field, text);
@@ -183,7 +185,9 @@ struct summary {
     }
 };
 
-bool starts_with(const char* text, const char* start) { return std::strncmp(text, start, std::strlen(start)) == 0; }
+bool starts_with(const char* text, const char* start) {
+    return std::strncmp(text, start, std::strlen(start)) == 0;
+}
 
 bool is_initial_process(const PTRC_HASH_ARR& entry) {
     if (std::memcmp(entry.tid, PROCESS_TID, sizeof PROCESS_TID - 1) != 0)
@@ -199,9 +203,13 @@ void th_start_health_check() {
         agt::log_printf("pthread_create error");
 }
 
-void th_cancel_health_check() { cancel_thread(th); }
+void th_cancel_health_check() {
+    cancel_thread(th);
+}
 
-void th_join_health_check() { join_thread(th); }
+void th_join_health_check() {
+    join_thread(th);
+}
 
 void* health_check(void*) {
     bool reconnect = false;
@@ -260,7 +268,8 @@ int get_shm_nattch(int key) {
     return static_cast<int>(state.shm_nattch);
 }
 
-// A process in its wanted state does not end a run: each one that is not is compared with the one before it that is not.
+// A process in its wanted state does not end a run: each one that is not is compared with the one before it that is
+// not.
 int get_engine_sts(char* text) {
     std::memset(text, 0, sizeof(BODY_HEALTH_CHECK_REQ::chk_msg) - 1);
     summary out{text};

@@ -18,8 +18,8 @@ void th_join_health_check();
 // The thread's entry.
 void* health_check(void* arg);
 
-// One health check: connects when there is no connection, reports, reads the answer. A failed connect sets `*reconnect`;
-// a success that follows one clears it and starts a service-list retrieval.
+// One health check: connects when there is no connection, reports, reads the answer. A failed connect sets
+// `*reconnect`; a success that follows one clears it and starts a service-list retrieval.
 void health_check_cycle(bool* reconnect);
 
 // Sends the device information unless a connection is open already. 1, or -1 when that failed.

@@ -2,6 +2,7 @@
 // so `top` is checked against the capacity before it is used.
 #pragma once
 
+#include <algorithm>
 #include <type_traits>
 
 #include "log_printf.h"
@@ -14,7 +15,7 @@ template <class Stack> inline constexpr unsigned int stack_capacity = std::exten
 // Entries of the stack, at most its capacity.
 template <class Stack> unsigned int stack_size(const Stack& stack) {
     const unsigned int top = shared_load(stack.top);
-    return top < stack_capacity<Stack> ? top : stack_capacity<Stack>;
+    return std::min(top, stack_capacity<Stack>);
 }
 
 // Puts an index on top; the new number of entries, or -1 when the stack is full.

@@ -32,7 +32,9 @@
 namespace kessard {
 namespace {
 
-int to_number(const char* word) { return static_cast<int>(std::strtol(word, nullptr, 10)); }
+int to_number(const char* word) {
+    return static_cast<int>(std::strtol(word, nullptr, 10));
+}
 
 // An absolute path as it is, a relative one under TRAN_AGT_HOME. One that does not fit is cut, which is said.
 template <std::size_t N> void take_path(char (&out)[N], const char* word) {
@@ -214,13 +216,13 @@ bool check_variable(const char* name) {
     return true;
 }
 
-int check_env_var() { return check_variable("TRAN_AGT_HOME") && check_variable("TRAN_AGT_CFG_FILE") ? 1 : 0; }
+int check_env_var() {
+    return check_variable("TRAN_AGT_HOME") && check_variable("TRAN_AGT_CFG_FILE") ? 1 : 0;
+}
 
 int init_config() {
-    pthread_mutex_lock(&cfg_mutex);
-    const bool complete = take_all_keys() && read_access_control();
-    pthread_mutex_unlock(&cfg_mutex);
-    if (!complete)
+    const agt::lock_guard guard(cfg_mutex);
+    if (!take_all_keys() || !read_access_control())
         return 0;
     agt::log_printf("(i) config-file(%s) read complete. TCP_CMD_MSG size %d bytes", cfg_file(), TCP_CMD_MSG_SIZE);
     return 1;
@@ -260,7 +262,9 @@ bool create_noti_que() {
     return created;
 }
 
-int create_que() { return create_settings() && create_noti_que() ? 1 : 0; }
+int create_que() {
+    return create_settings() && create_noti_que() ? 1 : 0;
+}
 
 int init_sock_client() {
     if (init_cmd_client() >= 0)
@@ -278,8 +282,8 @@ int create_svc_hash_tbl() {
     return 1;
 }
 
-constexpr int (*INIT_STEPS[])() = {check_env_var,         init_config,          create_que,
-                                   init_sock_client,      create_svc_hash_tbl,  create_ptrc_hash_tbl,
+constexpr int (*INIT_STEPS[])() = {check_env_var,          init_config,         create_que,
+                                   init_sock_client,       create_svc_hash_tbl, create_ptrc_hash_tbl,
                                    create_jcache_hash_tbl, create_tran_agt_sem, create_tran_agt_shm};
 
 } // namespace

@@ -10,7 +10,8 @@ namespace kessard {
 JCACHE_HASH_TBL* jcache_hash_tbl = nullptr;
 
 int create_jcache_hash_tbl() {
-    const hash_tbl_key key = {"jcache_hash_tbl", jcache_hash_tbl_shmkey, jcache_hash_tbl_semkey, sizeof(JCACHE_HASH_TBL)};
+    const hash_tbl_key key = {"jcache_hash_tbl", jcache_hash_tbl_shmkey, jcache_hash_tbl_semkey,
+                              sizeof(JCACHE_HASH_TBL)};
     hash_tbl_object object;
     if (!open_hash_tbl(key, &object))
         return 0;
@@ -26,8 +27,14 @@ int init_jcache_hash_tbl() {
     return 1;
 }
 
-int jcache_hash_push(JCACHE_HASH_STK* stack, unsigned int index) { return stack_push(*stack, index); }
-int jcache_hash_pop(JCACHE_HASH_STK* stack) { return stack_pop(*stack); }
-float get_jcache_hashtbl_used_pcnt() { return hash_tbl_used_pcnt(jcache_hash_tbl); }
+int jcache_hash_push(JCACHE_HASH_STK* stack, unsigned int index) {
+    return stack_push(*stack, index);
+}
+int jcache_hash_pop(JCACHE_HASH_STK* stack) {
+    return stack_pop(*stack);
+}
+float get_jcache_hashtbl_used_pcnt() {
+    return hash_tbl_used_pcnt(jcache_hash_tbl);
+}
 
 } // namespace kessard

@@ -1,8 +1,9 @@
 // Command loop, signals, notify-link watcher and shutdown.
 //
-// Signals stay blocked but at one place in the loop, its pselect and the end of a pass, so the handler, which logs, never
-// interrupts code that holds a lock. Until the loop gets there, a pending signal makes the main thread's signal descriptor readable, which
-// ends every wait of that thread (wait.h): start-up and commands come to their end at once and the loop takes the signal.
+// Signals stay blocked but at one place in the loop, its pselect and the end of a pass, so the handler, which logs,
+// never interrupts code that holds a lock. Until the loop gets there, a pending signal makes the main thread's signal
+// descriptor readable, which ends every wait of that thread (wait.h): start-up and commands come to their end at once
+// and the loop takes the signal.
 #include "main_loop.h"
 
 #include <sys/select.h>
@@ -73,7 +74,8 @@ void log_signal(int signo) {
     }
 }
 
-// Runs the handlers of pending signals: a wait that finds a descriptor ready does not, so a busy peer would keep them off.
+// Runs the handlers of pending signals: a wait that finds a descriptor ready does not, so a busy peer would keep them
+// off.
 void take_pending_signals() {
     sigset_t usual;
     pthread_sigmask(SIG_SETMASK, &loop_mask, &usual);

@@ -10,8 +10,12 @@ namespace {
 NOTI_SEND_QUE_POOL* pool = nullptr;
 NOTI_SEND_QUE* que = nullptr;
 
-bool is_full() { return ring_full(*que); }
-bool is_empty() { return ring_empty(*que); }
+bool is_full() {
+    return ring_full(*que);
+}
+bool is_empty() {
+    return ring_empty(*que);
+}
 
 } // namespace
 
@@ -41,8 +45,12 @@ int put_noti_send_que(const void* record, std::size_t length) {
     return que == nullptr || is_full() ? -1 : ring_put(*que, record, length);
 }
 
-NOTI_SEND_QUE_DATA* get_noti_send_que() { return que == nullptr || is_empty() ? nullptr : ring_take(*que); }
+NOTI_SEND_QUE_DATA* get_noti_send_que() {
+    return que == nullptr || is_empty() ? nullptr : ring_take(*que);
+}
 
-int get_noti_send_queueing() { return que == nullptr ? 0 : ring_count(*que); }
+int get_noti_send_queueing() {
+    return que == nullptr ? 0 : ring_count(*que);
+}
 
 } // namespace kessard

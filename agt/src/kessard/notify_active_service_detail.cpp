@@ -42,7 +42,9 @@ struct batch {
 };
 
 // Seconds of a clock that never steps; never 0.
-long now_sec() { return static_cast<long>(agt::monotonic_ms() / 1000) + 1; }
+long now_sec() {
+    return static_cast<long>(agt::monotonic_ms() / 1000) + 1;
+}
 
 void take_link_down(batch* out) {
     out->log.flush();
@@ -66,7 +68,7 @@ void receive_answer(batch* out, const char* where) {
 
 // Sends the pending records; false when they could not be sent, with the link down.
 bool send_batch(batch* out, int pending, const char* where) {
-    const std::lock_guard guard(noti_socket_mutex);
+    const agt::lock_guard guard(noti_socket_mutex);
     auto& body = s_msg.body.notify_active_service_detail_req;
     set_header(&s_msg, MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ);
     std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, pending);
@@ -131,9 +133,13 @@ void th_start_notify_active_service_detail() {
         agt::log_printf("pthread_create error");
 }
 
-void th_cancel_notify_active_service_detail() { cancel_thread(th); }
+void th_cancel_notify_active_service_detail() {
+    cancel_thread(th);
+}
 
-void th_join_notify_active_service_detail() { join_thread(th); }
+void th_join_notify_active_service_detail() {
+    join_thread(th);
+}
 
 void stop_notify_active_service_detail() {
     th.cancel();

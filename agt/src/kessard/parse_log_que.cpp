@@ -10,8 +10,12 @@ namespace {
 PARSE_LOG_QUE_POOL* pool = nullptr;
 PARSE_LOG_QUE* que = nullptr;
 
-bool is_full() { return ring_full(*que); }
-bool is_empty() { return ring_empty(*que); }
+bool is_full() {
+    return ring_full(*que);
+}
+bool is_empty() {
+    return ring_empty(*que);
+}
 
 } // namespace
 
@@ -41,8 +45,12 @@ int put_parse_log_que(const void* record, std::size_t length) {
     return que == nullptr || is_full() ? -1 : ring_put(*que, record, length);
 }
 
-PARSE_LOG_QUE_DATA* get_parse_log_que() { return que == nullptr || is_empty() ? nullptr : ring_take(*que); }
+PARSE_LOG_QUE_DATA* get_parse_log_que() {
+    return que == nullptr || is_empty() ? nullptr : ring_take(*que);
+}
 
-int get_parse_log_queueing() { return que == nullptr ? 0 : ring_count(*que); }
+int get_parse_log_queueing() {
+    return que == nullptr ? 0 : ring_count(*que);
+}
 
 } // namespace kessard

@@ -1,9 +1,9 @@
 // What every module of the daemon looks at: whether it runs, and how it was started.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
+
+#include "mutex.h"
 
 namespace kessard {
 
@@ -19,6 +19,6 @@ inline int print_time = 0;
 inline int process_idx = -1;
 
 // Held while the configuration file is read at start and by a reconnection of the notify link.
-inline pthread_mutex_t cfg_mutex = PTHREAD_MUTEX_INITIALIZER;
+inline agt::mutex cfg_mutex;
 
 } // namespace kessard

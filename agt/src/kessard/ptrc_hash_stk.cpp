@@ -26,8 +26,14 @@ int init_ptrc_hash_tbl() {
     return 1;
 }
 
-int ptrc_hash_push(PTRC_HASH_STK* stack, unsigned int index) { return stack_push(*stack, index); }
-int ptrc_hash_pop(PTRC_HASH_STK* stack) { return stack_pop(*stack); }
-float get_ptrc_hashtbl_used_pcnt() { return hash_tbl_used_pcnt(ptrc_hash_tbl); }
+int ptrc_hash_push(PTRC_HASH_STK* stack, unsigned int index) {
+    return stack_push(*stack, index);
+}
+int ptrc_hash_pop(PTRC_HASH_STK* stack) {
+    return stack_pop(*stack);
+}
+float get_ptrc_hashtbl_used_pcnt() {
+    return hash_tbl_used_pcnt(ptrc_hash_tbl);
+}
 
 } // namespace kessard

@@ -11,7 +11,9 @@
 
 namespace kessard {
 
-int init_tcp_client(const char* ipaddr, int port) { return agt::create_tcp_client_session(ipaddr, port, 0); }
+int init_tcp_client(const char* ipaddr, int port) {
+    return agt::create_tcp_client_session(ipaddr, port, 0);
+}
 
 int connect_server() {
     const server_address server = get_server_address();
@@ -34,7 +36,9 @@ void set_header(TCP_CMD_MSG* msg, char type) {
     msg->hdr.msg_type[0] = type;
 }
 
-int send_msg(int sockfd, const TCP_CMD_MSG& msg) { return agt::send_tcp_data(sockfd, &msg, sizeof msg); }
+int send_msg(int sockfd, const TCP_CMD_MSG& msg) {
+    return agt::send_tcp_data(sockfd, &msg, sizeof msg);
+}
 
 int recv_msg(int sockfd, TCP_CMD_MSG* msg) {
     return agt::recv_tcp_data_timeout(sockfd, msg, sizeof *msg, RECV_TIMEOUT_SEC);

@@ -20,9 +20,13 @@ int svc_hash_tbl_semid = -1;
 
 namespace {
 
-bool is_slot(int index) { return index >= 0 && index < SVC_HASH_SLOTS; }
+bool is_slot(int index) {
+    return index >= 0 && index < SVC_HASH_SLOTS;
+}
 
-SVC_HASH_ARR_LIST* slot_at(int index) { return is_slot(index) ? &svc_hash_tbl->h_arr[index] : nullptr; }
+SVC_HASH_ARR_LIST* slot_at(int index) {
+    return is_slot(index) ? &svc_hash_tbl->h_arr[index] : nullptr;
+}
 
 int bucket_of(const char* service_id) {
     return static_cast<int>(agt::get_hidx(service_id, SVC_HASH_KEY_SIZE, SVC_HASH_BUCKETS - 1));
@@ -48,7 +52,9 @@ chain_place find_in_chain(int bucket, const char* service_id) {
 }
 
 // Copies the first N-1 bytes, so that the last byte of the array keeps its zero.
-template <std::size_t N> void copy_bytes(char (&out)[N], const char (&in)[N]) { std::memcpy(out, in, N - 1); }
+template <std::size_t N> void copy_bytes(char (&out)[N], const char (&in)[N]) {
+    std::memcpy(out, in, N - 1);
+}
 
 void fill_param(SVC_HASH_ARR* param, const SERVICE_ELEMENT& element) {
     copy_bytes(param->host_name, element.host_name);
@@ -70,6 +76,7 @@ void unlink_slot(SVC_HASH_ARR_LIST* slot) {
     if (before != nullptr)
         before->next_idx = slot->next_idx;
     else if (slot->hash_idx >= 0 && slot->hash_idx < SVC_HASH_BUCKETS)
+        // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the slot lies in the table
         svc_hash_tbl->h_idx[slot->hash_idx] = slot->next_idx;
     if (after != nullptr)
         after->pre_idx = slot->pre_idx;
@@ -103,8 +110,8 @@ SVC_HASH_ARR_LIST* insert_slot(int bucket, SVC_HASH_ARR_LIST* tail, const SERVIC
 
 SVC_HASH_ARR_LIST* change_slot(SVC_HASH_ARR_LIST* slot, const SERVICE_ELEMENT& element) {
     const char mode = element.update_mode[0];
-    agt::log_printf("<!> service_id(%s) is already exist, update_mode : '%c'",
-                    agt::field_text(element.service_id).text, mode);
+    agt::log_printf("<!> service_id(%s) is already exist, update_mode : '%c'", agt::field_text(element.service_id).text,
+                    mode);
     switch (mode) {
     case 'A':
     case 'X':

@@ -2,26 +2,26 @@
 #include "settings.h"
 
 #include <cstdlib>
-#include <mutex>
 
 #include "field.h"
+#include "mutex.h"
 #include "read_cfg.h"
 
 namespace kessard {
 namespace {
 
-std::mutex server_mutex; // never held across a connect
-server_address server;
+agt::mutex server_mutex; // never held across a connect
+server_address server AGT_GUARDED_BY(server_mutex);
 
 } // namespace
 
 server_address get_server_address() {
-    const std::lock_guard guard(server_mutex);
+    const agt::lock_guard guard(server_mutex);
     return server;
 }
 
 void set_server_address(const char* ipaddr, int port) {
-    const std::lock_guard guard(server_mutex);
+    const agt::lock_guard guard(server_mutex);
     agt::copy_text(server.srv_ipaddr, ipaddr);
     server.srv_cmd_port = port;
 }

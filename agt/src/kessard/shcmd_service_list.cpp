@@ -45,7 +45,9 @@ TCP_CMD_MSG r_msg;
 std::atomic<int> uploads{0};
 daemon_thread th("shcmd_service_list", shcmd_service_list);
 
-BODY_UPDATE_SERVICE_LIST_REQ& request() { return s_msg.body.update_service_list_req; }
+BODY_UPDATE_SERVICE_LIST_REQ& request() {
+    return s_msg.body.update_service_list_req;
+}
 
 // Lines of a descriptor, at most LINE_SIZE-1 characters each with their line end; a longer line comes in pieces.
 struct line_source {
@@ -77,8 +79,8 @@ bool next_line(line_source* from, char* line) {
     }
     if (agt::cancelled()) // what is held may be the start of a line
         return false;
-    from->taken = end == nullptr ? from->held
-                                 : static_cast<std::size_t>(static_cast<const char*>(end) - from->text) + 1;
+    from->taken =
+        end == nullptr ? from->held : static_cast<std::size_t>(static_cast<const char*>(end) - from->text) + 1;
     std::memcpy(line, from->text, from->taken);
     line[from->taken] = '\0';
     return from->taken > 0;
@@ -237,7 +239,9 @@ void th_start_shcmd_service_list() {
     agt::log_printf("pthread_create error");
 }
 
-void th_cancel_shcmd_service_list() { cancel_thread(th); }
+void th_cancel_shcmd_service_list() {
+    cancel_thread(th);
+}
 
 void th_join_shcmd_service_list() {
     if (running == 0)
@@ -245,7 +249,9 @@ void th_join_shcmd_service_list() {
     join_thread(th);
 }
 
-bool shcmd_service_list_running() { return uploads > 0; }
+bool shcmd_service_list_running() {
+    return uploads > 0;
+}
 
 void* shcmd_service_list(void*) {
     const int conn_sockfd = connect_for_upload();

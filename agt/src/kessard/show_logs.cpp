@@ -16,6 +16,7 @@ namespace {
 // What the lines of one slot start with: its place in the used stack and its number.
 class slot_head {
   public:
+    // cppcheck-suppress uninitMemberVar
     slot_head(int place, int slot) : length_(std::snprintf(text_, sizeof text_, "[%d] array_idx#%d, ", place, slot)) {}
     operator std::string_view() const { return {text_, static_cast<std::size_t>(length_)}; }
 

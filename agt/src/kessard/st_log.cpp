@@ -32,12 +32,12 @@ constexpr std::size_t HHMI_SIZE = 4;
 daemon_thread th("st_log", st_log);
 
 struct pass_state {
-    int ptime = 0;      // passes to the next print
-    int ctime = 0;      // passes to the next sweep
-    int post_logs = 0;  // tot_logs one pass ago
-    int curr_logs = 0;  // logs in this pass
-    int curr_logs1 = 0; // logs since the last print
-    int ntime = 0;      // passes in a row without logs
+    int ptime = 0;           // passes to the next print
+    int ctime = 0;           // passes to the next sweep
+    int post_logs = 0;       // tot_logs one pass ago
+    int curr_logs = 0;       // logs in this pass
+    int curr_logs1 = 0;      // logs since the last print
+    int ntime = 0;           // passes in a row without logs
     char cur_date[128] = ""; // now, as YYYYMMDDHHMMSS
     char tmp_date[128] = ""; // the date on which the daily time was last reached
 };
@@ -126,9 +126,13 @@ void th_start_st_log() {
         agt::log_printf("<!> pthread_create error");
 }
 
-void th_cancel_st_log() { cancel_thread(th); }
+void th_cancel_st_log() {
+    cancel_thread(th);
+}
 
-void th_join_st_log() { join_thread(th); }
+void th_join_st_log() {
+    join_thread(th);
+}
 
 void start_st_log_passes() {
     state = {};

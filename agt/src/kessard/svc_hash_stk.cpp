@@ -5,9 +5,17 @@
 
 namespace kessard {
 
-int svc_hash_push(SVC_HASH_STK* stack, unsigned int index) { return stack_push(*stack, index); }
-int svc_hash_pop(SVC_HASH_STK* stack) { return stack_pop(*stack); }
-int svc_hash_popv(SVC_HASH_STK* stack, unsigned int index) { return stack_popv(*stack, index); }
-void svc_hash_show(const SVC_HASH_STK* stack) { stack_show(*stack); }
+int svc_hash_push(SVC_HASH_STK* stack, unsigned int index) {
+    return stack_push(*stack, index);
+}
+int svc_hash_pop(SVC_HASH_STK* stack) {
+    return stack_pop(*stack);
+}
+int svc_hash_popv(SVC_HASH_STK* stack, unsigned int index) {
+    return stack_popv(*stack, index);
+}
+void svc_hash_show(const SVC_HASH_STK* stack) {
+    stack_show(*stack);
+}
 
 } // namespace kessard

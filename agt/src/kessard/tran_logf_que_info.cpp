@@ -50,7 +50,9 @@ int get_digit(char TRAN_LOGF_QUE_INFO::*field) {
     return static_cast<int>(std::strtol(text, nullptr, 10));
 }
 
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 } // namespace
 
@@ -68,39 +70,75 @@ int detach_tran_logf_que_info() {
     return ret;
 }
 
-int set_magic_code(unsigned int magic_code) { return set_field(&TRAN_LOGF_QUE_INFO::magic_code, magic_code); }
-int get_magic_code() { return static_cast<int>(get_field(&TRAN_LOGF_QUE_INFO::magic_code, ~0u)); }
+int set_magic_code(unsigned int magic_code) {
+    return set_field(&TRAN_LOGF_QUE_INFO::magic_code, magic_code);
+}
+int get_magic_code() {
+    return static_cast<int>(get_field(&TRAN_LOGF_QUE_INFO::magic_code, ~0u));
+}
 
 int set_tran_logf_qcnt(int n) {
     set_field(&TRAN_LOGF_QUE_INFO::qcnt, n);
     return set_field(&TRAN_LOGF_QUE_INFO::qcnt_mask, n - 1);
 }
-int get_tran_logf_qcnt() { return get_field(&TRAN_LOGF_QUE_INFO::qcnt, -1); }
-int get_tran_logf_qcnt_mask() { return get_field(&TRAN_LOGF_QUE_INFO::qcnt_mask, -1); }
+int get_tran_logf_qcnt() {
+    return get_field(&TRAN_LOGF_QUE_INFO::qcnt, -1);
+}
+int get_tran_logf_qcnt_mask() {
+    return get_field(&TRAN_LOGF_QUE_INFO::qcnt_mask, -1);
+}
 
-int set_log_flag_set(unsigned char flags) { return set_field(&TRAN_LOGF_QUE_INFO::log_flag_set, flags); }
+int set_log_flag_set(unsigned char flags) {
+    return set_field(&TRAN_LOGF_QUE_INFO::log_flag_set, flags);
+}
 unsigned char get_log_flag_set() {
     return get_field(&TRAN_LOGF_QUE_INFO::log_flag_set, static_cast<unsigned char>(0));
 }
 
-int set_call_trc_depth(int depth) { return set_field(&TRAN_LOGF_QUE_INFO::call_trc_depth, depth); }
-int get_call_trc_depth() { return get_field(&TRAN_LOGF_QUE_INFO::call_trc_depth, -1); }
-int set_call_trc_limit(long limit) { return set_field(&TRAN_LOGF_QUE_INFO::call_trc_limit, limit); }
-long get_call_trc_limit() { return get_field(&TRAN_LOGF_QUE_INFO::call_trc_limit, 0L); }
-int set_dbio_trc_limit(long limit) { return set_field(&TRAN_LOGF_QUE_INFO::dbio_trc_limit, limit); }
-long get_dbio_trc_limit() { return get_field(&TRAN_LOGF_QUE_INFO::dbio_trc_limit, 0L); }
-int set_sql_trc_limit(long limit) { return set_field(&TRAN_LOGF_QUE_INFO::sql_trc_limit, limit); }
-long get_sql_trc_limit() { return get_field(&TRAN_LOGF_QUE_INFO::sql_trc_limit, 0L); }
+int set_call_trc_depth(int depth) {
+    return set_field(&TRAN_LOGF_QUE_INFO::call_trc_depth, depth);
+}
+int get_call_trc_depth() {
+    return get_field(&TRAN_LOGF_QUE_INFO::call_trc_depth, -1);
+}
+int set_call_trc_limit(long limit) {
+    return set_field(&TRAN_LOGF_QUE_INFO::call_trc_limit, limit);
+}
+long get_call_trc_limit() {
+    return get_field(&TRAN_LOGF_QUE_INFO::call_trc_limit, 0L);
+}
+int set_dbio_trc_limit(long limit) {
+    return set_field(&TRAN_LOGF_QUE_INFO::dbio_trc_limit, limit);
+}
+long get_dbio_trc_limit() {
+    return get_field(&TRAN_LOGF_QUE_INFO::dbio_trc_limit, 0L);
+}
+int set_sql_trc_limit(long limit) {
+    return set_field(&TRAN_LOGF_QUE_INFO::sql_trc_limit, limit);
+}
+long get_sql_trc_limit() {
+    return get_field(&TRAN_LOGF_QUE_INFO::sql_trc_limit, 0L);
+}
 
-int set_svc_filtering(signed char on) { return set_field(&TRAN_LOGF_QUE_INFO::svc_filtering, on); }
+int set_svc_filtering(signed char on) {
+    return set_field(&TRAN_LOGF_QUE_INFO::svc_filtering, on);
+}
 signed char get_svc_filtering() {
     return static_cast<signed char>(get_field(&TRAN_LOGF_QUE_INFO::svc_filtering, static_cast<char>(-1)));
 }
 
-int set_save_apilog(int n) { return set_digit(&TRAN_LOGF_QUE_INFO::save_apilog_yn, n); }
-int get_save_apilog() { return get_digit(&TRAN_LOGF_QUE_INFO::save_apilog_yn); }
-int set_save_relllog(int n) { return set_digit(&TRAN_LOGF_QUE_INFO::save_relllog_yn, n); }
-int get_save_relllog() { return get_digit(&TRAN_LOGF_QUE_INFO::save_relllog_yn); }
+int set_save_apilog(int n) {
+    return set_digit(&TRAN_LOGF_QUE_INFO::save_apilog_yn, n);
+}
+int get_save_apilog() {
+    return get_digit(&TRAN_LOGF_QUE_INFO::save_apilog_yn);
+}
+int set_save_relllog(int n) {
+    return set_digit(&TRAN_LOGF_QUE_INFO::save_relllog_yn, n);
+}
+int get_save_relllog() {
+    return get_digit(&TRAN_LOGF_QUE_INFO::save_relllog_yn);
+}
 
 int get_discard_qmsgs(int index) {
     if (que_info == nullptr || index < 0 || index >= LOG_QUE_MAX)
@@ -154,6 +192,8 @@ int set_fst_err_rc_set(const char* text) {
     return 0;
 }
 
-char* get_fst_err_rc_set() { return que_info == nullptr ? nullptr : que_info->fst_err_rc_set; }
+char* get_fst_err_rc_set() {
+    return que_info == nullptr ? nullptr : que_info->fst_err_rc_set;
+}
 
 } // namespace kessard

@@ -16,7 +16,7 @@ int create_tran_logf_que_info(int key, int* existed);
 int detach_tran_logf_que_info();
 
 int set_magic_code(unsigned int magic_code);
-int get_magic_code(); // -1
+int get_magic_code();          // -1
 int set_tran_logf_qcnt(int n); // also the mask
 int get_tran_logf_qcnt();      // -1
 int get_tran_logf_qcnt_mask(); // -1

@@ -32,7 +32,9 @@ struct ST_PROC_NAME {
 };
 ST_PROC_NAME* skip_proc_list = nullptr;
 
-bool read_tr_section() { return read_cfg_word("TRAN_LOGF", "TR_SECTION", worker_cfg.tr_section); }
+bool read_tr_section() {
+    return read_cfg_word("TRAN_LOGF", "TR_SECTION", worker_cfg.tr_section);
+}
 
 bool read_check_interval() {
     if (!read_cfg_number(SECTION, "WORKER_CHECK_INTERVAL", &worker_cfg.worker_check_interval))
@@ -113,7 +115,7 @@ void delete_skip_hash() {
     ST_PROC_NAME* record = nullptr;
     ST_PROC_NAME* next = nullptr;
     HASH_ITER(hh, skip_proc_list, record, next) {
-        HASH_DEL(skip_proc_list, record);
+        HASH_DEL(skip_proc_list, record); // NOLINT(clang-analyzer-unix.Malloc): HASH_ITER keeps the next one
         std::free(record);
     }
 }

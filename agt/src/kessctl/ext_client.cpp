@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t DATA_MAX = std::size_t{TCP_CMD_MSG_SIZE} - EXT_REQ_DATA_AT;
 constexpr std::size_t ERROR_TEXT_MAX = 4096;
-constexpr std::size_t PIECE_BYTES = 1024 * 1024;
+constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
 constexpr int TIMED_OUT_CODE = -99;
 constexpr int UNKNOWN_CODE = -1;
 

@@ -22,7 +22,7 @@
 namespace kessctl {
 namespace {
 
-constexpr std::size_t PIECE_BYTES = 1024 * 1024;
+constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
 constexpr mode_t PERMISSION_BITS = 0777;
 constexpr char SEPARATOR = static_cast<char>(EXT_SEPARATOR);
 
@@ -85,7 +85,7 @@ ext_result send_file(command_client& client, const local_file& file, int limit_m
 // A file that vanishes unless it gets its name.
 class temporary_file {
   public:
-    temporary_file(const std::string& directory, std::string name)
+    temporary_file(const std::string& directory, const std::string& name)
         : name_(directory + "/" + name), path_(directory + "/." + name + ".XXXXXX"),
           fd_(mkostemp(path_.data(), O_CLOEXEC)) {}
     temporary_file(temporary_file&& other) noexcept

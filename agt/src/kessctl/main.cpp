@@ -3,6 +3,7 @@
 
 #include "commands.h"
 
+// NOLINTNEXTLINE(bugprone-exception-escape): want of memory may end it
 int main(int argc, char** argv) {
     using namespace kessctl;
     CLI::App app("Console of the kessard agent, and a stand-in for its central server.", "kessctl");

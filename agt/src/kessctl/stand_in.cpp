@@ -87,26 +87,33 @@ std::string stand_in::start(const std::string& address, int port, traffic_observ
     stop();
     address_ = address;
     port_ = port;
-    observer_ = std::move(observer);
     end_ = make_event();
-    messages_.clear();
-    accepted_ = 0;
-    stopping_ = false;
+    {
+        const agt::lock_guard lock(observer_mutex_);
+        observer_ = std::move(observer);
+    }
+    {
+        const agt::lock_guard lock(mutex_);
+        messages_.clear();
+        accepted_ = 0;
+        stopping_ = false;
+    }
     return open_listener();
 }
 
 void stand_in::stop() {
-    close_listener();
+    close_listener(); // so that nobody adds or removes connections any more
+    std::list<connection> ending;
     {
-        const std::lock_guard lock(mutex_);
+        const agt::lock_guard lock(mutex_);
+        ending.swap(connections_);
         stopping_ = true;
         if (end_.valid())
             raise_event(end_);
     }
     changed_.notify_all();
-    for (connection& peer : connections_) // nobody adds or removes any more
+    for (connection& peer : ending)
         peer.thread.join();
-    connections_.clear();
 }
 
 std::string stand_in::open_listener() {
@@ -132,7 +139,7 @@ void stand_in::close_listener() {
 }
 
 void stand_in::drop_connections() {
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     for (const connection& peer : connections_)
         if (!peer.done)
             shutdown(peer.sockfd.get(), SHUT_RDWR);
@@ -152,7 +159,7 @@ void stand_in::accept_loop() {
 }
 
 void stand_in::add_connection(agt::unique_fd sockfd) {
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     connection& peer = connections_.emplace_back();
     peer.id = ++accepted_;
     peer.sockfd = std::move(sockfd);
@@ -163,7 +170,7 @@ void stand_in::add_connection(agt::unique_fd sockfd) {
 void stand_in::join_done() {
     std::list<connection> ended;
     {
-        const std::lock_guard lock(mutex_);
+        const agt::lock_guard lock(mutex_);
         for (auto peer = connections_.begin(); peer != connections_.end();) {
             const auto here = peer++;
             if (here->done)
@@ -181,7 +188,7 @@ void stand_in::serve(connection& peer) {
            agt::wait_fd(peer.sockfd.get(), POLLIN, -1) == agt::wait_result::ready && wait_reading() &&
            serve_message(peer))
         ++served;
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     peer.sockfd.reset();
     peer.done = true;
     changed_.notify_all();
@@ -189,8 +196,8 @@ void stand_in::serve(connection& peer) {
 
 // Waits while reading is stopped; false at the end.
 bool stand_in::wait_reading() const {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return stopping_ || !options_.stop_reading; });
+    const agt::lock_guard lock(mutex_);
+    changed_.wait(mutex_, [this]() AGT_REQUIRES(mutex_) { return stopping_ || !options_.stop_reading; });
     return !stopping_;
 }
 
@@ -218,7 +225,7 @@ bool stand_in::serve_message(connection& peer) {
 // Keeps the message; how many of its type the connection has sent.
 int stand_in::record(connection& peer, const TCP_CMD_MSG& frame) {
     observe(peer, false, bytes_of(frame));
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     if (options_.record)
         messages_.push_back({frame, peer.id, std::chrono::system_clock::now()});
     changed_.notify_all();
@@ -246,7 +253,7 @@ std::string stand_in::answer_to(connection& peer, const TCP_CMD_MSG& request) {
 }
 
 void stand_in::start_list(connection& peer) {
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     peer.blocks = options_.raw_blocks.empty() ? blocks_of(services_) : options_.raw_blocks;
     peer.next_block = 0;
 }
@@ -281,31 +288,31 @@ bool stand_in::send_part(connection& peer, const std::string& bytes) {
 }
 
 void stand_in::observe(const connection& peer, bool sent, std::string bytes) {
-    const std::lock_guard lock(observer_mutex_);
+    const agt::lock_guard lock(observer_mutex_);
     if (observer_)
         observer_({peer.id, sent, std::move(bytes)});
 }
 
 void stand_in::set_services(std::vector<SERVICE_ELEMENT> services) {
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     services_ = std::move(services);
 }
 
 void stand_in::change(const std::function<void(stand_in_options&)>& edit) {
     {
-        const std::lock_guard lock(mutex_);
+        const agt::lock_guard lock(mutex_);
         edit(options_);
     }
     changed_.notify_all();
 }
 
 stand_in_options stand_in::options() const {
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     return options_;
 }
 
 std::vector<received_message> stand_in::messages() const {
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     return messages_;
 }
 
@@ -317,18 +324,18 @@ std::size_t stand_in::count(char type) const {
 }
 
 int stand_in::connections() const {
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     return accepted_;
 }
 
 void stand_in::forget_messages() {
-    const std::lock_guard lock(mutex_);
+    const agt::lock_guard lock(mutex_);
     messages_.clear();
 }
 
 std::optional<received_message> stand_in::wait_for(char type, std::size_t nth, int limit_ms) const {
     std::optional<received_message> found;
-    const auto arrived = [&] {
+    const auto arrived = [&]() AGT_REQUIRES(mutex_) {
         std::size_t missing = nth;
         for (const received_message& message : messages_)
             if (message.frame.hdr.msg_type[0] == type && --missing == 0) {
@@ -337,19 +344,20 @@ std::optional<received_message> stand_in::wait_for(char type, std::size_t nth, i
             }
         return false;
     };
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::milliseconds(limit_ms), arrived);
+    const agt::lock_guard lock(mutex_);
+    changed_.wait_for(mutex_, std::chrono::milliseconds(limit_ms), arrived);
     return found;
 }
 
 bool stand_in::wait_connections(int count, int limit_ms) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(limit_ms), [&] { return accepted_ >= count; });
+    const agt::lock_guard lock(mutex_);
+    return changed_.wait_for(mutex_, std::chrono::milliseconds(limit_ms),
+                             [&]() AGT_REQUIRES(mutex_) { return accepted_ >= count; });
 }
 
 bool stand_in::wait_open_connections(int count, int limit_ms) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(limit_ms), [&] {
+    const agt::lock_guard lock(mutex_);
+    return changed_.wait_for(mutex_, std::chrono::milliseconds(limit_ms), [&]() AGT_REQUIRES(mutex_) {
         return count == std::count_if(connections_.begin(), connections_.end(),
                                       [](const connection& peer) { return !peer.done; });
     });

@@ -10,13 +10,13 @@
 #include <functional>
 #include <list>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "kessard/cmd_msg.h"
+#include "mutex.h"
 #include "unique_fd.h"
 
 namespace kessctl {
@@ -130,17 +130,17 @@ class stand_in {
     bool send_part(connection& peer, const std::string& bytes);
     void observe(const connection& peer, bool sent, std::string bytes);
 
-    mutable std::mutex mutex_; // guards all below down to changed_
-    stand_in_options options_;
-    std::vector<SERVICE_ELEMENT> services_;
-    std::vector<received_message> messages_;
-    std::list<connection> connections_;
-    int accepted_ = 0;
-    bool stopping_ = false;
-    mutable std::condition_variable changed_;
+    mutable agt::mutex mutex_;
+    stand_in_options options_ AGT_GUARDED_BY(mutex_);
+    std::vector<SERVICE_ELEMENT> services_ AGT_GUARDED_BY(mutex_);
+    std::vector<received_message> messages_ AGT_GUARDED_BY(mutex_);
+    std::list<connection> connections_ AGT_GUARDED_BY(mutex_);
+    int accepted_ AGT_GUARDED_BY(mutex_) = 0;
+    bool stopping_ AGT_GUARDED_BY(mutex_) = false;
+    mutable std::condition_variable_any changed_;
 
-    std::mutex observer_mutex_;
-    traffic_observer observer_;
+    agt::mutex observer_mutex_;
+    traffic_observer observer_ AGT_GUARDED_BY(observer_mutex_);
     std::string address_;
     int port_ = 0;
     agt::unique_fd listener_;

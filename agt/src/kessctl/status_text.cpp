@@ -1,5 +1,6 @@
 // A snapshot for people: what is wrong first, then one short section per kind of object.
 #include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 
@@ -114,7 +115,7 @@ void add_fill(std::string& out, const fill_level& fill) {
         add(out, "  corrupt: %s\n", fill.fault.c_str());
     else
         add(out, "%9lu of %7lu  %5.1f %%  [%-*s]\n", fill.used, fill.slots, fill.percent(), int{BAR_CELLS},
-            std::string(static_cast<std::size_t>(fill.percent() / 100 * BAR_CELLS + 0.5), '#').c_str());
+            std::string(static_cast<std::size_t>(std::lround(fill.percent() / 100 * BAR_CELLS)), '#').c_str());
 }
 
 void add_fills(std::string& out, const agent_snapshot& now) {
