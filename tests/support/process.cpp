@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -105,6 +106,11 @@ process::process(const std::vector<std::string>& argv, const environment& variab
 process::~process() {
     if (!out_.valid() || session_ <= 0) // moved from, or never started
         return;
+    if (pid_ > 0 && std::getenv("KESSARD_COVERAGE") != nullptr) { // a killed program leaves no counters
+        kill(pid_, SIGTERM);
+        kill(pid_, SIGCONT);
+        wait_exit();
+    }
     wait_until([this] {
         const std::vector<proc_stat> left = processes_of(session_);
         for (const proc_stat& one : left) {

@@ -167,4 +167,26 @@ TEST_F(Console, DoctorFindsWhatADeadDaemonLeftAndCleanRemovesIt) {
     EXPECT_EQ(run({"clean"}), "0\n0 of 0 objects removed\n");
 }
 
+TEST_F(Console, DoctorNamesWhatIsWrongWithARunningAgent) {
+    start_running(daemon, {"-p", "1", "-c", "1"});
+    ASSERT_TRUE(daemon.wait_log("=== [CHECK_WORKER]") && daemon.wait_log("clients 0/5 , total_logs 0, curr_logs 0"));
+    ASSERT_EQ(semctl(daemon.sem_id("SVC_HASH_TBL_SEMKEY"), 0, SETVAL, 2), 0);
+    sembuf take = {0, -1, SEM_UNDO};
+    ASSERT_EQ(semop(daemon.sem_id("JCACHE_HASH_TBL_SEMKEY"), &take, 1), 0);
+    shmctl(shmget(daemon.shm_key("NOTI_SEND_QUE_SHMKEY"), 0, 0), IPC_RMID, nullptr);
+    shmctl(shmget(daemon.shm_key("TRAN_AGT_SHMKEY"), 0, 0), IPC_RMID, nullptr);
+    daemon.create_shm("TRAN_AGT_SHMKEY", 10); // removed with the agent's other objects
+    std::filesystem::remove_all(daemon.path("logs/proc"));
+    const std::string ill = run({"doctor"});
+    expect_in("SVC_HASH_TBL_SEMKEY (service table): value 2, so several processes can hold it at once", ill);
+    expect_in("JCACHE_HASH_TBL_SEMKEY (cache table): held by process " + std::to_string(getpid()) + " (", ill);
+    expect_in("NOTI_SEND_QUE_SHMKEY (notification queue): missing while the daemon runs, key ", ill);
+    expect_in("TRAN_AGT_SHMKEY (agent segment): too small, 10 instead of ", ill);
+    expect_in("uses another segment than the one of key ", ill);
+    expect_in("log: " + daemon.path("logs/proc/kessard") + ": No such file or directory", ill);
+    expect_in("\nfindings: 7\n", ill);
+    take.sem_op = 1;
+    EXPECT_EQ(semop(daemon.sem_id("JCACHE_HASH_TBL_SEMKEY"), &take, 1), 0);
+}
+
 } // namespace

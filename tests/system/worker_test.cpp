@@ -1,5 +1,6 @@
 // Idle workers, found by the watchdog of the real program; the console plays the tracer and the log parser.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cstring>
 
@@ -72,6 +73,7 @@ TEST(Workers, ConsoleSaysWhatDoesNotFit) {
     EXPECT_EQ(table.alloc_cnt + table.used.top, 20000u);
     EXPECT_TRUE(find_entry(table, 4194305 + 3999, 1) != nullptr && find_entry(table, 4194305 + 5999, 0) != nullptr);
     a.signal(SIGSTOP); // the reader of the notification queue
+    ASSERT_EQ(waitpid(a.pid(), nullptr, WUNTRACED), a.pid());
     const int rear = a.noti_que()->info.rear;
     const program_result put = a.console({"put-notification", "--count", "32770"});
     EXPECT_EQ(put.out + std::to_string(put.status), "32767 records put, 3 did not fit\n1");
