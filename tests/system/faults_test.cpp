@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -230,6 +231,26 @@ TEST_F(Faults, ResetsAtAnyByteLeaveNothing) {
             client.close();
             EXPECT_TRUE(at % 10 != 0 || command());
         }
+    a.write_file("big", std::string(300000, 'b'));
+    texts requests = {"\2"
+                      "0003R" +
+                          a.path("big"),
+                      "\2"
+                      "0001Rhead -c 300000 /dev/zero"};
+    for (const char type : {'2', '7', 'B', 'D'})
+        requests.push_back({type});
+    for (const std::string& request : requests)
+        for (const int at : offsets) { // goes away in the middle of the answer
+            TCP_CMD_MSG frame = kessctl::start_frame(0);
+            std::memcpy(frame.hdr.msg_type, request.data(), request.size());
+            reconnect();
+            char taken[TCP_CMD_MSG_SIZE];
+            EXPECT_TRUE(client.send(frame));
+            EXPECT_EQ(recv(client.fd(), taken, static_cast<std::size_t>(at), MSG_WAITALL), at);
+            reset_at_close(client.fd());
+            client.close();
+        }
+    EXPECT_TRUE(command() && wait_until([&] { return children(a.pid()).empty(); }));
     for (const auto& [type, provoke] : answers)
         for (const int at : offsets) {
             server.forget_messages();
@@ -240,6 +261,22 @@ TEST_F(Faults, ResetsAtAnyByteLeaveNothing) {
     server.change([](auto& options) { options.faults.clear(); });
     expect_all();
     EXPECT_TRUE(wait_until([&] { return open_files(a.pid()).size() <= files; }));
+    expect_end();
+}
+
+TEST_F(Faults, ADownloadThatCannotBeSentIsBrokenOff) {
+    const texts lines = {"file_download(): send fail for mb len=(-1)", "file_download(): send fail for body len=(-1)"};
+    a.write_file("there", "content");
+    std::filesystem::create_directory(a.path("here"));
+    start_running(a);
+    for (unsigned nth = 1; nth <= lines.size(); ++nth)
+        EXPECT_TRUE(wait_until([&] { // a thread of the daemon may have sent the nth
+            set("sendmsg", ECONNRESET, 0, nth);
+            const int status = a.console({"get", a.path("there"), a.path("here")}).status;
+            return status != 0 && a.count_log(lines[nth - 1]) == 1;
+        }));
+    clear();
+    EXPECT_EQ(a.console({"get", a.path("there"), a.path("here")}).status, 0);
     expect_end();
 }
 
