@@ -1,13 +1,10 @@
-// A trace table and a log inside a test.
+// A trace table inside a test.
 #include "trace_table.h"
 
 #include <sys/mman.h>
 
-#include <cstring>
+#include <cstdio>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "field.h"
 #include "log_printf.h"
@@ -43,37 +40,13 @@ PTRC_HASH_ARR& trace_table::add(const std::string& proc_nm, int pid, unsigned lo
     return entry;
 }
 
-test_log::test_log() {
-    char pattern[] = "/tmp/kt.XXXXXX";
-    if (mkdtemp(pattern) == nullptr || agt::open_log(pattern, "kessard", 1) != 0)
-        ADD_FAILURE() << "cannot open a log under /tmp: " << std::strerror(errno);
-    directory_ = pattern;
+trace_table_test::trace_table_test() {
+    kessard::running = 1;
+    EXPECT_EQ(agt::open_log(a.path("logs/proc/kessard").c_str(), "kessard", 1), 0);
 }
 
-test_log::~test_log() {
+trace_table_test::~trace_table_test() {
     agt::close_log();
-    std::error_code error;
-    std::filesystem::remove_all(directory_, error);
-}
-
-std::string test_log::text() const {
-    std::ostringstream all;
-    for (const auto& file : std::filesystem::directory_iterator(directory_))
-        if (file.path().filename().string().starts_with("kessard-"))
-            all << std::ifstream(file.path()).rdbuf();
-    return all.str();
-}
-
-std::size_t test_log::count(const std::string& part) const {
-    const texts all = lines();
-    return static_cast<std::size_t>(
-        std::count_if(all.begin(), all.end(), [&](const std::string& line) { return line.find(part) != line.npos; }));
-}
-
-void test_log::clear() const {
-    for (const auto& file : std::filesystem::directory_iterator(directory_))
-        if (file.path().filename().string().starts_with("kessard-"))
-            std::filesystem::resize_file(file.path(), 0);
 }
 
 } // namespace test_support

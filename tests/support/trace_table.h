@@ -1,4 +1,5 @@
-// What the tests of the sweep, the watchdog and the statistics need inside one process: a trace table, and a log.
+// What the tests of the sweep, the watchdog and the statistics need inside one process: a trace table, and the log of
+// an agent.
 #pragma once
 
 #include <string>
@@ -24,29 +25,14 @@ class trace_table {
     PTRC_HASH_TBL* table_;
 };
 
-// The log of this process, in a directory of its own.
-class test_log {
-  public:
-    test_log();
-    ~test_log();
-    std::string text() const;
-    texts lines() const { return messages(text()); }
-    std::size_t count(const std::string& part) const; // lines that contain it
-    void clear() const;
-    const std::string& directory() const { return directory_; }
-
-  private:
-    std::string directory_;
-};
-
-// Both, in a daemon that runs, and the keys and files of an agent.
+// The table, in a daemon that runs, and the keys, files and log of an agent.
 class trace_table_test : public testing::Test {
   protected:
     agent a;
-    test_log log;
     trace_table table;
 
-    trace_table_test() { kessard::running = 1; }
+    trace_table_test();
+    ~trace_table_test() override;
 };
 
 // Runs `pass` after `prepare(now)` until both fall into one second, which it returns.

@@ -53,13 +53,13 @@ class Housekeeping : public trace_table_test {
         start_st_log_passes();
     }
     // The lines of `count` passes, each bringing `logs` logs.
-    texts run_passes(int count, int logs = 0) const {
-        log.clear();
+    texts run_passes(int count, int logs = 0) {
+        a.mark_log();
         for (int i = 0; i < count; ++i) {
             tot_logs += logs;
             st_log_pass();
         }
-        return log.lines();
+        return messages(a.log());
     }
 };
 
@@ -116,7 +116,7 @@ TEST_F(Housekeeping, MarksLiveRenamedAndDeadProcesses) {
     check_ptrc_hash_tbl();
     for (std::size_t i = 0; i < std::size(cases); ++i)
         EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, cases[i].after) << "entry " << i;
-    EXPECT_EQ(log.lines(), wanted);
+    EXPECT_EQ(messages(a.log()), wanted);
 }
 
 TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
@@ -124,7 +124,7 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
         table.add("worker", DEAD_PID, i);
     for (const std::size_t sweeps : {1u, 2u}) { // the next one knows nothing of this one
         check_ptrc_hash_tbl();
-        EXPECT_EQ(log.count("@@@ process down: worker(4194305)"), sweeps);
+        EXPECT_EQ(a.count_log("@@@ process down: worker(4194305)"), sweeps);
     }
     for (int i = 0; i < 600; ++i) { // the cache may miss a record that it holds
         const bool own = i % 3 == 0;
@@ -178,8 +178,8 @@ TEST_F(Housekeeping, PrintsAndSweepsInTheirPeriods) {
         trc_sts_check_period = print_time = period;
         start_st_log_passes();
         run_passes(7);
-        EXPECT_EQ(log.count("##### ptrc hash table"), times) << period;
-        EXPECT_EQ(log.count("clients 0/5"), times) << period;
+        EXPECT_EQ(a.count_log("##### ptrc hash table"), times) << period;
+        EXPECT_EQ(a.count_log("clients 0/5"), times) << period;
     }
 }
 
@@ -236,13 +236,13 @@ TEST_F(Housekeeping, StartsOneUpdateAtATime) {
         a.write_file("trigger", "now\n");
         st_log_pass();
     }
-    EXPECT_EQ(log.count("(I) run shell-command get service list starting.."), 1u);
-    EXPECT_EQ(log.count("<!> update service is already running now.. skip action ."), 1u);
+    EXPECT_EQ(a.count_log("(I) run shell-command get service list starting.."), 1u);
+    EXPECT_EQ(a.count_log("<!> update service is already running now.. skip action ."), 1u);
     running = 0;
     th_cancel_shcmd_service_list();
     th_join_shcmd_service_list();
-    EXPECT_EQ(log.lines().back(), "(I) completed join shcmd_service_list.");
-    EXPECT_EQ(log.count("End Thread-function"), 0u); // and no retrieval at the end of the daemon
+    EXPECT_EQ(messages(a.log()).back(), "(I) completed join shcmd_service_list.");
+    EXPECT_EQ(a.count_log("End Thread-function"), 0u); // and no retrieval at the end of the daemon
 }
 
 } // namespace

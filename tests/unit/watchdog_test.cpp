@@ -36,7 +36,7 @@ class Watchdog : public trace_table_test {
         a.write_cfg();
         worker_cfg = {};
         delete_skip_hash();
-        log.clear();
+        a.mark_log();
         return init_is_working();
     }
     void set_up(const std::string& mode) {
@@ -92,8 +92,8 @@ TEST_F(Watchdog, TakesOrRefusesItsSettings) {
         EXPECT_EQ(set_up(), one.ret);
         a.set(one.section, one.keyword, good);
         EXPECT_EQ(worker_cfg.worker_flag, one.flag);
-        EXPECT_EQ(log.count("<!>"), *one.line == '\0' ? 0u : 1u) << log.text();
-        EXPECT_NE(log.text().find(one.line), std::string::npos) << log.text();
+        EXPECT_EQ(a.count_log("<!>"), *one.line == '\0' ? 0u : 1u) << a.log();
+        EXPECT_NE(a.log().find(one.line), std::string::npos) << a.log();
         EXPECT_TRUE(one.ret == 0 || worker_cfg.worker_rest_interval == one.rest_interval);
         EXPECT_TRUE(one.ret == 0 || worker_cfg.worker_mode == one.mode);
     }
@@ -102,7 +102,7 @@ TEST_F(Watchdog, TakesOrRefusesItsSettings) {
 TEST_F(Watchdog, CreatesOrOpensItsQueue) {
     for (const std::string how : {"create", "open"}) {
         EXPECT_EQ(set_up(), 1);
-        EXPECT_EQ(log.count("(i) parse_log_que " + how + " complete.[key:0x"), 1u);
+        EXPECT_EQ(a.count_log("(i) parse_log_que " + how + " complete.[key:0x"), 1u);
         EXPECT_EQ(a.parse_log_que()->que[0].info.rear, how == "open" ? 5 : 0); // left as it is
         a.parse_log_que()->que[0].info.rear = 5;
         detach_parse_log_que();
@@ -111,11 +111,11 @@ TEST_F(Watchdog, CreatesOrOpensItsQueue) {
     semctl(a.sem_id("PARSE_LOG_QUE_SEMKEY"), 0, IPC_RMID);
     EXPECT_NE(semget(a.sem_key("PARSE_LOG_QUE_SEMKEY"), 1, IPC_CREAT | IPC_EXCL | 0600), -1); // one instead of 16
     EXPECT_EQ(set_up(), 0);
-    EXPECT_EQ(log.count("<!> parse_log_que semaphore create error.[key:0x"), 1u);
+    EXPECT_EQ(a.count_log("<!> parse_log_que semaphore create error.[key:0x"), 1u);
     a.set("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY", a.value("IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY"));
     a.create_shm("SVC_HASH_TBL_SHMKEY", 100); // too small
     EXPECT_EQ(set_up(), 0);
-    EXPECT_EQ(log.count("<!> parse_log_que create error.[key:0x"), 1u);
+    EXPECT_EQ(a.count_log("<!> parse_log_que create error.[key:0x"), 1u);
 }
 
 TEST_F(Watchdog, SkipsTheFirstTwentyNames) {
@@ -146,8 +146,8 @@ TEST_F(Watchdog, ReportsIdleProcessesInProcessMode) {
         within_one_second([&](time_t now) { limit.lasted_access = now - idle_sec; }, [&] { found = pass(); });
         EXPECT_EQ(found, wanted);
     }
-    EXPECT_GE(log.count("[CHECK_WORKER] worker check start. [PTRC->A:4/T:4/10000]"), 2u);
-    EXPECT_EQ(log.count("[ADD]") + log.count("Delete worker list"), 0u);
+    EXPECT_GE(a.count_log("[CHECK_WORKER] worker check start. [PTRC->A:4/T:4/10000]"), 2u);
+    EXPECT_EQ(a.count_log("[ADD]") + a.count_log("Delete worker list"), 0u);
     table->used.idx[0] = PTRC_HASH_SLOTS; // no slot, as the next
     table->used.idx[3] = 0xffffffffu;
     EXPECT_EQ(pass(), texts(wanted.begin() + 1, wanted.end()));
@@ -168,10 +168,10 @@ TEST_F(Watchdog, ReportsThreadsAndProcessesWithoutActiveThreadsInThreadMode) {
                           "1711 Process not running. [early / pid:23 / tid:0]"};
     EXPECT_EQ(pass(), (texts{others[0], "1711 Thread not running. [stuck / pid:22 / tid:3]",
                              "1711 Process not running. [stuck / pid:22 / tid:0]", others[1]}));
-    EXPECT_TRUE(in_order(log.text(), {"[CHECK_WORKER] worker check start. [PTRC->A:9/T:9/10000]\n", "[ADD] good(21)\n",
-                                      "[CHECK_WORKER] send_event [good, pid:21, tid:2] [ret:1]\n", "[ADD] stuck(22)\n",
-                                      "[ADD] early(23)\n", "[CHECK_WORKER] send event. stuck(22)\n",
-                                      "send event. early(23)\n", "[CHECK_WORKER] Delete worker list. [count:3]\n"}));
+    EXPECT_TRUE(in_order(a.log(), {"[CHECK_WORKER] worker check start. [PTRC->A:9/T:9/10000]\n", "[ADD] good(21)\n",
+                                   "[CHECK_WORKER] send_event [good, pid:21, tid:2] [ret:1]\n", "[ADD] stuck(22)\n",
+                                   "[ADD] early(23)\n", "[CHECK_WORKER] send event. stuck(22)\n",
+                                   "send event. early(23)\n", "[CHECK_WORKER] Delete worker list. [count:3]\n"}));
     stuck.lasted_access += 1000; // the list is made anew by every pass
     EXPECT_EQ(pass(), others);
 }
@@ -234,9 +234,9 @@ TEST_F(Watchdog, ReportsACorruptTableAndStops) {
         const time_t now = within_one_second(spoil, [] { EXPECT_FALSE(check_worker_pass()); });
         expect_record(queue->data[1], now,
                       {{197, "2010"}, {220, "PTRC range error. [A:1/T:" + top + "/10000]" + '\0'}});
-        EXPECT_GE(log.count("<!> PTRC hash range error (A:1/T:" + top + "/10000)n"), 1u);
-        EXPECT_GE(log.count(top == "-1" ? "send_event [worker, pid:41, tid:5] [ret:1]"
-                                        : "send_event [, pid:0, tid:0] [ret:1]"), // none was examined
+        EXPECT_GE(a.count_log("<!> PTRC hash range error (A:1/T:" + top + "/10000)n"), 1u);
+        EXPECT_GE(a.count_log(top == "-1" ? "send_event [worker, pid:41, tid:5] [ret:1]"
+                                          : "send_event [, pid:0, tid:0] [ret:1]"), // none was examined
                   1u);
         table->used.top = 1;
         EXPECT_TRUE(check_worker_pass()); // examines the entry
@@ -253,9 +253,9 @@ TEST_F(Watchdog, GoesOnWhenTheQueueIsFull) {
     EXPECT_EQ(queue->info.rear, 1);
     queue->info.rear = PARSE_LOG_QUE_SLOTS; // out of range: nothing can be put
     EXPECT_TRUE(check_worker_pass());
-    EXPECT_EQ(log.count("[ret:1]"), 1u);
-    EXPECT_EQ(log.count("<!> put_parse_log_que fail"), 3u);
-    EXPECT_EQ(log.count("[CHECK_WORKER] send_event [two, pid:62, tid:0] [ret:-1]"), 2u);
+    EXPECT_EQ(a.count_log("[ret:1]"), 1u);
+    EXPECT_EQ(a.count_log("<!> put_parse_log_que fail"), 3u);
+    EXPECT_EQ(a.count_log("[CHECK_WORKER] send_event [two, pid:62, tid:0] [ret:-1]"), 2u);
 }
 
 // It waits for the queue's semaphore in its first event; no process is reported then, because its threads may just not
@@ -275,7 +275,7 @@ TEST_F(Watchdog, PutsUnderTheSemaphoreAndReportsNoProcessWhenTheDaemonEndsMeanwh
     watchdog.join();
     EXPECT_EQ(semctl(semid, 0, GETVAL), 1);
     EXPECT_EQ(queue->info.rear, 1);
-    EXPECT_EQ(log.count("send event. worker(72)"), 0u);
+    EXPECT_EQ(a.count_log("send event. worker(72)"), 0u);
 }
 
 } // namespace
