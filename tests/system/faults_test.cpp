@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "exchanges.h"
+#include "ext_peer.h"
 
 namespace {
 
@@ -275,6 +276,11 @@ TEST_F(Faults, ADownloadThatCannotBeSentIsBrokenOff) {
             const int status = a.console({"get", a.path("there"), a.path("here")}).status;
             return status != 0 && a.count_log(lines[nth - 1]) == 1;
         }));
+    EXPECT_TRUE(wait_until([&] { // nothing of the second file follows where the first broke off
+        set("sendmsg", ECONNRESET, 0, 3);
+        const std::string got = ask_ext(a, "0003R" + ext_items({a.path("there"), a.path("there")}));
+        return a.count_log("<!> error for send file data.... |" + a.path("there")) > 0 && !got.ends_with("content");
+    }));
     clear();
     EXPECT_EQ(a.console({"get", a.path("there"), a.path("here")}).status, 0);
     expect_end();

@@ -1,6 +1,8 @@
 // Active-service notifications through the real program: batches, the link going down and coming back.
 #include <climits>
 #include <cstring>
+#include <memory>
+#include <thread>
 
 #include "check_network.h"
 #include "field.h"
@@ -290,6 +292,28 @@ TEST_F(Notify, LinkLeaksNothingInAThousandReconnections) {
         EXPECT_TRUE(i == 1 || open_files(getpid()).size() == files);
         files = open_files(getpid()).size();
     }
+}
+
+TEST(NotifyQueue, ShowsARecordOnlyWhenItIsWhole) {
+    const auto queue = std::make_unique<NOTI_SEND_QUE>();
+    constexpr int COUNT = 300000;
+    std::thread producer([&] {
+        NOTI_SEND_QUE_DATA record;
+        for (int i = 0; i < COUNT; ++i) {
+            std::memset(&record, i % 127, sizeof record);
+            while (kessard::ring_put(*queue, &record, sizeof record) != 1)
+                std::this_thread::yield();
+        }
+    });
+    for (int i = 0; i < COUNT;) {
+        const NOTI_SEND_QUE_DATA* record = kessard::ring_take(*queue);
+        const char* bytes = reinterpret_cast<const char*>(record);
+        if (record == nullptr)
+            continue;
+        ASSERT_TRUE(bytes[0] == i % 127 && bytes[sizeof *record - 1] == i % 127) << i;
+        ++i;
+    }
+    producer.join();
 }
 
 TEST_F(Notify, LinkComesBackThroughItsOwnThread) {

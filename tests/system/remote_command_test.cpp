@@ -54,6 +54,8 @@ TEST_P(RemoteCommand, ABackgroundCommandDoesNotHoldThePort) {
     const texts standard_files(3, "/dev/null");
     EXPECT_TRUE(wait_until([&] { return open_files(left) == standard_files; }))
         << testing::PrintToString(open_files(left));
+    const ext_peer served(a, "0001Rsleep 300"); // nor does the child that serves one
+    EXPECT_TRUE(wait_until([&] { return a.count_log("[[ EXT_REQ - SVC_CMD ]]") == 2; }));
     EXPECT_EQ(a.stop(), 0);
     a.mark_log();
     start();

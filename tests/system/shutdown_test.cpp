@@ -1,9 +1,12 @@
 // The end of the real program: in order and soon, whatever it is doing, and what it does to its registry row.
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
+#include <thread>
 
 #include "full_listener.h"
 #include "served_agent.h"
@@ -114,6 +117,29 @@ TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
     EXPECT_TRUE(client.send(start_frame('B')));
     EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
     expect_orderly_end();
+}
+
+TEST_F(Shutdown, TakesASignalWhileRequestsPourIn) {
+    start();
+    std::atomic<bool> over{false};
+    std::thread flood([&] {
+        kessctl::command_client clients[4]; // one of them always has a request there
+        std::size_t left[4] = {};           // bytes of answers to come
+        const std::vector<TCP_CMD_MSG> requests(8, start_frame('7'));
+        char taken[8 * TCP_CMD_MSG_SIZE];
+        for (auto& one : clients)
+            EXPECT_TRUE(one.connect("127.0.0.1", a.port()));
+        for (std::size_t i = 0; !over; i = (i + 1) % 4) {
+            const ssize_t got = recv(clients[i].fd(), taken, sizeof taken, MSG_DONTWAIT);
+            left[i] -= got > 0 ? static_cast<std::size_t>(got) : 0;
+            if (left[i] < sizeof taken && clients[i].send_bytes(requests.data(), sizeof taken))
+                left[i] += sizeof taken;
+        }
+    });
+    EXPECT_TRUE(a.wait_log("(i) -> RESULT_CODE", 500));
+    expect_orderly_end();
+    over = true;
+    flood.join();
 }
 
 TEST_F(Shutdown, MarksNoRowButItsOwn) {
