@@ -125,8 +125,9 @@ TEST_F(Shutdown, TakesASignalWhileRequestsPourIn) {
     std::thread flood([&] {
         kessctl::command_client clients[4]; // one of them always has a request there
         std::size_t left[4] = {};           // bytes of answers to come
-        const std::vector<TCP_CMD_MSG> requests(8, start_frame('7'));
-        char taken[8 * TCP_CMD_MSG_SIZE];
+        const std::vector<SERVICE_ELEMENT> some = services(8);
+        const std::vector<TCP_CMD_MSG> requests(32, kessctl::modified_services_frame(some.data(), 8));
+        char taken[32 * TCP_CMD_MSG_SIZE];
         for (auto& one : clients)
             EXPECT_TRUE(one.connect("127.0.0.1", a.port()));
         for (std::size_t i = 0; !over; i = (i + 1) % 4) {

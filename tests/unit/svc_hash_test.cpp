@@ -2,11 +2,8 @@
 #include "set_svc_hash_tbl.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <climits>
-#include <cstring>
 #include <random>
 
 #include "checks.h"
@@ -41,20 +38,10 @@ texts same_bucket(std::size_t count) {
     return ids;
 }
 
-// Zero memory of the process for a table, with a page behind it that cannot be touched.
-void* guarded_memory() {
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const std::size_t size = (sizeof(SVC_HASH_TBL) + page - 1) / page * page;
-    static char* const start =
-        static_cast<char*>(mmap(nullptr, size + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(start + size, page, PROT_NONE);
-    std::memset(start, 0, size);
-    return start + size - sizeof(SVC_HASH_TBL);
-}
-
 class SvcHash : public testing::Test {
   protected:
-    SVC_HASH_TBL& table = *static_cast<SVC_HASH_TBL*>(guarded_memory());
+    std::unique_ptr<SVC_HASH_TBL> memory = std::make_unique<SVC_HASH_TBL>();
+    SVC_HASH_TBL& table = *memory;
 
     SvcHash() {
         svc_hash_tbl = &table;
