@@ -146,6 +146,9 @@ TEST_F(SvcHash, SurvivesACorruptTable) {
     }
     EXPECT_EQ(init_svc_hash_tbl(), 1);
     EXPECT_EQ(table_fault(table), ""); // usable again
+    table.h_idx[BUCKET] = SVC_HASH_SLOTS; // the first that is no slot
+    EXPECT_EQ(set(element(ids[0])), 9999);
+    EXPECT_EQ(table_fault(table), "");
 }
 
 } // namespace
