@@ -1,15 +1,22 @@
 // The bare side of the benchmark: a program that does nothing but the work itself, with blocking calls and no checks.
 //
 //     kessard_bare echo          answers every 1407 bytes with 1407 bytes
+//     kessard_bare crowd         the same for five connections at once, once all five are there
 //     kessard_bare ping          for each 4-byte number that comes: sends 1407 bytes and waits for 1407, so many times
 //     kessard_bare shell         for each byte that comes: runs "/bin/sh -c 'echo a'" and answers with nanoseconds
 //     kessard_bare store FILE    writes what comes to the file, one connection after the other
 //     kessard_bare fetch FILE    sends the file, one connection after the other
 //
-// It writes its port to standard output and serves one connection at a time.
+// These write their port to standard output and serve one connection at a time. Two need none and print a line when
+// they are ready:
+//
+//     kessard_bare leave KEY SIZE...    attaches the shared segments of these keys and sizes, which it makes if need be
+//     kessard_bare touch KEY SIZE...    the same and clears every byte of them
+//     kessard_bare waits                waits as often as the daemon does without work
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,12 +26,16 @@
 #include <cstring>
 #include <ctime>
 
+#include "bare_local.h"
+
 namespace {
 
 constexpr std::size_t FRAME_BYTES = 1407;
 constexpr std::size_t PIECE_BYTES = 1024 * 1024;
+constexpr int CROWD = 5;
 
 const char* file_name = "";
+int listener = -1;
 char frame[FRAME_BYTES];
 char piece[PIECE_BYTES];
 
@@ -35,6 +46,30 @@ bool receive(int sockfd, void* out, std::size_t length) {
 void echo(int sockfd) {
     while (receive(sockfd, frame, sizeof frame) && write(sockfd, frame, sizeof frame) > 0)
         continue;
+}
+
+int accept_one() {
+    const int sockfd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    const int nodelay = 1;
+    setsockopt(sockfd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
+    return sockfd;
+}
+
+bool answer_ready(const pollfd (&watched)[CROWD]) {
+    for (const pollfd& one : watched)
+        if (one.revents != 0 && !(receive(one.fd, frame, sizeof frame) && write(one.fd, frame, sizeof frame) > 0))
+            return false;
+    return true;
+}
+
+void crowd(int first) {
+    pollfd watched[CROWD] = {{first, POLLIN, 0}};
+    for (int i = 1; i < CROWD; ++i)
+        watched[i] = {accept_one(), POLLIN, 0};
+    while (poll(watched, CROWD, -1) > 0 && answer_ready(watched))
+        continue;
+    for (int i = 1; i < CROWD; ++i)
+        close(watched[i].fd);
 }
 
 void ping(int sockfd) {
@@ -101,36 +136,50 @@ struct work {
     const char* name;
     void (*serve)(int sockfd);
 };
-constexpr work WORKS[] = {{"echo", echo}, {"ping", ping}, {"shell", shell}, {"store", store}, {"fetch", fetch}};
+constexpr work WORKS[] = {{"echo", echo},   {"crowd", crowd}, {"ping", ping},
+                          {"shell", shell}, {"store", store}, {"fetch", fetch}};
 
-// A listening socket on a port that the system chooses, which it prints.
-int listen_somewhere() {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// Listens on a port that the system chooses and prints it.
+bool listen_somewhere() {
+    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in own{};
     own.sin_family = AF_INET;
     own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof own;
     if (bind(listener, reinterpret_cast<sockaddr*>(&own), size) != 0 || listen(listener, 5) != 0 ||
         getsockname(listener, reinterpret_cast<sockaddr*>(&own), &size) != 0)
-        return -1;
+        return false;
     std::printf("%d\n", ntohs(own.sin_port));
     std::fflush(stdout);
-    return listener;
+    return true;
+}
+
+// Comes back only when the work is none of these.
+void work_without_connection(char** argv) {
+    if (std::strcmp(argv[1], "waits") == 0)
+        wait_without_work();
+    static constexpr const char* PAGES[] = {"leave", "touch"};
+    for (const char* pages : PAGES)
+        if (std::strcmp(argv[1], pages) == 0)
+            attach_objects(*pages == 't', argv + 2);
+}
+
+void serve(const work& one) {
+    if (!listen_somewhere())
+        return;
+    for (int sockfd = -1; (sockfd = accept_one()) >= 0; close(sockfd))
+        one.serve(sockfd);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    if (argc < 2)
+        return 1;
+    work_without_connection(argv);
     file_name = argc > 2 ? argv[2] : "";
-    for (const work& one : WORKS) {
-        if (argc < 2 || std::strcmp(argv[1], one.name) != 0)
-            continue;
-        const int listener = listen_somewhere();
-        for (int sockfd = -1; (sockfd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; close(sockfd)) {
-            const int nodelay = 1;
-            setsockopt(sockfd, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
-            one.serve(sockfd);
-        }
-    }
+    for (const work& one : WORKS)
+        if (std::strcmp(argv[1], one.name) == 0)
+            serve(one);
     return 1;
 }

@@ -18,7 +18,7 @@ class bare_peer {
         test_support::wait_until([this] { return program_.out().ends_with('\n'); });
     }
 
-    // A new connection to it; the one before must have been closed.
+    // A new connection to it; the one before must have been closed, but for a crowd.
     agt::unique_fd connect() const {
         return agt::unique_fd(agt::create_tcp_client_session("127.0.0.1", std::atoi(program_.out().c_str()), 0));
     }

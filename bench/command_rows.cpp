@@ -1,33 +1,19 @@
-// Rows: a settings request, a remote command.
-#include <cmath>
+// Rows: a settings request, five of them at once, a remote command.
 #include <cstdint>
 
 #include "ext_client.h"
 #include "frame.h"
 #include "rows.h"
+#include "settings_request.h"
 
 namespace bench {
 namespace {
 
 constexpr int ROUNDS = 101;
 constexpr int EXCHANGES = 200; // of one sample
+constexpr int CLIENTS = 5;     // as many as the bare program waits for
 constexpr int COMMAND_ROUNDS = 301;
 constexpr std::size_t ANSWER_BYTES = sizeof(EXT_RSP_HDR) + 8 + 2; // exit code, length, "a" and a newline
-
-TCP_CMD_MSG settings_request() {
-    TCP_CMD_MSG request = kessctl::start_frame(MSG_SET_SYS_CONFIG_SET_REQ);
-    BODY_SET_SYS_CONFIG_SET_REQ& body = request.body.set_sys_config_set_req;
-    kessctl::put_field(body.ipaddr, sizeof body.ipaddr, "127.0.0.1");
-    kessctl::put_field(body.log_flag_set, sizeof body.log_flag_set, "SEVBCIXQ");
-    kessctl::put_field(body.log_qcnt, sizeof body.log_qcnt, "8");
-    kessctl::put_field(body.log_onoff, sizeof body.log_onoff, "1");
-    kessctl::put_field(body.sfilter_onoff, sizeof body.sfilter_onoff, "0");
-    kessctl::put_field(body.call_trc_depth, sizeof body.call_trc_depth, "100");
-    kessctl::put_field(body.call_trc_limit, sizeof body.call_trc_limit, "1000");
-    kessctl::put_field(body.dbio_trc_limit, sizeof body.dbio_trc_limit, "1000");
-    kessctl::put_field(body.sql_trc_limit, sizeof body.sql_trc_limit, "1000");
-    return request;
-}
 
 double remote_command_us(const running_agent& agent, const TCP_CMD_MSG& request) {
     char answer[ANSWER_BYTES];
@@ -53,9 +39,25 @@ figures command_row(running_agent& agent) {
     const agt::unique_fd own = agent.connect();
     const TCP_CMD_MSG request = settings_request();
     return {compare(
-        {"'7' request and answer", "us", 0, 0, 0, 1.5, false}, ROUNDS,
-        [&] { return exchange_us(own.get(), &request, EXCHANGES); },
-        [&] { return exchange_us(bare.get(), &request, EXCHANGES); })};
+        {"settings request and answer", "us", judged::ratio, 1.5}, ROUNDS,
+        [&] { return exchange_us({own.get()}, &request, EXCHANGES); },
+        [&] { return exchange_us({bare.get()}, &request, EXCHANGES); })};
+}
+
+figures clients_row(running_agent& agent) {
+    const bare_peer peer("crowd");
+    std::vector<agt::unique_fd> open;
+    std::vector<int> bare;
+    std::vector<int> own;
+    for (int i = 0; i < CLIENTS; ++i) {
+        bare.push_back(open.emplace_back(peer.connect()).get());
+        own.push_back(open.emplace_back(agent.connect()).get());
+    }
+    const TCP_CMD_MSG request = settings_request();
+    return {compare(
+        {"the same, five clients at once, each", "us", judged::ratio, 2}, ROUNDS,
+        [&] { return exchange_us(own, &request, EXCHANGES / CLIENTS); },
+        [&] { return exchange_us(bare, &request, EXCHANGES / CLIENTS); })};
 }
 
 figures exec_row(running_agent& agent) {
@@ -63,7 +65,7 @@ figures exec_row(running_agent& agent) {
     const agt::unique_fd bare = peer.connect();
     const TCP_CMD_MSG request = kessctl::ext_frame({EXT_SVC_CMD, "echo a", 0, 1});
     return {compare(
-        {"remote command 'echo a'", "us", 0, 0, 0, 1.5, false}, COMMAND_ROUNDS,
+        {"remote command 'echo a'", "us", judged::ratio, 1.5}, COMMAND_ROUNDS,
         [&] { return remote_command_us(agent, request); }, [&] { return shell_us(bare.get()); })};
 }
 

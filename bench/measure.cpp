@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cmath>
 #include <csignal>
 #include <ctime>
 #include <limits>
@@ -54,7 +53,6 @@ figure compare(const figure& of, int rounds, const std::function<double()>& kess
     figure measured = of;
     measured.kessard = median(sides[0]);
     measured.bare = median(sides[1]);
-    measured.value = measured.kessard / measured.bare;
     return measured;
 }
 
@@ -73,13 +71,15 @@ bool receive_all(int sockfd, void* out, std::size_t length) {
     return recv(sockfd, out, length, MSG_WAITALL) == static_cast<ssize_t>(length);
 }
 
-double exchange_us(int sockfd, const void* frame, int count) {
+double exchange_us(const std::vector<int>& sockfds, const void* frame, int count) {
     char answer[TCP_CMD_MSG_SIZE];
+    const auto send = [&](int sockfd) { return send_all(sockfd, frame, TCP_CMD_MSG_SIZE); };
+    const auto receive = [&](int sockfd) { return receive_all(sockfd, answer, sizeof answer); };
     const double start_us = now_us();
     for (int i = 0; i < count; ++i)
-        if (!send_all(sockfd, frame, TCP_CMD_MSG_SIZE) || !receive_all(sockfd, answer, sizeof answer))
+        if (!std::all_of(sockfds.begin(), sockfds.end(), send) || !std::all_of(sockfds.begin(), sockfds.end(), receive))
             return NAN;
-    return (now_us() - start_us) / count;
+    return (now_us() - start_us) / count / static_cast<double>(sockfds.size());
 }
 
 } // namespace bench

@@ -4,21 +4,27 @@
 // medians. A measurement that failed is not a number and makes its figure one.
 #pragma once
 
+#include <cmath>
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace bench {
 
+// What is held against the limit: the daemon's side over the bare one, or the daemon's side alone.
+enum class judged { ratio, own };
+
 struct figure {
     std::string name;
     std::string unit;
-    double kessard; // median
-    double bare;    // median; not a number without a bare side
-    double value;   // the ratio of the two, or of the daemon alone
-    double limit;
-    bool at_least; // whether the limit is the least or the most
-    bool within() const { return at_least ? value >= limit : value <= limit; }
+    judged by = judged::ratio;
+    double limit = INFINITY;
+    bool at_least = false; // whether the limit is the least or the most
+    double kessard = NAN;  // median
+    double bare = NAN;     // median; not a number without a bare side
+    double ratio() const { return kessard / bare; }
+    double value() const { return by == judged::ratio ? ratio() : kessard; }
+    bool within() const { return at_least ? value() >= limit : value() <= limit; }
 };
 
 using samples = std::vector<double>;
@@ -40,7 +46,7 @@ figure compare(const figure& of, int rounds, const std::function<double()>& kess
 bool send_all(int sockfd, const void* bytes, std::size_t length);
 bool receive_all(int sockfd, void* out, std::size_t length);
 
-// Sends a frame and receives one, `count` times; microseconds of one exchange.
-double exchange_us(int sockfd, const void* frame, int count);
+// Sends a frame on each of the connections and receives one from each, `count` times; microseconds of one exchange.
+double exchange_us(const std::vector<int>& sockfds, const void* frame, int count);
 
 } // namespace bench

@@ -37,10 +37,11 @@ log_end::log_end(const test_support::agent& program)
     : directory_(program.path("logs/proc/kessard")), mark_(size_of(open_log(directory_))) {}
 
 bool log_end::find(const std::string& text) {
-    const agt::unique_fd file = open_log(directory_);
-    const long long from = std::max(mark_, size_of(file) - TAIL_BYTES);
+    if (!file_.valid())
+        file_ = open_log(directory_);
+    const long long from = std::max(mark_, size_of(file_) - TAIL_BYTES);
     char tail[2 * TAIL_BYTES];
-    const ssize_t got = pread(file.get(), tail, sizeof tail, from);
+    const ssize_t got = pread(file_.get(), tail, sizeof tail, from);
     return got > 0 && std::string_view(tail, static_cast<std::size_t>(got)).find(text) != std::string_view::npos;
 }
 
@@ -61,7 +62,7 @@ running_agent::running_agent() {
     program.start();
     const central_server::arrival asked = server.take(MSG_GET_SERVICE_LIST_REQ);
     const TCP_CMD_MSG no_services = kessctl::service_block_frame(nullptr, 0, true);
-    exchange_us(asked.sockfd.get(), &no_services, 1);
+    exchange_us({asked.sockfd.get()}, &no_services, 1);
     log.wait_us("start... running");
 }
 

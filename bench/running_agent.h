@@ -23,6 +23,7 @@ class log_end {
     bool find(const std::string& text);
 
     std::string directory_;
+    agt::unique_fd file_; // once there is one
     long long mark_;
 };
 

@@ -1,6 +1,4 @@
 // Row: a load of the service table, the dump to the log included.
-#include <cmath>
-
 #include "frame.h"
 #include "rows.h"
 #include "service_file.h"
@@ -37,7 +35,7 @@ bool send_list(int sockfd, const blocks& list) {
 double load_us(running_agent& agent, const blocks& list) {
     log_end log(agent.program);
     const TCP_CMD_MSG renew = kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ);
-    exchange_us(agent.connect().get(), &renew, 1);
+    exchange_us({agent.connect().get()}, &renew, 1);
     const central_server::arrival asked = agent.server.take(MSG_GET_SERVICE_LIST_REQ);
     if (!send_list(asked.sockfd.get(), list))
         return NAN;
@@ -56,7 +54,7 @@ figures services_row(running_agent& agent) {
     const agt::unique_fd bare = peer.connect();
     const blocks list = make_blocks();
     return {compare(
-        {"load of 10,000 services", "us", 0, 0, 0, 5, false}, ROUNDS, [&] { return load_us(agent, list); },
+        {"load of 10,000 services", "us", judged::ratio, 5}, ROUNDS, [&] { return load_us(agent, list); },
         [&] { return bare_us(bare.get(), list); })};
 }
 

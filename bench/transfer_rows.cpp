@@ -115,14 +115,14 @@ figures transfer_row(running_agent& agent) {
     const bool whole = upload(agent, at, observed) && download(agent, at, observed);
     const double memory_mb = whole && peak_mb > 0 ? peak_mb : NAN;
     return {compare(
-                {"256 MiB to the daemon", "MiB/s", 0, 0, 0, 0.6, true}, ROUNDS,
+                {"256 MiB to the daemon", "MiB/s", judged::ratio, 0.6, true}, ROUNDS,
                 [&] { return rate(at, [&] { return upload(agent, at, unobserved); }); },
                 [&] { return rate(at, [&] { return bare_upload(store, at); }); }),
             compare(
-                {"256 MiB from the daemon", "MiB/s", 0, 0, 0, 0.6, true}, ROUNDS,
+                {"256 MiB from the daemon", "MiB/s", judged::ratio, 0.6, true}, ROUNDS,
                 [&] { return rate(at, [&] { return download(agent, at, unobserved); }); },
                 [&] { return rate(at, [&] { return bare_download(fetch, at); }); }),
-            {"memory of the serving child", "MB", memory_mb, NAN, memory_mb, MEMORY_LIMIT_MB, false}};
+            {"memory of the serving child", "MB", judged::own, MEMORY_LIMIT_MB, false, memory_mb}};
 }
 
 } // namespace bench

@@ -106,7 +106,10 @@ process::process(const std::vector<std::string>& argv, const environment& variab
 process::~process() {
     if (!out_.valid() || session_ <= 0) // moved from, or never started
         return;
-    if (pid_ > 0 && std::getenv("KESSARD_COVERAGE") != nullptr) { // a killed program leaves no counters
+    if (pid_ > 0 && getsid(pid_) != session_) { // just forked: the session is not there yet
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    } else if (pid_ > 0 && std::getenv("KESSARD_COVERAGE") != nullptr) { // a killed program leaves no counters
         kill(pid_, SIGTERM);
         kill(pid_, SIGCONT);
         wait_exit();
