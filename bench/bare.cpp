@@ -31,7 +31,7 @@
 namespace {
 
 constexpr std::size_t FRAME_BYTES = 1407;
-constexpr std::size_t PIECE_BYTES = 1024 * 1024;
+constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
 constexpr int CROWD = 5;
 
 const char* file_name = "";

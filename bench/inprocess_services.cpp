@@ -16,7 +16,7 @@
 namespace bench {
 namespace {
 
-constexpr std::size_t WRITE_BYTES = 32 * 1024; // of one write of the log
+constexpr std::size_t WRITE_BYTES = std::size_t{32} * 1024; // of one write of the log
 
 const std::vector<SERVICE_ELEMENT>& services() {
     static const std::vector<SERVICE_ELEMENT> all = [] {

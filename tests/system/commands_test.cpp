@@ -272,7 +272,7 @@ TEST_F(Commands, GiveUpAClientThatNeverReads) {
     const TCP_CMD_MSG request = start_frame('D');
     const int small = 1;
     setsockopt(client.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    std::size_t at = 0; // of the next byte in its frame
+    std::size_t at = 0;          // of the next byte in its frame
     EXPECT_TRUE(wait_until([&] { // the daemon takes no more
         const char* bytes = reinterpret_cast<const char*>(&request);
         ssize_t sent = 0;

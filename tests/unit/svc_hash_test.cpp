@@ -145,7 +145,7 @@ TEST_F(SvcHash, SurvivesACorruptTable) {
         show_svc_hash_tbl(*copy_svc_hash_tbl(table));
     }
     EXPECT_EQ(init_svc_hash_tbl(), 1);
-    EXPECT_EQ(table_fault(table), ""); // usable again
+    EXPECT_EQ(table_fault(table), "");    // usable again
     table.h_idx[BUCKET] = SVC_HASH_SLOTS; // the first that is no slot
     EXPECT_EQ(set(element(ids[0])), 9999);
     EXPECT_EQ(table_fault(table), "");
