@@ -1,12 +1,34 @@
-// What several tests look at: log lines without their time, the order of a service table, the state of a process.
+// What several tests look at: log lines without their time, the order of a service table, the state of a process. And
+// the headers of the system and of the library that most tests use.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agent_fixture.h"
+#include "field.h"
+#include "tcp_base.h"
 
 namespace test_support {
 

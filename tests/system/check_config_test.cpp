@@ -1,15 +1,4 @@
 // kessctl check-config, doctor and clean, with the real daemon as the judge of what they say.
-#include <gtest/gtest.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 #include "checks.h"
 
 namespace {
@@ -21,9 +10,8 @@ class Console : public testing::Test {
     agent daemon;
 
     // Runs kessctl: its exit status, then what it shows.
-    std::string run(texts arguments) const {
-        arguments.insert(arguments.begin(), KESSCTL_PROGRAM);
-        const program_result shown = run_program(arguments, daemon.variables);
+    std::string run(const texts& arguments) const {
+        const program_result shown = daemon.console(arguments);
         return std::to_string(shown.status) + "\n" + shown.out + shown.err;
     }
     void put_before(const std::string& start, const std::string& lines) {
@@ -113,8 +101,8 @@ TEST_F(Console, SaysWhatTheReaderPassesOver) {
 
 TEST_F(Console, CallsFineWhatTheDaemonStartsWith) {
     std::filesystem::create_directory(daemon.path("run"));
-    const auto sample = std::filesystem::path(__FILE__).parent_path() / "../../agt/conf/agt.cfg";
-    expect_in(" 35 keys checked, errors: 0, ", run({"check-config", sample})); // its port may be in use
+    expect_in(" 35 keys checked, errors: 0, ",
+              run({"check-config", SOURCE_TREE "agt/conf/agt.cfg"})); // its port may be in use
     daemon.write_cfg();
     const std::string clean = daemon.cfg_file() + ": 35 keys checked, errors: 0, warnings: 0\n";
     EXPECT_EQ(run({"check-config", "--strict"}), "0\n" + clean);

@@ -1,8 +1,4 @@
 // The commands of the console that change and show an agent, and the stand-in server as a program that it serves.
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "checks.h"

@@ -2,20 +2,7 @@
 // killed.
 #include "faults.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/sem.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-
-#include <algorithm>
-#include <atomic>
-#include <climits>
-#include <csignal>
-#include <cstring>
-#include <filesystem>
-#include <random>
-#include <thread>
 
 #include "exchanges.h"
 #include "ext_peer.h"

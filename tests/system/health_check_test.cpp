@@ -2,15 +2,6 @@
 // connection. Cycles run in this process, on memory of its own; one test sees the real program report.
 #include "health_check.h"
 
-#include <unistd.h>
-
-#include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <memory>
-
-#include "field.h"
 #include "get_service_list.h"
 #include "jcache_hash_stk.h"
 #include "log_printf.h"
@@ -21,7 +12,6 @@
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
 #include "shmem.h"
-#include "tcp_base.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
 

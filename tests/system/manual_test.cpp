@@ -1,7 +1,6 @@
 // The manual pages and the shell completion against the programs and the table of configuration keys.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <regex>
 #include <set>
 #include <string>
@@ -16,7 +15,7 @@ using names = std::set<std::string>;
 
 constexpr char SUBCOMMAND[] = "\n  ([a-z][a-z-]*)  "; // in a help, as the next
 constexpr char OPTION[] = "(?:\n  |,)(--[a-z0-9-]+)";
-const std::string ROOT = std::filesystem::path(__FILE__).parent_path() / "../../";
+const std::string ROOT = SOURCE_TREE;
 
 names found(std::string text, const std::string& pattern) {
     names all;

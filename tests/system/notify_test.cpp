@@ -1,12 +1,5 @@
 // Active-service notifications through the real program: batches, the link going down and coming back.
-#include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <thread>
-
 #include "check_network.h"
-#include "field.h"
 #include "full_listener.h"
 #include "process_globals.h"
 #include "ring_queue.h"

@@ -1,6 +1,4 @@
 // Shell commands for the central server, through the real program and the console.
-#include <signal.h>
-
 #include "ext_peer.h"
 #include "served_agent.h"
 

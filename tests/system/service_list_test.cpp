@@ -1,13 +1,7 @@
 // Retrieval of the service list through the real program: lists of every size, servers of every kind, and that nothing
 // is left behind.
-#include <sys/sem.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
 #include <future>
 
-#include "field.h"
 #include "served_agent.h"
 
 namespace {

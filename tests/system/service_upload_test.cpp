@@ -1,7 +1,4 @@
 // Uploads of a script's service list through the real program.
-#include <cstring>
-#include <filesystem>
-
 #include "served_agent.h"
 
 namespace {

@@ -1,13 +1,4 @@
 // The end of the real program: in order and soon, whatever it is doing, and what it does to its registry row.
-#include <sys/sem.h>
-#include <sys/shm.h>
-#include <sys/socket.h>
-
-#include <atomic>
-#include <csignal>
-#include <cstring>
-#include <thread>
-
 #include "full_listener.h"
 #include "served_agent.h"
 

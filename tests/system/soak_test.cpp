@@ -1,12 +1,5 @@
 // Everything at once, in rounds; between them the daemon may hold no more than after the first. KESSARD_SOAK_SEC says
 // for how long, 30 seconds otherwise.
-#include <sys/shm.h>
-
-#include <atomic>
-#include <cstdlib>
-#include <filesystem>
-#include <thread>
-
 #include "exchanges.h"
 
 namespace {

@@ -1,17 +1,6 @@
 // Start-up through the real program: the order of its log lines, what stops it, what it leaves in the shared objects,
 // and the background mode.
-#include <fcntl.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <csignal>
-#include <cstring>
-#include <filesystem>
-
 #include "served_agent.h"
-#include "tcp_base.h"
 
 namespace {
 

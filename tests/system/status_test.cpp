@@ -1,14 +1,7 @@
 // What the console says of an agent: status and metrics, through the real programs.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <climits>
-#include <csignal>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "checks.h"
 #include "sem.h"
@@ -28,10 +21,7 @@ class Status : public testing::Test {
         start_running(daemon);
         ASSERT_TRUE(kill(daemon.pid(), SIGSTOP) == 0 && waitpid(daemon.pid(), nullptr, WUNTRACED) == daemon.pid());
     }
-    program_result console(texts words) const {
-        words.insert(words.begin(), KESSCTL_PROGRAM);
-        return run_program(words, daemon.variables);
-    }
+    program_result console(const texts& words) const { return daemon.console(words); }
     json look(int wanted_status, texts words = {}) const {
         words.insert(words.begin(), {"status", "--json"});
         const program_result done = console(words);

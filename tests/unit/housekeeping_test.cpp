@@ -1,15 +1,9 @@
 // Housekeeping passes: the liveness sweep, the statistics and their countdowns, the reset in silence, the update
 // triggers.
 #include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
 
 #include "check_ptrc_hash_tbl.h"
 #include "client.h"
-#include "field.h"
 #include "full_listener.h"
 #include "process_globals.h"
 #include "settings.h"

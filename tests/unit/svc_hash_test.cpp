@@ -1,13 +1,7 @@
 // The service table on the heap: what inserts, updates and deletes do to it, and that nothing in it can break them.
 #include "set_svc_hash_tbl.h"
 
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <random>
-
 #include "checks.h"
-#include "field.h"
 #include "hash.h"
 #include "service_file.h"
 #include "settings.h"

@@ -1,11 +1,4 @@
 // The worker watchdog: what its set-up refuses, the skip list, both modes, the bytes of its events.
-#include <sys/sem.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <thread>
-
 #include "check_worker.h"
 #include "parse_log_que.h"
 #include "process_globals.h"
