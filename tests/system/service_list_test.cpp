@@ -37,6 +37,11 @@ TEST_F(ServiceList, IsLoadedAtStartAndByEveryRenewal) {
     start();
     EXPECT_TRUE(server.wait_for('6', 2));
     expect_loaded(9);
+    texts dumped;
+    for (int i = 0; i < 9; ++i)
+        dumped.push_back("[" + std::to_string(i) + "] array_idx#" + std::to_string(9999 - i) +
+                         ", service_id : |SERVICE" + std::to_string(i) + " ");
+    EXPECT_TRUE(in_order(a, dumped));
     for (const int count : {0, 8, 1000, 10001}) {
         SCOPED_TRACE(count);
         server.forget_messages();
