@@ -34,7 +34,7 @@ TEST_F(Shutdown, GoesThroughItsStepsInOrder) {
         a.signal(SIGCHLD); // does not end it
     const std::string received = "(" + std::to_string(a.pid()) + ") recive sinal... SIGCHLD(-1)\n";
     EXPECT_TRUE(wait_until([&] { return a.out().find(received) != std::string::npos; }));
-    EXPECT_TRUE(ask(start_frame('7')) && a.wait_log("(i) -> RESULT_CODE"));
+    EXPECT_TRUE(ask(start_frame('7')) && a.wait_log("(i) -> RESULT_CODE") && a.wait_log("device info send complete"));
     a.mark_log();
     EXPECT_EQ(a.stop(END_LIMIT_MS), 0);
     const texts wanted = {">> received SIGTERM signal to terminate!",
