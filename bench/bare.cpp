@@ -1,17 +1,19 @@
-// The bare side of the benchmark: a program that does nothing but the work itself, with blocking calls and no checks.
+// The bare side of the benchmark: a program that does nothing but the work itself, with blocking
+// calls and no checks.
 //
 //     kessard_bare echo          answers every 1407 bytes with 1407 bytes
 //     kessard_bare crowd         the same for five connections at once, once all five are there
-//     kessard_bare ping          for each 4-byte number that comes: sends 1407 bytes and waits for 1407, so many times
-//     kessard_bare shell         for each byte that comes: runs "/bin/sh -c 'echo a'" and answers with nanoseconds
-//     kessard_bare store FILE    writes what comes to the file, one connection after the other
-//     kessard_bare fetch FILE    sends the file, one connection after the other
+//     kessard_bare ping          for each 4-byte number that comes: sends 1407 bytes and waits for
+//     1407, so many times kessard_bare shell         for each byte that comes: runs "/bin/sh -c
+//     'echo a'" and answers with nanoseconds kessard_bare store FILE    writes what comes to the
+//     file, one connection after the other kessard_bare fetch FILE    sends the file, one
+//     connection after the other
 //
-// These write their port to standard output and serve one connection at a time. Two need none and print a line when
-// they are ready:
+// These write their port to standard output and serve one connection at a time. Two need none and
+// print a line when they are ready:
 //
-//     kessard_bare leave KEY SIZE...    attaches the shared segments of these keys and sizes, which it makes if need be
-//     kessard_bare touch KEY SIZE...    the same and clears every byte of them
+//     kessard_bare leave KEY SIZE...    attaches the shared segments of these keys and sizes, which
+//     it makes if need be kessard_bare touch KEY SIZE...    the same and clears every byte of them
 //     kessard_bare waits                waits as often as the daemon does without work
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -57,7 +59,8 @@ int accept_one() {
 
 bool answer_ready(const pollfd (&watched)[CROWD]) {
     for (const pollfd& one : watched)
-        if (one.revents != 0 && !(receive(one.fd, frame, sizeof frame) && write(one.fd, frame, sizeof frame) > 0))
+        if (one.revents != 0 &&
+            !(receive(one.fd, frame, sizeof frame) && write(one.fd, frame, sizeof frame) > 0))
             return false;
     return true;
 }
@@ -74,14 +77,16 @@ void crowd(int first) {
 
 void ping(int sockfd) {
     for (std::uint32_t count = 0; receive(sockfd, &count, sizeof count);)
-        while (count-- > 0 && write(sockfd, frame, sizeof frame) > 0 && receive(sockfd, frame, sizeof frame))
+        while (count-- > 0 && write(sockfd, frame, sizeof frame) > 0 &&
+               receive(sockfd, frame, sizeof frame))
             continue;
 }
 
 std::uint64_t now_ns() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000U + static_cast<std::uint64_t>(now.tv_nsec);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000U +
+           static_cast<std::uint64_t>(now.tv_nsec);
 }
 
 void run_shell() {

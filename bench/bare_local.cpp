@@ -13,7 +13,8 @@
 
 namespace {
 
-// Milliseconds of the daemon's waits: command loop, watcher, housekeeping, notifier, health check, watchdog.
+// Milliseconds of the daemon's waits: command loop, watcher, housekeeping, notifier, health check,
+// watchdog.
 int rhythms_ms[] = {3000, 1000, 1000, 20, 30000, 60000};
 
 void* wait_again_and_again(void* ms) {

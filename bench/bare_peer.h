@@ -20,7 +20,8 @@ class bare_peer {
 
     // A new connection to it; the one before must have been closed, but for a crowd.
     agt::unique_fd connect() const {
-        return agt::unique_fd(agt::create_tcp_client_session("127.0.0.1", std::atoi(program_.out().c_str()), 0));
+        return agt::unique_fd(
+            agt::create_tcp_client_session("127.0.0.1", std::atoi(program_.out().c_str()), 0));
     }
 
   private:

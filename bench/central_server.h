@@ -1,5 +1,5 @@
-// The daemon's server during the benchmark: answers by itself what is not measured, and hands over the connection on
-// which something is.
+// The daemon's server during the benchmark: answers by itself what is not measured, and hands over
+// the connection on which something is.
 #pragma once
 
 #include <condition_variable>
@@ -25,7 +25,8 @@ class central_server {
         agt::unique_fd sockfd; // not valid when nothing came in time; the request has been received
         double at_us = 0;
     };
-    // Waits for a request of this type (a service list or notifications) and takes its connection over, unanswered.
+    // Waits for a request of this type (a service list or notifications) and takes its connection
+    // over, unanswered.
     arrival take(char type);
 
   private:

@@ -13,14 +13,16 @@ constexpr int ROUNDS = 101;
 constexpr int EXCHANGES = 200; // of one sample
 constexpr int CLIENTS = 5;     // as many as the bare program waits for
 constexpr int COMMAND_ROUNDS = 301;
-constexpr std::size_t ANSWER_BYTES = sizeof(EXT_RSP_HDR) + 8 + 2; // exit code, length, "a" and a newline
+constexpr std::size_t ANSWER_BYTES =
+    sizeof(EXT_RSP_HDR) + 8 + 2; // exit code, length, "a" and a newline
 
 double remote_command_us(const running_agent& agent, const TCP_CMD_MSG& request) {
     char answer[ANSWER_BYTES];
     const double start_us = now_us();
     const agt::unique_fd sockfd = agent.connect();
     const bool whole = send_all(sockfd.get(), &request, sizeof request) &&
-                       receive_all(sockfd.get(), answer, sizeof answer) && answer[ANSWER_BYTES - 2] == 'a';
+                       receive_all(sockfd.get(), answer, sizeof answer) &&
+                       answer[ANSWER_BYTES - 2] == 'a';
     return whole ? now_us() - start_us : NAN;
 }
 

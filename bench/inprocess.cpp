@@ -1,10 +1,11 @@
-// kessard_inprocess: parts of the daemon against bare loops, both inside one process, on Google Benchmark.
+// kessard_inprocess: parts of the daemon against bare loops, both inside one process, on Google
+// Benchmark.
 //
 //     kessard_inprocess DIRECTORY [--benchmark_...]
 //
-// The log goes to a new directory in DIRECTORY, which goes with the program. A benchmark is named PART/CASE/SIDE with
-// the sides `kessard` and `bare`; kessard_bench runs the two sides of a case in turn and compares their processor
-// times.
+// The log goes to a new directory in DIRECTORY, which goes with the program. A benchmark is named
+// PART/CASE/SIDE with the sides `kessard` and `bare`; kessard_bench runs the two sides of a case in
+// turn and compares their processor times.
 #include "inprocess.h"
 
 #include <fcntl.h>
@@ -65,7 +66,8 @@ void empty_log() {
 }
 
 int open_bare_log() {
-    return open((directory + "/" + BARE_LOG).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
+    return open((directory + "/" + BARE_LOG).c_str(),
+                O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
 }
 
 } // namespace bench

@@ -16,7 +16,8 @@ constexpr std::string_view LINE =
 
 void log_line(benchmark::State& state) {
     for ([[maybe_unused]] const auto& round : state)
-        agt::log_printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d", 2, 1);
+        agt::log_printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
+                        2, 1);
     empty_log();
 }
 
@@ -24,7 +25,8 @@ void log_lines(benchmark::State& state) {
     for ([[maybe_unused]] const auto& round : state) {
         agt::log_batch log;
         for (int i = 0; i < LINES; ++i)
-            log.printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d", 2, 1);
+            log.printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
+                       2, 1);
     }
     empty_log();
 }
@@ -44,10 +46,11 @@ void add_log_benchmarks() {
     for (int i = 0; i < LINES; ++i)
         lines += LINE;
     benchmark::RegisterBenchmark("log/line/kessard", log_line);
-    benchmark::RegisterBenchmark("log/line/bare",
-                                 [](benchmark::State& state) { bare_write(state, std::string(LINE)); });
+    benchmark::RegisterBenchmark(
+        "log/line/bare", [](benchmark::State& state) { bare_write(state, std::string(LINE)); });
     benchmark::RegisterBenchmark("log/lines/kessard", log_lines);
-    benchmark::RegisterBenchmark("log/lines/bare", [lines](benchmark::State& state) { bare_write(state, lines); });
+    benchmark::RegisterBenchmark("log/lines/bare",
+                                 [lines](benchmark::State& state) { bare_write(state, lines); });
 }
 
 } // namespace bench

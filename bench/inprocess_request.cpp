@@ -1,5 +1,5 @@
-// A settings request from the first byte read to the last log line, its server on the same thread, against the same
-// four transfers with nothing in between.
+// A settings request from the first byte read to the last log line, its server on the same thread,
+// against the same four transfers with nothing in between.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -45,8 +45,10 @@ void echo(benchmark::State& state) {
     TCP_CMD_MSG frame = settings_request();
     const connection both = connect();
     for ([[maybe_unused]] const auto& round : state)
-        if (write(both.server.get(), &frame, sizeof frame) < 1 || read(both.daemon.get(), &frame, sizeof frame) < 1 ||
-            write(both.daemon.get(), &frame, sizeof frame) < 1 || read(both.server.get(), &frame, sizeof frame) < 1)
+        if (write(both.server.get(), &frame, sizeof frame) < 1 ||
+            read(both.daemon.get(), &frame, sizeof frame) < 1 ||
+            write(both.daemon.get(), &frame, sizeof frame) < 1 ||
+            read(both.server.get(), &frame, sizeof frame) < 1)
             state.SkipWithError("no answer");
 }
 

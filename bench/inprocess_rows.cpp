@@ -39,17 +39,22 @@ const measured_case CASES[] = {
 
 bool has_ended(pid_t pid) {
     siginfo_t info{};
-    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == pid;
+    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           info.si_pid == pid;
 }
 
-// What the program prints about the two sides of a case, which it measures in random order; empty without its end.
+// What the program prints about the two sides of a case, which it measures in random order; empty
+// without its end.
 std::string run_case(const running_agent& agent, const measured_case& one) {
     const test_support::process program(
-        {KESSARD_INPROCESS, agent.program.home(), "--benchmark_filter=^" + std::string(one.part) + "/" + one.name + "/",
-         "--benchmark_repetitions=" + std::to_string(one.rounds), "--benchmark_enable_random_interleaving=true",
-         "--benchmark_min_time=0.02", "--benchmark_format=json"},
+        {KESSARD_INPROCESS, agent.program.home(),
+         "--benchmark_filter=^" + std::string(one.part) + "/" + one.name + "/",
+         "--benchmark_repetitions=" + std::to_string(one.rounds),
+         "--benchmark_enable_random_interleaving=true", "--benchmark_min_time=0.02",
+         "--benchmark_format=json"},
         {});
-    const bool ended = test_support::wait_until([&] { return interrupted() || has_ended(program.pid()); }, LIMIT_MS);
+    const bool ended = test_support::wait_until(
+        [&] { return interrupted() || has_ended(program.pid()); }, LIMIT_MS);
     return ended && !interrupted() ? program.out() : "";
 }
 
@@ -57,7 +62,8 @@ std::string run_case(const running_agent& agent, const measured_case& one) {
 double side_of(const nlohmann::json& result, const std::string& side) {
     samples ns;
     for (const auto& run : result.value("benchmarks", nlohmann::json::array())) {
-        if (run.value("run_type", "") == "iteration" && run.value("name", "").find("/" + side) != std::string::npos)
+        if (run.value("run_type", "") == "iteration" &&
+            run.value("name", "").find("/" + side) != std::string::npos)
             ns.push_back(run.value("error_occurred", false) ? NAN : run.value("cpu_time", NAN));
     }
     return median(ns);

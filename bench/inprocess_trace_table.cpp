@@ -28,7 +28,8 @@ constexpr int THREADS = 100;             // entries of one process that has thre
 constexpr int CHECK_EVERYTHING_SEC = 10; // a sweep period that makes every entry due
 constexpr int REST_INTERVAL_SEC = 3600;
 
-// Sleeping processes, made and ended one after the other: ten thousand at once would be a load for the whole machine.
+// Sleeping processes, made and ended one after the other: ten thousand at once would be a load for
+// the whole machine.
 class sleepers {
   public:
     explicit sleepers(std::size_t count) {
@@ -78,7 +79,8 @@ const std::vector<pid_t>& pids_of_sleepers(std::size_t count) {
     return all->pids();
 }
 
-// A table of entries of these processes, those of one process side by side, as dead as an unswept one may be.
+// A table of entries of these processes, those of one process side by side, as dead as an unswept
+// one may be.
 class full_table {
   public:
     full_table(int entries, int processes) {
@@ -91,8 +93,9 @@ class full_table {
     }
     bool all_alive() const {
         const unsigned int* first = table_->used.idx;
-        return complete_ && std::all_of(first, first + table_->used.top,
-                                        [this](unsigned int slot) { return table_->h_arr[slot].param.isalive == 1; });
+        return complete_ && std::all_of(first, first + table_->used.top, [this](unsigned int slot) {
+                   return table_->h_arr[slot].param.isalive == 1;
+               });
     }
     PTRC_HASH_TBL& operator*() const { return *table_; }
 
@@ -161,11 +164,12 @@ std::string name(const char* part, int entries, bool bare) {
 void add_trace_table_benchmarks() {
     for (const int entries : SIZES) {
         for (const bool bare : {false, true}) {
-            benchmark::RegisterBenchmark(name("sweep/threads-", entries, bare).c_str(), sweep, bare, entries,
-                                         entries / THREADS);
-            benchmark::RegisterBenchmark(name("sweep/processes-", entries, bare).c_str(), sweep, bare, entries,
+            benchmark::RegisterBenchmark(name("sweep/threads-", entries, bare).c_str(), sweep, bare,
+                                         entries, entries / THREADS);
+            benchmark::RegisterBenchmark(name("sweep/processes-", entries, bare).c_str(), sweep,
+                                         bare, entries, entries);
+            benchmark::RegisterBenchmark(name("watchdog/pass-", entries, bare).c_str(), pass, bare,
                                          entries);
-            benchmark::RegisterBenchmark(name("watchdog/pass-", entries, bare).c_str(), pass, bare, entries);
         }
     }
 }

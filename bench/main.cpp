@@ -1,5 +1,5 @@
-// kessard_bench: the daemon's speed as ratios to bare programs that do the same work, measured in one run.
-// Ends with status 1 when something is not within its limit or could not be measured.
+// kessard_bench: the daemon's speed as ratios to bare programs that do the same work, measured in
+// one run. Ends with status 1 when something is not within its limit or could not be measured.
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -23,11 +23,12 @@ struct row {
     figures (*measure)(running_agent&);
     bool on_one_processor = false; // short exchanges, and both sides of what runs in one process
 };
-constexpr row ROWS[] = {{"command", command_row, true},   {"clients", clients_row, true}, {"exec", exec_row, true},
-                        {"services", services_row, true}, {"notify", notify_row, true},   {"idle", idle_row},
-                        {"transfer", transfer_row},       {"startup", startup_row},       {"log", log_row, true},
-                        {"request", request_row, true},   {"table", table_row, true},     {"sweep", sweep_row, true},
-                        {"watchdog", watchdog_row, true}};
+constexpr row ROWS[] = {
+    {"command", command_row, true},   {"clients", clients_row, true}, {"exec", exec_row, true},
+    {"services", services_row, true}, {"notify", notify_row, true},   {"idle", idle_row},
+    {"transfer", transfer_row},       {"startup", startup_row},       {"log", log_row, true},
+    {"request", request_row, true},   {"table", table_row, true},     {"sweep", sweep_row, true},
+    {"watchdog", watchdog_row, true}};
 
 std::string file_line(const char* path, const std::string& start) {
     std::ifstream file(path);
@@ -40,8 +41,8 @@ std::string file_line(const char* path, const std::string& start) {
 std::string machine() {
     utsname system{};
     uname(&system);
-    return std::to_string(sysconf(_SC_NPROCESSORS_ONLN)) + " x " + file_line("/proc/cpuinfo", "model name") +
-           ", Linux " + system.release;
+    return std::to_string(sysconf(_SC_NPROCESSORS_ONLN)) + " x " +
+           file_line("/proc/cpuinfo", "model name") + ", Linux " + system.release;
 }
 
 std::string load() {
@@ -61,15 +62,18 @@ std::string number(double value) {
 std::string limit(const figure& of) {
     if (std::isinf(of.limit))
         return "";
-    return (of.at_least ? ">= " : "<= ") + number(of.limit) + (of.by == judged::own ? " " + of.unit : "");
+    return (of.at_least ? ">= " : "<= ") + number(of.limit) +
+           (of.by == judged::own ? " " + of.unit : "");
 }
 
 void print_table(const figures& measured, const std::string& load_before) {
-    std::printf("%s; load before %s, after %s\n\n", machine().c_str(), load_before.c_str(), load().c_str());
+    std::printf("%s; load before %s, after %s\n\n", machine().c_str(), load_before.c_str(),
+                load().c_str());
     std::printf("%-38s %10s %10s %-12s %7s  %-20s\n", "", "kessard", "bare", "", "ratio", "limit");
     for (const figure& one : measured)
-        std::printf("%-38s %10s %10s %-12s %7s  %-20s %s\n", one.name.c_str(), number(one.kessard).c_str(),
-                    number(one.bare).c_str(), one.unit.c_str(), number(one.ratio()).c_str(), limit(one).c_str(),
+        std::printf("%-38s %10s %10s %-12s %7s  %-20s %s\n", one.name.c_str(),
+                    number(one.kessard).c_str(), number(one.bare).c_str(), one.unit.c_str(),
+                    number(one.ratio()).c_str(), limit(one).c_str(),
                     one.within() ? "ok" : "MISSED");
 }
 
@@ -84,8 +88,10 @@ void print_json(const figures& measured, const std::string& load_before) {
                         {"value", one.value()},
                         {one.at_least ? "at_least" : "at_most", one.limit},
                         {"within", one.within()}});
-    const nlohmann::ordered_json all = {
-        {"machine", machine()}, {"load_before", load_before}, {"load_after", load()}, {"figures", rows}};
+    const nlohmann::ordered_json all = {{"machine", machine()},
+                                        {"load_before", load_before},
+                                        {"load_after", load()},
+                                        {"figures", rows}};
     std::printf("%s\n", all.dump(2).c_str());
 }
 
@@ -93,7 +99,8 @@ figures measure(const std::vector<std::string>& names) {
     figures measured;
     running_agent agent;
     for (const row& one : ROWS) {
-        if (interrupted() || (!names.empty() && std::find(names.begin(), names.end(), one.name) == names.end()))
+        if (interrupted() ||
+            (!names.empty() && std::find(names.begin(), names.end(), one.name) == names.end()))
             continue;
         std::cerr << "measuring " << one.name << "\n";
         std::optional<one_processor> together;
@@ -115,7 +122,8 @@ int main(int argc, char** argv) {
     std::vector<std::string> known;
     for (const row& one : ROWS)
         known.push_back(one.name);
-    CLI::App app("The daemon's speed against bare programs that do the same work.", "kessard_bench");
+    CLI::App app("The daemon's speed against bare programs that do the same work.",
+                 "kessard_bench");
     app.add_flag("--json", json, "Print JSON instead of a table");
     app.add_option("row", names, "Rows to measure (default: all)")->check(CLI::IsMember(known));
     try {
@@ -130,6 +138,7 @@ int main(int argc, char** argv) {
         print_json(measured, load_before);
     else
         print_table(measured, load_before);
-    const bool within = std::all_of(measured.begin(), measured.end(), [](const figure& one) { return one.within(); });
+    const bool within = std::all_of(measured.begin(), measured.end(),
+                                    [](const figure& one) { return one.within(); });
     return within && !interrupted() ? 0 : 1;
 }

@@ -24,7 +24,8 @@ double now_us() {
 }
 
 double median(samples values) {
-    if (values.empty() || std::any_of(values.begin(), values.end(), [](double one) { return std::isnan(one); }))
+    if (values.empty() ||
+        std::any_of(values.begin(), values.end(), [](double one) { return std::isnan(one); }))
         return NAN;
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
     std::nth_element(values.begin(), middle, values.end());
@@ -77,7 +78,8 @@ double exchange_us(const std::vector<int>& sockfds, const void* frame, int count
     const auto receive = [&](int sockfd) { return receive_all(sockfd, answer, sizeof answer); };
     const double start_us = now_us();
     for (int i = 0; i < count; ++i)
-        if (!std::all_of(sockfds.begin(), sockfds.end(), send) || !std::all_of(sockfds.begin(), sockfds.end(), receive))
+        if (!std::all_of(sockfds.begin(), sockfds.end(), send) ||
+            !std::all_of(sockfds.begin(), sockfds.end(), receive))
             return NAN;
     return (now_us() - start_us) / count / static_cast<double>(sockfds.size());
 }

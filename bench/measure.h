@@ -1,7 +1,7 @@
 // Figures, and measuring two sides in turn.
 //
-// The machine is never quiet: both sides are measured alternately in one run, what counts is the ratio of their
-// medians. A measurement that failed is not a number and makes its figure one.
+// The machine is never quiet: both sides are measured alternately in one run, what counts is the
+// ratio of their medians. A measurement that failed is not a number and makes its figure one.
 #pragma once
 
 #include <cmath>
@@ -34,7 +34,8 @@ double now_us();
 // Not a number when there are none or one of them is not.
 double median(samples values);
 
-// Whether the user wants an end (SIGINT, SIGTERM): measurements fail from then on. A peer that has gone fails them too.
+// Whether the user wants an end (SIGINT, SIGTERM): measurements fail from then on. A peer that has
+// gone fails them too.
 bool interrupted();
 void catch_signals();
 
@@ -46,7 +47,8 @@ figure compare(const figure& of, int rounds, const std::function<double()>& kess
 bool send_all(int sockfd, const void* bytes, std::size_t length);
 bool receive_all(int sockfd, void* out, std::size_t length);
 
-// Sends a frame on each of the connections and receives one from each, `count` times; microseconds of one exchange.
+// Sends a frame on each of the connections and receives one from each, `count` times; microseconds
+// of one exchange.
 double exchange_us(const std::vector<int>& sockfds, const void* frame, int count);
 
 } // namespace bench

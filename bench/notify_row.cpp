@@ -66,7 +66,8 @@ figures notify_row(running_agent& agent) {
     send_all(link.sockfd.get(), &answer, sizeof answer);
     return {compare(
         {"notifications, 2 records each", "1/s", judged::ratio, 0.75, true}, ROUNDS,
-        [&] { return notifier_rate(*queue, link.sockfd.get()); }, [&] { return bare_rate(bare.get()); })};
+        [&] { return notifier_rate(*queue, link.sockfd.get()); },
+        [&] { return bare_rate(bare.get()); })};
 }
 
 } // namespace bench

@@ -11,7 +11,8 @@ namespace {
 
 void place(pid_t process, const cpu_set_t& processors) {
     std::error_code error;
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", error))
+    for (const auto& thread :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", error))
         sched_setaffinity(std::stoi(thread.path().filename()), sizeof processors, &processors);
 }
 

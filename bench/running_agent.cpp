@@ -42,7 +42,8 @@ bool log_end::find(const std::string& text) {
     const long long from = std::max(mark_, size_of(file_) - TAIL_BYTES);
     char tail[2 * TAIL_BYTES];
     const ssize_t got = pread(file_.get(), tail, sizeof tail, from);
-    return got > 0 && std::string_view(tail, static_cast<std::size_t>(got)).find(text) != std::string_view::npos;
+    return got > 0 && std::string_view(tail, static_cast<std::size_t>(got)).find(text) !=
+                          std::string_view::npos;
 }
 
 double log_end::wait_us(const std::string& text) {

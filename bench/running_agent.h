@@ -15,8 +15,8 @@ class log_end {
   public:
     explicit log_end(const test_support::agent& program);
 
-    // Waits for the text; when it was there, in microseconds, to about a tenth of a millisecond. Not a number when it
-    // does not come.
+    // Waits for the text; when it was there, in microseconds, to about a tenth of a millisecond.
+    // Not a number when it does not come.
     double wait_us(const std::string& text);
 
   private:
@@ -27,8 +27,8 @@ class log_end {
     long long mark_;
 };
 
-// A daemon with its server, its notify link up and an empty service table. A failure to start shows in every
-// measurement.
+// A daemon with its server, its notify link up and an empty service table. A failure to start shows
+// in every measurement.
 class running_agent {
   public:
     running_agent();

@@ -26,12 +26,14 @@ blocks make_blocks() {
 bool send_list(int sockfd, const blocks& list) {
     TCP_CMD_MSG acknowledgement;
     for (const TCP_CMD_MSG& block : list)
-        if (!send_all(sockfd, &block, sizeof block) || !receive_all(sockfd, &acknowledgement, sizeof acknowledgement))
+        if (!send_all(sockfd, &block, sizeof block) ||
+            !receive_all(sockfd, &acknowledgement, sizeof acknowledgement))
             return false;
     return true;
 }
 
-// From the daemon's request for the list to the last line about it in the log, without the prescribed sleep.
+// From the daemon's request for the list to the last line about it in the log, without the
+// prescribed sleep.
 double load_us(running_agent& agent, const blocks& list) {
     log_end log(agent.program);
     const TCP_CMD_MSG renew = kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ);
@@ -39,7 +41,8 @@ double load_us(running_agent& agent, const blocks& list) {
     const central_server::arrival asked = agent.server.take(MSG_GET_SERVICE_LIST_REQ);
     if (!send_list(asked.sockfd.get(), list))
         return NAN;
-    return log.wait_us("### get_service_list() ### thread function END...") - asked.at_us - PRESCRIBED_SLEEP_US;
+    return log.wait_us("### get_service_list() ### thread function END...") - asked.at_us -
+           PRESCRIBED_SLEEP_US;
 }
 
 double bare_us(int sockfd, const blocks& list) {
@@ -54,8 +57,8 @@ figures services_row(running_agent& agent) {
     const agt::unique_fd bare = peer.connect();
     const blocks list = make_blocks();
     return {compare(
-        {"load of 10,000 services", "us", judged::ratio, 5}, ROUNDS, [&] { return load_us(agent, list); },
-        [&] { return bare_us(bare.get(), list); })};
+        {"load of 10,000 services", "us", judged::ratio, 5}, ROUNDS,
+        [&] { return load_us(agent, list); }, [&] { return bare_us(bare.get(), list); })};
 }
 
 } // namespace bench

@@ -41,7 +41,8 @@ started start_kessard(test_support::agent& program) {
     return measured;
 }
 
-// What the bare program is told to do with the segments that the daemon makes or finds when it starts.
+// What the bare program is told to do with the segments that the daemon makes or finds when it
+// starts.
 std::vector<std::string> bare_words(const test_support::agent& keys, const std::string& pages) {
     static const std::pair<const char*, std::size_t> OBJECTS[] = {
         {"TRAN_LOGF_QUE_INFO_SHMKEY", sizeof(TRAN_LOGF_QUE_INFO)},
@@ -93,7 +94,8 @@ struct activity {
 activity activity_of(pid_t pid) {
     activity sum;
     std::error_code error;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
         double thread_ns = 0;
         std::ifstream(task.path() / "schedstat") >> thread_ns;
         sum.run_ns += thread_ns;
@@ -122,13 +124,19 @@ figures startup_row(running_agent&) {
     const auto ratio = judged::ratio;
     return {
         {"start on new objects", "ms", own, STARTUP_LIMIT_MS, false, new_ms, median(left.ms[0])},
-        {"  bare: every page cleared", "ms", ratio, TOUCHED_LIMIT, false, new_ms, median(touched.ms[0])},
+        {"  bare: every page cleared", "ms", ratio, TOUCHED_LIMIT, false, new_ms,
+         median(touched.ms[0])},
         {"start on existing objects", "ms", own, new_ms, false, existing_ms, median(left.ms[1])},
-        {"  bare: every page cleared", "ms", ratio, TOUCHED_LIMIT, false, existing_ms, median(touched.ms[1])},
-        {"memory after a start on new objects", "MB", own, MEMORY_LIMIT_MB, false, new_mb, median(left.mb[0])},
-        {"  bare: every page cleared", "MB", ratio, TOUCHED_LIMIT, false, new_mb, median(touched.mb[0])},
-        {"memory after a start on existing ones", "MB", own, MEMORY_LIMIT_MB, false, existing_mb, median(left.mb[1])},
-        {"  bare: every page cleared", "MB", ratio, TOUCHED_LIMIT, false, existing_mb, median(touched.mb[1])}};
+        {"  bare: every page cleared", "ms", ratio, TOUCHED_LIMIT, false, existing_ms,
+         median(touched.ms[1])},
+        {"memory after a start on new objects", "MB", own, MEMORY_LIMIT_MB, false, new_mb,
+         median(left.mb[0])},
+        {"  bare: every page cleared", "MB", ratio, TOUCHED_LIMIT, false, new_mb,
+         median(touched.mb[0])},
+        {"memory after a start on existing ones", "MB", own, MEMORY_LIMIT_MB, false, existing_mb,
+         median(left.mb[1])},
+        {"  bare: every page cleared", "MB", ratio, TOUCHED_LIMIT, false, existing_mb,
+         median(touched.mb[1])}};
 }
 
 figures idle_row(running_agent& agent) {
@@ -142,8 +150,10 @@ figures idle_row(running_agent& agent) {
     const double took_us = now_us() - start_us;
     const auto percent = [&](int i) { return (after[i].run_ns - before[i].run_ns) / 10 / took_us; };
     const auto waits = [&](int i) { return (after[i].waits - before[i].waits) * 1e6 / took_us; };
-    return {{"idle, notify link up", "% of a core", judged::own, IDLE_LIMIT_PERCENT, false, percent(0), percent(1)},
-            {"wake-ups, notify link up", "1/s", judged::own, WAKEUPS_LIMIT, false, waits(0), waits(1)}};
+    return {
+        {"idle, notify link up", "% of a core", judged::own, IDLE_LIMIT_PERCENT, false, percent(0),
+         percent(1)},
+        {"wake-ups, notify link up", "1/s", judged::own, WAKEUPS_LIMIT, false, waits(0), waits(1)}};
 }
 
 } // namespace bench

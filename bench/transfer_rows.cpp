@@ -1,7 +1,7 @@
 // Row: transfer of a large file up and down, and the memory of the child that serves it.
 //
-// The daemon's other end is the console's transfer, the bare program's a plain copy in this program; all write to the
-// same file system.
+// The daemon's other end is the console's transfer, the bare program's a plain copy in this
+// program; all write to the same file system.
 #include <fcntl.h>
 #include <sys/socket.h>
 
@@ -29,7 +29,8 @@ struct places {
 };
 
 places make_places(const test_support::agent& program) {
-    const places made = {program.path("source"), program.path("copies"), program.path("copies/source")};
+    const places made = {program.path("source"), program.path("copies"),
+                         program.path("copies/source")};
     const std::string piece(PIECE_BYTES, 'x');
     std::ofstream source(made.source, std::ios::binary);
     for (std::size_t at = 0; at < FILE_BYTES; at += piece.size())
@@ -44,21 +45,26 @@ double rate(const places& at, const std::function<bool()>& transfer) {
     return transfer() ? FILE_BYTES / MIB / ((now_us() - start_us) / 1e6) : NAN;
 }
 
-bool upload(const running_agent& agent, const places& at, const kessctl::transfer_observer& observe) {
+bool upload(const running_agent& agent, const places& at,
+            const kessctl::transfer_observer& observe) {
     kessctl::command_client client;
     kessctl::local_file file;
-    if (!kessctl::describe_file(at.source, &file).empty() || !client.connect("127.0.0.1", agent.program.port()))
+    if (!kessctl::describe_file(at.source, &file).empty() ||
+        !client.connect("127.0.0.1", agent.program.port()))
         return false;
-    const std::string data = at.directory + static_cast<char>(EXT_SEPARATOR) + kessctl::upload_item(file);
-    return kessctl::upload_files(client, {EXT_SVC_FILE_UP, data, 0, 1}, {file}, LIMIT_MS, observe).ok();
+    const std::string data =
+        at.directory + static_cast<char>(EXT_SEPARATOR) + kessctl::upload_item(file);
+    return kessctl::upload_files(client, {EXT_SVC_FILE_UP, data, 0, 1}, {file}, LIMIT_MS, observe)
+        .ok();
 }
 
-bool download(const running_agent& agent, const places& at, const kessctl::transfer_observer& observe) {
+bool download(const running_agent& agent, const places& at,
+              const kessctl::transfer_observer& observe) {
     kessctl::command_client client;
     std::set<std::string> taken;
     return client.connect("127.0.0.1", agent.program.port()) &&
-           kessctl::download_files(client, {EXT_SVC_FILE_DOWN, at.source, 0, 1}, at.directory, LIMIT_MS, observe,
-                                   &taken)
+           kessctl::download_files(client, {EXT_SVC_FILE_DOWN, at.source, 0, 1}, at.directory,
+                                   LIMIT_MS, observe, &taken)
                .ok();
 }
 
@@ -66,7 +72,8 @@ bool download(const running_agent& agent, const places& at, const kessctl::trans
 bool copy(int from, int to) {
     static std::vector<char> piece(PIECE_BYTES);
     std::size_t copied = 0;
-    for (ssize_t got = 0; (got = read(from, piece.data(), piece.size())) > 0; copied += static_cast<std::size_t>(got))
+    for (ssize_t got = 0; (got = read(from, piece.data(), piece.size())) > 0;
+         copied += static_cast<std::size_t>(got))
         for (ssize_t at = 0, done = 0; at < got; at += done)
             if ((done = write(to, piece.data() + at, static_cast<std::size_t>(got - at))) < 1)
                 return false;
@@ -91,12 +98,14 @@ double status_mb(pid_t pid, const char* name) {
     return std::atof(test_support::status_of(pid, name).c_str()) * 1024 / 1e6;
 }
 
-// The most memory of its own that the child of the daemon has had so far; not a number when there is none.
+// The most memory of its own that the child of the daemon has had so far; not a number when there
+// is none.
 double child_peak_mb(pid_t daemon) {
     const std::string pid = std::to_string(daemon);
     std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
     pid_t child = -1;
-    return children >> child ? status_mb(child, "VmHWM") - status_mb(child, "RssShmem") - status_mb(child, "RssFile")
+    return children >> child ? status_mb(child, "VmHWM") - status_mb(child, "RssShmem") -
+                                   status_mb(child, "RssFile")
                              : NAN;
 }
 

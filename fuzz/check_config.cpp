@@ -1,5 +1,6 @@
-// The console's check of a configuration file. The first byte of the input chooses the directory of relative paths, the
-// rest is the file. What the check would look for in the system is answered here.
+// The console's check of a configuration file. The first byte of the input chooses the directory of
+// relative paths, the rest is the file. What the check would look for in the system is answered
+// here.
 #include "check_config.h"
 
 #include <sys/socket.h>
@@ -69,7 +70,8 @@ void fuzz::run(std::string_view input) {
         fail(fault);
     int last = 0;
     for (const kessctl::finding& one : kessctl::check_config(file, has_home ? "/nowhere" : "")) {
-        require(one.line >= last && one.line <= file.last_line(), "a finding has no line of the file");
+        require(one.line >= last && one.line <= file.last_line(),
+                "a finding has no line of the file");
         require(!one.key.empty() && !one.what.empty(), "a finding says nothing");
         last = one.line;
     }

@@ -36,11 +36,13 @@ void list_client(int sockfd) {
 }
 
 void check_answer(std::string_view frame, const std::string& answer) {
-    const bool renews = frame.size() == TCP_CMD_MSG_SIZE && frame[4] == MSG_RENEW_SERVICE_LIST_REQ && !answer.empty();
+    const bool renews = frame.size() == TCP_CMD_MSG_SIZE &&
+                        frame[4] == MSG_RENEW_SERVICE_LIST_REQ && !answer.empty();
     require(retrievals == (renews ? 1 : 0), "a retrieval was started or not started");
     if (answer.empty())
         return;
-    require(answer.size() == TCP_CMD_MSG_SIZE && frame.size() == TCP_CMD_MSG_SIZE, "the answer is no frame");
+    require(answer.size() == TCP_CMD_MSG_SIZE && frame.size() == TCP_CMD_MSG_SIZE,
+            "the answer is no frame");
     require(answer.compare(0, 4, "\x90\x85\x20\x83") == 0, "the answer has no magic");
     require(answer[4] == frame[4] + 1, "the answer has another type");
 }
@@ -52,10 +54,12 @@ void check_objects() {
     const int rows = tran_agt_shm->file_sys_num;
     require(rows >= 0 && rows <= FILE_SYSTEM_MAX, "too many file systems");
     for (int i = 0; i < rows; ++i)
-        require(memchr(tran_agt_shm->file_system[i].file_system, 0, sizeof(FILE_SYSTEM::file_system)) != nullptr,
+        require(memchr(tran_agt_shm->file_system[i].file_system, 0,
+                       sizeof(FILE_SYSTEM::file_system)) != nullptr,
                 "the name of a file system has no end");
     const int queues = que_info->qcnt;
-    require(queues >= 0 && queues <= LOG_QUE_MAX && (queues & (queues - 1)) == 0, "the number of queues is none");
+    require(queues >= 0 && queues <= LOG_QUE_MAX && (queues & (queues - 1)) == 0,
+            "the number of queues is none");
 }
 
 } // namespace
@@ -98,6 +102,7 @@ void fuzz::run(std::string_view input) {
         cmd_event(&client_list.client[0]);
         check_answer(input.substr(std::min(at, input.size()), TCP_CMD_MSG_SIZE), server.heard());
     }
-    require(!FD_ISSET(sockfd, &readFds) && maxFd == agt_cmd_sockfd, "a dropped connection is still looked at");
+    require(!FD_ISSET(sockfd, &readFds) && maxFd == agt_cmd_sockfd,
+            "a dropped connection is still looked at");
     check_objects();
 }

@@ -1,5 +1,5 @@
-// The configuration reader, and what the daemon takes from the file while it runs. The first line of the input names a
-// section, a keyword and the number of a word; the rest is the file.
+// The configuration reader, and what the daemon takes from the file while it runs. The first line
+// of the input names a section, a keyword and the number of a word; the rest is the file.
 #include "read_cfg.h"
 
 #include <arpa/inet.h>
@@ -51,7 +51,8 @@ int line_by_hand(const place& wanted, char* value) {
     std::FILE* open = agt::open_text_file(file().path().c_str());
     require(open != nullptr, "the file cannot be opened");
     const int header = agt::seek_section(open, wanted.section.c_str());
-    const int entry = header < 0 ? -1 : agt::get_string_in_section(open, wanted.keyword.c_str(), value);
+    const int entry =
+        header < 0 ? -1 : agt::get_string_in_section(open, wanted.keyword.c_str(), value);
     std::fclose(open);
     return entry < 0 ? -1 : header + entry;
 }
@@ -81,13 +82,17 @@ void check_lookups(const place& wanted) {
     const int line = agt::find_line_in_file_section(path, section, keyword);
     require(line_by_hand(wanted, value.get()) == line, "two ways lead to two lines");
     require(line < 0 || first_word(line_at(line)) == wanted.keyword, "the line is another key's");
-    const int ret = agt::get_nth_token_in_file_section(path, section, keyword, wanted.word, said.get());
-    require(agt::find_nth_token_in_file_section(path, section, keyword, wanted.word, silent.get()) == ret &&
+    const int ret =
+        agt::get_nth_token_in_file_section(path, section, keyword, wanted.word, said.get());
+    require(agt::find_nth_token_in_file_section(path, section, keyword, wanted.word,
+                                                silent.get()) == ret &&
                 std::string(said.get()) == silent.get(),
             "two lookups of a word differ");
     require(ret == -1 || (ret == 1 && line > 0), "a word of no line");
-    require(ret == -1 || std::string(value.get()).find(said.get()) != std::string::npos, "a word that is not there");
-    require(ret == -1 || (said.get()[0] != '\0' && std::strpbrk(said.get(), BLANKS) == nullptr), "no word");
+    require(ret == -1 || std::string(value.get()).find(said.get()) != std::string::npos,
+            "a word that is not there");
+    require(ret == -1 || (said.get()[0] != '\0' && std::strpbrk(said.get(), BLANKS) == nullptr),
+            "no word");
 }
 
 // The keys that are read again, or by modules of their own.
@@ -103,7 +108,8 @@ void check_daemon() {
     find_skip_hash("trailsink");
     delete_skip_hash();
     try_connect();
-    require(memchr(get_server_address().srv_ipaddr, 0, sizeof(server_address::srv_ipaddr)) != nullptr,
+    require(memchr(get_server_address().srv_ipaddr, 0, sizeof(server_address::srv_ipaddr)) !=
+                nullptr,
             "the server's address has no end");
 }
 

@@ -49,7 +49,8 @@ struct place {
         const std::size_t end = path.find_last_not_of('/');
         const std::size_t slash = path.rfind('/', end);
         name = end == path.npos ? "" : path.substr(slash + 1, end - slash);
-        directory.reset(open_inside((path.substr(0, slash + 1) + ".").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        directory.reset(open_inside((path.substr(0, slash + 1) + ".").c_str(),
+                                    O_PATH | O_DIRECTORY | O_CLOEXEC));
     }
     // Neither ".." nor "." lead out of the directory then.
     bool valid() const { return directory.valid() && !name.empty() && name != "." && name != ".."; }

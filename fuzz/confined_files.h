@@ -5,9 +5,9 @@
 
 namespace fuzz {
 
-// Needs the wrappers of open, mkdir, unlink, stat and lstat, which let nothing outside `root` be reached while an
-// object of this class lives: the kernel resolves every path as if the process had that root, absolute ones, ".." and
-// links included.
+// Needs the wrappers of open, mkdir, unlink, stat and lstat, which let nothing outside `root` be
+// reached while an object of this class lives: the kernel resolves every path as if the process had
+// that root, absolute ones, ".." and links included.
 class confinement {
   public:
     explicit confinement(const std::string& root);

@@ -1,6 +1,6 @@
-// Extended requests as the child serves them. Of the input the part up to the byte 0x1e is the request from its code
-// on, what follows is the rest that the server sends. No command is run, and files lie under a root directory of their
-// own.
+// Extended requests as the child serves them. Of the input the part up to the byte 0x1e is the
+// request from its code on, what follows is the rest that the server sends. No command is run, and
+// files lie under a root directory of their own.
 #include "ext_request.h"
 
 #include <sys/stat.h>
@@ -52,11 +52,13 @@ std::size_t announced_bytes(const std::string& answer) {
     return total;
 }
 
-// A text behind an error, results behind commands, an announcement and the files' content behind a download.
+// A text behind an error, results behind commands, an announcement and the files' content behind a
+// download.
 void check_answer(std::string_view request, const std::string& answer) {
     if (answer.empty())
         return;
-    require(answer.size() >= sizeof(EXT_RSP_HDR) && answer.compare(0, 4, MAGIC, 4) == 0, "the answer has no header");
+    require(answer.size() >= sizeof(EXT_RSP_HDR) && answer.compare(0, 4, MAGIC, 4) == 0,
+            "the answer has no header");
     const std::size_t length = number_at(answer, sizeof(EXT_RSP_HDR) - 4);
     const std::size_t behind = answer.size() - sizeof(EXT_RSP_HDR);
     const std::string_view code = request.substr(0, EXT_REQ_CODE_SIZE);
@@ -85,8 +87,8 @@ void fuzz::run(std::string_view input) {
     bool changed = false;
     {
         const confinement confined(root());
-        kessard::serve_ext_request(server.near(), reinterpret_cast<const unsigned char*>(frame.data()),
-                                   TCP_CMD_MSG_SIZE);
+        kessard::serve_ext_request(
+            server.near(), reinterpret_cast<const unsigned char*>(frame.data()), TCP_CMD_MSG_SIZE);
         changed = confined.changed();
     }
     close(server.near());

@@ -1,4 +1,5 @@
-// Takes the place of the subprocess module: no command is run. What one prints, and how it ends, follows from its text.
+// Takes the place of the subprocess module: no command is run. What one prints, and how it ends,
+// follows from its text.
 #include "subprocess.h"
 
 #include <cstdlib>

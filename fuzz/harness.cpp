@@ -69,13 +69,14 @@ const std::string& directory() {
     return made;
 }
 
-memory_file::memory_file() : fd_(memfd_create("fuzz", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_)) {
+memory_file::memory_file()
+    : fd_(memfd_create("fuzz", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_)) {
     require(fd_ >= 0, "no file in memory");
 }
 
 void memory_file::set(std::string_view content) const {
-    require(ftruncate(fd_, 0) == 0 &&
-                pwrite(fd_, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()),
+    require(ftruncate(fd_, 0) == 0 && pwrite(fd_, content.data(), content.size(), 0) ==
+                                          static_cast<ssize_t>(content.size()),
             "no content of a file in memory");
     lseek(fd_, 0, SEEK_SET);
 }
@@ -85,7 +86,8 @@ far_end::far_end(std::string_view says) {
     require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "no connection");
     near_ = ends[0];
     far_ = ends[1];
-    require(send(far_, says.data(), says.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(says.size()) ||
+    require(send(far_, says.data(), says.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
+                    static_cast<ssize_t>(says.size()) ||
                 says.empty(),
             "no room in a connection");
     shutdown(far_, SHUT_WR);
@@ -117,6 +119,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::uint64_t before = fuzz::open_descriptors();
     fuzz::run({reinterpret_cast<const char*>(data), size});
     if (const std::uint64_t after = fuzz::open_descriptors(); after != before)
-        fuzz::fail("open descriptors changed from " + std::to_string(before) + " to " + std::to_string(after));
+        fuzz::fail("open descriptors changed from " + std::to_string(before) + " to " +
+                   std::to_string(after));
     return 0;
 }

@@ -1,7 +1,9 @@
-// What the fuzz targets have in common: their start, the input, and what a program needs around it in memory.
+// What the fuzz targets have in common: their start, the input, and what a program needs around it
+// in memory.
 //
-// A target defines set_up() and run(). What the program must not do for real is replaced when the target is linked: by
-// a function of the same name in the target, which the linker takes before it looks into the library, or by a wrapper
+// A target defines set_up() and run(). What the program must not do for real is replaced when the
+// target is linked: by a function of the same name in the target, which the linker takes before it
+// looks into the library, or by a wrapper
 // (-Wl,--wrap) of a function of the C library.
 #pragma once
 
@@ -18,7 +20,8 @@
 
 namespace fuzz {
 
-// Runs once, before the first input. The daemon's log goes to /dev/null then; its lines are composed all the same.
+// Runs once, before the first input. The daemon's log goes to /dev/null then; its lines are
+// composed all the same.
 void set_up();
 
 // Takes one input. A descriptor that is open behind it and was not before is a finding.
@@ -74,7 +77,8 @@ class exact_text {
     std::unique_ptr<char[]> memory_;
 };
 
-// A file in memory that lives as long as the process; its path leads to it while the content changes.
+// A file in memory that lives as long as the process; its path leads to it while the content
+// changes.
 class memory_file {
   public:
     memory_file();
@@ -99,13 +103,16 @@ template <class T> T* make_segment() {
     return static_cast<T*>(address);
 }
 
-// What the next connection to the server becomes (needs the wrapper of create_tcp_client_session); -1: none is made.
+// What the next connection to the server becomes (needs the wrapper of create_tcp_client_session);
+// -1: none is made.
 inline int next_connection = -1;
 
-// Called by a wait for time alone, of a target that is linked with the wrapper of poll; waits end at once there.
+// Called by a wait for time alone, of a target that is linked with the wrapper of poll; waits end
+// at once there.
 inline void (*on_sleep)() = nullptr;
 
-// Semaphores that are held, of a target that is linked with the wrapper of semtimedop, which always grants one.
+// Semaphores that are held, of a target that is linked with the wrapper of semtimedop, which always
+// grants one.
 inline int held_semaphores = 0;
 
 // The far end of a connection, which has said all that it will say.

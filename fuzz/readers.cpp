@@ -1,5 +1,5 @@
-// What the daemon reads line by line: the output of the service script, which it uploads, and the API statistics file.
-// The input is both.
+// What the daemon reads line by line: the output of the service script, which it uploads, and the
+// API statistics file. The input is both.
 #include <climits>
 #include <vector>
 
@@ -41,13 +41,16 @@ template <std::size_t N> bool is_word(const char (&field)[N]) {
 
 void check_block(const TCP_CMD_MSG& frame, bool first, bool last) {
     const BODY_UPDATE_SERVICE_LIST_REQ& body = frame.body.update_service_list_req;
-    require(frame.hdr.msg_type[0] == MSG_UPDATE_SERVICE_LIST_REQ && body.result_code[0] == (first ? '3' : '4'),
+    require(frame.hdr.msg_type[0] == MSG_UPDATE_SERVICE_LIST_REQ &&
+                body.result_code[0] == (first ? '3' : '4'),
             "a block has another type");
     const int count = std::atoi(std::string(body.element_num, 3).c_str());
-    require(count >= 1 && count <= SERVICE_SMALL_MAX && (last || count == SERVICE_SMALL_MAX), "a block has no count");
+    require(count >= 1 && count <= SERVICE_SMALL_MAX && (last || count == SERVICE_SMALL_MAX),
+            "a block has no count");
     for (int i = 0; i < count; ++i) {
         const SERVICE_SMALL& one = body.elements[i];
-        require(is_word(one.service_id) && is_word(one.limit) && one.host_name[0] != '\0', "a service is no service");
+        require(is_word(one.service_id) && is_word(one.limit) && one.host_name[0] != '\0',
+                "a service is no service");
     }
 }
 
@@ -66,7 +69,8 @@ void check_statistics(std::string_view input) {
     const fuzz::exact_text records(std::string(STATISTICS_SIZE, '.'));
     kessard::set_api_stat(records.get());
     require(records.get()[STATISTICS_SIZE] == '\0', "a record is longer than it is");
-    require(!input.empty() || std::string(records.get()) == std::string(STATISTICS_SIZE, ' '), "no line is a line");
+    require(!input.empty() || std::string(records.get()) == std::string(STATISTICS_SIZE, ' '),
+            "no line is a line");
 }
 
 } // namespace
@@ -91,7 +95,8 @@ void th_start_get_service_list() {}
 
 void fuzz::set_up() {
     kessard::running = 1;
-    std::snprintf(kessard::api_stat_out_fn, sizeof kessard::api_stat_out_fn, "%s", statistics().path().c_str());
+    std::snprintf(kessard::api_stat_out_fn, sizeof kessard::api_stat_out_fn, "%s",
+                  statistics().path().c_str());
     agt::shell_reader opened{};
     agt::shell_reader_start("", &opened);
     close(opened.fd);

@@ -1,5 +1,6 @@
-// What the server answers to the daemon's own requests. The first byte of the input chooses the request, the rest is
-// what the server sends; for the reconnection of the notify link it is the configuration file.
+// What the server answers to the daemon's own requests. The first byte of the input chooses the
+// request, the rest is what the server sends; for the reconnection of the notify link it is the
+// configuration file.
 #include <sys/shm.h>
 
 #include <climits>
@@ -90,7 +91,8 @@ void reconnect(std::string_view file) {
     if (try_connect() == 1)
         require(noti_sockfd >= 0, "there is no connection");
     close_noti_socket();
-    require(memchr(get_server_address().srv_ipaddr, 0, sizeof(server_address::srv_ipaddr)) != nullptr,
+    require(memchr(get_server_address().srv_ipaddr, 0, sizeof(server_address::srv_ipaddr)) !=
+                nullptr,
             "the server's address has no end");
 }
 

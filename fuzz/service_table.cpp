@@ -16,11 +16,14 @@ using slots = std::bitset<SVC_HASH_SLOTS>;
 std::string slot_fault(const SVC_HASH_TBL& table, int slot, int bucket, int before) {
     const SVC_HASH_ARR_LIST& entry = table.h_arr[slot];
     const SVC_HASH_ARR& param = entry.param;
-    if (entry.hash_idx != bucket || entry.pre_idx != before || entry.my_idx != static_cast<unsigned>(slot))
+    if (entry.hash_idx != bucket || entry.pre_idx != before ||
+        entry.my_idx != static_cast<unsigned>(slot))
         return "slot " + std::to_string(slot) + " is not linked as its chain is";
-    if (agt::get_hidx(param.service_id, SVC_HASH_KEY_SIZE, SVC_HASH_BUCKETS - 1) != static_cast<unsigned>(bucket))
+    if (agt::get_hidx(param.service_id, SVC_HASH_KEY_SIZE, SVC_HASH_BUCKETS - 1) !=
+        static_cast<unsigned>(bucket))
         return "slot " + std::to_string(slot) + " is in another service's chain";
-    if (param.host_name[sizeof param.host_name - 1] != '\0' || param.server_id[sizeof param.server_id - 1] != '\0' ||
+    if (param.host_name[sizeof param.host_name - 1] != '\0' ||
+        param.server_id[sizeof param.server_id - 1] != '\0' ||
         param.service_id[sizeof param.service_id - 1] != '\0')
         return "a text of slot " + std::to_string(slot) + " has no end";
     return {};
@@ -72,7 +75,8 @@ void empty_table(SVC_HASH_TBL& table) {
         table.h_idx[table.h_arr[table.used.idx[i]].hash_idx] = -1;
     for (unsigned s = SVC_HASH_SLOTS - RECENT_SLOTS; s < SVC_HASH_SLOTS; ++s)
         table.available.idx[s] = s;
-    std::memset(&table.h_arr[SVC_HASH_SLOTS - RECENT_SLOTS], 0, RECENT_SLOTS * sizeof table.h_arr[0]);
+    std::memset(&table.h_arr[SVC_HASH_SLOTS - RECENT_SLOTS], 0,
+                RECENT_SLOTS * sizeof table.h_arr[0]);
     std::memset(table.used.idx, 0, RECENT_SLOTS * sizeof table.used.idx[0]);
     table.alloc_cnt = 0;
     table.used.top = 0;

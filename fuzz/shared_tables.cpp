@@ -1,6 +1,6 @@
-// Shared tables that another process has overwritten. The input starts with a struct case_head and a text that /proc
-// has of every process, and goes on with patches (table_patches.h) over empty tables. Then everything runs that looks
-// at them.
+// Shared tables that another process has overwritten. The input starts with a struct case_head and
+// a text that /proc has of every process, and goes on with patches (table_patches.h) over empty
+// tables. Then everything runs that looks at them.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -34,7 +34,8 @@ namespace {
 using namespace kessard;
 using fuzz::require;
 
-constexpr char KNOWN_IDS[][17] = {"SVC1036797      ", "SVC1057286      ", "SVC1229397      ", "SVC0001         "};
+constexpr char KNOWN_IDS[][17] = {"SVC1036797      ", "SVC1057286      ", "SVC1229397      ",
+                                  "SVC0001         "};
 constexpr char MODES[] = "AXYDZ";
 
 struct [[gnu::packed]] case_head {
@@ -44,7 +45,10 @@ struct [[gnu::packed]] case_head {
     std::uint8_t operations[6]; // on services: the mode and the service
     std::uint8_t stat_length;
 };
-enum : std::uint8_t { THREAD_MODE = 2, FULL_TABLE = 0xf0 }; // all of these bits, for it takes its time
+enum : std::uint8_t {
+    THREAD_MODE = 2,
+    FULL_TABLE = 0xf0
+}; // all of these bits, for it takes its time
 
 bool inputs_run = false;
 
@@ -72,9 +76,11 @@ void use_services(const std::uint8_t (&operations)[6]) {
         set_svc_hash_tbl(&element);
     }
     svc_hash_popv(&svc_hash_tbl->used, 9999);
-    svc_hash_push(&svc_hash_tbl->available, static_cast<unsigned>(svc_hash_pop(&svc_hash_tbl->used)));
-    const svc_hash_tbl_copy copy =
-        svc_hash_tbl->used.top - 1 < fuzz::MANY_ENTRIES ? copy_svc_hash_tbl(*svc_hash_tbl) : nullptr;
+    svc_hash_push(&svc_hash_tbl->available,
+                  static_cast<unsigned>(svc_hash_pop(&svc_hash_tbl->used)));
+    const svc_hash_tbl_copy copy = svc_hash_tbl->used.top - 1 < fuzz::MANY_ENTRIES
+                                       ? copy_svc_hash_tbl(*svc_hash_tbl)
+                                       : nullptr;
     if (copy != nullptr) {
         show_svc_hash_tbl(*copy);
         svc_hash_show(&svc_hash_tbl->used);
@@ -82,7 +88,8 @@ void use_services(const std::uint8_t (&operations)[6]) {
 }
 
 // More puts than a queue that was nearly full has room for.
-template <class Record> void use_queue(int (*put)(const void*, std::size_t), Record* (*get)(), int (*count)()) {
+template <class Record>
+void use_queue(int (*put)(const void*, std::size_t), Record* (*get)(), int (*count)()) {
     static const Record record{};
     for (int i = 0; i < 3; ++i)
         put(&record, sizeof record);
@@ -112,7 +119,8 @@ void report() {
 void use_registry() {
     const fuzz::exact_text text(std::string(sizeof(BODY_HEALTH_CHECK_REQ::chk_msg) - 1, '.'));
     get_engine_sts(text.get());
-    require(std::strlen(text.get()) < sizeof(BODY_HEALTH_CHECK_REQ::chk_msg), "the summary has no end");
+    require(std::strlen(text.get()) < sizeof(BODY_HEALTH_CHECK_REQ::chk_msg),
+            "the summary has no end");
     deactivate_process(0);
     for (int i = -1; i <= LOG_QUE_MAX; ++i)
         get_discard_qmsgs(i);
@@ -155,7 +163,8 @@ void fuzz::run(std::string_view input) {
     const auto head = from.number<case_head>();
     trc_sts_check_period = std::max(int{head.sweep_period_sec}, 0);
     worker_cfg.worker_rest_interval = std::max(int{head.rest_sec}, 60);
-    worker_cfg.worker_mode = (head.flags & THREAD_MODE) != 0 ? WORKER_MODE_THREAD : WORKER_MODE_PROCESS;
+    worker_cfg.worker_mode =
+        (head.flags & THREAD_MODE) != 0 ? WORKER_MODE_THREAD : WORKER_MODE_PROCESS;
     const std::string_view stat = from.text(head.stat_length);
     stat_file().set(stat);
     has_stat = !stat.empty();

@@ -25,8 +25,8 @@ SVC_HASH_TBL pristine;
 template <class T> T* make_guarded() {
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     const std::size_t whole = (sizeof(T) + page - 1) / page * page;
-    void* memory =
-        mmap(nullptr, whole + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* memory = mmap(nullptr, whole + page, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     require(memory != MAP_FAILED, "no memory");
     char* start = static_cast<char*>(memory);
     mprotect(start + whole, page, PROT_NONE);
@@ -51,7 +51,8 @@ struct area {
 // The part of a trace entry that the daemon reads, but for the time at its end.
 area entry_area(int slot) {
     PTRC_HASH_ARR& entry = ptrc_hash_tbl->h_arr[slot].param;
-    return {entry.proc_nm, offsetof(PTRC_HASH_ARR, call_trc_depth_list) - offsetof(PTRC_HASH_ARR, proc_nm)};
+    return {entry.proc_nm,
+            offsetof(PTRC_HASH_ARR, call_trc_depth_list) - offsetof(PTRC_HASH_ARR, proc_nm)};
 }
 
 area time_area(int slot) {
@@ -133,7 +134,8 @@ void patch_tables(reader& from) {
         const area where = area_of(from.number<std::uint8_t>());
         const std::size_t at = from.number<std::uint16_t>() % where.size;
         const std::string_view bytes = from.text(from.number<std::uint8_t>());
-        std::memcpy(static_cast<char*>(where.start) + at, bytes.data(), std::min(bytes.size(), where.size - at));
+        std::memcpy(static_cast<char*>(where.start) + at, bytes.data(),
+                    std::min(bytes.size(), where.size - at));
     }
 }
 

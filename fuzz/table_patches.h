@@ -13,14 +13,15 @@ inline constexpr unsigned MANY_ENTRIES = 16;
 inline NOTI_SEND_QUE_POOL* noti_pool = nullptr;
 inline PARSE_LOG_QUE_POOL* parse_pool = nullptr;
 
-// Makes the tables, the settings and the queues and attaches them as the daemon's; what leaves a table at its end meets
-// a page that cannot be touched.
+// Makes the tables, the settings and the queues and attaches them as the daemon's; what leaves a
+// table at its end meets a page that cannot be touched.
 void make_tables();
 
 // Brings all of them back to what they were when they were made.
 void empty_tables();
 
-// Takes patches up to the end: where (a byte), at which byte of it (two), how many bytes (one), the bytes.
+// Takes patches up to the end: where (a byte), at which byte of it (two), how many bytes (one), the
+// bytes.
 void patch_tables(reader& from);
 
 } // namespace fuzz

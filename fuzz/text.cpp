@@ -1,5 +1,6 @@
-// Text and path helpers. The first byte of the input is a length, the line behind it is delimiters or a directory, the
-// rest is the text. What the splitters do is compared with a plain way to do it.
+// Text and path helpers. The first byte of the input is a length, the line behind it is delimiters
+// or a directory, the rest is the text. What the splitters do is compared with a plain way to do
+// it.
 #include <sys/types.h>
 
 #include <cctype>
@@ -48,7 +49,8 @@ void check_split(const std::string& text, const std::string& delimiters, int mos
     char* found[MOST_PIECES] = {};
     const int count = agt::str_split(copy.get(), delimiters.c_str(), found, most);
     const bool nothing = text.empty() || delimiters.empty() || most < 1;
-    const pieces wanted = nothing ? pieces() : split_plainly(text, delimiters, static_cast<std::size_t>(most));
+    const pieces wanted =
+        nothing ? pieces() : split_plainly(text, delimiters, static_cast<std::size_t>(most));
     require(stored(found, count) == wanted, "str_split");
 }
 
@@ -78,7 +80,8 @@ void check_trim(const std::string& text) {
     const exact_text copy(text);
     std::string wanted = text;
     std::erase_if(wanted, [](unsigned char c) { return std::isspace(c) != 0; });
-    require(agt::tran_a_trim(copy.get()) == (text.empty() ? -1 : 0) && wanted == copy.get(), "tran_a_trim");
+    require(agt::tran_a_trim(copy.get()) == (text.empty() ? -1 : 0) && wanted == copy.get(),
+            "tran_a_trim");
 }
 
 void check_comment(const std::string& text) {
@@ -101,8 +104,11 @@ void check_paths(const std::string& text, const std::string& home, std::size_t s
     require(agt::resolve_path(out.get(), size, home.c_str(), path.get()) == (whole.size() < size) &&
                 whole.substr(0, size - 1) == out.get(),
             "resolve_path");
-    require(agt::env2str(path.get(), out.get(), size) ? std::strlen(out.get()) < size : out[0] == '\0', "env2str");
-    require(std::string(agt::get_procname(path.get())) == text.substr(text.rfind('/') + 1), "get_procname");
+    require(agt::env2str(path.get(), out.get(), size) ? std::strlen(out.get()) < size
+                                                      : out[0] == '\0',
+            "env2str");
+    require(std::string(agt::get_procname(path.get())) == text.substr(text.rfind('/') + 1),
+            "get_procname");
     agt::makedir(path.get(), 0);
 }
 
@@ -162,7 +168,8 @@ void fuzz::set_up() {
 void fuzz::run(std::string_view input) {
     reader from(input);
     const std::size_t length = from.number<std::uint8_t>();
-    const std::string line = std::string(from.text_until('\n')).c_str(); // up to the first NUL, as the rest
+    const std::string line =
+        std::string(from.text_until('\n')).c_str(); // up to the first NUL, as the rest
     const std::string text = std::string(from.rest()).c_str();
     const int most = static_cast<int>(length % MOST_PIECES) + 1;
     check_split(text, line, most);

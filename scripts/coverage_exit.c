@@ -1,4 +1,5 @@
-/* Of the coverage build: _exit(), with which serving children end, leaves the counters behind as exit() does. */
+/* Of the coverage build: _exit(), with which serving children end, leaves the counters behind as
+ * exit() does. */
 #include <stdlib.h>
 
 void __gcov_dump(void);

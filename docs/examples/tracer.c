@@ -2,9 +2,9 @@
  *
  *     tracer SETTINGS_SHMKEY QUEUE_SHMKEY QUEUE_SEMKEY SERVICE_ID ELAPSED_MS
  *
- * The keys are TRAN_LOGF_QUE_INFO_SHMKEY, NOTI_SEND_QUE_SHMKEY and NOTI_SEND_QUE_SEMKEY of agt.cfg, decimal. Exit
- * status: 0 reported, 1 failed, 2 tracing is off, 3 the queue is full. Link or compile nothing but this file; the
- * headers are in include/kessard. */
+ * The keys are TRAN_LOGF_QUE_INFO_SHMKEY, NOTI_SEND_QUE_SHMKEY and NOTI_SEND_QUE_SEMKEY of agt.cfg,
+ * decimal. Exit status: 0 reported, 1 failed, 2 tracing is off, 3 the queue is full. Link or
+ * compile nothing but this file; the headers are in include/kessard. */
 #define _XOPEN_SOURCE 700
 
 #include <errno.h>
@@ -22,15 +22,16 @@
 
 enum { REPORTED = 0, FAILED = 1, TRACING_OFF = 2, QUEUE_FULL = 3 };
 
-/* Attaches the segment that kessard created; size 0 takes it as large as it is. Null when it is not there. */
+/* Attaches the segment that kessard created; size 0 takes it as large as it is. Null when it is not
+ * there. */
 static void* attach(const char* key, int flags) {
     const int shmid = shmget((key_t)strtol(key, NULL, 10), 0, 0);
     void* address = shmid < 0 ? (void*)-1 : shmat(shmid, NULL, flags);
     return address == (void*)-1 ? NULL : address;
 }
 
-/* Takes (-1) or gives back (+1) the queue's semaphore. With SEM_UNDO in both the kernel gives it back for a process
- * that dies in between; without it every other tracer would wait for ever. */
+/* Takes (-1) or gives back (+1) the queue's semaphore. With SEM_UNDO in both the kernel gives it
+ * back for a process that dies in between; without it every other tracer would wait for ever. */
 static int change_semaphore(int semid, short by) {
     struct sembuf operation = {0, by, SEM_UNDO};
     int result;
@@ -76,8 +77,9 @@ static ACTIVE_SERVICE_DETAIL make_record(const char* service_id, unsigned long e
     return record;
 }
 
-/* Puts a record behind the last one; the caller holds the queue's semaphore. The record first, then `rear` with release
- * order: kessard, which takes no lock, may read the slot as soon as it sees the new index. */
+/* Puts a record behind the last one; the caller holds the queue's semaphore. The record first, then
+ * `rear` with release order: kessard, which takes no lock, may read the slot as soon as it sees the
+ * new index. */
 static int put(NOTI_SEND_QUE* queue, const ACTIVE_SERVICE_DETAIL* record) {
     const int front = __atomic_load_n(&queue->info.front, __ATOMIC_ACQUIRE);
     const int rear = queue->info.rear;
@@ -102,7 +104,9 @@ static int report(NOTI_SEND_QUE* queue, const char* semkey, const ACTIVE_SERVICE
 
 int main(int argc, char** argv) {
     if (argc != 6) {
-        fprintf(stderr, "usage: %s SETTINGS_SHMKEY QUEUE_SHMKEY QUEUE_SEMKEY SERVICE_ID ELAPSED_MS\n", argv[0]);
+        fprintf(stderr,
+                "usage: %s SETTINGS_SHMKEY QUEUE_SHMKEY QUEUE_SEMKEY SERVICE_ID ELAPSED_MS\n",
+                argv[0]);
         return FAILED;
     }
     const TRAN_LOGF_QUE_INFO* settings = attach(argv[1], SHM_RDONLY);
@@ -111,7 +115,8 @@ int main(int argc, char** argv) {
         perror("the agent's shared memory");
         return FAILED;
     }
-    printf("magic_code 0x%08X, call_trc_depth %d\n", settings->magic_code, settings->call_trc_depth);
+    printf("magic_code 0x%08X, call_trc_depth %d\n", settings->magic_code,
+           settings->call_trc_depth);
     if (settings->magic_code != TRACE_ON_MAGIC_CODE)
         return TRACING_OFF;
     const ACTIVE_SERVICE_DETAIL record = make_record(argv[4], strtoul(argv[5], NULL, 10));

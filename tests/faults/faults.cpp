@@ -1,6 +1,6 @@
-// A library to preload: wraps what the daemon calls of the C library (it sends with sendmsg alone, waits for semaphores
-// with semtimedop alone, and so on) and fails as the table in the file KESSARD_FAULTS says. What the daemon starts is
-// left alone.
+// A library to preload: wraps what the daemon calls of the C library (it sends with sendmsg alone,
+// waits for semaphores with semtimedop alone, and so on) and fails as the table in the file
+// KESSARD_FAULTS says. What the daemon starts is left alone.
 #include "faults.h"
 
 #include <dlfcn.h>
@@ -65,7 +65,8 @@ bool concerns(std::size_t call, int fd) {
     struct stat info;
     if (error_of(call) == 0 || fstat(fd, &info) != 0)
         return false;
-    return S_ISREG(info.st_mode) || (error_of(call) != ENOSPC && (S_ISSOCK(info.st_mode) || S_ISFIFO(info.st_mode)));
+    return S_ISREG(info.st_mode) ||
+           (error_of(call) != ENOSPC && (S_ISSOCK(info.st_mode) || S_ISFIFO(info.st_mode)));
 }
 
 std::size_t cut(std::size_t call, int fd, std::size_t length) {
@@ -86,12 +87,14 @@ int cut_sleep(const pollfd* fds, int limit_ms) {
 
 } // namespace
 
-// A wrapped call: its type, its parameters, the condition under which it can fail, what it returns then, its arguments.
+// A wrapped call: its type, its parameters, the condition under which it can fail, what it returns
+// then, its arguments.
 #define NUMBER(name) std::integral_constant<std::size_t, number_of(#name)>::value
 #define REAL(type, name, parameters) reinterpret_cast<type(*) parameters>(wrapped[NUMBER(name)])
-#define WRAP(type, name, parameters, condition, failed, ...)                                                           \
-    type name parameters {                                                                                             \
-        return condition && fails(NUMBER(name)) ? failed : REAL(type, name, parameters)(__VA_ARGS__);                  \
+#define WRAP(type, name, parameters, condition, failed, ...)                                       \
+    type name parameters {                                                                         \
+        return condition && fails(NUMBER(name)) ? failed                                           \
+                                                : REAL(type, name, parameters)(__VA_ARGS__);       \
     }
 
 extern "C" {
@@ -124,12 +127,15 @@ int open(const char* path, int flags, ...) {
     va_list mode;
     va_start(mode, flags);
     const int ret =
-        fails(NUMBER(open)) ? -1 : REAL(int, open, (const char*, int, ...))(path, flags, va_arg(mode, mode_t));
+        fails(NUMBER(open))
+            ? -1
+            : REAL(int, open, (const char*, int, ...))(path, flags, va_arg(mode, mode_t));
     va_end(mode);
     return ret;
 }
 
-int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) asm("poll"); // under its name its table is not to be read
+int poll_or_sleep(pollfd* fds, nfds_t count,
+                  int limit_ms) asm("poll"); // under its name its table is not to be read
 int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) {
     if (fails(NUMBER(poll)))
         return -1;
@@ -151,7 +157,9 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* malloc(std::size_t size) noexcept {
-    return now != nullptr && size >= now->smallest_bytes && fails(NUMBER(malloc)) ? nullptr : __libc_malloc(size);
+    return now != nullptr && size >= now->smallest_bytes && fails(NUMBER(malloc))
+               ? nullptr
+               : __libc_malloc(size);
 }
 void* calloc(std::size_t count, std::size_t size) noexcept {
     return fails(NUMBER(calloc)) ? nullptr : __libc_calloc(count, size);

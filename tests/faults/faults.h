@@ -1,5 +1,5 @@
-// The faults of a program under test: a table in a file that the test and the program both map. The library of
-// faults.cpp, preloaded into the program, looks into it at every call that it wraps.
+// The faults of a program under test: a table in a file that the test and the program both map. The
+// library of faults.cpp, preloaded into the program, looks into it at every call that it wraps.
 #pragma once
 
 #include <atomic>
@@ -10,9 +10,10 @@
 namespace faults {
 
 inline constexpr std::string_view CALLS[] = {
-    "recv",   "sendmsg",     "read",           "write",   "poll",   "pselect", "accept4",      "connect",
-    "socket", "open",        "pipe2",          "eventfd", "shmget", "shmat",   "semget",       "semtimedop",
-    "fork",   "posix_spawn", "pthread_create", "malloc",  "calloc", "time",    "gettimeofday", "clock_gettime"};
+    "recv",           "sendmsg", "read",   "write",      "poll",         "pselect",
+    "accept4",        "connect", "socket", "open",       "pipe2",        "eventfd",
+    "shmget",         "shmat",   "semget", "semtimedop", "fork",         "posix_spawn",
+    "pthread_create", "malloc",  "calloc", "time",       "gettimeofday", "clock_gettime"};
 
 constexpr std::size_t number_of(std::string_view call) {
     std::size_t number = 0;

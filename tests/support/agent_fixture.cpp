@@ -1,8 +1,9 @@
 // The agent under test.
 //
-// Ports and keys come from a numbered slot that a test owns while it holds an abstract socket of that number: it goes
-// away with the test, however it ends. The ports lie below the range from which the system picks the local ports of
-// connections. Keys that exist already (left by somebody else) make the next slot be tried.
+// Ports and keys come from a numbered slot that a test owns while it holds an abstract socket of
+// that number: it goes away with the test, however it ends. The ports lie below the range from
+// which the system picks the local ports of connections. Keys that exist already (left by somebody
+// else) make the next slot be tried.
 #include "agent_fixture.h"
 
 #include <gtest/gtest.h>
@@ -34,8 +35,9 @@ constexpr char SHARED_MEMORY[] = "IPC_SHARED_MEMORY";
 constexpr char SEMAPHORES[] = "IPC_SEMAPHORE";
 
 // Each has a segment and, but for the first, a semaphore set.
-const char* const OBJECTS[] = {"TRAN_LOGF_QUE_INFO", "SVC_HASH_TBL", "NOTI_SEND_QUE", "PTRC_HASH_TBL",
-                               "JCACHE_HASH_TBL",    "TRAN_AGT",     "PARSE_LOG_QUE"};
+const char* const OBJECTS[] = {"TRAN_LOGF_QUE_INFO", "SVC_HASH_TBL",    "NOTI_SEND_QUE",
+                               "PTRC_HASH_TBL",      "JCACHE_HASH_TBL", "TRAN_AGT",
+                               "PARSE_LOG_QUE"};
 
 // Valid while this test alone holds the slot.
 agt::unique_fd lock_slot(int slot) {
@@ -43,8 +45,9 @@ agt::unique_fd lock_slot(int slot) {
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
     std::snprintf(name.sun_path + 1, sizeof name.sun_path - 1, "kessard-test-%d", slot);
-    return bind(lock.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 ? std::move(lock)
-                                                                                        : agt::unique_fd();
+    return bind(lock.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0
+               ? std::move(lock)
+               : agt::unique_fd();
 }
 
 bool port_is_free(int port) {
@@ -108,7 +111,8 @@ void agent::reserve_slot() {
         port_ = FIRST_PORT + 2 * slot;
         first_key_ = FIRST_KEY + slot * KEYS_PER_SLOT;
         slot_lock_ = lock_slot(slot);
-        if (slot_lock_.valid() && (!port_is_free(port_) || !port_is_free(port_ + 1) || !keys_are_free(first_key_)))
+        if (slot_lock_.valid() &&
+            (!port_is_free(port_) || !port_is_free(port_ + 1) || !keys_are_free(first_key_)))
             slot_lock_.reset();
     }
     if (!slot_lock_.valid())
@@ -152,12 +156,14 @@ void agent::set(const std::string& section, const std::string& keyword, long val
 }
 
 void agent::unset(const std::string& section, const std::string& keyword) {
-    std::erase_if(cfg_, [&](const entry& one) { return one.section == section && one.keyword == keyword; });
+    std::erase_if(
+        cfg_, [&](const entry& one) { return one.section == section && one.keyword == keyword; });
 }
 
 std::string agent::value(const std::string& section, const std::string& keyword) const {
-    const auto found = std::find_if(cfg_.begin(), cfg_.end(),
-                                    [&](const entry& one) { return one.section == section && one.keyword == keyword; });
+    const auto found = std::find_if(cfg_.begin(), cfg_.end(), [&](const entry& one) {
+        return one.section == section && one.keyword == keyword;
+    });
     return found == cfg_.end() ? "" : found->value;
 }
 
@@ -177,7 +183,8 @@ void agent::write_file(const std::string& name, const std::string& text, unsigne
     std::ofstream file(unfinished, std::ios::binary | std::ios::trunc);
     file << text;
     file.close();
-    if (!file || chmod(unfinished.c_str(), mode) != 0 || std::rename(unfinished.c_str(), path(name).c_str()) != 0)
+    if (!file || chmod(unfinished.c_str(), mode) != 0 ||
+        std::rename(unfinished.c_str(), path(name).c_str()) != 0)
         ADD_FAILURE() << "cannot write " << path(name) << ": " << std::strerror(errno);
 }
 
@@ -218,8 +225,8 @@ std::string agent::whole_log() const {
     const std::string base = value("COMMON", "LOG_HOME");
     std::vector<std::filesystem::path> files;
     std::error_code error;
-    for (const auto& file :
-         std::filesystem::directory_iterator((base.starts_with('/') ? base : path(base)) + "/proc/kessard", error))
+    for (const auto& file : std::filesystem::directory_iterator(
+             (base.starts_with('/') ? base : path(base)) + "/proc/kessard", error))
         files.push_back(file.path());
     std::sort(files.begin(), files.end());
     std::string text;

@@ -7,8 +7,8 @@
 //     a.signal(SIGTERM);
 //     EXPECT_EQ(a.wait_exit(), 0);
 //
-// Whatever happened, the destructor ends the program and everything that it started, and removes its shared objects
-// and its directory. A test that failed gets the log on standard error first.
+// Whatever happened, the destructor ends the program and everything that it started, and removes
+// its shared objects and its directory. A test that failed gets the log on standard error first.
 #pragma once
 
 #include <optional>
@@ -34,12 +34,14 @@ class agent {
     agent& operator=(const agent&) = delete;
     ~agent();
 
-    // The configuration: complete from the start, with nobody at TRAN_SERVER CMD_PORT, ACTIVE_LIMIT 0 and the worker
-    // watchdog at 60 s. Changes count from the next start, or at once after write_cfg().
+    // The configuration: complete from the start, with nobody at TRAN_SERVER CMD_PORT, ACTIVE_LIMIT
+    // 0 and the worker watchdog at 60 s. Changes count from the next start, or at once after
+    // write_cfg().
     void set(const std::string& section, const std::string& keyword, const std::string& value);
     void set(const std::string& section, const std::string& keyword, long value);
     void unset(const std::string& section, const std::string& keyword);
-    std::string value(const std::string& section, const std::string& keyword) const; // empty when not set
+    std::string value(const std::string& section,
+                      const std::string& keyword) const; // empty when not set
     void write_cfg() const;
     std::string cfg_file() const { return path("agt.cfg"); }
 
@@ -47,11 +49,13 @@ class agent {
     const std::string& home() const { return home_; }
     std::string path(const std::string& name) const { return home_ + "/" + name; }
     void write_file(const std::string& name, const std::string& text, unsigned mode = 0644) const;
-    int port() const { return port_; }            // the command port
-    int server_port() const { return port_ + 1; } // reserved for a server; nobody else listens on it
+    int port() const { return port_; } // the command port
+    int server_port() const {
+        return port_ + 1;
+    } // reserved for a server; nobody else listens on it
 
-    // Starts the program in the foreground, or with -d; then pid() is the daemon's. A program that does not start as it
-    // should fails the test.
+    // Starts the program in the foreground, or with -d; then pid() is the daemon's. A program that
+    // does not start as it should fails the test.
     void start(std::vector<std::string> options = {});
     void start_daemon();
     pid_t pid() const { return program_ ? program_->pid() : -1; }
@@ -60,8 +64,11 @@ class agent {
     int stop(int limit_ms = LIMIT_MS);      // SIGTERM and wait_exit
     std::string out() const { return program_ ? program_->out() : ""; }
     std::string err() const { return program_ ? program_->err() : ""; }
-    std::vector<pid_t> running() const { return program_ ? program_->running() : std::vector<pid_t>(); }
-    program_result console(std::vector<std::string> words) const; // runs kessctl on this agent's configuration
+    std::vector<pid_t> running() const {
+        return program_ ? program_->running() : std::vector<pid_t>();
+    }
+    program_result
+    console(std::vector<std::string> words) const; // runs kessctl on this agent's configuration
 
     // The log: all its files behind the mark, which is at their start until mark_log().
     std::string log() const;
@@ -69,14 +76,19 @@ class agent {
     std::size_t count_log(const std::string& text) const;
     bool wait_log(const std::string& text, std::size_t times = 1, int limit_ms = LIMIT_MS) const;
 
-    // The shared objects, attached for reading and writing; null, and the test fails, when there is none.
-    TRAN_LOGF_QUE_INFO* settings() { return attach<TRAN_LOGF_QUE_INFO>("TRAN_LOGF_QUE_INFO_SHMKEY"); }
+    // The shared objects, attached for reading and writing; null, and the test fails, when there is
+    // none.
+    TRAN_LOGF_QUE_INFO* settings() {
+        return attach<TRAN_LOGF_QUE_INFO>("TRAN_LOGF_QUE_INFO_SHMKEY");
+    }
     SVC_HASH_TBL* services() { return attach<SVC_HASH_TBL>("SVC_HASH_TBL_SHMKEY"); }
     PTRC_HASH_TBL* traces() { return attach<PTRC_HASH_TBL>("PTRC_HASH_TBL_SHMKEY"); }
     JCACHE_HASH_TBL* cache() { return attach<JCACHE_HASH_TBL>("JCACHE_HASH_TBL_SHMKEY"); }
     TRAN_AGT_SHM* segment() { return attach<TRAN_AGT_SHM>("TRAN_AGT_SHMKEY"); }
     NOTI_SEND_QUE* noti_que() { return attach<NOTI_SEND_QUE>("NOTI_SEND_QUE_SHMKEY"); }
-    PARSE_LOG_QUE_POOL* parse_log_que() { return attach<PARSE_LOG_QUE_POOL>("PARSE_LOG_QUE_SHMKEY"); }
+    PARSE_LOG_QUE_POOL* parse_log_que() {
+        return attach<PARSE_LOG_QUE_POOL>("PARSE_LOG_QUE_SHMKEY");
+    }
     key_t shm_key(const std::string& keyword) const; // keys of the configuration as it stands
     key_t sem_key(const std::string& keyword) const;
     int sem_id(const std::string& keyword) const; // -1 when the set does not exist
@@ -90,7 +102,9 @@ class agent {
         std::string value;
     };
 
-    template <class T> T* attach(const char* keyword) { return static_cast<T*>(attach(keyword, sizeof(T), 0)); }
+    template <class T> T* attach(const char* keyword) {
+        return static_cast<T*>(attach(keyword, sizeof(T), 0));
+    }
     void* attach(const std::string& keyword, std::size_t size, int flags);
     void reserve_slot();
     void add_defaults();

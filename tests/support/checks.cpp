@@ -17,7 +17,8 @@ std::string chain_fault(const SVC_HASH_TBL& table, int bucket, std::vector<int>&
         if (s < 0 || s >= SVC_HASH_SLOTS || ++seen[static_cast<std::size_t>(s)] > 1)
             return "bucket " + std::to_string(bucket) + " leads to slot " + std::to_string(s);
         const SVC_HASH_ARR_LIST& slot = table.h_arr[s];
-        if (slot.hash_idx != bucket || slot.pre_idx != before || slot.my_idx != static_cast<unsigned>(s))
+        if (slot.hash_idx != bucket || slot.pre_idx != before ||
+            slot.my_idx != static_cast<unsigned>(s))
             return "slot " + std::to_string(s) + " is not linked as its chain is";
         before = s;
     }
@@ -52,7 +53,8 @@ testing::AssertionResult in_order(const agent& one, const texts& wanted) {
 }
 
 void start_running(agent& one, const texts& options) {
-    const char* const started = "start... running : 1"; // said by the command loop and by two threads
+    const char* const started =
+        "start... running : 1"; // said by the command loop and by two threads
     const std::size_t before = one.count_log(started);
     one.start(options);
     ASSERT_TRUE(one.wait_log(started, before + 3));
@@ -73,7 +75,8 @@ std::string table_fault(const SVC_HASH_TBL& table) {
         return "the used stack differs from the chains";
     for (unsigned i = 0; i < table.available.top; ++i)
         ++stacked.at(table.available.idx[i]);
-    return stacked == std::vector<int>(SVC_HASH_SLOTS, 1) ? "" : "a slot is not in exactly one stack";
+    return stacked == std::vector<int>(SVC_HASH_SLOTS, 1) ? ""
+                                                          : "a slot is not in exactly one stack";
 }
 
 std::string status_of(pid_t pid, const std::string& name) {
@@ -87,13 +90,15 @@ std::string status_of(pid_t pid, const std::string& name) {
 texts open_files(pid_t pid) {
     texts found;
     std::error_code error;
-    for (const auto& one : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error))
+    for (const auto& one :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error))
         found.push_back(std::filesystem::read_symlink(one.path(), error));
     return found;
 }
 
 texts children(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
+    std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) +
+                       "/children");
     texts found;
     for (std::string child; file >> child;)
         found.push_back(child);

@@ -1,5 +1,5 @@
-// What several tests look at: log lines without their time, the order of a service table, the state of a process. And
-// the headers of the system and of the library that most tests use.
+// What several tests look at: log lines without their time, the order of a service table, the state
+// of a process. And the headers of the system and of the library that most tests use.
 #pragma once
 
 #include <fcntl.h>
@@ -53,7 +53,8 @@ std::string status_of(pid_t pid, const std::string& name);
 // What each open descriptor of a process refers to.
 texts open_files(pid_t pid);
 
-// The ids of the children of a process's first thread; one that has ended counts until it is waited for.
+// The ids of the children of a process's first thread; one that has ended counts until it is waited
+// for.
 texts children(pid_t pid);
 
 } // namespace test_support

@@ -27,10 +27,11 @@ exchanges::exchanges() {
 }
 
 bool exchanges::run(const std::string& name) {
-    bool (exchanges::*const all[])() = {&exchanges::command, &exchanges::remote_command, &exchanges::transfer,
-                                        &exchanges::notify,  &exchanges::reload,         &exchanges::update,
-                                        &exchanges::sweep};
-    return (this->*all[std::find(std::begin(EXCHANGES), std::end(EXCHANGES), name) - std::begin(EXCHANGES)])();
+    bool (exchanges::*const all[])() = {
+        &exchanges::command, &exchanges::remote_command, &exchanges::transfer, &exchanges::notify,
+        &exchanges::reload,  &exchanges::update,         &exchanges::sweep};
+    return (this->*all[std::find(std::begin(EXCHANGES), std::end(EXCHANGES), name) -
+                       std::begin(EXCHANGES)])();
 }
 
 void exchanges::expect_all() {
@@ -86,7 +87,8 @@ bool exchanges::notify() {
     return wait_until(
         [&] { // what comes while the link is down is dropped
             put_notifications();
-            return server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, before + 1, TRY_MS).has_value();
+            return server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, before + 1, TRY_MS)
+                .has_value();
         },
         limit_ms);
 }
@@ -122,7 +124,8 @@ int exchanges::isalive(pid_t pid) {
     traces_ = traces_ == nullptr ? a.traces() : traces_;
     const PTRC_HASH_TBL& table = *traces_;
     for (unsigned i = 0; i < table.used.top && i < PTRC_HASH_SLOTS; ++i)
-        if (const PTRC_HASH_ARR& entry = table.h_arr[table.used.idx[i] % PTRC_HASH_SLOTS].param; entry._pid == pid)
+        if (const PTRC_HASH_ARR& entry = table.h_arr[table.used.idx[i] % PTRC_HASH_SLOTS].param;
+            entry._pid == pid)
             return entry.isalive;
     return -1;
 }
@@ -133,8 +136,8 @@ bool exchanges::sweep() {
     const pid_t pid = traced.pid();
     const bool found = wait_until(
         [&] {
-            return a.console(
-                        {"put-trace", "--pid", std::to_string(pid), "--name", "sleep", "--state", "h", "--alive", "0"})
+            return a.console({"put-trace", "--pid", std::to_string(pid), "--name", "sleep",
+                              "--state", "h", "--alive", "0"})
                            .status == 0 &&
                    wait_until([&] { return isalive(pid) == 1; }, TRY_MS);
         },

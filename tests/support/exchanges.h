@@ -1,4 +1,5 @@
-// An agent, its server, and every kind of exchange that there is with the two, each seen through to its effect.
+// An agent, its server, and every kind of exchange that there is with the two, each seen through to
+// its effect.
 #pragma once
 
 #include "served_agent.h"
@@ -23,7 +24,8 @@ class exchanges : public served_agent {
     bool remote_command();
     bool transfer(); // a file goes there and comes back
     bool notify();
-    bool reload(); // the table holds the server's services then, another number than before, and is in order
+    bool reload(); // the table holds the server's services then, another number than before, and is
+                   // in order
     bool update(); // the script's services go up
     bool sweep();  // a traced process lives and dies
 

@@ -34,7 +34,9 @@ inline std::string ext_items(const texts& of) {
 }
 
 struct ext_peer {
-    explicit ext_peer(const agent& a) { EXPECT_TRUE(client.connect("127.0.0.1", a.port())) << client.error(); }
+    explicit ext_peer(const agent& a) {
+        EXPECT_TRUE(client.connect("127.0.0.1", a.port())) << client.error();
+    }
     ext_peer(const agent& a, const std::string& request) : ext_peer(a) { ask(request); }
 
     // The request is its code, the kind 'R' and its items.
@@ -50,7 +52,8 @@ struct ext_peer {
     std::string receive(std::size_t most = SIZE_MAX) const {
         std::string all;
         char piece[65536];
-        while (all.size() < most && agt::wait_fd(client.fd(), POLLIN, LIMIT_MS) == agt::wait_result::ready) {
+        while (all.size() < most &&
+               agt::wait_fd(client.fd(), POLLIN, LIMIT_MS) == agt::wait_result::ready) {
             const ssize_t got = read(client.fd(), piece, std::min(sizeof piece, most - all.size()));
             if (got < 1)
                 break;

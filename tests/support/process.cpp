@@ -1,7 +1,8 @@
 // Programs that a test starts.
 //
-// The test process makes itself the reaper of orphans, so that a daemon whose parent has gone can be waited for. What
-// belongs to a program is found by its session: it stays the same over fork, exec and a change of the process group.
+// The test process makes itself the reaper of orphans, so that a daemon whose parent has gone can
+// be waited for. What belongs to a program is found by its session: it stays the same over fork,
+// exec and a change of the process group.
 #include "process.h"
 
 #include <fcntl.h>
@@ -34,7 +35,8 @@ proc_stat read_stat(const std::string& pid) {
     const std::size_t name_end = line.rfind(')');
     pid_t group = -1;
     if (name_end != std::string::npos &&
-        std::sscanf(line.c_str() + name_end + 1, " %c %d %d %d", &stat.state, &stat.parent, &group, &stat.session) == 4)
+        std::sscanf(line.c_str() + name_end + 1, " %c %d %d %d", &stat.state, &stat.parent, &group,
+                    &stat.session) == 4)
         stat.pid = std::stoi(pid);
     return stat;
 }
@@ -53,7 +55,8 @@ std::vector<proc_stat> processes_of(pid_t session) {
     return found;
 }
 
-// Becomes the program: in a session of its own, with an empty signal mask and every signal at its default.
+// Becomes the program: in a session of its own, with an empty signal mask and every signal at its
+// default.
 [[noreturn]] void become(std::vector<char*> argv, const environment& variables, int out, int err) {
     setsid();
     sigset_t none;
@@ -78,7 +81,8 @@ agt::unique_fd make_capture() {
 std::string captured(const agt::unique_fd& file) {
     std::string text;
     char piece[4096];
-    for (ssize_t got = 0; (got = pread(file.get(), piece, sizeof piece, static_cast<off_t>(text.size()))) > 0;)
+    for (ssize_t got = 0;
+         (got = pread(file.get(), piece, sizeof piece, static_cast<off_t>(text.size()))) > 0;)
         text.append(piece, static_cast<std::size_t>(got));
     return text;
 }
@@ -109,7 +113,8 @@ process::~process() {
     if (pid_ > 0 && getsid(pid_) != session_) { // just forked: the session is not there yet
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
-    } else if (pid_ > 0 && std::getenv("KESSARD_COVERAGE") != nullptr) { // a killed program leaves no counters
+    } else if (pid_ > 0 &&
+               std::getenv("KESSARD_COVERAGE") != nullptr) { // a killed program leaves no counters
         kill(pid_, SIGTERM);
         kill(pid_, SIGCONT);
         wait_exit();
@@ -161,7 +166,8 @@ std::vector<pid_t> process::running() const {
     return found;
 }
 
-program_result run_program(const std::vector<std::string>& argv, const environment& variables, int limit_ms) {
+program_result run_program(const std::vector<std::string>& argv, const environment& variables,
+                           int limit_ms) {
     process program(argv, variables);
     const int status = program.wait_exit(limit_ms);
     return {status, program.out(), program.err()};

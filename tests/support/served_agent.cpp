@@ -15,7 +15,8 @@ std::vector<SERVICE_ELEMENT> services(int count) {
 bool answers(const agent& a, const TCP_CMD_MSG& request, TCP_CMD_MSG* answer) {
     kessctl::command_client client;
     TCP_CMD_MSG unused;
-    return client.connect("127.0.0.1", a.port()) && client.request(request, answer == nullptr ? &unused : answer);
+    return client.connect("127.0.0.1", a.port()) &&
+           client.request(request, answer == nullptr ? &unused : answer);
 }
 
 void reset_at_close(int sockfd) {
@@ -24,7 +25,8 @@ void reset_at_close(int sockfd) {
 }
 
 served_agent::served_agent() {
-    EXPECT_EQ(server.start("127.0.0.1", a.server_port()), ""); // nobody takes the port while the server is away
+    EXPECT_EQ(server.start("127.0.0.1", a.server_port()),
+              ""); // nobody takes the port while the server is away
 }
 
 void served_agent::start(const texts& options) {

@@ -1,4 +1,5 @@
-// An agent, the server that it reports to, and a client of its command port: where most tests of the program begin.
+// An agent, the server that it reports to, and a client of its command port: where most tests of
+// the program begin.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,13 +12,15 @@
 
 namespace test_support {
 
-inline constexpr char THREAD_END[] = "### get_service_list() ### thread function END..."; // of a retrieval
+inline constexpr char THREAD_END[] =
+    "### get_service_list() ### thread function END..."; // of a retrieval
 
 // So many services: SERVICE0, SERVICE1, ...
 std::vector<SERVICE_ELEMENT> services(int count);
 
 // Whether a client of its own gets an answer.
-bool answers(const agent& a, const TCP_CMD_MSG& request = kessctl::start_frame(MSG_SET_SYS_CONFIG_SET_REQ),
+bool answers(const agent& a,
+             const TCP_CMD_MSG& request = kessctl::start_frame(MSG_SET_SYS_CONFIG_SET_REQ),
              TCP_CMD_MSG* answer = nullptr);
 
 // Makes a socket's close a reset.
@@ -31,7 +34,8 @@ class served_agent : public testing::Test {
     TCP_CMD_MSG answer{}; // the last that the client got
 
     served_agent();
-    // Starts the agent; the first retrieval and the device information are over then, and the client is connected.
+    // Starts the agent; the first retrieval and the device information are over then, and the
+    // client is connected.
     void start(const texts& options = {});
     void reconnect();
     bool ask(const TCP_CMD_MSG& request) { return client.request(request, &answer); }

@@ -25,7 +25,8 @@ trace_table::~trace_table() {
     kessard::ptrc_hash_tbl = nullptr;
 }
 
-PTRC_HASH_ARR& trace_table::add(const std::string& proc_nm, int pid, unsigned long tid, int idle_sec) {
+PTRC_HASH_ARR& trace_table::add(const std::string& proc_nm, int pid, unsigned long tid,
+                                int idle_sec) {
     const unsigned slot = PTRC_HASH_SLOTS - 1 - table_->alloc_cnt++;
     table_->used.idx[table_->used.top++] = slot;
     PTRC_HASH_ARR& entry = table_->h_arr[slot].param;

@@ -1,5 +1,5 @@
-// What the tests of the sweep, the watchdog and the statistics need inside one process: a trace table, and the log of
-// an agent.
+// What the tests of the sweep, the watchdog and the statistics need inside one process: a trace
+// table, and the log of an agent.
 #pragma once
 
 #include <string>
@@ -10,7 +10,8 @@
 
 namespace test_support {
 
-// The process's one trace table, emptied; untouched pages of it cost nothing. Attached as the daemon's until detached.
+// The process's one trace table, emptied; untouched pages of it cost nothing. Attached as the
+// daemon's until detached.
 class trace_table {
   public:
     trace_table();
@@ -19,7 +20,8 @@ class trace_table {
     PTRC_HASH_TBL* operator->() const { return table_; }
 
     // Puts an entry last on the used stack, in state 'a', alive and last accessed so long ago.
-    PTRC_HASH_ARR& add(const std::string& proc_nm, int pid, unsigned long tid = 0, int idle_sec = 0);
+    PTRC_HASH_ARR& add(const std::string& proc_nm, int pid, unsigned long tid = 0,
+                       int idle_sec = 0);
 
   private:
     PTRC_HASH_TBL* table_;

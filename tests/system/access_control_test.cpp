@@ -23,8 +23,14 @@ TEST(AccessControl, AdmitsListedAddressesAndRefusesRemoteCommands) {
         {"192.0.2.1,127.0.0.1", nullptr, {true, true}, nullptr},
         {"192.0.2.1, 127.1.2.3/8", nullptr, {true, true}, nullptr},
         {"0.0.0.0/0", "N", {false, true}, "<!> remote command refused. (ip 127.0.0.1, port "},
-        {"127.0.0.2,126.0.0.0/8", "Y", {false, false}, "<!> command connection refused. (ip 127.0.0.1, port "},
-        {"128.0.0.0/1", nullptr, {false, false}, "<!> command connection refused. (ip 127.0.0.1, port "},
+        {"127.0.0.2,126.0.0.0/8",
+         "Y",
+         {false, false},
+         "<!> command connection refused. (ip 127.0.0.1, port "},
+        {"128.0.0.0/1",
+         nullptr,
+         {false, false},
+         "<!> command connection refused. (ip 127.0.0.1, port "},
     };
     for (const auto& one : cases) {
         SCOPED_TRACE(one.addresses == nullptr ? "everybody" : one.addresses);
@@ -48,7 +54,8 @@ TEST(AccessControl, DoesNotStartWithWhatItCannotUnderstand) {
         const char* line;
     } cases[] = {
         {"ALLOWED_ADDRESSES", "", "<!> TRAN_AGENT ALLOWED_ADDRESSES : names no address"},
-        {"ALLOWED_ADDRESSES", "127.0.0.1,server", "ALLOWED_ADDRESSES : not an address or block of addresses (server)"},
+        {"ALLOWED_ADDRESSES", "127.0.0.1,server",
+         "ALLOWED_ADDRESSES : not an address or block of addresses (server)"},
         {"ALLOWED_ADDRESSES", "127.0.0.1/33", "ALLOWED_ADDRESSES : not an address"},
         {"ALLOWED_ADDRESSES", "127.0.0.1/", "ALLOWED_ADDRESSES : not an address"},
         {"REMOTE_COMMANDS_YN", "no", "<!> TRAN_AGENT REMOTE_COMMANDS_YN : neither Y nor N (no)"},

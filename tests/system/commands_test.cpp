@@ -1,5 +1,5 @@
-// The command port through the real program: every command of the server byte for byte, and every way to break the
-// protocol.
+// The command port through the real program: every command of the server byte for byte, and every
+// way to break the protocol.
 #include "served_agent.h"
 
 namespace {
@@ -23,7 +23,8 @@ class Commands : public served_agent {
         ASSERT_TRUE(ask(request)) << client.error();
         TCP_CMD_MSG wanted = start_frame(type);
         std::memcpy(&wanted.body, body.data(), body.size());
-        EXPECT_EQ(std::string(reinterpret_cast<char*>(&answer), 20), std::string(reinterpret_cast<char*>(&wanted), 20));
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(&answer), 20),
+                  std::string(reinterpret_cast<char*>(&wanted), 20));
         EXPECT_EQ(std::memcmp(&answer, &wanted, sizeof answer), 0);
     }
     // The daemon still serves, and its table is in order.
@@ -43,7 +44,13 @@ TEST_F(Commands, SetTheRuntimeSettings) {
         const char* limit; // in dbio_trc_limit behind a '1', in sql_trc_limit behind a '2'
         TRAN_LOGF_QUE_INFO wanted;
     } cases[] = {
-        {"SEVBCIXQ", "16", "1", "1", "5", "100", {16, 15, 0xAAAAAAAA, 0xff, {}, 5, 100, 1100, 2100, 1, 0, 0, {}}},
+        {"SEVBCIXQ",
+         "16",
+         "1",
+         "1",
+         "5",
+         "100",
+         {16, 15, 0xAAAAAAAA, 0xff, {}, 5, 100, 1100, 2100, 1, 0, 0, {}}},
         {"sevb SQ", "3", "0", "0", "-1", "-7", {16, 15, 0, 0x81, {}, -1, -7, 1, 2, 0, 0, 0, {}}},
         {"", "1", "2", "9", "00042", " 8 ", {1, 0, 2, 0, {}, 42, 8, 1, 2, 9, 0, 0, {}}},
         {"Q",
@@ -83,13 +90,15 @@ TEST_F(Commands, LogEveryFieldOfTheSettings) {
     a.mark_log();
     expect_answer(request, '8', "0");
     const std::string ten(10, '8');
-    EXPECT_TRUE(
-        in_order(a, {"(i) MSGRCV : [[ SET_SYS_CONFIG_SET_REQ ]]\n", "(i) -> IPADDR         - '" + ten + "88888'\n",
-                     "(i) -> LOG_FLAG_SET   - '88888888'\n", "(i) -> LOG_QCNT       - '888'\n",
-                     "(i) -> LOG_ONOFF      - '8'\n", "(i) -> SFILTER_ONOFF  - '8'\n",
-                     "(i) -> CALL_TRC_DEPTH - '88888'\n", "(i) -> CALL_TRC_LIMIT - '" + ten + "'\n",
-                     "(i) -> DBIO_TRC_LIMIT - '" + ten + "'\n", "(i) -> SQL_TRC_LIMIT  - '" + ten + "'\n"}));
-    EXPECT_TRUE(a.wait_log("(i) MSGSND : [[ SET_SYS_CONFIG_SET_RSP ]]\n") && a.wait_log("(i) -> RESULT_CODE - '0'\n"));
+    EXPECT_TRUE(in_order(
+        a, {"(i) MSGRCV : [[ SET_SYS_CONFIG_SET_REQ ]]\n",
+            "(i) -> IPADDR         - '" + ten + "88888'\n", "(i) -> LOG_FLAG_SET   - '88888888'\n",
+            "(i) -> LOG_QCNT       - '888'\n", "(i) -> LOG_ONOFF      - '8'\n",
+            "(i) -> SFILTER_ONOFF  - '8'\n", "(i) -> CALL_TRC_DEPTH - '88888'\n",
+            "(i) -> CALL_TRC_LIMIT - '" + ten + "'\n", "(i) -> DBIO_TRC_LIMIT - '" + ten + "'\n",
+            "(i) -> SQL_TRC_LIMIT  - '" + ten + "'\n"}));
+    EXPECT_TRUE(a.wait_log("(i) MSGSND : [[ SET_SYS_CONFIG_SET_RSP ]]\n") &&
+                a.wait_log("(i) -> RESULT_CODE - '0'\n"));
     EXPECT_EQ(a.settings()->sql_trc_limit, 8888888888);
 }
 
@@ -131,11 +140,13 @@ TEST_F(Commands, SetTheResourceThresholds) {
         EXPECT_EQ(std::memcmp(segment.file_system, wanted, sizeof wanted), 0);
     }
     EXPECT_TRUE(a.wait_log("RESULT_CODE", std::size(cases)));
-    EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ SET_SYS_RESOURCE_SET_REQ ]]\n", "(i) -> CPU_ALERT_SEC       - '00060'\n",
-                             "(i) -> CPU_ALERT_PCNT      - '999'\n", "(i) -> FILE_SYS_ALERT_PCNT - '90,'\n",
-                             "(i) -> MAX_FILE_SYS_LIST   - '/,/home", "## file_sys_num : 2\n", "#0# file_system : /\n",
-                             "#0# alert_pcnt : 90\n", "#0# alert_cnt : 0\n", "#1# file_system : /home\n",
-                             "(i) MSGSND : [[ SET_SYS_RESOURCE_SET_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"}));
+    EXPECT_TRUE(in_order(
+        a,
+        {"(i) MSGRCV : [[ SET_SYS_RESOURCE_SET_REQ ]]\n", "(i) -> CPU_ALERT_SEC       - '00060'\n",
+         "(i) -> CPU_ALERT_PCNT      - '999'\n", "(i) -> FILE_SYS_ALERT_PCNT - '90,'\n",
+         "(i) -> MAX_FILE_SYS_LIST   - '/,/home", "## file_sys_num : 2\n", "#0# file_system : /\n",
+         "#0# alert_pcnt : 90\n", "#0# alert_cnt : 0\n", "#1# file_system : /home\n",
+         "(i) MSGSND : [[ SET_SYS_RESOURCE_SET_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"}));
 }
 
 SERVICE_ELEMENT numbered(int i, char mode) {
@@ -151,18 +162,20 @@ TEST_F(Commands, ChangeServices) {
         const char* modes; // of the services 1 to 8
         const char* handled;
         unsigned entries; // afterwards
-    } cases[] = {
-        {"000", "", "AAAAAAAA", "000", 0},    {"abc", "", "AAAAAAAA", "000", 0},  {"-1 ", "", "AAAAAAAA", "000", 0},
-        {" 2,", "", "AAAAAAAA", "002", 2},    {"008", "", "AAAAAAAA", "008", 8},  {"009", "", "AAAAAAAA", "008", 8},
-        {"8888", "", "AAAAAAAA", "008", 8},   {"003", "2", "AZAAAAAA", "001", 2}, {"003", "1", "ZAAAAAAA", "000", 1},
-        {"003", "123", "DXYAAAAA", "003", 2}, {"003", "", "DDAAAAAA", "003", 1},  {"003", "3", "YYZAAAAA", "002", 3}};
+    } cases[] = {{"000", "", "AAAAAAAA", "000", 0},  {"abc", "", "AAAAAAAA", "000", 0},
+                 {"-1 ", "", "AAAAAAAA", "000", 0},  {" 2,", "", "AAAAAAAA", "002", 2},
+                 {"008", "", "AAAAAAAA", "008", 8},  {"009", "", "AAAAAAAA", "008", 8},
+                 {"8888", "", "AAAAAAAA", "008", 8}, {"003", "2", "AZAAAAAA", "001", 2},
+                 {"003", "1", "ZAAAAAAA", "000", 1}, {"003", "123", "DXYAAAAA", "003", 2},
+                 {"003", "", "DDAAAAAA", "003", 1},  {"003", "3", "YYZAAAAA", "002", 3}};
     for (const auto& one : cases) {
         SCOPED_TRACE(std::string(one.num) + " " + one.known + " " + one.modes);
         const std::string known = one.known;
         std::vector<SERVICE_ELEMENT> before;
         std::vector<SERVICE_ELEMENT> sent;
         for (int i = 1; i <= 8; ++i) {
-            before.push_back(numbered(i, known.find(static_cast<char>('0' + i)) == known.npos ? 'D' : 'A'));
+            before.push_back(
+                numbered(i, known.find(static_cast<char>('0' + i)) == known.npos ? 'D' : 'A'));
             sent.push_back(numbered(i, one.modes[i - 1]));
         }
         EXPECT_TRUE(ask(kessctl::modified_services_frame(before.data(), before.size())));
@@ -172,7 +185,8 @@ TEST_F(Commands, ChangeServices) {
         EXPECT_EQ(a.services()->alloc_cnt, one.entries);
         EXPECT_EQ(table_fault(*a.services()), "");
     }
-    expect_answer(start_frame('7'), '8', std::string("0\0", 2) + "002"); // what earlier answers left stays
+    expect_answer(start_frame('7'), '8',
+                  std::string("0\0", 2) + "002"); // what earlier answers left stays
 
     SERVICE_ELEMENT full; // no field has a terminator
     std::memset(&full, '5', sizeof full);
@@ -180,21 +194,26 @@ TEST_F(Commands, ChangeServices) {
     EXPECT_TRUE(a.wait_log("[[ SET_SYS_CONFIG_SET_RSP ]]")); // the end of what came before
     a.mark_log();
     expect_answer(request, 'C', std::string("0\0", 2) + "001");
-    expect_answer(request, 'C', std::string("0\0", 2) + "000"); // a mode that does not change what is there
+    expect_answer(request, 'C',
+                  std::string("0\0", 2) + "000"); // a mode that does not change what is there
     const SVC_HASH_ARR& param = a.services()->h_arr[a.services()->used.idx[3]].param;
-    EXPECT_EQ(std::string(param.host_name) + param.server_id + param.service_id, std::string(64 + 15 + 16, '5'));
+    EXPECT_EQ(std::string(param.host_name) + param.server_id + param.service_id,
+              std::string(64 + 15 + 16, '5'));
     const std::string id(16, '5');
-    EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]\n", "(I) SERVICE_ID : " + id + "\n",
-                             "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n",
-                             "<!> service_id(" + id + "5) is already exist, update_mode : '5'\n"}));
+    EXPECT_TRUE(in_order(
+        a, {"(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]\n", "(I) SERVICE_ID : " + id + "\n",
+            "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n",
+            "<!> service_id(" + id + "5) is already exist, update_mode : '5'\n"}));
 }
 
 TEST_F(Commands, AreRefusedWhenTheyBreakTheProtocol) {
     a.mark_log();
     for (const char type : std::string("0134568 9ACEFGHIz\0\1\xff", 20)) {
-        EXPECT_TRUE(client.send(start_frame(type)) && client.wait_closed()) << type << client.error();
+        EXPECT_TRUE(client.send(start_frame(type)) && client.wait_closed())
+            << type << client.error();
         if (type > ' ') {
-            EXPECT_TRUE(a.wait_log("<!> error! unknown command type('" + std::string(1, type) + "')\n"));
+            EXPECT_TRUE(
+                a.wait_log("<!> error! unknown command type('" + std::string(1, type) + "')\n"));
         }
         reconnect();
     }
@@ -212,7 +231,8 @@ TEST_F(Commands, AreRefusedWhenTheyBreakTheProtocol) {
 TEST_F(Commands, ServeFiveClientsAndNoSixth) {
     command_client others[4];
     for (command_client& other : others)
-        EXPECT_TRUE(other.connect("127.0.0.1", a.port()) && other.request(start_frame('7'), &answer));
+        EXPECT_TRUE(other.connect("127.0.0.1", a.port()) &&
+                    other.request(start_frame('7'), &answer));
     command_client sixth;
     EXPECT_TRUE(sixth.connect("127.0.0.1", a.port()) && sixth.wait_closed()) << sixth.error();
     EXPECT_TRUE(a.wait_log("<!> client_list error.. client_num : 5\n"));
@@ -234,8 +254,9 @@ TEST_F(Commands, ComeTogetherOrInPieces) {
         EXPECT_EQ(answer.hdr.msg_type[0], type);
         EXPECT_EQ(kessctl::field_text(answer, "result_code"), "0");
     }
-    EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ RENEW_SERVICE_LIST_REQ ]]\n",
-                             "(i) MSGSND : [[ RENEW_SERVICE_LIST_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"}));
+    EXPECT_TRUE(
+        in_order(a, {"(i) MSGRCV : [[ RENEW_SERVICE_LIST_REQ ]]\n",
+                     "(i) MSGSND : [[ RENEW_SERVICE_LIST_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n"}));
     for (std::size_t i = 0; i < sizeof both[0]; ++i)
         ASSERT_TRUE(client.send_bytes(reinterpret_cast<const char*>(both) + i, 1));
     EXPECT_TRUE(client.receive(&answer)) << client.error();
@@ -253,7 +274,8 @@ TEST_F(Commands, GiveUpAClientThatNeverReads) {
     EXPECT_TRUE(wait_until([&] { // the daemon takes no more
         const char* bytes = reinterpret_cast<const char*>(&request);
         ssize_t sent = 0;
-        while ((sent = send(client.fd(), bytes + at, sizeof request - at, MSG_DONTWAIT | MSG_NOSIGNAL)) > 0)
+        while ((sent = send(client.fd(), bytes + at, sizeof request - at,
+                            MSG_DONTWAIT | MSG_NOSIGNAL)) > 0)
             at = (at + static_cast<std::size_t>(sent)) % sizeof request;
         return a.count_log("<!> tcp send error.. slen : -1\n") == 1;
     }));

@@ -1,4 +1,5 @@
-// The commands of the console that change and show an agent, and the stand-in server as a program that it serves.
+// The commands of the console that change and show an agent, and the stand-in server as a program
+// that it serves.
 #include <nlohmann/json.hpp>
 
 #include "checks.h"
@@ -15,12 +16,15 @@ class ConsoleCommands : public testing::Test {
 
     void serve(const std::string& services) {
         a.write_file("services", services);
-        server.emplace(texts{KESSCTL_PROGRAM, "serve", "--port", std::to_string(a.server_port()), "--services",
-                             a.path("services"), "--json-log", a.path("messages"), "--port-file", a.path("port")},
+        server.emplace(texts{KESSCTL_PROGRAM, "serve", "--port", std::to_string(a.server_port()),
+                             "--services", a.path("services"), "--json-log", a.path("messages"),
+                             "--port-file", a.path("port")},
                        environment{});
-        ASSERT_TRUE(wait_until([&] { return access(a.path("port").c_str(), F_OK) == 0; })) << server->err();
+        ASSERT_TRUE(wait_until([&] { return access(a.path("port").c_str(), F_OK) == 0; }))
+            << server->err();
     }
-    // Runs a command, which must end with `status` and write the texts in this order, to standard error if it failed.
+    // Runs a command, which must end with `status` and write the texts in this order, to standard
+    // error if it failed.
     void expect(const texts& words, const texts& wanted, int status = 0) const {
         const program_result done = a.console(words);
         EXPECT_EQ(done.status, status) << words[0] << ": " << done.out << done.err;
@@ -40,26 +44,31 @@ class ConsoleCommands : public testing::Test {
 };
 
 TEST_F(ConsoleCommands, ChangeAndShowAnAgentBehindItsServer) {
-    serve(
-        "FIRST limit=7 flags=SE # the one\n\nSECOND host=box depth=3 call_limit=4 dbio_limit=5 sql_limit=6 tflag=1\n");
+    serve("FIRST limit=7 flags=SE # the one\n\nSECOND host=box depth=3 call_limit=4 dbio_limit=5 "
+          "sql_limit=6 tflag=1\n");
     start_running(a);
     EXPECT_TRUE(in_order(a, {"thread function END"}));
-    expect({"show", "services"},
-           {"2 services, 2 slots used, 9998 free", "FIRST", "7", "SE", "SECOND", "box", "3", "4", "5", "6", "1\n"});
-    expect({"set-config", "--log-flags", "SQ", "--log-qcnt", "8", "--log-onoff", "1", "--sfilter", "1",
-            "--call-trc-depth", "12", "--call-trc-limit", "34", "--dbio-trc-limit", "56", "--sql-trc-limit", "78"},
+    expect({"show", "services"}, {"2 services, 2 slots used, 9998 free", "FIRST", "7", "SE",
+                                  "SECOND", "box", "3", "4", "5", "6", "1\n"});
+    expect({"set-config", "--log-flags", "SQ", "--log-qcnt", "8", "--log-onoff", "1", "--sfilter",
+            "1", "--call-trc-depth", "12", "--call-trc-limit", "34", "--dbio-trc-limit", "56",
+            "--sql-trc-limit", "78"},
            {"<- SET_SYS_CONFIG_SET_RSP", "result_code : 0"});
-    expect({"show", "settings"}, {": 8\n", "0xAAAAAAAA (on)", ": SQ\n", ": 12\n", ": 34\n", ": 56\n", ": 78\n",
-                                  "svc_filtering   : 1", "0000  08"});
-    expect({"set-resource", "--cpu-sec", "30", "--cpu-pcnt", "90", "--fs-pcnt", "80", "--fs", "/", "/home"},
+    expect({"show", "settings"}, {": 8\n", "0xAAAAAAAA (on)", ": SQ\n", ": 12\n", ": 34\n",
+                                  ": 56\n", ": 78\n", "svc_filtering   : 1", "0000  08"});
+    expect({"set-resource", "--cpu-sec", "30", "--cpu-pcnt", "90", "--fs-pcnt", "80", "--fs", "/",
+            "/home"},
            {"<- SET_SYS_RESOURCE_SET_RSP", "result_code : 0"});
-    expect({"show", "registry"}, {"host ", "CPU alert at 90 % over 30 s", "2 file systems",
-                                  "/: alert at 80 %, 0 raised", "/home: alert at 80 %", "0 processes"});
+    expect({"show", "registry"},
+           {"host ", "CPU alert at 90 % over 30 s", "2 file systems", "/: alert at 80 %, 0 raised",
+            "/home: alert at 80 %", "0 processes"});
     expect({"services", "add", "THIRD", "limit=9", "FIRST", "limit=8"}, {"2 services sent"});
     expect({"services", "update", "SECOND", "limit=10"}, {"1 services sent"});
     expect({"services", "delete", "NOWHERE", "FIRST"}, {"2 services sent"});
     const std::string table = a.console({"show", "services"}).out;
-    EXPECT_TRUE(in_order(table, {"2 services, 2 slots"}) && table.find("FIRST") == std::string::npos) << table;
+    EXPECT_TRUE(in_order(table, {"2 services, 2 slots"}) &&
+                table.find("FIRST") == std::string::npos)
+        << table;
     EXPECT_TRUE(in_order(table, {"SECOND", " 10 "}) && in_order(table, {"THIRD", " 9 "})) << table;
     expect({"put-notification", "--service", "SECOND"}, {});
     expect({"show", "queues", "--records", "1"}, {"noti_send_que: front ", ", rear 1, ", "SECOND"});
@@ -75,15 +84,19 @@ TEST_F(ConsoleCommands, ServeLogsEveryMessageAndReadsItsServicesAgain) {
     EXPECT_TRUE(wait_until([&] { return messages_of("DEVICE_INFO_REQ").size() == 1; }));
     a.write_file("services", "FIRST limit=7\nNEW limit=x\n");
     kill(server->pid(), SIGHUP);
-    EXPECT_TRUE(wait_until([&] { return server->err().find("services:2: ") != std::string::npos; })) << server->err();
+    EXPECT_TRUE(wait_until([&] { return server->err().find("services:2: ") != std::string::npos; }))
+        << server->err();
     a.write_file("services", "FIRST limit=7\nNEW\n");
     kill(server->pid(), SIGHUP);
     EXPECT_TRUE(wait_until([&] { return in_order(server->out(), {" 2 services from "}); }));
     expect({"renew"}, {"RENEW_SERVICE_LIST_RSP"});
-    EXPECT_TRUE(wait_until([&] { return a.console({"show", "services"}).out.find("NEW") != std::string::npos; }));
+    EXPECT_TRUE(wait_until([&] {
+        return a.console({"show", "services"}).out.find("NEW") != std::string::npos;
+    }));
     kill(server->pid(), SIGTERM);
     EXPECT_EQ(server->wait_exit(), 0);
-    EXPECT_TRUE(in_order(server->out(), {"listening on 127.0.0.1 port ", "-> ", "GET_SERVICE_LIST_REQ", "<- "}));
+    EXPECT_TRUE(in_order(server->out(),
+                         {"listening on 127.0.0.1 port ", "-> ", "GET_SERVICE_LIST_REQ", "<- "}));
 }
 
 TEST_F(ConsoleCommands, SayWhatIsWrong) {
@@ -91,7 +104,8 @@ TEST_F(ConsoleCommands, SayWhatIsWrong) {
         {{"services", "add", "X", "limit=many"}, "limit"},
         {{"services", "add", std::string(17, 'x')}, "is longer than 16 characters"},
         {{"services", "add", "limit=3"}, "a service starts with its id"},
-        {{"set-resource", "--cpu-sec", "1", "--cpu-pcnt", "1", "--fs-pcnt", "1", "--fs", "a", "b", "c", "d", "e", "f"},
+        {{"set-resource", "--cpu-sec", "1", "--cpu-pcnt", "1", "--fs-pcnt", "1", "--fs", "a", "b",
+          "c", "d", "e", "f"},
          "at most 5 file systems"},
         {{"show", "settings", "--cfg", "/nowhere"}, "/nowhere"},
         {{"show", "services"}, "SVC_HASH_TBL_SHMKEY"},

@@ -1,5 +1,5 @@
-// The real program while calls of the system fail, peers reset, neighbours hold or spoil what it shares, and it is
-// killed.
+// The real program while calls of the system fail, peers reset, neighbours hold or spoil what it
+// shares, and it is killed.
 #include "faults.h"
 
 #include <sys/mman.h>
@@ -20,7 +20,8 @@ class Faults : public exchanges {
             GTEST_SKIP() << "a sanitizer wraps the same calls";
         a.write_file("faults", std::string(sizeof *table, '\0'));
         const agt::unique_fd file(open(a.path("faults").c_str(), O_RDWR | O_CLOEXEC));
-        void* memory = mmap(nullptr, sizeof *table, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+        void* memory =
+            mmap(nullptr, sizeof *table, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
         table = static_cast<faults::table*>(memory);
         table->longest_sleep_ms = 20;
         a.variables["KESSARD_FAULTS"] = a.path("faults");
@@ -47,7 +48,8 @@ class Faults : public exchanges {
     }
     bool ended() const {
         siginfo_t info{};
-        return waitid(P_PID, static_cast<id_t>(a.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
+        return waitid(P_PID, static_cast<id_t>(a.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid != 0;
     }
 };
 
@@ -70,7 +72,8 @@ class FaultCases : public Faults, public testing::WithParamInterface<fault_case>
 };
 const auto name_of = [](const auto& one) { return one.param.call + "_" + one.param.exchange; };
 
-// The first, the second, ... call of the start fails. A file that cannot be read never allows what it forbids.
+// The first, the second, ... call of the start fails. A file that cannot be read never allows what
+// it forbids.
 class StartFaults : public FaultCases {};
 TEST_P(StartFaults, AreNamedOrHarmless) {
     a.set("TRAN_AGENT", "REMOTE_COMMANDS_YN", "N");
@@ -85,23 +88,28 @@ TEST_P(StartFaults, AreNamedOrHarmless) {
         hit = hits(one.call) > 0;
         clear();
         EXPECT_TRUE(!hit || is_named());
-        EXPECT_TRUE(ended() || a.console({"exec", "true"}).err.find("closed the connection") != std::string::npos);
+        EXPECT_TRUE(ended() || a.console({"exec", "true"}).err.find("closed the connection") !=
+                                   std::string::npos);
         EXPECT_EQ(ended() ? a.wait_exit() : a.stop() + 1, 1);
     }
     EXPECT_GT(nth, 1u);
 }
 INSTANTIATE_TEST_SUITE_P(
     , StartFaults,
-    testing::Values(fault_case{"shmget", ENOSPC, {" create error.[key:0x"}},
-                    fault_case{"shmat", ENOMEM, {" create error.[key:0x"}},
-                    fault_case{"semget", ENOSPC, {" semaphore create error.[key:0x"}},
-                    fault_case{"semtimedop", ENOSPC, {" semaphore lock error.[semid:"}},
-                    fault_case{"socket", EMFILE, {"init tcp server fail", "connection fail", "port connect fail"}},
-                    fault_case{"connect", ENETUNREACH, {"connection fail", "port connect fail"}},
-                    fault_case{"open", ENFILE, {"fopen fail", "cannot open a log file", " : cannot be read, errno : "}},
-                    fault_case{"pthread_create", EAGAIN, {"pthread_create error"}},
-                    fault_case{"eventfd", EMFILE, {"pthread_create error"}}, fault_case{"malloc", ENOMEM, {}},
-                    fault_case{"calloc", ENOMEM, {}}),
+    testing::Values(
+        fault_case{"shmget", ENOSPC, {" create error.[key:0x"}},
+        fault_case{"shmat", ENOMEM, {" create error.[key:0x"}},
+        fault_case{"semget", ENOSPC, {" semaphore create error.[key:0x"}},
+        fault_case{"semtimedop", ENOSPC, {" semaphore lock error.[semid:"}},
+        fault_case{
+            "socket", EMFILE, {"init tcp server fail", "connection fail", "port connect fail"}},
+        fault_case{"connect", ENETUNREACH, {"connection fail", "port connect fail"}},
+        fault_case{"open",
+                   ENFILE,
+                   {"fopen fail", "cannot open a log file", " : cannot be read, errno : "}},
+        fault_case{"pthread_create", EAGAIN, {"pthread_create error"}},
+        fault_case{"eventfd", EMFILE, {"pthread_create error"}}, fault_case{"malloc", ENOMEM, {}},
+        fault_case{"calloc", ENOMEM, {}}),
     name_of);
 
 // A call fails for a while; afterwards everything goes on, with what was stored.
@@ -119,30 +127,36 @@ TEST_P(RunningFaults, PassAndLeaveNothing) {
     EXPECT_EQ(run(one.exchange), one.works);
     EXPECT_TRUE(wait_until([&] { return hits(one.call) > 0 && is_named(); }));
     clear();
-    EXPECT_TRUE(wait_until([&] { return loaded->alloc_cnt >= LEAST_SERVICES; })); // a list may be coming in
+    EXPECT_TRUE(
+        wait_until([&] { return loaded->alloc_cnt >= LEAST_SERVICES; })); // a list may be coming in
     expect_all();
     expect_end();
 }
 INSTANTIATE_TEST_SUITE_P(
     , RunningFaults,
-    testing::Values(fault_case{"fork", EAGAIN, {"<!> fork error. errno : 11"}, "remote_command"},
-                    fault_case{"posix_spawn", EAGAIN, {}, "remote_command", true}, // it is forked then
-                    fault_case{"posix_spawn", EAGAIN, {"(I) run script : "}, "update"},
-                    fault_case{"pipe2", EMFILE, {"(i) send datas... ok.. len=(8)"}, "remote_command"},
-                    fault_case{"pthread_create", EAGAIN, {"pthread_create error"}, "reload"},
-                    fault_case{"socket", EMFILE, {"<!> server connection fail. (ip "}, "reload"},
-                    fault_case{"connect", ENETUNREACH, {"<!> server connection fail. (ip "}, "update"},
-                    fault_case{"connect", ENETUNREACH, {"<!> server notify(cmd) port connect fail[ip "}, "notify"},
-                    fault_case{"semtimedop", EIDRM, {"<!> svc_hash_tbl semaphore lock error.[semid:"}, "reload", true},
-                    fault_case{"malloc", ENOMEM, {"<!> no memory for the dump of svc_hash_tbl"}, "reload", true},
-                    fault_case{"malloc", ENOMEM, {"<!> RECV_MAX_SIZE malloc error!!"}, "transfer"},
-                    fault_case{"calloc", ENOMEM, {"<!> add_worker -> not enought memory."}, "sweep", true},
-                    fault_case{"open", EMFILE, {"<!> can't open file |"}, "transfer"},
-                    fault_case{"write", ENOSPC, {}, "transfer"}), // nor can the log say so
+    testing::Values(
+        fault_case{"fork", EAGAIN, {"<!> fork error. errno : 11"}, "remote_command"},
+        fault_case{"posix_spawn", EAGAIN, {}, "remote_command", true}, // it is forked then
+        fault_case{"posix_spawn", EAGAIN, {"(I) run script : "}, "update"},
+        fault_case{"pipe2", EMFILE, {"(i) send datas... ok.. len=(8)"}, "remote_command"},
+        fault_case{"pthread_create", EAGAIN, {"pthread_create error"}, "reload"},
+        fault_case{"socket", EMFILE, {"<!> server connection fail. (ip "}, "reload"},
+        fault_case{"connect", ENETUNREACH, {"<!> server connection fail. (ip "}, "update"},
+        fault_case{
+            "connect", ENETUNREACH, {"<!> server notify(cmd) port connect fail[ip "}, "notify"},
+        fault_case{
+            "semtimedop", EIDRM, {"<!> svc_hash_tbl semaphore lock error.[semid:"}, "reload", true},
+        fault_case{
+            "malloc", ENOMEM, {"<!> no memory for the dump of svc_hash_tbl"}, "reload", true},
+        fault_case{"malloc", ENOMEM, {"<!> RECV_MAX_SIZE malloc error!!"}, "transfer"},
+        fault_case{"calloc", ENOMEM, {"<!> add_worker -> not enought memory."}, "sweep", true},
+        fault_case{"open", EMFILE, {"<!> can't open file |"}, "transfer"},
+        fault_case{"write", ENOSPC, {}, "transfer"}), // nor can the log say so
     name_of);
 
 TEST_F(Faults, InterruptedCallsAreRepeatedAndShortOnesCompleted) {
-    const texts calls = {"recv", "sendmsg", "read", "write", "poll", "pselect", "accept4", "semtimedop"};
+    const texts calls = {"recv", "sendmsg", "read",    "write",
+                         "poll", "pselect", "accept4", "semtimedop"};
     for (const bool interrupted : {true, false}) {
         const texts chosen(calls.begin(), interrupted ? calls.end() : calls.begin() + 4);
         a.mark_log();
@@ -177,7 +191,8 @@ TEST_F(Faults, TheClockStepsAndTheLogIsRemoved) {
         char name[64];
         const std::time_t then = std::time(nullptr) + days * 86400;
         table->clock_sec = days * 86400;
-        std::strftime(name, sizeof name, "logs/proc/kessard/kessard-%Y-%m-%d-log", std::localtime(&then));
+        std::strftime(name, sizeof name, "logs/proc/kessard/kessard-%Y-%m-%d-log",
+                      std::localtime(&then));
         return command() && wait_until([&] { return std::filesystem::exists(a.path(name)); }, 1000);
     };
     a.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "0000");
@@ -199,7 +214,8 @@ TEST_F(Faults, TheClockStepsAndTheLogIsRemoved) {
 TEST_F(Faults, ResetsAtAnyByteLeaveNothing) {
     const char* step = std::getenv("KESSARD_RESET_STEP");
     std::vector<int> offsets;
-    for (int at = 0; at < TCP_CMD_MSG_SIZE; at += at < 30 ? 1 : std::atoi(step == nullptr ? "97" : step))
+    for (int at = 0; at < TCP_CMD_MSG_SIZE;
+         at += at < 30 ? 1 : std::atoi(step == nullptr ? "97" : step))
         offsets.push_back(at);
     const std::pair<char, std::function<void()>> answers[] = {
         {MSG_HEALTH_CHECK_REQ, [] {}},
@@ -246,7 +262,8 @@ TEST_F(Faults, ResetsAtAnyByteLeaveNothing) {
             server.forget_messages();
             server.change([](auto& options) { options.faults.clear(); });
             set_fault(type, {.close_after_bytes = at, .reset = true});
-            EXPECT_TRUE(wait_until([&, key = type, &act = provoke] { return act(), server.wait_for(key, 1, 50); }));
+            EXPECT_TRUE(wait_until(
+                [&, key = type, &act = provoke] { return act(), server.wait_for(key, 1, 50); }));
         }
     server.change([](auto& options) { options.faults.clear(); });
     expect_all();
@@ -255,7 +272,8 @@ TEST_F(Faults, ResetsAtAnyByteLeaveNothing) {
 }
 
 TEST_F(Faults, ADownloadThatCannotBeSentIsBrokenOff) {
-    const texts lines = {"file_download(): send fail for mb len=(-1)", "file_download(): send fail for body len=(-1)"};
+    const texts lines = {"file_download(): send fail for mb len=(-1)",
+                         "file_download(): send fail for body len=(-1)"};
     a.write_file("there", "content");
     std::filesystem::create_directory(a.path("here"));
     start_running(a);
@@ -268,7 +286,8 @@ TEST_F(Faults, ADownloadThatCannotBeSentIsBrokenOff) {
     EXPECT_TRUE(wait_until([&] { // nothing of the second file follows where the first broke off
         set("sendmsg", ECONNRESET, 0, 3);
         const std::string got = ask_ext(a, "0003R" + ext_items({a.path("there"), a.path("there")}));
-        return a.count_log("<!> error for send file data.... |" + a.path("there")) > 0 && !got.ends_with("content");
+        return a.count_log("<!> error for send file data.... |" + a.path("there")) > 0 &&
+               !got.ends_with("content");
     }));
     clear();
     EXPECT_EQ(a.console({"get", a.path("there"), a.path("here")}).status, 0);
@@ -321,7 +340,8 @@ TEST_F(Neighbours, OneThatHoldsATableForLongCostsNothing) {
     const long long from_ms = agt::monotonic_ms();
     EXPECT_TRUE(wait_until([&] { return agt::monotonic_ms() - from_ms > 3000; }));
     EXPECT_EQ(clock_gettime(clock, &after), 0);
-    EXPECT_LT((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000, 100);
+    EXPECT_LT((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000,
+              100);
     kill(holder, SIGKILL);
     waitpid(holder, nullptr, 0);
     waiting.join();
@@ -337,7 +357,8 @@ struct spoilt {
     TRAN_AGT_SHM& segment;
 };
 
-// Writes anything anywhere, but leaves the watchdog its trace table: it ends when that is out of range, as it should.
+// Writes anything anywhere, but leaves the watchdog its trace table: it ends when that is out of
+// range, as it should.
 void spoil(const spoilt& in, unsigned seed) {
     std::mt19937 random(seed);
     const int values[] = {0, -1, 9999, 10000, INT_MAX, INT_MIN, static_cast<int>(random() % 10000)};
@@ -358,7 +379,8 @@ void spoil(const spoilt& in, unsigned seed) {
                             &in.segment.proc_num,
                             &in.noti.front,
                             &in.noti.rear};
-    std::memcpy(places[random() % std::size(places)], &values[random() % std::size(values)], sizeof values[0]);
+    std::memcpy(places[random() % std::size(places)], &values[random() % std::size(values)],
+                sizeof values[0]);
     std::memset(entry.proc_nm, values[random() % std::size(values)], sizeof entry.proc_nm);
     std::memset(entry.pid, '0' + values[6] % 12, sizeof entry.pid);
     in.ptrc.used.top = 300;
@@ -367,7 +389,8 @@ void spoil(const spoilt& in, unsigned seed) {
 TEST_F(Neighbours, OneThatSpoilsTheTablesIsSurvived) {
     start_running(a);
     EXPECT_TRUE(reload());
-    const spoilt shared = {*a.services(), *a.traces(), *a.cache(), a.noti_que()->info, *a.segment()};
+    const spoilt shared = {*a.services(), *a.traces(), *a.cache(), a.noti_que()->info,
+                           *a.segment()};
     std::atomic<bool> over{false};
     std::thread vandal([&] {
         for (unsigned seed = 0; !over; ++seed)
@@ -380,7 +403,8 @@ TEST_F(Neighbours, OneThatSpoilsTheTablesIsSurvived) {
             one = kessctl::make_service("SERVICE" + std::to_string(i % 400));
             one.update_mode[0] = "ADYX"[i++ % 4];
         }
-        EXPECT_TRUE(answers(a, kessctl::modified_services_frame(sent, 8)) && (i % 64 != 8 || renew()));
+        EXPECT_TRUE(answers(a, kessctl::modified_services_frame(sent, 8)) &&
+                    (i % 64 != 8 || renew()));
     }
     over = true;
     vandal.join();

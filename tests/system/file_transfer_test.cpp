@@ -1,5 +1,5 @@
-// File transfer to and from the host, through the real program and the console: every answer to the byte, every error
-// text.
+// File transfer to and from the host, through the real program and the console: every answer to the
+// byte, every error text.
 #include "ext_peer.h"
 #include "served_agent.h"
 
@@ -42,7 +42,8 @@ class FileTransfer : public testing::Test {
         return ask_ext(a, request);
     }
     // Has a request refused with this text.
-    void expect_refusal(const std::string& request, const std::string& text, const std::string& before = "") {
+    void expect_refusal(const std::string& request, const std::string& text,
+                        const std::string& before = "") {
         EXPECT_EQ(ask(request), before + ext_answer('E', text));
         EXPECT_TRUE(a.wait_log("<!> " + text + "\n"));
     }
@@ -53,8 +54,9 @@ TEST_F(FileTransfer, WritesUploadedFilesExactly) {
     std::filesystem::create_directories(x);
     a.write_file("up/x/longer", "much longer than what comes");
     const std::string big(2500000, 'b');
-    ext_peer peer(a, "0002R" + ext_items({"$KT_HOME/up/x", "longer", "5", "493", "big", "2500000", "33152", "empty",
-                                          "0", "420", "minus", "-7", "2560", "word", "w", "w"}));
+    ext_peer peer(
+        a, "0002R" + ext_items({"$KT_HOME/up/x", "longer", "5", "493", "big", "2500000", "33152",
+                                "empty", "0", "420", "minus", "-7", "2560", "word", "w", "w"}));
     EXPECT_EQ(peer.receive(73), ACCEPTED);
     peer.send("12345" + big);
     EXPECT_EQ(peer.receive(), "");
@@ -67,7 +69,8 @@ TEST_F(FileTransfer, WritesUploadedFilesExactly) {
     EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ EXT_REQ - SVC_FILE_UP ]] \n",
                              "(i) start (2/5) - file=|" + x + "big|, size=|2500000|\n",
                              "(i) ok    (2/5) - file=|" + x + "big|, total recv size=|2500000|\n",
-                             "(i) start (4/5) - file=|" + x + "minus|, size=|-7|\n", "(i) ok    (5/5) - "}));
+                             "(i) start (4/5) - file=|" + x + "minus|, size=|-7|\n",
+                             "(i) ok    (5/5) - "}));
 }
 
 TEST_F(FileTransfer, RefusesAnUploadThatCannotBe) {
@@ -75,8 +78,10 @@ TEST_F(FileTransfer, RefusesAnUploadThatCannotBe) {
     const std::string too_long = dir + "/" + std::string(512, 'd');
     expect_refusal("0002R", "makedir() failed...");
     for (const std::string& directory : {"/proc/none"s, path("link"), too_long})
-        expect_refusal("0002R" + ext_items({directory, "f", "1", "420"}), "makedir(" + directory + ") failed...");
-    expect_refusal("0002R" + ext_items({dir, "f", "1", "420", "g"}), "invalid data... count=5, type=2, |" + dir + "|");
+        expect_refusal("0002R" + ext_items({directory, "f", "1", "420"}),
+                       "makedir(" + directory + ") failed...");
+    expect_refusal("0002R" + ext_items({dir, "f", "1", "420", "g"}),
+                   "invalid data... count=5, type=2, |" + dir + "|");
     expect_refusal("0002R" + dir + "\x1f" + ext_items(texts(30, "1")),
                    "invalid data... count=30, type=2, |" + dir + "|");
     EXPECT_EQ(ask("0002R" + dir), ACCEPTED); // no file at all
@@ -84,13 +89,15 @@ TEST_F(FileTransfer, RefusesAnUploadThatCannotBe) {
     ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600) + mkfifo(path("nobody").c_str(), 0600), 0);
     const agt::unique_fd reader(open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK));
     const std::pair<std::string, std::string> targets[] = {
-        {dir, "fifo"}, {dir, "nobody"}, {"/dev", "null"}, {dir, ""}, {dir, std::string(256, 'n')}, {dir, "none/x"}};
+        {dir, "fifo"},  {dir, "nobody"}, {"/dev", "null"}, {dir, ""}, {dir, std::string(256, 'n')},
+        {dir, "none/x"}};
     for (const auto& [directory, name] : targets)
         expect_refusal("0002R" + ext_items({directory, name, "5", "420"}),
                        "can't open file |" + directory + "/" + name + "|", ACCEPTED);
 }
 
-// Peers that vanish are noticed at once, those that stall after some seconds; nobody waits for either.
+// Peers that vanish are noticed at once, those that stall after some seconds; nobody waits for
+// either.
 TEST_F(FileTransfer, EndsAnUploadWhoseBytesDoNotCome) {
     std::vector<ext_peer> peers;
     for (const std::size_t bytes : {0, 1, 1500000}) {
@@ -108,7 +115,8 @@ TEST_F(FileTransfer, EndsAnUploadWhoseBytesDoNotCome) {
     EXPECT_EQ(ask_ext(a, "0001Recho a").substr(73 + 8), "a\n");
     for (const ext_peer& stalled : peers)
         EXPECT_EQ(stalled.receive(), ext_answer('E', ""));
-    EXPECT_TRUE(a.wait_log("<!> recv_tcp_data_timeout error!! |-2|\n")); // of the one that sent nothing
+    EXPECT_TRUE(
+        a.wait_log("<!> recv_tcp_data_timeout error!! |-2|\n")); // of the one that sent nothing
     EXPECT_TRUE(a.wait_log("<!> recv_tcp_data_timeout error!! |-1|\n", 2));
     EXPECT_EQ(status(path("f1500000")).st_size, 1048576);
     EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
@@ -139,12 +147,15 @@ TEST_F(FileTransfer, SendsFilesExactly) {
     for (const std::size_t i : {0, 1, 2}) {
         const std::string number = "(i) (" + std::to_string(i) + "/3) ";
         const std::string size = std::to_string(status(files[i]).st_size);
-        lines.insert(lines.end(), {number + "start send file=|" + files[i] + "|\n",
-                                   number + "ok    send file=|" + files[i] + "|, size=|" + size + "|\n"});
+        lines.insert(lines.end(),
+                     {number + "start send file=|" + files[i] + "|\n",
+                      number + "ok    send file=|" + files[i] + "|, size=|" + size + "|\n"});
     }
     EXPECT_TRUE(in_order(a, lines));
-    EXPECT_TRUE(wait_until(
-        [&] { return a.out().find("read_len = 5\nread_len = 0\nread_len = 1500000\n") != std::string::npos; }));
+    EXPECT_TRUE(wait_until([&] {
+        return a.out().find("read_len = 5\nread_len = 0\nread_len = 1500000\n") !=
+               std::string::npos;
+    }));
 }
 
 TEST_F(FileTransfer, RefusesADownloadOfWhatIsNoRegularFile) {
@@ -153,14 +164,16 @@ TEST_F(FileTransfer, RefusesADownloadOfWhatIsNoRegularFile) {
     ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
     a.write_file("huge", "");
     ASSERT_EQ(truncate(path("huge").c_str(), 0x100000000), 0); // more than can be announced
-    for (const std::string& name : {path("link"), path("none"), dir, path("fifo"), "/dev/null"s, path("huge"),
-                                    dir + "/" + std::string(512, 'p'), "$KT_UNSET/file"s, ""s})
+    for (const std::string& name :
+         {path("link"), path("none"), dir, path("fifo"), "/dev/null"s, path("huge"),
+          dir + "/" + std::string(512, 'p'), "$KT_UNSET/file"s, ""s})
         expect_refusal("0003R" + ext_items({path("file"), name}), "invliad file=|" + name + "|");
     expect_refusal("0003R" + ext_items(texts(31, path("file"))), // the rest stays in the last item
                    "invliad file=|" + ext_items({path("file"), path("file")}) + "|");
 }
 
-// The child hangs in its first file until the peer reads it; meanwhile the others change behind their announcement.
+// The child hangs in its first file until the peer reads it; meanwhile the others change behind
+// their announcement.
 TEST_F(FileTransfer, SendsNoMoreThanItAnnounced) {
     const std::string big(16 << 20, 'b');
     a.write_file("big", big);
@@ -180,8 +193,11 @@ TEST_F(FileTransfer, SendsNoMoreThanItAnnounced) {
     peer.send("k");
     EXPECT_EQ(peer.receive(), "");
 
-    for (const std::size_t bytes : {0, 1, 72, 73, 77, 213, 1 << 20}) // of the answer; then the peer vanishes
-        EXPECT_EQ(ext_peer(a, "0003R" + ext_items({path("big"), path("last")})).receive(bytes).size(), bytes);
+    for (const std::size_t bytes :
+         {0, 1, 72, 73, 77, 213, 1 << 20}) // of the answer; then the peer vanishes
+        EXPECT_EQ(
+            ext_peer(a, "0003R" + ext_items({path("big"), path("last")})).receive(bytes).size(),
+            bytes);
     EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
     EXPECT_TRUE(a.wait_log("<!> error for send file data.... |" + path("big") + "|\n"));
     EXPECT_TRUE(a.wait_log("<!> error for send file data.... |" + path("last") + "|\n"));
@@ -210,7 +226,8 @@ TEST_F(FileTransfer, ConsolePutAndGet) {
     const program_result none = a.console({"get", path("f1"), "/nowhere/x", path("down")});
     EXPECT_EQ(none.err + std::to_string(none.status), "kessctl: invliad file=|/nowhere/x|\n1");
     const program_result device = a.console({"put", path("f1"), "/dev/null/x"});
-    EXPECT_EQ(device.err + std::to_string(device.status), "kessctl: makedir(/dev/null/x) failed...\n1");
+    EXPECT_EQ(device.err + std::to_string(device.status),
+              "kessctl: makedir(/dev/null/x) failed...\n1");
 }
 
 // An agent that announces one file, with this name, and sends it.
@@ -222,7 +239,8 @@ void send_one_file(int listener, const std::string& name) {
     EXPECT_EQ(agt::recv_tcp_data(sockfd.get(), request, sizeof request), int{TCP_CMD_MSG_SIZE});
     std::string padded = name;
     padded.resize(128);
-    const std::string answer = ext_answer('A', on_wire(1) + on_wire(3) + on_wire(0104755) + padded) + "abc";
+    const std::string answer =
+        ext_answer('A', on_wire(1) + on_wire(3) + on_wire(0104755) + padded) + "abc";
     EXPECT_EQ(agt::send_tcp_data(sockfd.get(), answer.data(), static_cast<int>(answer.size())),
               static_cast<int>(answer.size()));
 }
@@ -230,12 +248,14 @@ void send_one_file(int listener, const std::string& name) {
 TEST(ConsoleGet, WritesInItsDirectoryOnly) {
     const agent a;
     const std::string inside = a.path("in/side");
-    for (const char* directory : {"/side", "/.side"}) // for the file under its name and before it is whole
+    for (const char* directory :
+         {"/side", "/.side"}) // for the file under its name and before it is whole
         std::filesystem::create_directories(inside + directory);
     const agt::unique_fd listener(agt::open_tcp_server_session("127.0.0.1", a.port()));
     for (const std::string name : {"../up", "..", ".", "", "/tmp/x", "side/x", "good"}) {
         std::thread fake([&] { send_one_file(listener.get(), name); });
-        const program_result got = a.console({"get", "--port", std::to_string(a.port()), "x", inside});
+        const program_result got =
+            a.console({"get", "--port", std::to_string(a.port()), "x", inside});
         fake.join();
         EXPECT_EQ(got.status, name == "good" ? 0 : 2) << name << got.err;
     }

@@ -1,5 +1,6 @@
-// Reports to the server: every byte of a health check and of the device information, and what a bad server does to the
-// connection. Cycles run in this process, on memory of its own; one test sees the real program report.
+// Reports to the server: every byte of a health check and of the device information, and what a bad
+// server does to the connection. Cycles run in this process, on memory of its own; one test sees
+// the real program report.
 #include "health_check.h"
 
 #include "get_service_list.h"
@@ -58,7 +59,9 @@ class HealthCheck : public served_agent {
         server.forget_messages();
         health_check_cycle(&reconnect);
         const auto got = server.wait_for('0', 1, 0);
-        return got ? std::string(reinterpret_cast<const char*>(&got->frame.body), sizeof(BODY_HEALTH_CHECK_REQ)) : "";
+        return got ? std::string(reinterpret_cast<const char*>(&got->frame.body),
+                                 sizeof(BODY_HEALTH_CHECK_REQ))
+                   : "";
     }
     void add_process(const char* name, bool off) {
         PROCESS_INFO& row = proc_info[tran_agt_shm->proc_num++];
@@ -113,9 +116,10 @@ TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
     std::string rows;
     for (int i = 1; i < 15; ++i)
         rows += zeros + "0.00  ,";
-    const std::string head = host_name() + "10.1.2.3       ,07000,01,SQ      ,016,1,-,12345,-000000000,2147483648," +
-                             "9876543210,00000002,-0000000,00000042,1,0,1,00001,12.34 ,100.00," +
-                             "12345,00007,-0000,00003,00003,99.50 ," + rows + zeros + "-1.25 ,";
+    const std::string head =
+        host_name() + "10.1.2.3       ,07000,01,SQ      ,016,1,-,12345,-000000000,2147483648," +
+        "9876543210,00000002,-0000000,00000042,1,0,1,00001,12.34 ,100.00," +
+        "12345,00007,-0000,00003,00003,99.50 ," + rows + zeros + "-1.25 ,";
     ASSERT_EQ(head.size(), offsetof(BODY_HEALTH_CHECK_REQ, api_stat));
     const std::string zero_records(210, '\0');
     const std::time_t before = std::time(nullptr);
@@ -126,20 +130,23 @@ TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
     const auto frame = server.wait_for('0')->frame;
     EXPECT_EQ(std::memcmp(&frame, "\x90\x85\x20\x83\x30\0", 6), 0);
 
-    EXPECT_EQ(body.find_first_not_of("0123456789", 1001), 1013u); // hour, minute, second, microseconds
+    EXPECT_EQ(body.find_first_not_of("0123456789", 1001),
+              1013u); // hour, minute, second, microseconds
     EXPECT_EQ(body[1013], ',');
     char clock[8] = "";
     const std::time_t now = std::time(nullptr);
     const struct tm local = agt::local_time(now);
     std::strftime(clock, sizeof clock, "%H%M%S", &local);
-    EXPECT_TRUE(now - before > 1 || std::abs(std::stoi(body.substr(1001, 6)) - std::stoi(clock)) < 2 ||
+    EXPECT_TRUE(now - before > 1 ||
+                std::abs(std::stoi(body.substr(1001, 6)) - std::stoi(clock)) < 2 ||
                 local.tm_sec < 2)
         << body.substr(1001, 6);
 
-    const std::string start = "(i) ##### health check start, ip : 127.0.0.1(" + std::to_string(server.port()) +
-                              ") every 30(sec) send 1407 bytes.";
-    const texts lines = {start, "(i) ##### health check complete (slen : 1407, rlen : 1407), result_code : 0, "
-                                "svr_gap_time : 0         "};
+    const std::string start = "(i) ##### health check start, ip : 127.0.0.1(" +
+                              std::to_string(server.port()) + ") every 30(sec) send 1407 bytes.";
+    const texts lines = {
+        start, "(i) ##### health check complete (slen : 1407, rlen : 1407), result_code : 0, "
+               "svr_gap_time : 0         "};
     EXPECT_EQ(messages(a.log()), lines);
 
     ptrc_hash_tbl = nullptr;
@@ -180,11 +187,12 @@ TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
 
 TEST_F(HealthCheck, SummarisesProcessesThatAreNotAsWanted) {
     const std::string longest(50, 'p');
-    const std::pair<texts, std::string> cases[] = {{{}, ""}, // '+' in front: as wanted
-                                                   {{"+a", "+b"}, ""},
-                                                   {{"trailsink", "trailsink", "pulsed"}, "trailsink 2, pulsed 1"},
-                                                   {{"a", "+b", "a", "+a", "a"}, "a 3"},
-                                                   {{"a", "b", "a"}, "a 1, b 1, a 1"}};
+    const std::pair<texts, std::string> cases[] = {
+        {{}, ""}, // '+' in front: as wanted
+        {{"+a", "+b"}, ""},
+        {{"trailsink", "trailsink", "pulsed"}, "trailsink 2, pulsed 1"},
+        {{"a", "+b", "a", "+a", "a"}, "a 3"},
+        {{"a", "b", "a"}, "a 1, b 1, a 1"}};
     char text[301];
     for (const auto& [names, wanted] : cases) {
         tran_agt_shm->proc_num = 0;
@@ -263,7 +271,8 @@ TEST_F(HealthCheck, RetrievesTheListAfterAFailedConnect) {
     set_fault('0', {.wrong_type = 'x'}); // not looked at
     EXPECT_NE(cycle(), "");
     EXPECT_FALSE(reconnect);
-    EXPECT_TRUE(in_order(a.log(), {line, "get service list thread is starting..", line, "health check complete"}));
+    EXPECT_TRUE(in_order(
+        a.log(), {line, "get service list thread is starting..", line, "health check complete"}));
     th_join_get_service_list();
     EXPECT_EQ(server.count('4'), 1u);
     EXPECT_NE(cycle(), "");

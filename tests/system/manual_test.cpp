@@ -1,4 +1,5 @@
-// The manual pages and the shell completion against the programs and the table of configuration keys.
+// The manual pages and the shell completion against the programs and the table of configuration
+// keys.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -39,13 +40,17 @@ std::string page(const std::string& name) {
 // The part of a page under a heading.
 std::string part(const std::string& text, const std::string& heading) {
     const std::size_t start = text.find(".SS " + heading + " ");
-    return start == text.npos ? "" : text.substr(start, std::min(text.find(".S", start + 1), text.size()) - start);
+    return start == text.npos
+               ? ""
+               : text.substr(start, std::min(text.find(".S", start + 1), text.size()) - start);
 }
 
 // What the completion offers behind these words.
 names completed(const std::string& words) {
-    return found(shell(". " + ROOT + "scripts/kessctl.bash-completion; COMP_WORDS=(kessctl " + words +
-                       "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _kessctl; printf '%s\\n' \"${COMPREPLY[@]}\""),
+    return found(shell(". " + ROOT + "scripts/kessctl.bash-completion; COMP_WORDS=(kessctl " +
+                       words +
+                       "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _kessctl; printf '%s\\n' "
+                       "\"${COMPREPLY[@]}\""),
                  "([^\n]+)\n");
 }
 
@@ -59,15 +64,18 @@ TEST(Manual, KnowsEverySubcommandAndOption) {
         names all = found(own, OPTION);
         EXPECT_EQ(completed(command + " --"), all);
         for (const std::string& action : found(own, SUBCOMMAND)) {
-            names more = found(shell(KESSCTL_PROGRAM " " + command + " " + action + " --help"), OPTION);
+            names more =
+                found(shell(KESSCTL_PROGRAM " " + command + " " + action + " --help"), OPTION);
             EXPECT_EQ(completed(command + " " + action + " --"), more);
-            EXPECT_NE(part(text, command).find(" " + action + " "), text.npos) << command << " " << action;
+            EXPECT_NE(part(text, command).find(" " + action + " "), text.npos)
+                << command << " " << action;
             all.merge(more);
         }
         all.erase("--help");
         EXPECT_EQ(found(part(text, command), "(--[a-z0-9-]+)"), all) << command;
     }
-    EXPECT_EQ(found(page("kessard.8"), "\\.TP \\.BI? (-[a-z])"), found(shell(KESSARD_PROGRAM " -h"), "\t (-[a-z]):"));
+    EXPECT_EQ(found(page("kessard.8"), "\\.TP \\.BI? (-[a-z])"),
+              found(shell(KESSARD_PROGRAM " -h"), "\t (-[a-z]):"));
 }
 
 TEST(Manual, KnowsEveryKey) {
@@ -75,8 +83,8 @@ TEST(Manual, KnowsEveryKey) {
     names in_table;
     for (const kessctl::config_key& key : kessctl::config_keys()) {
         const std::string entry = std::string(".B ") + key.keyword + " " + key.help +
-                                  ". Allowed: " + allowed_text(key) + (*key.otherwise == '\0' ? "." : ". Default: ") +
-                                  key.otherwise;
+                                  ". Allowed: " + allowed_text(key) +
+                                  (*key.otherwise == '\0' ? "." : ". Default: ") + key.otherwise;
         EXPECT_NE(part(text, key.section).find(entry), text.npos) << entry;
         in_table.insert(key.keyword);
     }

@@ -1,4 +1,5 @@
-// Active-service notifications through the real program: batches, the link going down and coming back.
+// Active-service notifications through the real program: batches, the link going down and coming
+// back.
 #include "check_network.h"
 #include "full_listener.h"
 #include "process_globals.h"
@@ -14,16 +15,18 @@ constexpr char LINK_UP[] = "(I) notify socket reconnect success";
 constexpr char BATCH_SENT[] = "sent 2 elements, noti_send_flag : 1";
 constexpr kessctl::answer_fault NONE = {};
 constexpr kessctl::answer_fault CLOSED = {.close_after_bytes = 0};
-constexpr kessctl::answer_fault RESET_BEHIND = {.close_after_bytes = TCP_CMD_MSG_SIZE, .reset = true};
+constexpr kessctl::answer_fault RESET_BEHIND = {.close_after_bytes = TCP_CMD_MSG_SIZE,
+                                                .reset = true};
 
 ACTIVE_SERVICE_DETAIL make_record(int number) {
     ACTIVE_SERVICE_DETAIL record;
-    std::memset(&record, 'a' + number % 26, sizeof record);                        // any bytes go through
+    std::memset(&record, 'a' + number % 26, sizeof record); // any bytes go through
     agt::copy_text(record.call_seq, std::to_string(1000000 + number).c_str() + 1); // six digits
     return record;
 }
 
-// The frame that carries `count` records from `first` on; `tail` is what the second element still holds.
+// The frame that carries `count` records from `first` on; `tail` is what the second element still
+// holds.
 TCP_CMD_MSG notify_frame(int first, int count, int tail = 0) {
     TCP_CMD_MSG frame = kessctl::start_frame(NOTIFY);
     auto& body = frame.body.notify_active_service_detail_req;
@@ -49,7 +52,8 @@ class Notify : public served_agent {
         start_running(a);
         queue = a.noti_que();
     }
-    // Puts the records first..last on the queue with one store of `rear`, so that the notifier finds them together.
+    // Puts the records first..last on the queue with one store of `rear`, so that the notifier
+    // finds them together.
     void put(int first, int last) const {
         int rear = queue->info.rear;
         for (int number = first; number <= last; ++number) {
@@ -80,7 +84,8 @@ TEST_F(Notify, SendsTwoTogetherAndALoneOneLater) {
     EXPECT_GE(agt::monotonic_ms() - start_ms, 1000);
     put(2, 3);
     expect_message(2, notify_frame(2, 2));
-    EXPECT_TRUE(a.wait_log("(I) [notify_active_service_detail] sent 2 elements, noti_send_flag : 1"));
+    EXPECT_TRUE(
+        a.wait_log("(I) [notify_active_service_detail] sent 2 elements, noti_send_flag : 1"));
     EXPECT_EQ(a.count_log("socket send : 2 elements, ACTIVE_SERVICE_DETAIL size 614 bytes"), 1u);
     pass_time(3100);
     start_ms = agt::monotonic_ms();
@@ -101,7 +106,8 @@ TEST_F(Notify, SendsTwoTogetherAndALoneOneLater) {
 
 TEST_F(Notify, ForwardsManyRecordsInTheirOrder) {
     ASSERT_NO_FATAL_FAILURE(start());
-    const program_result put = a.console({"put-notification", "--count", "1001", "--service", "PAY", "--pid", "77"});
+    const program_result put =
+        a.console({"put-notification", "--count", "1001", "--service", "PAY", "--pid", "77"});
     EXPECT_EQ(put.out + std::to_string(put.status), "1001 records put, 0 did not fit\n0");
     ASSERT_TRUE(server.wait_for(NOTIFY, 501));
     int next = 1;
@@ -124,11 +130,12 @@ TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
     put(3, 4); // the next batch starts empty
     expect_message(2, notify_frame(3, 2));
     EXPECT_TRUE(a.wait_log("sent 2 elements, noti_send_flag : 1"));
-    EXPECT_TRUE(in_order(a, {"<!> noti_sockfd, recv_tcp_data error. rlen : 0\n", "<!> network error\n",
-                             "<!> network error : send_flag off [1]\n", "<!> network error : socket close\n",
-                             "sent 2 elements, noti_send_flag : 0",
-                             "(i) successfully, notify(cmd) port connect [ip 127.0.0.1, port ", LINK_UP,
-                             "<!> network error : send_flag on [1]", "sent 2 elements, noti_send_flag : 1"}));
+    EXPECT_TRUE(in_order(
+        a, {"<!> noti_sockfd, recv_tcp_data error. rlen : 0\n", "<!> network error\n",
+            "<!> network error : send_flag off [1]\n", "<!> network error : socket close\n",
+            "sent 2 elements, noti_send_flag : 0",
+            "(i) successfully, notify(cmd) port connect [ip 127.0.0.1, port ", LINK_UP,
+            "<!> network error : send_flag on [1]", "sent 2 elements, noti_send_flag : 1"}));
     set_fault(NOTIFY, CLOSED);
     put(5, 5);
     EXPECT_TRUE(a.wait_log(LINK_UP, 2));
@@ -143,8 +150,9 @@ TEST_P(MuteServer, IsGivenUpAfterTenSeconds) {
     set_fault(NOTIFY, {.silent = true});
     const long long start_ms = agt::monotonic_ms();
     put(1, GetParam());
-    EXPECT_TRUE(a.wait_log(GetParam() == 1 ? "<!> noti_sockfd, recv_tcp_data timeout error.(FLUSH)\n"
-                                           : "<!> noti_sockfd, recv_tcp_data timeout error.\n"));
+    EXPECT_TRUE(a.wait_log(GetParam() == 1
+                               ? "<!> noti_sockfd, recv_tcp_data timeout error.(FLUSH)\n"
+                               : "<!> noti_sockfd, recv_tcp_data timeout error.\n"));
     EXPECT_GE(agt::monotonic_ms() - start_ms, 9000);
     EXPECT_TRUE(a.wait_log("sent " + std::to_string(GetParam()) + " elements, noti_send_flag : 0"));
     EXPECT_TRUE(a.wait_log(LINK_UP));
@@ -153,16 +161,19 @@ TEST_P(MuteServer, IsGivenUpAfterTenSeconds) {
     expect_message(2, notify_frame(11, 2));
 }
 
-INSTANTIATE_TEST_SUITE_P(Paths, MuteServer, testing::Values(1, 2),
-                         [](const auto& one) { return std::string(one.param == 1 ? "flush" : "full"); });
+INSTANTIATE_TEST_SUITE_P(Paths, MuteServer, testing::Values(1, 2), [](const auto& one) {
+    return std::string(one.param == 1 ? "flush" : "full");
+});
 
 TEST_F(Notify, DropsRecordsWhileTheServerIsDown) {
     server.stop();
     ASSERT_NO_FATAL_FAILURE(start());
     const std::string port = std::to_string(server.port());
-    EXPECT_TRUE(a.wait_log("<!> server notify(cmd) port connect fail[ip 127.0.0.1, port " + port + "]"));
-    EXPECT_TRUE(in_order(a, {"<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + port,
-                             "<!> network error\n", "<!> network error : send_flag off [0]\n"}));
+    EXPECT_TRUE(
+        a.wait_log("<!> server notify(cmd) port connect fail[ip 127.0.0.1, port " + port + "]"));
+    EXPECT_TRUE(
+        in_order(a, {"<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + port,
+                     "<!> network error\n", "<!> network error : send_flag off [0]\n"}));
     const long long start_ms = agt::monotonic_ms();
     put(1, 6);
     EXPECT_TRUE(wait_empty());
@@ -234,8 +245,9 @@ TEST_F(Notify, LosesABatchThatCannotBeSent) {
     EXPECT_TRUE(a.wait_log(BATCH_SENT));
     a.mark_log();
     put(3, 4);
-    EXPECT_TRUE(in_order(a, {"socket send : 2 elements", "<!> noti_sockfd, send_tcp_data error. slen : -1",
-                             "<!> network error : send_flag off [1]", LINK_UP}));
+    EXPECT_TRUE(
+        in_order(a, {"socket send : 2 elements", "<!> noti_sockfd, send_tcp_data error. slen : -1",
+                     "<!> network error : send_flag off [1]", LINK_UP}));
     EXPECT_EQ(a.count_log("sent 2 elements"), 0u);
     put(5, 6);
     expect_message(2, notify_frame(5, 2));
@@ -317,7 +329,8 @@ TEST_F(Notify, LinkComesBackThroughItsOwnThread) {
     kessard::th_start_check_network();
     a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
     a.write_cfg();
-    EXPECT_TRUE(wait_until([] { return kessard::noti_send_flag == 1; })); // at once, or in its second attempt
+    EXPECT_TRUE(wait_until(
+        [] { return kessard::noti_send_flag == 1; })); // at once, or in its second attempt
     EXPECT_TRUE(server.wait_connections(1));
     kessard::th_join_check_network();
     kessard::close_noti_socket();

@@ -24,16 +24,20 @@ class RemoteCommand : public testing::TestWithParam<bool> {
     agent a;
 };
 
-INSTANTIATE_TEST_SUITE_P(Modes, RemoteCommand, testing::Bool(),
-                         [](const auto& mode) { return std::string(mode.param ? "daemon" : "foreground"); });
+INSTANTIATE_TEST_SUITE_P(Modes, RemoteCommand, testing::Bool(), [](const auto& mode) {
+    return std::string(mode.param ? "daemon" : "foreground");
+});
 
 TEST_P(RemoteCommand, ExitCodesAndOutputInOrder) {
     start();
-    const texts items = {"echo a", "exit 3", "echo e >&2; exit 4", "echo $0; kill -9 $$", "printf '\\0x'"};
-    EXPECT_EQ(ask_ext(a, "0001R" + ext_items(items)), accepted(result(0, "a\n") + result(-1, "") + result(4, "e\n") +
-                                                               result(-1, "sh\n") + result(0, std::string("\0x", 2))));
-    EXPECT_TRUE(in_order(a, {"(i) MSGRCV : [[ EXT_REQ - SVC_CMD ]] len=1398, timeout=10\n",
-                             "(i) send header... ok.. len=(73)\n", "(i) send datas... ok.. len=(49)\n"}));
+    const texts items = {"echo a", "exit 3", "echo e >&2; exit 4", "echo $0; kill -9 $$",
+                         "printf '\\0x'"};
+    EXPECT_EQ(ask_ext(a, "0001R" + ext_items(items)),
+              accepted(result(0, "a\n") + result(-1, "") + result(4, "e\n") + result(-1, "sh\n") +
+                       result(0, std::string("\0x", 2))));
+    EXPECT_TRUE(
+        in_order(a, {"(i) MSGRCV : [[ EXT_REQ - SVC_CMD ]] len=1398, timeout=10\n",
+                     "(i) send header... ok.. len=(73)\n", "(i) send datas... ok.. len=(49)\n"}));
     EXPECT_EQ(ask_ext(a, "0001R"), accepted(""));
     EXPECT_EQ(a.count_log("<!> send_cmd_response() error.. len=0"), 1U);
     const std::string longest(1397 - 5, 'x'); // fills the frame to its last byte
@@ -42,13 +46,16 @@ TEST_P(RemoteCommand, ExitCodesAndOutputInOrder) {
 
 TEST_P(RemoteCommand, CommandsSeeDefaultSignalsAndNoDescriptors) {
     start();
-    EXPECT_EQ(ask_ext(a, "0001Rgrep -E '^Sig(Blk|Ign)' /proc/self/status; ls /proc/self/fd | wc -l"),
-              accepted(result(0, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n4\n"))); // and the directory
+    EXPECT_EQ(
+        ask_ext(a, "0001Rgrep -E '^Sig(Blk|Ign)' /proc/self/status; ls /proc/self/fd | wc -l"),
+        accepted(result(
+            0, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n4\n"))); // and the directory
 }
 
 TEST_P(RemoteCommand, ABackgroundCommandDoesNotHoldThePort) {
     start();
-    const pid_t left = std::stoi(ask_ext(a, "0001Rsleep 300 >/dev/null 2>&1 & echo $!").substr(73 + 8));
+    const pid_t left =
+        std::stoi(ask_ext(a, "0001Rsleep 300 >/dev/null 2>&1 & echo $!").substr(73 + 8));
     const texts standard_files(3, "/dev/null");
     EXPECT_TRUE(wait_until([&] { return open_files(left) == standard_files; }))
         << testing::PrintToString(open_files(left));
@@ -97,13 +104,15 @@ TEST_F(RemoteCommandOnce, TheTimeValueBoundsTheNumberOfCommands) {
         EXPECT_EQ(ask_ext(a, "1001R" + one.items), accepted(one.results)) << one.items;
         EXPECT_EQ(a.count_log(one.logged), 1U) << one.items;
     }
-    EXPECT_EQ(ask_ext(a, "1001R" + std::string(1396, '3') + "\x1f"), ""); // nothing behind its value
+    EXPECT_EQ(ask_ext(a, "1001R" + std::string(1396, '3') + "\x1f"),
+              ""); // nothing behind its value
     EXPECT_TRUE(a.wait_log("<!> decode_cmd_packet() error! buffer is null.. len=(0)"));
 }
 
 TEST_F(RemoteCommandOnce, TellsTheLogWhenThePeerIsGoneOrAsksForAnotherThing) {
     EXPECT_EQ(ask_ext(a, "0001Xecho a") + ask_ext(a, "7777Recho a"), "");
-    EXPECT_TRUE(a.wait_log("<!> unsupported  EXT_PDU = |X|\n") && a.wait_log("<!> unsupported EXT_REQ = |7777|\n"));
+    EXPECT_TRUE(a.wait_log("<!> unsupported  EXT_PDU = |X|\n") &&
+                a.wait_log("<!> unsupported EXT_REQ = |7777|\n"));
     {
         const ext_peer gone(a, "0001Rsleep 0.3; echo a");
         EXPECT_TRUE(a.wait_log("[[ EXT_REQ - SVC_CMD ]]"));
@@ -111,14 +120,18 @@ TEST_F(RemoteCommandOnce, TellsTheLogWhenThePeerIsGoneOrAsksForAnotherThing) {
     }
     EXPECT_TRUE(a.wait_log("<!> send_cmd_response() error.. len=-1\n"));
     EXPECT_EQ(a.count_log("<!> tcp error.. for header: -1\n"), 1U);
-    EXPECT_EQ(ext_peer(a, "0001R" + ext_items({"echo a", "head -c 9000000 /dev/zero"})).receive(83).size(), 83U);
+    EXPECT_EQ(ext_peer(a, "0001R" + ext_items({"echo a", "head -c 9000000 /dev/zero"}))
+                  .receive(83)
+                  .size(),
+              83U);
     EXPECT_TRUE(a.wait_log("(i) send datas... ok.. len=(10)\n")); // those of the first
     EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
 }
 
 TEST_F(RemoteCommandOnce, ConsoleExec) {
-    const std::string all = "$ echo a\na\n-> exit status 0\n$ echo b\nb\n-> exit status 0\n$ echo c; exit 4\nc\n"
-                            "-> exit status 4\n";
+    const std::string all =
+        "$ echo a\na\n-> exit status 0\n$ echo b\nb\n-> exit status 0\n$ echo c; exit 4\nc\n"
+        "-> exit status 4\n";
     const struct {
         texts words;
         int status;
@@ -138,7 +151,8 @@ TEST_F(RemoteCommandOnce, ConsoleExec) {
     }
     EXPECT_EQ(a.count_log("len=1395, timeout=2"), 2U); // the third is no piece of the second
     const long long start_ms = agt::monotonic_ms();
-    const program_result late = a.console({"exec", "echo started; exec sleep 60"}); // the limit of a command is 10 s
+    const program_result late =
+        a.console({"exec", "echo started; exec sleep 60"}); // the limit of a command is 10 s
     EXPECT_NE(late.out.find("started\n-> time-out"), std::string::npos) << late.out;
     EXPECT_EQ(late.status, 1);
     EXPECT_GE(agt::monotonic_ms() - start_ms, 9000);

@@ -1,5 +1,5 @@
-// Retrieval of the service list through the real program: lists of every size, servers of every kind, and that nothing
-// is left behind.
+// Retrieval of the service list through the real program: lists of every size, servers of every
+// kind, and that nothing is left behind.
 #include <future>
 
 #include "served_agent.h"
@@ -27,7 +27,8 @@ class ServiceList : public served_agent {
         for (const int i : {0, count / 2, count - 1}) {
             char id[17];
             agt::put_text(id, ("SERVICE" + std::to_string(i)).c_str());
-            EXPECT_TRUE(count == 0 || std::string(table.h_arr[9999 - i].param.service_id) == id) << i;
+            EXPECT_TRUE(count == 0 || std::string(table.h_arr[9999 - i].param.service_id) == id)
+                << i;
         }
     }
 };
@@ -51,8 +52,10 @@ TEST_F(ServiceList, IsLoadedAtStartAndByEveryRenewal) {
         const int blocks = std::max((count + 7) / 8, 1);
         EXPECT_TRUE(server.wait_for('6', static_cast<std::size_t>(blocks)));
         EXPECT_EQ(server.count('6'), static_cast<std::size_t>(blocks));
-        EXPECT_EQ(a.count_log("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]\n"), static_cast<std::size_t>(blocks));
-        EXPECT_EQ(a.count_log("service_id : |SERVICE"), static_cast<std::size_t>(std::min(count, 10000)));
+        EXPECT_EQ(a.count_log("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]\n"),
+                  static_cast<std::size_t>(blocks));
+        EXPECT_EQ(a.count_log("service_id : |SERVICE"),
+                  static_cast<std::size_t>(std::min(count, 10000)));
     }
     const SERVICE_ELEMENT one_more = kessctl::make_service("ONE MORE");
     EXPECT_TRUE(ask(kessctl::modified_services_frame(&one_more, 1)));
@@ -61,8 +64,9 @@ TEST_F(ServiceList, IsLoadedAtStartAndByEveryRenewal) {
 }
 
 TEST_F(ServiceList, ExchangesTheseBytesAndLogsTheTable) {
-    const std::string line = "PAYMENT host=host server=server limit=7 call_limit=-1 dbio_limit=2 sql_limit=2147483647 "
-                             "flags=Q tflag=4";
+    const std::string line =
+        "PAYMENT host=host server=server limit=7 call_limit=-1 dbio_limit=2 sql_limit=2147483647 "
+        "flags=Q tflag=4";
     std::vector<SERVICE_ELEMENT> one(1);
     ASSERT_EQ(kessctl::parse_service(kessctl::split_words(line), &one[0]), "");
     server.set_services(one);
@@ -75,16 +79,16 @@ TEST_F(ServiceList, ExchangesTheseBytesAndLogsTheTable) {
     EXPECT_EQ(std::memcmp(&server.wait_for('4')->frame, &request, sizeof request), 0);
     EXPECT_EQ(std::memcmp(&server.wait_for('6')->frame, &acknowledgement, sizeof request), 0);
 
-    texts wanted = {"(i) get service list thread is starting..\n", "(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]\n",
-                    "(i) -> ELEMENT_NUM - '001'\n",
+    texts wanted = {"(i) get service list thread is starting..\n",
+                    "(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]\n", "(i) -> ELEMENT_NUM - '001'\n",
                     "------------------------ SERVICE HASH TABLE ----------------------------\n",
                     "alloc_cnt : 1, used.top : 1\n"};
     const std::string bucket = std::to_string(a.services()->h_arr[9999].hash_idx);
     for (const std::string& field :
          {"my_idx : 9999"s, "hash_idx : " + bucket, "pre_idx : -1"s, "next_idx : -1"s,
           "host_name : |host" + std::string(60, ' ') + "|", "server_id : |server         |"s,
-          "service_id : |PAYMENT         |"s, "limit : 7"s, "call_trc_limit : -1"s, "dbio_trc_limit : 2"s,
-          "sql_trc_limit : 2147483647"s, "uflag_set : -128"s, "tflag : 4"s})
+          "service_id : |PAYMENT         |"s, "limit : 7"s, "call_trc_limit : -1"s,
+          "dbio_trc_limit : 2"s, "sql_trc_limit : 2147483647"s, "uflag_set : -128"s, "tflag : 4"s})
         wanted.push_back("[0] array_idx#9999, " + field + "\n");
     wanted.push_back(THREAD_END);
     EXPECT_TRUE(a.wait_log(THREAD_END) && in_order(a, wanted));
@@ -110,7 +114,9 @@ TEST_P(BadServer, LeavesATableInOrderAndTheFilterAsItWas) {
     start();
     a.settings()->svc_filtering = 5;
     server.set_services(services(16));
-    server.change([&](stand_in_options& options) { options.faults = {{'4', bad.first}, {'6', bad.second}}; });
+    server.change([&](stand_in_options& options) {
+        options.faults = {{'4', bad.first}, {'6', bad.second}};
+    });
     renew_and_wait();
     expect_loaded(bad.entries);
     EXPECT_EQ(a.count_log(bad.logged), 1u);
@@ -124,12 +130,28 @@ TEST_P(BadServer, LeavesATableInOrderAndTheFilterAsItWas) {
 const bad_server BAD_SERVERS[] = {
     {"Mute", {.silent = true}, {}, "<!> server recv error.. rlen : -2\n", 3},
     {"Closing", {.close_after_bytes = 0}, {}, "<!> server recv error.. rlen : 0\n", 3},
-    {"ClosingInTheSecondBlock", {}, {.close_after_bytes = 700}, "<!> server recv error.. rlen : 0\n", 8},
-    {"WrongMagic", {.wrong_magic = true}, {}, "<!> get_service_list->magic bit mismatch. sockfd : ", 3},
-    {"WrongMagicBehindTheFirstBlock", {}, {.garbage = true}, "get_service_list->magic bit mismatch. sockfd : ", 8},
+    {"ClosingInTheSecondBlock",
+     {},
+     {.close_after_bytes = 700},
+     "<!> server recv error.. rlen : 0\n",
+     8},
+    {"WrongMagic",
+     {.wrong_magic = true},
+     {},
+     "<!> get_service_list->magic bit mismatch. sockfd : ",
+     3},
+    {"WrongMagicBehindTheFirstBlock",
+     {},
+     {.garbage = true},
+     "get_service_list->magic bit mismatch. sockfd : ",
+     8},
     {"WrongType", {.wrong_type = '1'}, {}, "alloc_cnt : 0, used.top : 0\n", 0},
     {"WrongTypeBehindTheFirstBlock", {}, {.wrong_type = '6'}, "alloc_cnt : 8, used.top : 8\n", 8},
-    {"Slow", {.delay_ms = 1500, .split_after_bytes = 700}, {.delay_ms = 500}, "alloc_cnt : 16, used.top : 16\n", 16},
+    {"Slow",
+     {.delay_ms = 1500, .split_after_bytes = 700},
+     {.delay_ms = 500},
+     "alloc_cnt : 16, used.top : 16\n",
+     16},
 };
 
 INSTANTIATE_TEST_SUITE_P(ServiceList, BadServer, testing::ValuesIn(BAD_SERVERS),
@@ -141,7 +163,9 @@ TEST_F(ServiceList, LocksTheTableAndSwitchesTheFilterOffWhileItRuns) {
     std::promise<void> answer_now;
     const std::shared_future<void> answer_time = answer_now.get_future().share();
     server.change([&](stand_in_options& options) {
-        options.hook = [answer_time](const kessctl::exchange&, std::string&) { answer_time.wait(); };
+        options.hook = [answer_time](const kessctl::exchange&, std::string&) {
+            answer_time.wait();
+        };
     });
     server.set_services(services(5));
     const int semid = a.sem_id("SVC_HASH_TBL_SEMKEY");
@@ -168,7 +192,8 @@ TEST_F(ServiceList, TakesAnyElementNumber) {
     const std::vector<SERVICE_ELEMENT> all = services(40);
     std::vector<TCP_CMD_MSG> blocks;
     for (const char* num : {"999", "8888", " 2,", "-1", "abc"}) {
-        blocks.push_back(kessctl::service_block_frame(&all[blocks.size() * 8], 8, blocks.size() == 4));
+        blocks.push_back(
+            kessctl::service_block_frame(&all[blocks.size() * 8], 8, blocks.size() == 4));
         std::memcpy(blocks.back().body.get_service_list_rsp.element_num, num, std::strlen(num));
     }
     server.change([&](stand_in_options& options) { options.raw_blocks = blocks; });

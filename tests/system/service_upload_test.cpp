@@ -16,7 +16,9 @@ class ServiceUpload : public served_agent {
         a.set("SERVICE_HASH", "DAILY_UPDATE_YN", "Y");
         write_script("echo never");
     }
-    void write_script(const std::string& text) const { a.write_file("services.sh", "#!/bin/sh\n" + text + "\n", 0755); }
+    void write_script(const std::string& text) const {
+        a.write_file("services.sh", "#!/bin/sh\n" + text + "\n", 0755);
+    }
     // Has an upload started; one that is just ending makes the agent refuse the next.
     void trigger() {
         a.mark_log();
@@ -58,7 +60,11 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
     const struct {
         int services;
         texts blocks;
-    } cases[] = {{0, {}}, {1, {"3 001"}}, {15, {"3 015"}}, {16, {"3 015", "4 001"}}, {31, {"3 015", "4 015", "4 001"}}};
+    } cases[] = {{0, {}},
+                 {1, {"3 001"}},
+                 {15, {"3 015"}},
+                 {16, {"3 015", "4 001"}},
+                 {31, {"3 015", "4 015", "4 001"}}};
     start();
     for (const auto& one : cases) {
         SCOPED_TRACE(one.services);
@@ -67,7 +73,8 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
         EXPECT_EQ(blocks(server), one.blocks);
         EXPECT_EQ(a.count_log("\t[#"), static_cast<std::size_t>(one.services));
         EXPECT_EQ(a.count_log("(I) Update Service List Complete."), one.blocks.size());
-        EXPECT_TRUE(in_order(a, {"(I) Total [" + std::to_string(one.services) + "] Services Server Update, Success..",
+        EXPECT_TRUE(in_order(a, {"(I) Total [" + std::to_string(one.services) +
+                                     "] Services Server Update, Success..",
                                  ENDED, "(i) get service list thread is starting.."}));
         EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 1u);
         EXPECT_FALSE(std::filesystem::exists(a.path("svc_update")));
@@ -76,14 +83,16 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
     ASSERT_TRUE(last);
     EXPECT_EQ(kessctl::field_text(last->frame, "elements[0].service_id"), "SVC31");
     EXPECT_TRUE(in_order(
-        a.log(),
-        {STARTED, "###(I) call thread-function(cmd_service_list)...", "###(I) service block-elements(max 15).",
-         "###(I) trying server connect. (ip 127.0.0.1, port ", "(i) server connection success. (ip 127.0.0.1, port ",
-         "(I) run script : " + a.path("services.sh") + "\n",
-         "\t[#015] host_name : " + host_name() + ", service_id : SVC15, limit : 15\n",
-         "######### element_num string : 015\n", "(I) Send Msg To Server (-> UPDATE_SERVICE_LIST_REQ )",
-         "(I) Receive Msg From Server (<- UPDATE_SERVICE_LIST_RSP )", "(I) Update Service List Complete.",
-         "\t[#016] host_name : "}));
+        a.log(), {STARTED, "###(I) call thread-function(cmd_service_list)...",
+                  "###(I) service block-elements(max 15).",
+                  "###(I) trying server connect. (ip 127.0.0.1, port ",
+                  "(i) server connection success. (ip 127.0.0.1, port ",
+                  "(I) run script : " + a.path("services.sh") + "\n",
+                  "\t[#015] host_name : " + host_name() + ", service_id : SVC15, limit : 15\n",
+                  "######### element_num string : 015\n",
+                  "(I) Send Msg To Server (-> UPDATE_SERVICE_LIST_REQ )",
+                  "(I) Receive Msg From Server (<- UPDATE_SERVICE_LIST_RSP )",
+                  "(I) Update Service List Complete.", "\t[#016] host_name : "}));
     server.change([](auto& options) { options.update_result = '7'; });
     upload();
     EXPECT_EQ(blocks(server).size(), 3u); // it goes on when they are refused
@@ -97,7 +106,8 @@ TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
                          "\n"
                          "  \ttabs\t\v22  third word\r\n"
                          "a_service_id_beyond_16 12345678901234\n" +
-                             std::string(508, 'x') + " 9 pieces\n" + // the second piece starts in the limit's line
+                             std::string(508, 'x') +
+                             " 9 pieces\n" + // the second piece starts in the limit's line
                              std::string(600, ' ') +
                              "late 5\n"
                              "unended 7");
@@ -113,8 +123,12 @@ TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
     const struct {
         const char* service_id;
         const char* limit;
-    } services[] = {{"first", "1"}, {"tabs", "22"},  {"a_service_id_bey", "1234567890"}, {"xxxxxxxxxxxxxxxx", "9"},
-                    {"late", "5"},  {"unended", "7"}};
+    } services[] = {{"first", "1"},
+                    {"tabs", "22"},
+                    {"a_service_id_bey", "1234567890"},
+                    {"xxxxxxxxxxxxxxxx", "9"},
+                    {"late", "5"},
+                    {"unended", "7"}};
     for (int i = 0; i < 6; ++i) {
         std::strcpy(body.elements[i].host_name, host_name().c_str());
         std::strcpy(body.elements[i].service_id, services[i].service_id);
@@ -123,10 +137,11 @@ TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
     EXPECT_EQ(std::memcmp(&message->frame, &wanted, sizeof wanted), 0);
     const std::string skipped = "<!> SKIP.. DATA -> fail get service, format string : ";
     EXPECT_EQ(a.count_log(skipped), 4u);
-    EXPECT_TRUE(in_order(a, {"\t[#001]", skipped + "lonely\n", skipped + "\n", "\t[#002]", "\t[#004]",
-                             skipped + "pieces\n", skipped + std::string(511, ' ') + "\n", "\t[#005]",
-                             "\t[#006] host_name : " + host_name() + ", service_id : unended, limit : 7\n",
-                             "(I) Total [6] Services Server Update, Success.."}));
+    EXPECT_TRUE(
+        in_order(a, {"\t[#001]", skipped + "lonely\n", skipped + "\n", "\t[#002]", "\t[#004]",
+                     skipped + "pieces\n", skipped + std::string(511, ' ') + "\n", "\t[#005]",
+                     "\t[#006] host_name : " + host_name() + ", service_id : unended, limit : 7\n",
+                     "(I) Total [6] Services Server Update, Success.."}));
 }
 
 TEST_F(ServiceUpload, StopsAtABrokenServer) {
@@ -139,7 +154,9 @@ TEST_F(ServiceUpload, StopsAtABrokenServer) {
                  {closing, 20, "<!> shcmd_service_list2, server recv error.. rlen : 0"},
                  {{.wrong_type = 'B'}, 3, "<!> Response Msg MisMatch Type : 'B'"},
                  {{.wrong_type = 'B'}, 20, "<!> Response Msg MisMatch Type : 'B'"},
-                 {{.silent = true}, 3, "<!> shcmd_service_list1, server recv error.. rlen : -2"}, // after ten seconds
+                 {{.silent = true},
+                  3,
+                  "<!> shcmd_service_list1, server recv error.. rlen : -2"}, // after ten seconds
                  {{.wrong_magic = true}, 20, "<!> magic bit mismatch. sockfd : "}};
     start();
     server.forget_messages();
@@ -152,7 +169,8 @@ TEST_F(ServiceUpload, StopsAtABrokenServer) {
         EXPECT_EQ(a.count_log("(I) Send Msg To Server"), 1u);
     }
     EXPECT_EQ(blocks(server).size(), std::size(cases));
-    EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 0u); // none of them was followed by a retrieval
+    EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ),
+              0u); // none of them was followed by a retrieval
     set_fault(UPDATE, {});
     upload();
     EXPECT_EQ(a.count_log("(I) Total [20] Services Server Update, Success.."), 1u);
@@ -163,8 +181,8 @@ TEST_F(ServiceUpload, RetrievesAllTheSameWhenNobodyTakesTheConnection) {
     server.stop();
     trigger();
     EXPECT_TRUE(a.wait_log(THREAD_END));
-    EXPECT_TRUE(in_order(a, {"<!> server connection fail. (ip 127.0.0.1, port " + std::to_string(server.port()) +
-                                 ")\n", // no blank at the end
+    EXPECT_TRUE(in_order(a, {"<!> server connection fail. (ip 127.0.0.1, port " +
+                                 std::to_string(server.port()) + ")\n", // no blank at the end
                              ENDED, "(i) get service list thread is starting..",
                              "<!> server connection fail. (ip 127.0.0.1, port "}));
     EXPECT_EQ(a.count_log("run script"), 0u);
@@ -178,9 +196,10 @@ TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
     const long long start_ms = agt::monotonic_ms();
     EXPECT_EQ(a.stop(), 0);
     EXPECT_LT(agt::monotonic_ms() - start_ms, 6000);
-    EXPECT_TRUE(in_order(a, {"[ kessard ] end.. resource clear.", "(I) completed join st_log.",
-                             "(I) completed join health_check.", "(I) completed join shcmd_service_list.",
-                             "[ kessard ] end.. complete."}));
+    EXPECT_TRUE(
+        in_order(a, {"[ kessard ] end.. resource clear.", "(I) completed join st_log.",
+                     "(I) completed join health_check.", "(I) completed join shcmd_service_list.",
+                     "[ kessard ] end.. complete."}));
     EXPECT_EQ(a.count_log(ENDED), 0u);
     EXPECT_EQ(server.count(UPDATE), 0u);
 }

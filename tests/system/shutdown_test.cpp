@@ -1,4 +1,5 @@
-// The end of the real program: in order and soon, whatever it is doing, and what it does to its registry row.
+// The end of the real program: in order and soon, whatever it is doing, and what it does to its
+// registry row.
 #include "full_listener.h"
 #include "served_agent.h"
 
@@ -20,8 +21,8 @@ class Shutdown : public served_agent {
         a.signal(signo);
         EXPECT_EQ(a.wait_exit(END_LIMIT_MS), 0);
         const std::string name = signo == SIGINT ? "SIGINT" : "SIGTERM";
-        EXPECT_TRUE(in_order(
-            a, {">> received " + name + " signal to terminate!\n", "<!> termination start\n", CLEAR, COMPLETE}));
+        EXPECT_TRUE(in_order(a, {">> received " + name + " signal to terminate!\n",
+                                 "<!> termination start\n", CLEAR, COMPLETE}));
         EXPECT_EQ(messages(a.log()).back(), COMPLETE);
         EXPECT_EQ(a.count_log("cannot"), 0u);
         EXPECT_TRUE(a.running().empty());
@@ -34,7 +35,8 @@ TEST_F(Shutdown, GoesThroughItsStepsInOrder) {
         a.signal(SIGCHLD); // does not end it
     const std::string received = "(" + std::to_string(a.pid()) + ") recive sinal... SIGCHLD(-1)\n";
     EXPECT_TRUE(wait_until([&] { return a.out().find(received) != std::string::npos; }));
-    EXPECT_TRUE(ask(start_frame('7')) && a.wait_log("(i) -> RESULT_CODE") && a.wait_log("device info send complete"));
+    EXPECT_TRUE(ask(start_frame('7')) && a.wait_log("(i) -> RESULT_CODE") &&
+                a.wait_log("device info send complete"));
     a.mark_log();
     EXPECT_EQ(a.stop(END_LIMIT_MS), 0);
     const texts wanted = {">> received SIGTERM signal to terminate!",
@@ -77,12 +79,14 @@ TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {
 }
 
 TEST_F(Shutdown, DuringAStartThatWaitsForTheTable) {
-    const int semid = semget(a.sem_key("SVC_HASH_TBL_SEMKEY"), 1, IPC_CREAT | 0666); // value 0: held
+    const int semid =
+        semget(a.sem_key("SVC_HASH_TBL_SEMKEY"), 1, IPC_CREAT | 0666); // value 0: held
     a.start();
     EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
     expect_orderly_end();
     EXPECT_EQ(semctl(semid, 0, GETVAL), 0);
-    EXPECT_EQ(shmget(a.shm_key("SVC_HASH_TBL_SHMKEY"), 0, 0), -1); // the next start makes a table in order
+    EXPECT_EQ(shmget(a.shm_key("SVC_HASH_TBL_SHMKEY"), 0, 0),
+              -1); // the next start makes a table in order
 }
 
 TEST_F(Shutdown, DuringARetrieval) {
@@ -117,7 +121,8 @@ TEST_F(Shutdown, TakesASignalWhileRequestsPourIn) {
         kessctl::command_client clients[4]; // one of them always has a request there
         std::size_t left[4] = {};           // bytes of answers to come
         const std::vector<SERVICE_ELEMENT> some = services(8);
-        const std::vector<TCP_CMD_MSG> requests(32, kessctl::modified_services_frame(some.data(), 8));
+        const std::vector<TCP_CMD_MSG> requests(32,
+                                                kessctl::modified_services_frame(some.data(), 8));
         char taken[32 * TCP_CMD_MSG_SIZE];
         for (auto& one : clients)
             EXPECT_TRUE(one.connect("127.0.0.1", a.port()));
@@ -137,11 +142,16 @@ TEST_F(Shutdown, TakesASignalWhileRequestsPourIn) {
 TEST_F(Shutdown, MarksNoRowButItsOwn) {
     const struct {
         texts options;
-        int own_row;          // the row that belongs to the daemon
-        std::string mismatch; // what the log has in the place of the daemon's pid; empty: it marks its row
-    } cases[] = {
-        {{}, 0, "no line"},       {{"-i", "-1"}, 0, "no line"}, {{"-i", "3"}, 3, ""},           {{"-i", "67"}, 67, ""},
-        {{"-i", "3"}, 4, "7003"}, {{"-i", "68"}, 0, "-1"},      {{"-i", "2147483647"}, 0, "-1"}};
+        int own_row; // the row that belongs to the daemon
+        std::string
+            mismatch; // what the log has in the place of the daemon's pid; empty: it marks its row
+    } cases[] = {{{}, 0, "no line"},
+                 {{"-i", "-1"}, 0, "no line"},
+                 {{"-i", "3"}, 3, ""},
+                 {{"-i", "67"}, 67, ""},
+                 {{"-i", "3"}, 4, "7003"},
+                 {{"-i", "68"}, 0, "-1"},
+                 {{"-i", "2147483647"}, 0, "-1"}};
     mute('H'); // a report waits for its answer meanwhile
     for (const auto& one : cases) {
         a.mark_log();
@@ -158,9 +168,10 @@ TEST_F(Shutdown, MarksNoRowButItsOwn) {
         if (one.mismatch.empty())
             wanted[one.own_row].cur_sts = 0;
         else
-            line = one.mismatch == "no line" ? "(I) completed join health_check."
-                                             : "<!> proc_info pid mismatch (" + one.mismatch + " <> " + pid +
-                                                   "), process_idx : " + one.options[1];
+            line = one.mismatch == "no line"
+                       ? "(I) completed join health_check."
+                       : "<!> proc_info pid mismatch (" + one.mismatch + " <> " + pid +
+                             "), process_idx : " + one.options[1];
         expect_orderly_end();
         EXPECT_EQ(std::memcmp(rows, wanted, sizeof wanted), 0);
         EXPECT_EQ(messages(a.log()).end()[-2], line);

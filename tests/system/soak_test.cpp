@@ -1,5 +1,5 @@
-// Everything at once, in rounds; between them the daemon may hold no more than after the first. KESSARD_SOAK_SEC says
-// for how long, a minute otherwise.
+// Everything at once, in rounds; between them the daemon may hold no more than after the first.
+// KESSARD_SOAK_SEC says for how long, a minute otherwise.
 #include "exchanges.h"
 
 namespace {
@@ -15,7 +15,8 @@ constexpr long MEMORY_BOUND_KB = 512;
 #if defined __SANITIZE_THREAD__
 constexpr int THREADS = 7; // with the sanitizer's own
 #else
-constexpr int THREADS = 6; // of a daemon at rest; its descriptors may be one more: the connection of the health check
+constexpr int THREADS =
+    6; // of a daemon at rest; its descriptors may be one more: the connection of the health check
 #endif
 
 struct figures {
@@ -30,8 +31,8 @@ class Soak : public exchanges {
   protected:
     figures look() const {
         int segments = 0;
-        for (const char* key : {"TRAN_LOGF_QUE_INFO", "SVC_HASH_TBL", "NOTI_SEND_QUE", "PTRC_HASH_TBL",
-                                "JCACHE_HASH_TBL", "TRAN_AGT", "PARSE_LOG_QUE"})
+        for (const char* key : {"TRAN_LOGF_QUE_INFO", "SVC_HASH_TBL", "NOTI_SEND_QUE",
+                                "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT", "PARSE_LOG_QUE"})
             segments += shmget(a.shm_key(std::string(key) + "_SHMKEY"), 0, 0) >= 0 ? 1 : 0;
         return {std::stol(status_of(a.pid(), "RssAnon")), open_files(a.pid()).size(),
                 std::stoi(status_of(a.pid(), "Threads")), a.running().size() - 1, segments};
@@ -57,21 +58,24 @@ class Soak : public exchanges {
 
 TEST_F(Soak, HoldsNoMoreThanAfterItsFirstRound) {
     const char* wanted = std::getenv("KESSARD_SOAK_SEC");
-    const long long until_ms = agt::monotonic_ms() + (wanted == nullptr ? 60 : std::atoll(wanted)) * 1000;
+    const long long until_ms =
+        agt::monotonic_ms() + (wanted == nullptr ? 60 : std::atoll(wanted)) * 1000;
     start_running(a);
     expect_all();
     figures first{};
-    for (int round = 0; round < 2 || (agt::monotonic_ms() + ROUND_MS < until_ms && !HasFailure()); ++round) {
+    for (int round = 0; round < 2 || (agt::monotonic_ms() + ROUND_MS < until_ms && !HasFailure());
+         ++round) {
         const int count = run_round();
         std::filesystem::remove(a.path("svc_update"));
         figures now{};
         const bool settled = wait_until([&] {
             now = look();
-            return now.processes == 0 && now.threads == THREADS && (round == 0 || now.files <= first.files + 1);
+            return now.processes == 0 && now.threads == THREADS &&
+                   (round == 0 || now.files <= first.files + 1);
         });
-        std::cout << "round " << round << ": " << count << " exchanges, RssAnon " << now.anon_kb << " KB, files "
-                  << now.files << ", threads " << now.threads << ", children " << now.processes << ", segments "
-                  << now.segments << std::endl;
+        std::cout << "round " << round << ": " << count << " exchanges, RssAnon " << now.anon_kb
+                  << " KB, files " << now.files << ", threads " << now.threads << ", children "
+                  << now.processes << ", segments " << now.segments << std::endl;
         if (round == 0)
             first = now;
         EXPECT_TRUE(settled);

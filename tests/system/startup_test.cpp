@@ -1,5 +1,5 @@
-// Start-up through the real program: the order of its log lines, what stops it, what it leaves in the shared objects,
-// and the background mode.
+// Start-up through the real program: the order of its log lines, what stops it, what it leaves in
+// the shared objects, and the background mode.
 #include "served_agent.h"
 
 namespace {
@@ -42,7 +42,8 @@ class Startup : public testing::Test {
             sem("(i) svc_hash_tbl" + made, "SVC_HASH_TBL"),
             shm("(i) svc_hash_tbl" + done, "SVC_HASH_TBL"),
             "(i) get service list thread is starting..",
-            "<!> server connection fail. (ip 127.0.0.1, port " + std::to_string(daemon.server_port()) + ") ",
+            "<!> server connection fail. (ip 127.0.0.1, port " +
+                std::to_string(daemon.server_port()) + ") ",
             "### get_service_list() ### thread function END...",
             sem("(i) ptrc_hash_tbl" + made, "PTRC_HASH_TBL"),
             "(i) initializing.. ptrc_hash_tbl.",
@@ -54,7 +55,9 @@ class Startup : public testing::Test {
             shm("(i) tran_agt_shm" + done, "TRAN_AGT"),
         };
         if (how == "open")
-            std::erase_if(lines, [](const std::string& line) { return line.starts_with("(i) initializing"); });
+            std::erase_if(lines, [](const std::string& line) {
+                return line.starts_with("(i) initializing");
+            });
         return lines;
     }
     // As many lines of the log, without one that may or may not be there.
@@ -80,7 +83,8 @@ TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
     EXPECT_TRUE(daemon.wait_log("(i) statics log print start... running : 1"));
     EXPECT_TRUE(daemon.wait_log("(i) notify_active_service_detail thread start... running : 1"));
     EXPECT_EQ(daemon.out(), "ok, get environment-variable (TRAN_AGT_HOME : " + daemon.home() +
-                                ")\nok, get environment-variable (TRAN_AGT_CFG_FILE : " + daemon.cfg_file() + ")\n");
+                                ")\nok, get environment-variable (TRAN_AGT_CFG_FILE : " +
+                                daemon.cfg_file() + ")\n");
     EXPECT_EQ(daemon.err(), "");
     EXPECT_EQ(daemon.stop(), 0);
 
@@ -96,8 +100,9 @@ TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
     EXPECT_EQ(std::memcmp(daemon.settings(), reinterpret_cast<const char*>(daemon.settings()) + 1,
                           sizeof(TRAN_LOGF_QUE_INFO) - 1),
               0);
-    for (const int kept : {daemon.segment()->proc_num, daemon.services()->h_idx[5], daemon.noti_que()->info.rear,
-                           static_cast<int>(daemon.traces()->used.top), static_cast<int>(daemon.cache()->used.top)})
+    for (const int kept :
+         {daemon.segment()->proc_num, daemon.services()->h_idx[5], daemon.noti_que()->info.rear,
+          static_cast<int>(daemon.traces()->used.top), static_cast<int>(daemon.cache()->used.top)})
         EXPECT_EQ(kept, 7);
 }
 
@@ -113,24 +118,29 @@ TEST_F(Startup, LeavesNewObjectsInitialised) {
         const auto* byte = static_cast<const char*>(at);
         return byte[0] == 0 && std::memcmp(byte, byte + 1, size - 1) == 0;
     };
-    const auto empty = [&](const auto& table, std::size_t looked_at) { // the first and the last slots
+    const auto empty = [&](const auto& table,
+                           std::size_t looked_at) { // the first and the last slots
         const std::size_t slots = std::size(table.h_arr);
         const std::size_t bytes = looked_at * sizeof table.h_arr[0];
         return table.alloc_cnt == 0 && table.used.top == 0 && table.available.top == slots &&
-               std::count(std::begin(table.h_idx), std::end(table.h_idx), -1) == std::ssize(table.h_idx) &&
+               std::count(std::begin(table.h_idx), std::end(table.h_idx), -1) ==
+                   std::ssize(table.h_idx) &&
                all_zero(table.h_arr, bytes) && all_zero(&table.h_arr[slots - looked_at], bytes);
     };
-    EXPECT_TRUE(empty(*daemon.services(), 10000) && empty(*daemon.traces(), 50) && empty(*daemon.cache(), 50));
+    EXPECT_TRUE(empty(*daemon.services(), 10000) && empty(*daemon.traces(), 50) &&
+                empty(*daemon.cache(), 50));
     EXPECT_TRUE(all_zero(daemon.segment(), sizeof(TRAN_AGT_SHM)));
     EXPECT_EQ(daemon.noti_que()->info.front + daemon.noti_que()->info.rear, 0);
-    for (const std::string name : {"SVC_HASH_TBL", "NOTI_SEND_QUE", "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT"}) {
+    for (const std::string name :
+         {"SVC_HASH_TBL", "NOTI_SEND_QUE", "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT"}) {
         semid_ds set{};
         shmid_ds memory{};
         unsigned short values[16] = {};
         EXPECT_EQ(semctl(daemon.sem_id(name + "_SEMKEY"), 0, IPC_STAT, &set), 0) << name;
         EXPECT_EQ(semctl(daemon.sem_id(name + "_SEMKEY"), 0, GETALL, values), 0) << name;
         EXPECT_EQ(std::count(values, values + 16, 1), name == "TRAN_AGT" ? 8 : 1) << name;
-        EXPECT_EQ(shmctl(shmget(daemon.shm_key(name + "_SHMKEY"), 0, 0), IPC_STAT, &memory), 0) << name;
+        EXPECT_EQ(shmctl(shmget(daemon.shm_key(name + "_SHMKEY"), 0, 0), IPC_STAT, &memory), 0)
+            << name;
         EXPECT_EQ(set.sem_perm.mode & memory.shm_perm.mode & 0777, 0666) << name;
     }
 }
@@ -141,28 +151,34 @@ TEST_F(Startup, StopsAtAMissingKey) {
         std::string last; // line of the log
         const char* section;
         texts keywords;
-    } cases[] = {
-        {"", "COMMON", {"LOG_HOME"}},
-        {"", "TRAN_AGENT", {"IP_ADDRESS", "CMD_PORT"}},
-        {lines[0], "TRAN_SERVER", {"IP_ADDRESS", "CMD_PORT"}},
-        {lines[0], "ACTIVE_SERVICE_EVENT", {"ACTIVE_LIMIT"}},
-        {lines[1], "IPC_SHARED_MEMORY", {"TRAN_LOGF_QUE_INFO_SHMKEY", "SVC_HASH_TBL_SHMKEY", "NOTI_SEND_QUE_SHMKEY"}},
-        {lines[1], "IPC_SEMAPHORE", {"SVC_HASH_TBL_SEMKEY", "NOTI_SEND_QUE_SEMKEY"}},
-        {lines[3], "TRAN_LOGF", {"LOG_INTERFACE", "TR_SECTION"}},
-        {lines[3], "CHECK_FILES", {"SVC_UPDATE_CHK_FILE"}},
-        {lines[4], "PTRC_HASH", {"TRC_STS_CHECK_PERIOD"}},
-        {lines[5], "IPC_SHARED_MEMORY", {"PTRC_HASH_TBL_SHMKEY", "JCACHE_HASH_TBL_SHMKEY", "TRAN_AGT_SHMKEY"}},
-        {lines[5], "IPC_SEMAPHORE", {"PTRC_HASH_TBL_SEMKEY", "JCACHE_HASH_TBL_SEMKEY", "TRAN_AGT_SEMKEY"}},
-        {lines[5], "SERVICE_HASH", {"DEFAULT_TIMEOUT_SEC"}},
-        {lines[5], "CHECK_API_STAT", {"ACT"}},
-        {lines[7], "TRAN_LOGF", {"QUE_CNT"}}};
+    } cases[] = {{"", "COMMON", {"LOG_HOME"}},
+                 {"", "TRAN_AGENT", {"IP_ADDRESS", "CMD_PORT"}},
+                 {lines[0], "TRAN_SERVER", {"IP_ADDRESS", "CMD_PORT"}},
+                 {lines[0], "ACTIVE_SERVICE_EVENT", {"ACTIVE_LIMIT"}},
+                 {lines[1],
+                  "IPC_SHARED_MEMORY",
+                  {"TRAN_LOGF_QUE_INFO_SHMKEY", "SVC_HASH_TBL_SHMKEY", "NOTI_SEND_QUE_SHMKEY"}},
+                 {lines[1], "IPC_SEMAPHORE", {"SVC_HASH_TBL_SEMKEY", "NOTI_SEND_QUE_SEMKEY"}},
+                 {lines[3], "TRAN_LOGF", {"LOG_INTERFACE", "TR_SECTION"}},
+                 {lines[3], "CHECK_FILES", {"SVC_UPDATE_CHK_FILE"}},
+                 {lines[4], "PTRC_HASH", {"TRC_STS_CHECK_PERIOD"}},
+                 {lines[5],
+                  "IPC_SHARED_MEMORY",
+                  {"PTRC_HASH_TBL_SHMKEY", "JCACHE_HASH_TBL_SHMKEY", "TRAN_AGT_SHMKEY"}},
+                 {lines[5],
+                  "IPC_SEMAPHORE",
+                  {"PTRC_HASH_TBL_SEMKEY", "JCACHE_HASH_TBL_SEMKEY", "TRAN_AGT_SEMKEY"}},
+                 {lines[5], "SERVICE_HASH", {"DEFAULT_TIMEOUT_SEC"}},
+                 {lines[5], "CHECK_API_STAT", {"ACT"}},
+                 {lines[7], "TRAN_LOGF", {"QUE_CNT"}}};
     for (const auto& one : cases)
         for (const std::string& keyword : one.keywords) {
             const std::string value = daemon.value(one.section, keyword);
             daemon.unset(one.section, keyword);
             daemon.set(one.section, "OTHER", "1"); // the section stays
             EXPECT_EQ(last_line_of_a_failed_start(), one.last) << keyword;
-            EXPECT_NE(daemon.err().find("not found keyword[" + keyword + "]"), std::string::npos) << daemon.err();
+            EXPECT_NE(daemon.err().find("not found keyword[" + keyword + "]"), std::string::npos)
+                << daemon.err();
             daemon.set(one.section, keyword, value);
         }
     daemon.set("CHECK_API_STAT", "ACT", "three words only");
@@ -174,10 +190,13 @@ TEST_F(Startup, StopsWithoutItsEnvironmentOrAConfiguration) {
         const std::string value = daemon.variables[name];
         daemon.variables.erase(name);
         EXPECT_EQ(last_line_of_a_failed_start(), "");
-        EXPECT_TRUE(daemon.out().ends_with("<!> please, check environment-variable (" + name + ")\n")) << daemon.out();
+        EXPECT_TRUE(
+            daemon.out().ends_with("<!> please, check environment-variable (" + name + ")\n"))
+            << daemon.out();
         daemon.variables[name] = value;
     }
-    daemon.write_file("garbage", std::string(100000, '[') + std::string(5000, '\0') + std::string(3000, '='));
+    daemon.write_file("garbage",
+                      std::string(100000, '[') + std::string(5000, '\0') + std::string(3000, '='));
     for (const char* name : {"garbage", "missing", "."}) {
         daemon.variables["TRAN_AGT_CFG_FILE"] = daemon.path(name);
         EXPECT_EQ(last_line_of_a_failed_start(), "") << name;
@@ -185,8 +204,8 @@ TEST_F(Startup, StopsWithoutItsEnvironmentOrAConfiguration) {
 }
 
 TEST_F(Startup, StopsAtAnObjectItCannotHave) {
-    for (const std::string name :
-         {"TRAN_LOGF_QUE_INFO", "NOTI_SEND_QUE", "SVC_HASH_TBL", "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT"}) {
+    for (const std::string name : {"TRAN_LOGF_QUE_INFO", "NOTI_SEND_QUE", "SVC_HASH_TBL",
+                                   "PTRC_HASH_TBL", "JCACHE_HASH_TBL", "TRAN_AGT"}) {
         std::string logged = name == "TRAN_AGT" ? "tran_agt_shm" : name;
         for (char& letter : logged)
             letter = static_cast<char>(std::tolower(letter));
@@ -196,10 +215,12 @@ TEST_F(Startup, StopsAtAnObjectItCannotHave) {
     }
     semctl(daemon.sem_id("TRAN_AGT_SEMKEY"), 0, IPC_RMID);
     semget(daemon.sem_key("TRAN_AGT_SEMKEY"), 1, IPC_CREAT | 0666); // fewer than it needs
-    EXPECT_EQ(last_line_of_a_failed_start(), sem("<!> tran agent semaphore create error", "TRAN_AGT"));
+    EXPECT_EQ(last_line_of_a_failed_start(),
+              sem("<!> tran agent semaphore create error", "TRAN_AGT"));
     const agt::unique_fd listener(agt::open_tcp_server_session("127.0.0.1", daemon.port()));
     EXPECT_EQ(last_line_of_a_failed_start(),
-              "<!> init tcp server fail. (agent ip : 127.0.0.1, cmd_port : " + std::to_string(daemon.port()) + ")");
+              "<!> init tcp server fail. (agent ip : 127.0.0.1, cmd_port : " +
+                  std::to_string(daemon.port()) + ")");
 }
 
 TEST_F(Startup, TakesOptionalAndOddValues) {
@@ -228,11 +249,12 @@ TEST_F(Startup, TakesOptionalAndOddValues) {
 }
 
 TEST_F(Startup, PrintsUsageAndVersion) {
-    const std::string usage = std::string("usage: ") + KESSARD_PROGRAM +
-                              " [-hvdc:p:]\n\t -h: help\n\t -v: version information\n\t -d: make daemon\n"
-                              "\t -c: status log value clear second(s)\n"
-                              "\t -p: status log print second(s), disable(0)\n"
-                              "\t -i: process_info idx.(ref. agt.cfg)\n";
+    const std::string usage =
+        std::string("usage: ") + KESSARD_PROGRAM +
+        " [-hvdc:p:]\n\t -h: help\n\t -v: version information\n\t -d: make daemon\n"
+        "\t -c: status log value clear second(s)\n"
+        "\t -p: status log print second(s), disable(0)\n"
+        "\t -i: process_info idx.(ref. agt.cfg)\n";
     for (const char* option : {"-h", "-x", "-c", "-v"}) {
         daemon.start({"-d", option});
         EXPECT_EQ(daemon.wait_exit(), 0);

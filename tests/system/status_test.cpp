@@ -17,9 +17,11 @@ class Status : public testing::Test {
     agent daemon;
 
     void start() {
-        daemon.set("KESSARD", "WORKER_CHECK_INTERVAL", 0); // else the last objects come seconds later
+        daemon.set("KESSARD", "WORKER_CHECK_INTERVAL",
+                   0); // else the last objects come seconds later
         start_running(daemon);
-        ASSERT_TRUE(kill(daemon.pid(), SIGSTOP) == 0 && waitpid(daemon.pid(), nullptr, WUNTRACED) == daemon.pid());
+        ASSERT_TRUE(kill(daemon.pid(), SIGSTOP) == 0 &&
+                    waitpid(daemon.pid(), nullptr, WUNTRACED) == daemon.pid());
     }
     program_result console(const texts& words) const { return daemon.console(words); }
     json look(int wanted_status, texts words = {}) const {
@@ -30,7 +32,8 @@ class Status : public testing::Test {
     }
     void expect_problem(const std::string& reason, int wanted_status = 1) const {
         const program_result done = console({"status"});
-        EXPECT_TRUE(done.status == wanted_status && in_order(done.out, {reason})) << done.status << ", " << done.out;
+        EXPECT_TRUE(done.status == wanted_status && in_order(done.out, {reason}))
+            << done.status << ", " << done.out;
     }
     void add_process(const char* name, pid_t pid, char state, char wanted) {
         PROCESS_INFO& row = daemon.segment()->proc_info[daemon.segment()->proc_num++];
@@ -41,7 +44,8 @@ class Status : public testing::Test {
 
 TEST_F(Status, TellsWhatTheObjectsHold) {
     start();
-    *daemon.settings() = {4, 3, TRACE_ON_MAGIC_CODE, LOG_FLAG_S | LOG_FLAG_Q, {}, 7, 100, 200, 300, 1, '1', 0, {}};
+    *daemon.settings() = {
+        4, 3, TRACE_ON_MAGIC_CODE, LOG_FLAG_S | LOG_FLAG_Q, {}, 7, 100, 200, 300, 1, '1', 0, {}};
     SVC_HASH_TBL& table = *daemon.services();
     table.h_arr[17].param = {{}, {}, "ORDERS", 0, 0, 0, 0, 5, LOG_FLAG_E, 0, 0, 0};
     table.h_arr[4].param = {{}, {}, "PAYMENTS", 0, 0, 0, 0, 60, 0, 0, 0, 0};
@@ -49,17 +53,26 @@ TEST_F(Status, TellsWhatTheObjectsHold) {
     add_process("collector", daemon.pid(), 2, 2);
     daemon.noti_que()->info = {32760, 5};
     daemon.segment()->que_stat[1] = {10, 1, 9, 2, 3, 12.5F};
-    ASSERT_EQ(console({"put-trace", "--name", "billing", "--threads", "2", "--state", "h", "--alive", "0"}).status, 0);
+    ASSERT_EQ(console({"put-trace", "--name", "billing", "--threads", "2", "--state", "h",
+                       "--alive", "0"})
+                  .status,
+              0);
     const json now = look(0, {"--services", "--sort", "limit"});
     const json wanted = json::parse(R"({
         "/status": "ok", "/reasons": [], "/settings/log_flags": "SQ", "/tables/service/used": 2, "/traces/states/h": 3,
         "/services/0/service_id": "PAYMENTS", "/services/1/flags": "E", "/tables/cache/slots": 2e6, "/traces/dead": 3,
         "/queues/notification/used": 13, "/processes/0/program": "collector", "/traces/processes/0/name": "billing",
-        "/log_queues/1/out_discarded": 2, "/segments/SVC_HASH_TBL_SHMKEY/attaches": 2})"); // the daemon and this test
+        "/log_queues/1/out_discarded": 2, "/segments/SVC_HASH_TBL_SHMKEY/attaches": 2})"); // the
+                                                                                           // daemon
+                                                                                           // and
+                                                                                           // this
+                                                                                           // test
     for (const auto& [path, value] : wanted.items())
         EXPECT_EQ(now.value(json::json_pointer(path), json()), value) << path;
     const std::string text = console({"status", "--filter", "orD"}).out;
-    EXPECT_TRUE(text.find('\x1b') == text.npos && in_order(text, {"ok: kessard pid", "Services: 1 of 2"})) << text;
+    EXPECT_TRUE(text.find('\x1b') == text.npos &&
+                in_order(text, {"ok: kessard pid", "Services: 1 of 2"}))
+        << text;
 }
 
 TEST_F(Status, NamesWhatIsWrong) {
@@ -78,7 +91,8 @@ TEST_F(Status, NamesWhatIsWrong) {
     if (holder == 0)
         _exit(agt::sem_lock(cache_sem, 0, 0)); // without undo, so it stays held
     ASSERT_EQ(waitpid(holder, nullptr, 0), holder);
-    expect_problem("JCACHE_HASH_TBL_SEMKEY[0] is held by the dead process " + std::to_string(holder));
+    expect_problem("JCACHE_HASH_TBL_SEMKEY[0] is held by the dead process " +
+                   std::to_string(holder));
 }
 
 TEST_F(Status, SurvivesCorruptObjects) {
@@ -103,7 +117,8 @@ TEST_F(Status, SurvivesCorruptObjects) {
 }
 
 TEST_F(Status, TellsThatThereIsNoAgent) {
-    EXPECT_TRUE(console({"status"}).status == 2 && console({"metrics"}).status == 2); // nor a configuration
+    EXPECT_TRUE(console({"status"}).status == 2 &&
+                console({"metrics"}).status == 2); // nor a configuration
     daemon.write_cfg();
     expect_problem("absent: no daemon runs and none of the shared objects exists", 2);
     const program_result none = console({"metrics"});
@@ -125,8 +140,10 @@ void expect_exposition(const std::string& text) {
     for (std::string line, family; std::getline(lines, line);) {
         if (std::regex_match(line, found, help)) {
             family = found.str(1);
-            EXPECT_TRUE(std::getline(lines, line) && seen.insert(family + " help").second) << family;
-            EXPECT_EQ(line, "# TYPE " + family + (family.ends_with("_total") ? " counter" : " gauge"));
+            EXPECT_TRUE(std::getline(lines, line) && seen.insert(family + " help").second)
+                << family;
+            EXPECT_EQ(line,
+                      "# TYPE " + family + (family.ends_with("_total") ? " counter" : " gauge"));
         } else {
             const bool of_family = std::regex_match(line, found, sample) && found.str(2) == family;
             EXPECT_TRUE(of_family && seen.insert(found.str(1)).second) << line;
@@ -139,20 +156,26 @@ TEST_F(Status, MetricsAreReplacedInOneStep) {
     ASSERT_EQ(console({"put-trace", "--name", "a\"b\\c"}).status, 0);
     const std::string file = daemon.path("of.prom");
     daemon.write_file("of.prom", "old\n", 0600);
-    ASSERT_EQ(link(file.c_str(), daemon.path("old").c_str()), 0); // stands for a reader that has it open
+    ASSERT_EQ(link(file.c_str(), daemon.path("old").c_str()),
+              0); // stands for a reader that has it open
     ASSERT_EQ(console({"metrics", "--output", file}).status, 0);
     EXPECT_EQ(run_program({"/bin/cat", daemon.path("old")}).out, "old\n");
     const std::string text = run_program({"/bin/cat", file}).out;
     expect_exposition(text);
-    EXPECT_TRUE(in_order(text, {"\nkessard_trace_entries{program=\"a\\\"b\\\\c\",state=\"a\"} 1\n"})) << text;
-    EXPECT_EQ(run_program({"/usr/bin/find", daemon.home(), "-name", "of.*", "-printf", "%f %m"}).out, "of.prom 644");
+    EXPECT_TRUE(
+        in_order(text, {"\nkessard_trace_entries{program=\"a\\\"b\\\\c\",state=\"a\"} 1\n"}))
+        << text;
+    EXPECT_EQ(
+        run_program({"/usr/bin/find", daemon.home(), "-name", "of.*", "-printf", "%f %m"}).out,
+        "of.prom 644");
     EXPECT_EQ(console({"metrics", "--output", daemon.path("nowhere/x")}).status, 2);
 }
 
 TEST_F(Status, WatchesUntilItIsInterrupted) {
     start();
     process watcher({KESSCTL_PROGRAM, "status", "--watch", "0.1"}, daemon.variables);
-    EXPECT_TRUE(wait_until([&] { return watcher.out().find("every 0.1 s", 200) != std::string::npos; }));
+    EXPECT_TRUE(
+        wait_until([&] { return watcher.out().find("every 0.1 s", 200) != std::string::npos; }));
     kill(watcher.pid(), SIGINT);
     EXPECT_EQ(watcher.wait_exit(), 0);
 }

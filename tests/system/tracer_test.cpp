@@ -1,5 +1,5 @@
-// The tracers' side of a running agent: the example of the documentation, and idle workers that the watchdog finds;
-// there the console plays the tracer and the log parser.
+// The tracers' side of a running agent: the example of the documentation, and idle workers that the
+// watchdog finds; there the console plays the tracer and the log parser.
 #include "checks.h"
 #include "hash.h"
 #include "stand_in.h"
@@ -30,7 +30,8 @@ TEST(Workers, WatchdogFindsAnIdleOne) {
     a.set("KESSARD", "WORKER_CHECK_INTERVAL", 1);
     a.set("KESSARD", "WORKER_MODE", "PROCESS");
     start_running(a);
-    EXPECT_EQ(a.console({"show-events"}).status, 2); // there is no queue before the watchdog's first pass
+    EXPECT_EQ(a.console({"show-events"}).status,
+              2); // there is no queue before the watchdog's first pass
     ASSERT_EQ(a.console({"put-trace", "--name", "idler", "--idle", "1000"}).status, 0);
     ASSERT_EQ(a.console({"put-trace", "--pid", "4194399", "--name", "busy"}).status, 0);
     ASSERT_TRUE(a.wait_log("[CHECK_WORKER] send_event [idler, pid:4194305, tid:0] [ret:1]", 2));
@@ -42,8 +43,11 @@ TEST(Workers, WatchdogFindsAnIdleOne) {
     EXPECT_TRUE(has_line(shown.out, "evt_id", "1710")) << shown.out;
     EXPECT_TRUE(has_line(shown.out, "server_id", "idler"));
     EXPECT_TRUE(has_line(shown.out, "tr_section", "T"));
-    EXPECT_NE(shown.out.find("Process not running. [idler / pid:4194305 / tid:0] (Last access tm : "), shown.out.npos);
-    const program_result followed = a.console({"show-events", "--follow", "--count", "3"}); // slots 2 to 4
+    EXPECT_NE(
+        shown.out.find("Process not running. [idler / pid:4194305 / tid:0] (Last access tm : "),
+        shown.out.npos);
+    const program_result followed =
+        a.console({"show-events", "--follow", "--count", "3"}); // slots 2 to 4
     EXPECT_TRUE(in_order(followed.out, {"slot 2\n", "slot 3\n", "slot 4\n"}));
     EXPECT_EQ(a.count_log("send_event [busy"), 0u);
 
@@ -63,12 +67,14 @@ TEST(Workers, ConsoleSaysWhatDoesNotFit) {
     agent a;
     start_running(a);
     EXPECT_EQ(a.console({"put-trace", "--count", "4000", "--threads", "1"}).status, 0);
-    const program_result full = a.console({"put-trace", "--count", "10000"}); // 4,000 of them are renewed
+    const program_result full =
+        a.console({"put-trace", "--count", "10000"}); // 4,000 of them are renewed
     EXPECT_EQ(full.status, 1);
     EXPECT_TRUE(full.out.ends_with("the table is full: 4000 entries did not fit\n"));
     const PTRC_HASH_TBL& table = *a.traces();
     EXPECT_EQ(table.alloc_cnt + table.used.top, 20000u);
-    EXPECT_TRUE(find_entry(table, 4194305 + 3999, 1) != nullptr && find_entry(table, 4194305 + 5999, 0) != nullptr);
+    EXPECT_TRUE(find_entry(table, 4194305 + 3999, 1) != nullptr &&
+                find_entry(table, 4194305 + 5999, 0) != nullptr);
     a.signal(SIGSTOP); // the reader of the notification queue
     ASSERT_EQ(waitpid(a.pid(), nullptr, WUNTRACED), a.pid());
     const int rear = a.noti_que()->info.rear;
@@ -80,10 +86,12 @@ TEST(Workers, ConsoleSaysWhatDoesNotFit) {
 }
 
 int run_tracer(const agent& a) {
-    const auto key = [&](const char* section, const char* keyword) { return a.value(section, keyword); };
+    const auto key = [&](const char* section, const char* keyword) {
+        return a.value(section, keyword);
+    };
     return run_program({TRACER_PROGRAM, key("IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY"),
-                        key("IPC_SHARED_MEMORY", "NOTI_SEND_QUE_SHMKEY"), key("IPC_SEMAPHORE", "NOTI_SEND_QUE_SEMKEY"),
-                        "TRACED", "4321"})
+                        key("IPC_SHARED_MEMORY", "NOTI_SEND_QUE_SHMKEY"),
+                        key("IPC_SEMAPHORE", "NOTI_SEND_QUE_SEMKEY"), "TRACED", "4321"})
         .status;
 }
 

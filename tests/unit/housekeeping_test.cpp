@@ -1,5 +1,5 @@
-// Housekeeping passes: the liveness sweep, the statistics and their countdowns, the reset in silence, the update
-// triggers.
+// Housekeeping passes: the liveness sweep, the statistics and their countdowns, the reset in
+// silence, the update triggers.
 #include <sys/eventfd.h>
 
 #include "check_ptrc_hash_tbl.h"
@@ -65,14 +65,16 @@ TEST_F(Housekeeping, LooksAtAnEntryWhenItsStateAndTimeSaySo) {
         int period;
         bool checked;
         int elapsed_after;
-    } cases[] = {{'f', 6, 3, 1, true, 3},     {'f', 5, 3, 1, false, 4},   {'f', 5, 9, 1, true, 0},
-                 {'h', 0, 3, 1, true, 3},     {'h', 100, 9, 10, true, 9}, {'a', 0, 8, 1, false, 9},
-                 {'a', 0, 9, 1, true, 0},     {'a', 100, 0, 9, false, 9}, {'a', 0, 0, 10, true, 0},
-                 {'a', 0, 3, 86400, true, 0}, {'F', 100, 0, 1, false, 1}, {'H', 100, 0, 1, false, 1},
-                 {0, 100, 0, 1, false, 1},    {'a', 0, -5, 10, false, 5}};
+    } cases[] = {
+        {'f', 6, 3, 1, true, 3},     {'f', 5, 3, 1, false, 4},   {'f', 5, 9, 1, true, 0},
+        {'h', 0, 3, 1, true, 3},     {'h', 100, 9, 10, true, 9}, {'a', 0, 8, 1, false, 9},
+        {'a', 0, 9, 1, true, 0},     {'a', 100, 0, 9, false, 9}, {'a', 0, 0, 10, true, 0},
+        {'a', 0, 3, 86400, true, 0}, {'F', 100, 0, 1, false, 1}, {'H', 100, 0, 1, false, 1},
+        {0, 100, 0, 1, false, 1},    {'a', 0, -5, 10, false, 5}};
     PTRC_HASH_ARR& entry = table.add("worker", DEAD_PID);
     for (const auto& one : cases) {
-        SCOPED_TRACE(testing::Message() << one.trc_sts << " idle " << one.idle_sec << " elapsed " << one.elapsed);
+        SCOPED_TRACE(testing::Message()
+                     << one.trc_sts << " idle " << one.idle_sec << " elapsed " << one.elapsed);
         const auto prepare = [&](time_t now) {
             entry.trc_sts = one.trc_sts;
             entry.lasted_access = now - one.idle_sec;
@@ -93,9 +95,12 @@ TEST_F(Housekeeping, MarksLiveRenamedAndDeadProcesses) {
         char before;
         char after;
         const char* line; // without name and pid; null: none
-    } cases[] = {{OWN_NAME, getpid(), 0, 1, nullptr},         {OWN_NAME, getpid(), 2, 2, nullptr},
-                 {OWN_NAME, getpid(), 127, 127, nullptr},     {OWN_NAME + "x", getpid(), 2, 0, "@@@ process down : "},
-                 {"", getpid(), 1, 0, "@@@ process down : "}, {OWN_NAME, DEAD_PID, 5, 0, "@@@ process down: "},
+    } cases[] = {{OWN_NAME, getpid(), 0, 1, nullptr},
+                 {OWN_NAME, getpid(), 2, 2, nullptr},
+                 {OWN_NAME, getpid(), 127, 127, nullptr},
+                 {OWN_NAME + "x", getpid(), 2, 0, "@@@ process down : "},
+                 {"", getpid(), 1, 0, "@@@ process down : "},
+                 {OWN_NAME, DEAD_PID, 5, 0, "@@@ process down: "},
                  {"worker", 0, 1, 0, "@@@ process down: "}};
     texts wanted = {"##### ptrc hash table (total : 8) #####", ""};
     for (const auto& one : cases) {
@@ -122,11 +127,14 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
     }
     for (int i = 0; i < 600; ++i) { // the cache may miss a record that it holds
         const bool own = i % 3 == 0;
-        table.add(own ? OWN_NAME : "worker" + std::to_string(i % 7), own ? getpid() : DEAD_PID + i % 5);
+        table.add(own ? OWN_NAME : "worker" + std::to_string(i % 7),
+                  own ? getpid() : DEAD_PID + i % 5);
     }
     check_ptrc_hash_tbl();
     for (unsigned i = 0; i < table->used.top; ++i)
-        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, i >= 1000 && (i - 1000) % 3 == 0 ? 1 : 0) << i;
+        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive,
+                  i >= 1000 && (i - 1000) % 3 == 0 ? 1 : 0)
+            << i;
 }
 
 TEST_F(Housekeeping, TakesAFullTableAndSwitchesTracingOffForACorruptOne) {
@@ -139,7 +147,8 @@ TEST_F(Housekeeping, TakesAFullTableAndSwitchesTracingOffForACorruptOne) {
         int running;
         bool tracing; // afterwards
         char isalive;
-    } cases[] = {{10001, 1, false, 1}, {0xffffffffu, 1, false, 1}, {10000, 0, true, 1}, {10000, 1, true, 0}};
+    } cases[] = {
+        {10001, 1, false, 1}, {0xffffffffu, 1, false, 1}, {10000, 0, true, 1}, {10000, 1, true, 0}};
     for (const auto& one : cases) {
         memory.magic_code = TRACE_ON_MAGIC_CODE;
         table->used.top = one.top;
@@ -159,15 +168,16 @@ TEST_F(Housekeeping, PrintsEveryPrintTimePasses) {
     client_list.client[1].send_logs = -1;
     start_st_log_passes();
     EXPECT_EQ(run_passes(9, 3), texts());
-    EXPECT_EQ(run_passes(1, 3),
-              (texts{line, "clients 2/5 , total_logs 30, curr_logs 30", clients, " > 0 : 7", " > 1 : -1"}));
+    EXPECT_EQ(run_passes(1, 3), (texts{line, "clients 2/5 , total_logs 30, curr_logs 30", clients,
+                                       " > 0 : 7", " > 1 : -1"}));
     client_list.client_num = 0;
     EXPECT_EQ(run_passes(9, 1), texts());
     EXPECT_EQ(run_passes(1), (texts{line, "clients 0/5 , total_logs 39, curr_logs 9", clients}));
 }
 
 TEST_F(Housekeeping, PrintsAndSweepsInTheirPeriods) {
-    const std::pair<int, std::size_t> times_in_seven_passes[] = {{3, 2}, {1, 7}, {7, 1}, {8, 0}, {0, 0}, {-3, 0}};
+    const std::pair<int, std::size_t> times_in_seven_passes[] = {{3, 2}, {1, 7}, {7, 1},
+                                                                 {8, 0}, {0, 0}, {-3, 0}};
     for (const auto& [period, times] : times_in_seven_passes) {
         trc_sts_check_period = print_time = period;
         start_st_log_passes();
@@ -183,15 +193,18 @@ TEST_F(Housekeeping, ClearsTheCountersOnceInASilence) {
         int passes;
         int logs; // of each
         int total;
-    } steps[] = {{3, 1, 5, 5}, {3, 2, 0, 5}, {3, 1, 1, 6}, {3, 2, 0, 6},  {3, 1, 0, 0},
-                 {3, 1, 4, 4}, {3, 2, 0, 4}, {0, 9, 0, 4}, {-1, 9, 0, 4}, {3, 9, 0, 4}}; // a silence counts on
+    } steps[] = {{3, 1, 5, 5},  {3, 2, 0, 5}, {3, 1, 1, 6}, {3, 2, 0, 6},
+                 {3, 1, 0, 0},  {3, 1, 4, 4}, {3, 2, 0, 4}, {0, 9, 0, 4},
+                 {-1, 9, 0, 4}, {3, 9, 0, 4}}; // a silence counts on
     print_time = 1;
     start_st_log_passes();
     for (const auto& one : steps) {
         clear_time = one.clear_time;
         const texts printed = run_passes(one.passes, one.logs);
         EXPECT_EQ(tot_logs, one.total) << &one - steps;
-        EXPECT_TRUE(one.logs == 0 || printed.at(1).ends_with(", curr_logs " + std::to_string(one.logs))) << printed[1];
+        EXPECT_TRUE(one.logs == 0 ||
+                    printed.at(1).ends_with(", curr_logs " + std::to_string(one.logs)))
+            << printed[1];
     }
 }
 
@@ -200,7 +213,8 @@ TEST_F(Housekeeping, AnnouncesAForcedUpdateOncePerFileAndTheDailyOneOncePerDate)
     set_daily_time("0000");
     for (int i = 0; i < 2; ++i) { // the file comes first
         a.write_file("trigger", "now\n");
-        EXPECT_EQ(run_passes(1), (texts{">> Check OK, [" + trigger + "] ..", "(I) start forced update service"}));
+        EXPECT_EQ(run_passes(1),
+                  (texts{">> Check OK, [" + trigger + "] ..", "(I) start forced update service"}));
         EXPECT_FALSE(std::filesystem::exists(trigger));
     }
     for (const char* zone : {"EAST-14", "WEST+12", "EAST-14"}) { // never the same date

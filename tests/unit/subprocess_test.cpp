@@ -30,7 +30,8 @@ std::string summary(const result& of) {
     EXPECT_EQ(std::strlen(of->stdout_.buf_p), of->stdout_.length);
     EXPECT_EQ(std::strlen(of->stderr_.buf_p), of->stderr_.length);
     return std::to_string(of->exit_code) + " " + std::to_string(of->signal_number) + " " +
-           std::to_string(of->is_timeout) + " [" + of->stdout_.buf_p + "][" + of->stderr_.buf_p + "]";
+           std::to_string(of->is_timeout) + " [" + of->stdout_.buf_p + "][" + of->stderr_.buf_p +
+           "]";
 }
 
 void print_both(void* arg) { // leaves its text in the buffers of the streams
@@ -60,7 +61,8 @@ TEST(Subprocess, EveryEntryPointReportsExitStatusAndOutput) {
     check(subprocess_exec_output_timeout(command, 9), "3 -1 0 [o][e]");
     check(subprocess_exec_output_timeout_ex(command, 9), "3 -1 0 [oe][]");
     check(subprocess_exec_output("kill -TERM $$"), "-1 15 0 [][]");
-    check(subprocess_exec_output(std::string(300000, 'x').c_str()), "1 -1 0 [][]"); // no exec takes it
+    check(subprocess_exec_output(std::string(300000, 'x').c_str()),
+          "1 -1 0 [][]"); // no exec takes it
     CaptureStdout();
     std::printf("buffered "); // must not come out of the child too
     check(subprocess_exec("echo inherited; exit 5"), "5 -1 0 [][]");
@@ -89,7 +91,8 @@ TEST(Subprocess, CutsAtTheLimit) {
     EXPECT_EQ(silent->exit_code, -1);
     EXPECT_TRUE(silent->signal_number == SIGTERM || silent->signal_number == SIGKILL);
     EXPECT_STREQ(silent->stdout_.buf_p, "a");
-    const result ignoring(subprocess_exec_output_timeout("trap '' TERM; while :; do sleep 1; done", 2));
+    const result ignoring(
+        subprocess_exec_output_timeout("trap '' TERM; while :; do sleep 1; done", 2));
     EXPECT_EQ(ignoring->signal_number, SIGKILL);
     const result flood(subprocess_exec_output_timeout_ex("exec cat /dev/zero", 2)); // never pauses
     ASSERT_NE(flood, nullptr);
@@ -110,18 +113,22 @@ TEST(Subprocess, KeepsTheFrontOfAnOutputBeyondTheMaximum) {
     EXPECT_STREQ(much->stderr_.buf_p, "end\n");
 }
 
-// A background process that keeps both streams open holds the run until its limit, although the shell has ended; one
-// that keeps a single stream does not.
+// A background process that keeps both streams open holds the run until its limit, although the
+// shell has ended; one that keeps a single stream does not.
 TEST(Subprocess, EndsWithTheFirstStreamThatCloses) {
-    EXPECT_EQ(summary(result(subprocess_exec_output_timeout("sleep 4 & printf a", 2))), "0 -1 1 [a][]");
-    EXPECT_EQ(summary(result(subprocess_exec_output("sleep 2 2>/dev/null & printf a"))), "0 -1 0 [a][]");
-    EXPECT_EQ(summary(result(subprocess_exec_output("printf a; exec 2>&-; sleep 0.3; printf b; exit 4"))),
-              "4 -1 0 [a][]");
+    EXPECT_EQ(summary(result(subprocess_exec_output_timeout("sleep 4 & printf a", 2))),
+              "0 -1 1 [a][]");
+    EXPECT_EQ(summary(result(subprocess_exec_output("sleep 2 2>/dev/null & printf a"))),
+              "0 -1 0 [a][]");
+    EXPECT_EQ(
+        summary(result(subprocess_exec_output("printf a; exec 2>&-; sleep 0.3; printf b; exit 4"))),
+        "4 -1 0 [a][]");
 }
 
 TEST(Subprocess, LosesNoOutputOfAChildThatEndsAtOnce) {
     for (int i = 0; i < 200; ++i)
-        ASSERT_EQ(summary(result(subprocess_exec_output("printf e >&2; printf o"))), "0 -1 0 [o][e]");
+        ASSERT_EQ(summary(result(subprocess_exec_output("printf e >&2; printf o"))),
+                  "0 -1 0 [o][e]");
 }
 
 // Makes the parent's next poll fail, and ends with the parent.
@@ -134,7 +141,8 @@ void break_poll_of_parent(void*) {
 }
 
 TEST(SubprocessDeath, AFailingPollEndsTheProcess) {
-    EXPECT_EXIT(subprocess_call_output_timeout(break_poll_of_parent, nullptr, 30), ExitedWithCode(1), "^poll: ");
+    EXPECT_EXIT(subprocess_call_output_timeout(break_poll_of_parent, nullptr, 30),
+                ExitedWithCode(1), "^poll: ");
 }
 
 } // namespace

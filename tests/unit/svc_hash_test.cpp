@@ -1,4 +1,5 @@
-// The service table on the heap: what inserts, updates and deletes do to it, and that nothing in it can break them.
+// The service table on the heap: what inserts, updates and deletes do to it, and that nothing in it
+// can break them.
 #include "set_svc_hash_tbl.h"
 
 #include "checks.h"
@@ -50,7 +51,8 @@ class SvcHash : public testing::Test {
     }
     std::string chain() const {
         std::string slots;
-        for (int s = table.h_idx[BUCKET]; s != -1 && slots.size() < 100; s = table.h_arr[s].next_idx)
+        for (int s = table.h_idx[BUCKET]; s != -1 && slots.size() < 100;
+             s = table.h_arr[s].next_idx)
             slots += std::to_string(s) + " ";
         return slots;
     }
@@ -80,7 +82,8 @@ TEST_F(SvcHash, LinksAndUnlinksChains) {
         EXPECT_EQ(set(element(ids[one.id], one.mode)), one.slot);
         EXPECT_EQ(chain(), one.chain);
         EXPECT_EQ(table_fault(table), "");
-        EXPECT_EQ(table.h_arr[one.slot].param.service_id, ids[one.id]); // one that went is left as it was
+        EXPECT_EQ(table.h_arr[one.slot].param.service_id,
+                  ids[one.id]); // one that went is left as it was
     }
 }
 
@@ -125,7 +128,8 @@ TEST_F(SvcHash, SurvivesACorruptTable) {
         for (const std::string& id : ids)
             set(element(id));
         for (int s = 9995; s <= 9999; ++s) {
-            table.h_arr[s].next_idx = random() % 3 == 0 ? index() : 9995 + static_cast<int>(random() % 5); // a loop
+            table.h_arr[s].next_idx =
+                random() % 3 == 0 ? index() : 9995 + static_cast<int>(random() % 5); // a loop
             table.h_arr[s].pre_idx = index();
             table.h_arr[s].hash_idx = random() % 2 == 0 ? index() : 65536;
         }
@@ -135,7 +139,8 @@ TEST_F(SvcHash, SurvivesACorruptTable) {
         for (unsigned i = 0; i < SVC_HASH_SLOTS; ++i)
             table.available.idx[i] = table.used.idx[i] = static_cast<unsigned>(index());
         for (unsigned i = 0; i < 20; ++i)
-            set(element(i % 4 == 0 ? "NEW" + std::to_string(i) : ids[random() % 5], "AYDZ"[random() % 4]));
+            set(element(i % 4 == 0 ? "NEW" + std::to_string(i) : ids[random() % 5],
+                        "AYDZ"[random() % 4]));
         show_svc_hash_tbl(*copy_svc_hash_tbl(table));
     }
     EXPECT_EQ(init_svc_hash_tbl(), 1);

@@ -46,7 +46,8 @@ class Watchdog : public trace_table_test {
             queue->info.front = (queue->info.front + 1) % PARSE_LOG_QUE_SLOTS;
             const auto& event = queue->data[queue->info.front].parse_log.keep_log.bdy.evt_log;
             const std::string text = event.evt_info_str;
-            found.push_back(std::string(event.evt_id, 4) + " " + text.substr(0, text.find(" (Last")));
+            found.push_back(std::string(event.evt_id, 4) + " " +
+                            text.substr(0, text.find(" (Last")));
         }
         return found;
     }
@@ -65,7 +66,8 @@ TEST_F(Watchdog, TakesOrRefusesItsSettings) {
         int mode = WORKER_MODE_THREAD;
     } cases[] = {{"TRAN_LOGF", "TR_SECTION", nullptr, 0, 0, ""},
                  {"KESSARD", "WORKER_CHECK_INTERVAL", nullptr, 0, 0, ""},
-                 {"KESSARD", "WORKER_CHECK_INTERVAL", "0", 0, 0, "<!> WORKER_CHECK_INTERVAL is 0. finished job."},
+                 {"KESSARD", "WORKER_CHECK_INTERVAL", "0", 0, 0,
+                  "<!> WORKER_CHECK_INTERVAL is 0. finished job."},
                  {"KESSARD", "WORKER_REST_INTERVAL", nullptr, 0, 1, ""},
                  {"KESSARD", "WORKER_MODE", nullptr, 0, 1, ""},
                  {"KESSARD", "WORKER_MODE", "Thread", 0, 1, "<!> WORKER_MODE init fail"},
@@ -77,7 +79,8 @@ TEST_F(Watchdog, TakesOrRefusesItsSettings) {
                  {"KESSARD", "WORKER_REST_INTERVAL", "61", 1, 1, "", 61},
                  {"KESSARD", "WORKER_MODE", "process", 1, 1, "", 60, WORKER_MODE_PROCESS}};
     for (const auto& one : cases) {
-        SCOPED_TRACE(testing::Message() << one.keyword << " " << (one.value == nullptr ? "" : one.value));
+        SCOPED_TRACE(testing::Message()
+                     << one.keyword << " " << (one.value == nullptr ? "" : one.value));
         const std::string good = a.value(one.section, one.keyword);
         a.unset(one.section, one.keyword);
         if (one.value != nullptr)
@@ -102,10 +105,12 @@ TEST_F(Watchdog, CreatesOrOpensItsQueue) {
     }
     EXPECT_EQ(semctl(a.sem_id("PARSE_LOG_QUE_SEMKEY"), 15, GETVAL), 1);
     semctl(a.sem_id("PARSE_LOG_QUE_SEMKEY"), 0, IPC_RMID);
-    EXPECT_NE(semget(a.sem_key("PARSE_LOG_QUE_SEMKEY"), 1, IPC_CREAT | IPC_EXCL | 0600), -1); // one instead of 16
+    EXPECT_NE(semget(a.sem_key("PARSE_LOG_QUE_SEMKEY"), 1, IPC_CREAT | IPC_EXCL | 0600),
+              -1); // one instead of 16
     EXPECT_EQ(set_up(), 0);
     EXPECT_EQ(a.count_log("<!> parse_log_que semaphore create error.[key:0x"), 1u);
-    a.set("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY", a.value("IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY"));
+    a.set("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY",
+          a.value("IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY"));
     a.create_shm("SVC_HASH_TBL_SHMKEY", 100); // too small
     EXPECT_EQ(set_up(), 0);
     EXPECT_EQ(a.count_log("<!> parse_log_que create error.[key:0x"), 1u);
@@ -114,11 +119,13 @@ TEST_F(Watchdog, CreatesOrOpensItsQueue) {
 TEST_F(Watchdog, SkipsTheFirstTwentyNames) {
     const std::string longest(30, 'n'); // what is longer is cut
     EXPECT_EQ(find_skip_hash("a"), 0);  // the list is empty
-    a.set("KESSARD", "SKIP_PROC", "a,b,c,d,twice,twice,g,h,i,j,k,l,m,n,o,p,q,r," + longest + "cut,t,u,v,w,x,y");
+    a.set("KESSARD", "SKIP_PROC",
+          "a,b,c,d,twice,twice,g,h,i,j,k,l,m,n,o,p,q,r," + longest + "cut,t,u,v,w,x,y");
     ASSERT_EQ(set_up(), 1);
     for (const auto& name : {"a"s, "j"s, "t"s, "twice"s, longest})
         EXPECT_EQ(find_skip_hash(name.c_str()), 1) << name;
-    for (const auto& name : {"u"s, "y"s, "A"s, "ab"s, ""s, "a,b"s, longest + "c", longest.substr(1)})
+    for (const auto& name :
+         {"u"s, "y"s, "A"s, "ab"s, ""s, "a,b"s, longest + "c", longest.substr(1)})
         EXPECT_EQ(find_skip_hash(name.c_str()), 0) << name;
     a.set("KESSARD", "SKIP_PROC", "b");
     EXPECT_EQ(set_up() + find_skip_hash("a"), 1); // a new list
@@ -136,7 +143,8 @@ TEST_F(Watchdog, ReportsIdleProcessesInProcessMode) {
         if (idle_sec == 61)
             wanted.insert(wanted.begin(), "1710 Process not running. [limit / pid:11 / tid:0]");
         texts found;
-        within_one_second([&](time_t now) { limit.lasted_access = now - idle_sec; }, [&] { found = pass(); });
+        within_one_second([&](time_t now) { limit.lasted_access = now - idle_sec; },
+                          [&] { found = pass(); });
         EXPECT_EQ(found, wanted);
     }
     EXPECT_GE(a.count_log("[CHECK_WORKER] worker check start. [PTRC->A:4/T:4/10000]"), 2u);
@@ -161,10 +169,11 @@ TEST_F(Watchdog, ReportsThreadsAndProcessesWithoutActiveThreadsInThreadMode) {
                           "1711 Process not running. [early / pid:23 / tid:0]"};
     EXPECT_EQ(pass(), (texts{others[0], "1711 Thread not running. [stuck / pid:22 / tid:3]",
                              "1711 Process not running. [stuck / pid:22 / tid:0]", others[1]}));
-    EXPECT_TRUE(in_order(a.log(), {"[CHECK_WORKER] worker check start. [PTRC->A:9/T:9/10000]\n", "[ADD] good(21)\n",
-                                   "[CHECK_WORKER] send_event [good, pid:21, tid:2] [ret:1]\n", "[ADD] stuck(22)\n",
-                                   "[ADD] early(23)\n", "[CHECK_WORKER] send event. stuck(22)\n",
-                                   "send event. early(23)\n", "[CHECK_WORKER] Delete worker list. [count:3]\n"}));
+    EXPECT_TRUE(in_order(
+        a.log(), {"[CHECK_WORKER] worker check start. [PTRC->A:9/T:9/10000]\n", "[ADD] good(21)\n",
+                  "[CHECK_WORKER] send_event [good, pid:21, tid:2] [ret:1]\n", "[ADD] stuck(22)\n",
+                  "[ADD] early(23)\n", "[CHECK_WORKER] send event. stuck(22)\n",
+                  "send event. early(23)\n", "[CHECK_WORKER] Delete worker list. [count:3]\n"}));
     stuck.lasted_access += 1000; // the list is made anew by every pass
     EXPECT_EQ(pass(), others);
 }
@@ -174,15 +183,18 @@ std::string local_text(const char* format, time_t when) {
     return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
 }
 
-// Compares a record of the second `now` with the bytes that it must have: blanks but for the texts at their places.
-void expect_record(const PARSE_LOG_QUE_DATA& record, time_t now, std::vector<std::pair<std::size_t, std::string>> at) {
+// Compares a record of the second `now` with the bytes that it must have: blanks but for the texts
+// at their places.
+void expect_record(const PARSE_LOG_QUE_DATA& record, time_t now,
+                   std::vector<std::pair<std::size_t, std::string>> at) {
     const std::string bytes(reinterpret_cast<const char*>(&record), sizeof record);
     const std::string usec = bytes.substr(190, 6);
     EXPECT_EQ(usec.find_first_not_of("0123456789"), std::string::npos);
     char host[64] = "";
     gethostname(host, sizeof host);
     at.insert(at.end(), {{0, "V"}, {2, "01"}, {5, "T"}, {73, host}, {932, "V"}});
-    at.insert(at.end(), {{175, local_text("%Y%m%d", now) + '\0'}, {184, local_text("%H%M%S", now) + usec + '\0'}});
+    at.insert(at.end(), {{175, local_text("%Y%m%d", now) + '\0'},
+                         {184, local_text("%H%M%S", now) + usec + '\0'}});
     std::string wanted(944, ' ');
     for (const auto& [place, text] : at)
         wanted.replace(place, text.size(), text);
@@ -193,27 +205,31 @@ TEST_F(Watchdog, WritesEveryByteOfAnEvent) {
     set_up("PROCESS");
     const PTRC_HASH_ARR& plain = table.add("worker", 4194305, 0, 1000);
     PTRC_HASH_ARR& full = table.add("", 77, 140737488355327, 5000);
-    std::memset(full.proc_nm, 'x', sizeof full.proc_nm); // runs on into service_id, cut to 30 characters
+    std::memset(full.proc_nm, 'x',
+                sizeof full.proc_nm); // runs on into service_id, cut to 30 characters
     std::memset(full.pid, '8', sizeof full.pid);
     std::memset(full.tid, '9', sizeof full.tid);
-    const time_t now = within_one_second([&](time_t) { queue->info = {}; }, [] { EXPECT_TRUE(check_worker_pass()); });
+    const time_t now = within_one_second([&](time_t) { queue->info = {}; },
+                                         [] { EXPECT_TRUE(check_worker_pass()); });
     ASSERT_EQ(queue->info.rear, 2);
     const auto last_access = [](const PTRC_HASH_ARR& entry) {
         return local_text(" (Last access tm : %Y-%m-%d %H:%M:%S)", entry.lasted_access) + '\0';
     };
-    expect_record(queue->data[1], now,
-                  {{40, "worker"},
-                   {138, "4194305\0"s},
-                   {147, "000000000000000"},
-                   {197, "1710"},
-                   {220, "Process not running. [worker / pid:4194305 / tid:0]" + last_access(plain)}});
+    expect_record(
+        queue->data[1], now,
+        {{40, "worker"},
+         {138, "4194305\0"s},
+         {147, "000000000000000"},
+         {197, "1710"},
+         {220, "Process not running. [worker / pid:4194305 / tid:0]" + last_access(plain)}});
     const std::string name(30, 'x');
     expect_record(queue->data[2], now,
                   {{40, name},
                    {138, "88888888"},
                    {147, "999999999999999"},
                    {197, "1710"},
-                   {220, "Thread not running. [" + name + " / pid:77 / tid:140737488355327]" + last_access(full)}});
+                   {220, "Thread not running. [" + name + " / pid:77 / tid:140737488355327]" +
+                             last_access(full)}});
 }
 
 TEST_F(Watchdog, ReportsACorruptTableAndStops) {
@@ -228,8 +244,9 @@ TEST_F(Watchdog, ReportsACorruptTableAndStops) {
         expect_record(queue->data[1], now,
                       {{197, "2010"}, {220, "PTRC range error. [A:1/T:" + top + "/10000]" + '\0'}});
         EXPECT_GE(a.count_log("<!> PTRC hash range error (A:1/T:" + top + "/10000)n"), 1u);
-        EXPECT_GE(a.count_log(top == "-1" ? "send_event [worker, pid:41, tid:5] [ret:1]"
-                                          : "send_event [, pid:0, tid:0] [ret:1]"), // none was examined
+        EXPECT_GE(a.count_log(top == "-1"
+                                  ? "send_event [worker, pid:41, tid:5] [ret:1]"
+                                  : "send_event [, pid:0, tid:0] [ret:1]"), // none was examined
                   1u);
         table->used.top = 1;
         EXPECT_TRUE(check_worker_pass()); // examines the entry
@@ -251,8 +268,8 @@ TEST_F(Watchdog, GoesOnWhenTheQueueIsFull) {
     EXPECT_EQ(a.count_log("[CHECK_WORKER] send_event [two, pid:62, tid:0] [ret:-1]"), 2u);
 }
 
-// It waits for the queue's semaphore in its first event; no process is reported then, because its threads may just not
-// have been looked at.
+// It waits for the queue's semaphore in its first event; no process is reported then, because its
+// threads may just not have been looked at.
 TEST_F(Watchdog, PutsUnderTheSemaphoreAndReportsNoProcessWhenTheDaemonEndsMeanwhile) {
     set_up("THREAD");
     table.add("worker", 72);

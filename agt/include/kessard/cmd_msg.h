@@ -1,6 +1,7 @@
-/* The command message: the fixed 1407-byte frame of all traffic between kessard and the central server, and the
- * extended request that shares its header position. Every record here is packed text: alignment 1, no byte order, no
- * length field. A field char[N] holds at most N-1 characters and one terminator byte. */
+/* The command message: the fixed 1407-byte frame of all traffic between kessard and the central
+ * server, and the extended request that shares its header position. Every record here is packed
+ * text: alignment 1, no byte order, no length field. A field char[N] holds at most N-1 characters
+ * and one terminator byte. */
 #ifndef KESSARD_CMD_MSG_H
 #define KESSARD_CMD_MSG_H
 
@@ -16,7 +17,7 @@ enum {
 };
 
 /* The four bytes that start every frame. */
-#define TCP_CMD_MAGIC_BYTES                                                                                            \
+#define TCP_CMD_MAGIC_BYTES                                                                        \
     { 0x90, 0x85, 0x20, 0x83 }
 
 /* msg_type[0]. A response takes the code that follows its request's. */

@@ -1,5 +1,6 @@
-/* The cache table: method names by hash code, filled and read by the tracers. Keys JCACHE_HASH_TBL_SHMKEY and
- * JCACHE_HASH_TBL_SEMKEY (one semaphore). Same index-linked scheme as the service table. */
+/* The cache table: method names by hash code, filled and read by the tracers. Keys
+ * JCACHE_HASH_TBL_SHMKEY and JCACHE_HASH_TBL_SEMKEY (one semaphore). Same index-linked scheme as
+ * the service table. */
 #ifndef KESSARD_JCACHE_HASH_TBL_H
 #define KESSARD_JCACHE_HASH_TBL_H
 

@@ -1,10 +1,10 @@
-/* The notification queue: active-service records from the tracers to the daemon. Keys NOTI_SEND_QUE_SHMKEY and
- * NOTI_SEND_QUE_SEMKEY (one semaphore, held with SEM_UNDO by the producers around each put; the daemon is the only
- * consumer and takes no lock).
+/* The notification queue: active-service records from the tracers to the daemon. Keys
+ * NOTI_SEND_QUE_SHMKEY and NOTI_SEND_QUE_SEMKEY (one semaphore, held with SEM_UNDO by the producers
+ * around each put; the daemon is the only consumer and takes no lock).
  *
- * `rear` is the slot of the last record written, `front` that of the last record read. Empty: front == rear. Full:
- * (rear + 1) % NOTI_SEND_QUE_SLOTS == front. A producer copies its record into slot (rear + 1) % SLOTS first and then
- * stores that index in `rear` with release order. */
+ * `rear` is the slot of the last record written, `front` that of the last record read. Empty: front
+ * == rear. Full: (rear + 1) % NOTI_SEND_QUE_SLOTS == front. A producer copies its record into slot
+ * (rear + 1) % SLOTS first and then stores that index in `rear` with release order. */
 #ifndef KESSARD_NOTI_SEND_QUE_H
 #define KESSARD_NOTI_SEND_QUE_H
 

@@ -1,6 +1,7 @@
-/* The parse-log queues: 16 ring queues read by the agent's log parser; the daemon writes event records into queue 0.
- * Keys PARSE_LOG_QUE_SHMKEY and PARSE_LOG_QUE_SEMKEY (16 semaphores; writers of queue q hold semaphore q with SEM_UNDO
- * around each put). Indexes work as in the notification queue. */
+/* The parse-log queues: 16 ring queues read by the agent's log parser; the daemon writes event
+ * records into queue 0. Keys PARSE_LOG_QUE_SHMKEY and PARSE_LOG_QUE_SEMKEY (16 semaphores; writers
+ * of queue q hold semaphore q with SEM_UNDO around each put). Indexes work as in the notification
+ * queue. */
 #ifndef KESSARD_PARSE_LOG_QUE_H
 #define KESSARD_PARSE_LOG_QUE_H
 

@@ -1,5 +1,6 @@
-/* The process-trace table: one entry per traced process or thread, filled by the tracers, swept by the daemon. Keys
- * PTRC_HASH_TBL_SHMKEY and PTRC_HASH_TBL_SEMKEY (one semaphore). Same index-linked scheme as the service table. */
+/* The process-trace table: one entry per traced process or thread, filled by the tracers, swept by
+ * the daemon. Keys PTRC_HASH_TBL_SHMKEY and PTRC_HASH_TBL_SEMKEY (one semaphore). Same index-linked
+ * scheme as the service table. */
 #ifndef KESSARD_PTRC_HASH_TBL_H
 #define KESSARD_PTRC_HASH_TBL_H
 

@@ -1,6 +1,7 @@
-/* The service table: monitored services by service id. Keys SVC_HASH_TBL_SHMKEY and SVC_HASH_TBL_SEMKEY (one semaphore;
- * whoever changes the table holds semaphore 0 with SEM_UNDO). Everything is addressed by slot index, -1 is none. The
- * bucket of a service is the one-at-a-time hash of the 16 bytes of service_id, modulo SVC_HASH_BUCKETS. */
+/* The service table: monitored services by service id. Keys SVC_HASH_TBL_SHMKEY and
+ * SVC_HASH_TBL_SEMKEY (one semaphore; whoever changes the table holds semaphore 0 with SEM_UNDO).
+ * Everything is addressed by slot index, -1 is none. The bucket of a service is the one-at-a-time
+ * hash of the 16 bytes of service_id, modulo SVC_HASH_BUCKETS. */
 #ifndef KESSARD_SVC_HASH_TBL_H
 #define KESSARD_SVC_HASH_TBL_H
 

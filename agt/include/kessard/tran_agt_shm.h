@@ -1,6 +1,6 @@
-/* The agent segment: process registry, alert settings, log collectors, queue statistics and host description, shared by
- * all agent processes. Keys TRAN_AGT_SHMKEY and TRAN_AGT_SEMKEY (8 semaphores; semaphore 0 is held around creation). A
- * new segment is all zero bytes. */
+/* The agent segment: process registry, alert settings, log collectors, queue statistics and host
+ * description, shared by all agent processes. Keys TRAN_AGT_SHMKEY and TRAN_AGT_SEMKEY (8
+ * semaphores; semaphore 0 is held around creation). A new segment is all zero bytes. */
 #ifndef KESSARD_TRAN_AGT_SHM_H
 #define KESSARD_TRAN_AGT_SHM_H
 

@@ -1,5 +1,6 @@
-/* The runtime settings segment: the switches that the daemon hands to the tracing and logging processes. Key
- * TRAN_LOGF_QUE_INFO_SHMKEY; no semaphore guards it, every field is a single load or store. */
+/* The runtime settings segment: the switches that the daemon hands to the tracing and logging
+ * processes. Key TRAN_LOGF_QUE_INFO_SHMKEY; no semaphore guards it, every field is a single load or
+ * store. */
 #ifndef KESSARD_TRAN_LOGF_QUE_INFO_H
 #define KESSARD_TRAN_LOGF_QUE_INFO_H
 

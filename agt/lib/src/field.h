@@ -1,4 +1,5 @@
-// Fixed-width text fields of the wire and of the shared tables: char[N] holding at most N-1 characters and a last byte.
+// Fixed-width text fields of the wire and of the shared tables: char[N] holding at most N-1
+// characters and a last byte.
 #pragma once
 
 #include <cstdio>
@@ -55,8 +56,9 @@ template <std::size_t N> void put_percent(char (&field)[N], double value) {
     put_decimal(field, value, static_cast<int>(N) - 1, 2);
 }
 
-// The decimal value of a field, which need not have a terminator; 0 when it holds no number. Leading blanks are
-// skipped and what follows the digits is ignored; a value beyond the range of long is the nearest one.
+// The decimal value of a field, which need not have a terminator; 0 when it holds no number.
+// Leading blanks are skipped and what follows the digits is ignored; a value beyond the range of
+// long is the nearest one.
 template <std::size_t N> long get_long(const char (&field)[N]) {
     return std::strtol(field_text<N>(field), nullptr, 10);
 }

@@ -47,13 +47,15 @@ void close_file() AGT_REQUIRES(log_lock) {
     log_file = -1;
 }
 
-// The day counts as seen whether or not the file opens, so a missing directory costs one attempt a day.
+// The day counts as seen whether or not the file opens, so a missing directory costs one attempt a
+// day.
 int open_file() AGT_REQUIRES(log_lock) {
     char date_str[32];
     char name[256];
     std::strftime(date_str, sizeof date_str, "%Y-%m-%d", &tm);
     cur_day = tm.tm_yday;
-    const int length = std::snprintf(name, sizeof name, "%s/%s-%s-log", log_dir, log_title, date_str);
+    const int length =
+        std::snprintf(name, sizeof name, "%s/%s-%s-log", log_dir, log_title, date_str);
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof name)
         return -1;
     log_file = ::open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);

@@ -1,12 +1,14 @@
-// The daily log: one append-only text file per local day, "<dir>/<title>-YYYY-MM-DD-log", each line starting with
-// "MM-DD HH:MM:SS" and two blanks.
+// The daily log: one append-only text file per local day, "<dir>/<title>-YYYY-MM-DD-log", each line
+// starting with "MM-DD HH:MM:SS" and two blanks.
 //
-// Every line, and every batch of lines, reaches the file by one append write, so the lines of threads and of forked
-// children never mix. The file changes at the first line written on another local day. The logger never reports its own
-// failures: without an open file lines are dropped, and opening is tried again only on the next day.
+// Every line, and every batch of lines, reaches the file by one append write, so the lines of
+// threads and of forked children never mix. The file changes at the first line written on another
+// local day. The logger never reports its own failures: without an open file lines are dropped, and
+// opening is tried again only on the next day.
 //
-// One lock guards the file and all conversion to local time; it is taken around fork, so that a child of a threaded
-// process can log. It is the last lock in any order: nothing else is taken under it.
+// One lock guards the file and all conversion to local time; it is taken around fork, so that a
+// child of a threaded process can log. It is the last lock in any order: nothing else is taken
+// under it.
 #pragma once
 
 #include <cstddef>
@@ -16,12 +18,13 @@
 
 namespace agt {
 
-inline constexpr std::size_t LOG_MESSAGE_SIZE = 4096; // bytes of a message with its terminator; longer ones are cut
-inline constexpr std::size_t LOG_PREFIX_SIZE = 32;    // holds the time in front of it
+inline constexpr std::size_t LOG_MESSAGE_SIZE =
+    4096; // bytes of a message with its terminator; longer ones are cut
+inline constexpr std::size_t LOG_PREFIX_SIZE = 32; // holds the time in front of it
 
-// Opens the file of today (`mflag` non-zero) or of the day last seen. `dir` and `title` are kept for later days; null
-// keeps the previous ones. 0 when open (also when a file was open already, which then stays), -1 when it could not be
-// opened.
+// Opens the file of today (`mflag` non-zero) or of the day last seen. `dir` and `title` are kept
+// for later days; null keeps the previous ones. 0 when open (also when a file was open already,
+// which then stays), -1 when it could not be opened.
 int open_log(const char* dir, const char* title, int mflag);
 
 // Closes the file; later lines are dropped.
@@ -30,8 +33,8 @@ void close_log();
 // Writes one line. An empty message writes nothing.
 [[gnu::format(printf, 1, 2)]] void log_printf(const char* fmt, ...);
 
-// Several lines that leave in as few writes as possible: when the buffer is full, when the second changes, on flush()
-// and at the end of the object's life. For one thread.
+// Several lines that leave in as few writes as possible: when the buffer is full, when the second
+// changes, on flush() and at the end of the object's life. For one thread.
 class log_batch {
   public:
     log_batch() = default; // cppcheck-suppress uninitMemberVar

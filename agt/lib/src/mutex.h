@@ -1,4 +1,5 @@
-// A mutex and its guard, with the attributes by which clang checks that what a lock guards is touched only under it.
+// A mutex and its guard, with the attributes by which clang checks that what a lock guards is
+// touched only under it.
 #pragma once
 
 #include <pthread.h>
@@ -9,8 +10,8 @@
 #define AGT_LOCK_ATTRIBUTE(attribute)
 #endif
 
-// Of a variable: the mutex that has to be held. Of a function: the one that its caller holds, that it locks and leaves
-// locked, that it unlocks.
+// Of a variable: the mutex that has to be held. Of a function: the one that its caller holds, that
+// it locks and leaves locked, that it unlocks.
 #define AGT_GUARDED_BY(mutex) AGT_LOCK_ATTRIBUTE(guarded_by(mutex))
 #define AGT_REQUIRES(mutex) AGT_LOCK_ATTRIBUTE(requires_capability(mutex))
 #define AGT_ACQUIRES(mutex) AGT_LOCK_ATTRIBUTE(acquire_capability(mutex))

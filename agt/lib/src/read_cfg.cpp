@@ -30,8 +30,8 @@ std::string_view take_word(std::string_view& text) {
     return word;
 }
 
-// The name between '[' and ']' has the section's length and the section stands somewhere in the line: both tests
-// together are the rule, so "[ABD] ABC" is a header of ABC.
+// The name between '[' and ']' has the section's length and the section stands somewhere in the
+// line: both tests together are the rule, so "[ABD] ABC" is a header of ABC.
 bool is_header_of(const char* line, const char* section) {
     const char* close = std::strchr(line, ']');
     return close != nullptr && static_cast<std::size_t>(close - line - 1) == std::strlen(section) &&
@@ -49,7 +49,8 @@ int find_section(std::FILE* fp, const char* section) {
     return -1;
 }
 
-// The value text of an entry line: what follows its first '=' and the blanks behind it; empty without one.
+// The value text of an entry line: what follows its first '=' and the blanks behind it; empty
+// without one.
 const char* value_of(const char* line) {
     const char* equals = std::strchr(line, '=');
     return equals == nullptr ? "" : equals + 1 + std::strspn(equals + 1, BLANKS.data());
@@ -81,8 +82,8 @@ std::string_view nth_word(const char* value, int n) {
     return word;
 }
 
-// Writes a diagnostic to standard error unless the key may be absent; -1. errno is kept: a standard error that takes
-// nothing says nothing about the file.
+// Writes a diagnostic to standard error unless the key may be absent; -1. errno is kept: a standard
+// error that takes nothing says nothing about the file.
 [[gnu::format(printf, 2, 3)]] int complain(bool quiet, const char* fmt, ...) {
     if (!quiet) {
         const int error = errno;
@@ -115,17 +116,20 @@ struct lookup {
 int find_value(const lookup& want, char* value) {
     const file_handle fp(open_text_file(want.fname));
     if (fp == nullptr)
-        return complain(want.quiet, "[get_nth_token_in_file_section] fopen fail[%s]; errno=%d(%s)\n", want.fname, errno,
-                        std::strerror(errno));
+        return complain(want.quiet,
+                        "[get_nth_token_in_file_section] fopen fail[%s]; errno=%d(%s)\n",
+                        want.fname, errno, std::strerror(errno));
     const int header = find_section(fp.get(), want.section);
     if (header < 0) {
         no_section(want.quiet, want.section);
-        return complain(want.quiet, "[seek_section] not found section[%s] in file[%s]\n", want.section, want.fname);
+        return complain(want.quiet, "[seek_section] not found section[%s] in file[%s]\n",
+                        want.section, want.fname);
     }
     const int entry = find_entry(fp.get(), want.keyword, value);
     if (entry < 0) {
         no_keyword(want.quiet, want.keyword);
-        return complain(want.quiet, "[get_string_in_section] not found keyword[%s]; file=%s, section=%s\n",
+        return complain(want.quiet,
+                        "[get_string_in_section] not found keyword[%s]; file=%s, section=%s\n",
                         want.keyword, want.fname, want.section);
     }
     return header + entry;
@@ -139,7 +143,8 @@ int look_up(const lookup& want, char* string) {
     const std::string_view word = nth_word(value, want.n);
     if (word.empty())
         return complain(want.quiet,
-                        "[get_nth_token_in_file_section] can't found nth(%d) token; file=%s, section=%s, keyword=%s, "
+                        "[get_nth_token_in_file_section] can't found nth(%d) token; file=%s, "
+                        "section=%s, keyword=%s, "
                         "lnum=%d\n",
                         want.n, want.fname, want.section, want.keyword, lnum);
     std::memcpy(string, word.data(), word.size());
@@ -159,11 +164,13 @@ int get_string_in_section(std::FILE* fp, const char* keyword, char* string) {
     return lines < 0 ? no_keyword(false, keyword) : lines;
 }
 
-int get_nth_token_in_file_section(const char* fname, const char* section, const char* keyword, int n, char* string) {
+int get_nth_token_in_file_section(const char* fname, const char* section, const char* keyword,
+                                  int n, char* string) {
     return look_up({fname, section, keyword, n, false}, string);
 }
 
-int find_nth_token_in_file_section(const char* fname, const char* section, const char* keyword, int n, char* string) {
+int find_nth_token_in_file_section(const char* fname, const char* section, const char* keyword,
+                                   int n, char* string) {
     return look_up({fname, section, keyword, n, true}, string);
 }
 

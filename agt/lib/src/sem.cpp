@@ -1,6 +1,7 @@
 // System V semaphores.
 //
-// A wait is cut into slices, so that a thread that is cancelled stops waiting for a holder that never comes back.
+// A wait is cut into slices, so that a thread that is cancelled stops waiting for a holder that
+// never comes back.
 #include "sem.h"
 
 #include <cerrno>
@@ -18,7 +19,8 @@ namespace {
 constexpr int SEM_PERMISSIONS = 0666;
 constexpr timespec SLICE = {0, 100'000'000};
 
-// Tells the thread sanitizer, which does not know these locks, what orders the threads of this process.
+// Tells the thread sanitizer, which does not know these locks, what orders the threads of this
+// process.
 #if defined(__SANITIZE_THREAD__)
 char order_of[64];
 void note_locked(int sem_id, int num) {

@@ -1,8 +1,9 @@
 // System V semaphores, the locks that the agent's processes share.
 //
-// The undo record of SEM_UNDO belongs to the process: the kernel gives a held semaphore back when the process dies, not
-// when a thread ends, and a forked child inherits none. Lock and unlock therefore always carry the flag both, in the
-// same process. Nothing here logs; errno stays as the system set it.
+// The undo record of SEM_UNDO belongs to the process: the kernel gives a held semaphore back when
+// the process dies, not when a thread ends, and a forked child inherits none. Lock and unlock
+// therefore always carry the flag both, in the same process. Nothing here logs; errno stays as the
+// system set it.
 #pragma once
 
 #include <sys/ipc.h>
@@ -17,15 +18,15 @@ union semun {
     unsigned short* array;
 };
 
-// Creates the set of `semkey` with `nsems` semaphores of value 1 and permissions 0666, or opens it as it is when it
-// exists. The set's id, or -1.
+// Creates the set of `semkey` with `nsems` semaphores of value 1 and permissions 0666, or opens it
+// as it is when it exists. The set's id, or -1.
 int create_sem(key_t semkey, int nsems);
 
 // Sets semaphore `nth_sem` to `val`; 1, or -1.
 int init_sem_val(int sem_id, int nth_sem, int val);
 
-// Takes semaphore `num` (operation -1). 0, or -1: EIDRM or EINVAL when the set is gone, ECANCELED when the calling
-// thread was cancelled while it waited (wait.h).
+// Takes semaphore `num` (operation -1). 0, or -1: EIDRM or EINVAL when the set is gone, ECANCELED
+// when the calling thread was cancelled while it waited (wait.h).
 int sem_lock(int sem_id, int num, int sem_flg);
 
 // Gives semaphore `num` back (operation +1); 0, or -1.
@@ -34,11 +35,12 @@ int sem_unlock(int sem_id, int num, int sem_flg);
 // Waits until semaphore `num` is zero.
 void sem_wait(int sem_id, int num);
 
-// Holds semaphore `num` of a set, with undo, for the life of the object. held() is false when it could not be taken;
-// errno then says why.
+// Holds semaphore `num` of a set, with undo, for the life of the object. held() is false when it
+// could not be taken; errno then says why.
 class sem_hold {
   public:
-    sem_hold(int sem_id, int num) : sem_id_(sem_id), num_(num), held_(sem_lock(sem_id, num, SEM_UNDO) == 0) {}
+    sem_hold(int sem_id, int num)
+        : sem_id_(sem_id), num_(num), held_(sem_lock(sem_id, num, SEM_UNDO) == 0) {}
     sem_hold(const sem_hold&) = delete;
     sem_hold& operator=(const sem_hold&) = delete;
     ~sem_hold() { release(); }

@@ -46,10 +46,13 @@ void clear_shm(void* start, std::size_t size) {
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     auto* first = static_cast<char*>(start);
     char* last = first + size;
-    auto* whole_first = reinterpret_cast<char*>((reinterpret_cast<std::uintptr_t>(first) + page - 1) / page * page);
-    auto* whole_last = reinterpret_cast<char*>(reinterpret_cast<std::uintptr_t>(last) / page * page);
+    auto* whole_first =
+        reinterpret_cast<char*>((reinterpret_cast<std::uintptr_t>(first) + page - 1) / page * page);
+    auto* whole_last =
+        reinterpret_cast<char*>(reinterpret_cast<std::uintptr_t>(last) / page * page);
     if (whole_first >= whole_last ||
-        madvise(whole_first, static_cast<std::size_t>(whole_last - whole_first), MADV_REMOVE) != 0) {
+        madvise(whole_first, static_cast<std::size_t>(whole_last - whole_first), MADV_REMOVE) !=
+            0) {
         std::memset(first, 0, size);
         return;
     }

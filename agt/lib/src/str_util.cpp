@@ -14,7 +14,8 @@ int tran_str_n_token(char* p_pattern_, const char* p_delimeter_, char** buf_, in
     char* place = nullptr;
     int count = 0;
     char* word = p_pattern_;
-    while (count < max_token_ && (word = strtok_r(count == 0 ? p_pattern_ : nullptr, p_delimeter_, &place)) != nullptr)
+    while (count < max_token_ &&
+           (word = strtok_r(count == 0 ? p_pattern_ : nullptr, p_delimeter_, &place)) != nullptr)
         buf_[count++] = word;
     return count;
 }
@@ -38,11 +39,12 @@ char* tran_str_token_single(char* p_pattern_, const char* p_delimeter_) {
     return field;
 }
 
-int tran_str_n_token_single(char* p_pattern_, const char* p_delimeter_, char** buf_, int max_token_) {
+int tran_str_n_token_single(char* p_pattern_, const char* p_delimeter_, char** buf_,
+                            int max_token_) {
     int count = 0;
     char* field = nullptr;
-    while (count < max_token_ &&
-           (field = tran_str_token_single(count == 0 ? p_pattern_ : nullptr, p_delimeter_)) != nullptr)
+    while (count < max_token_ && (field = tran_str_token_single(count == 0 ? p_pattern_ : nullptr,
+                                                                p_delimeter_)) != nullptr)
         buf_[count++] = *field == '\0' ? nullptr : field;
     return count;
 }

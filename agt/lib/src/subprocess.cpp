@@ -25,7 +25,8 @@ namespace {
 constexpr char SHELL[] = "/bin/sh";
 constexpr int NO_LIMIT = -1;
 constexpr int FIRST_OWN_FD = 3;
-constexpr std::size_t PASS_BYTES = std::size_t{1024} * 1024; // read from one stream before the time is looked at again
+constexpr std::size_t PASS_BYTES =
+    std::size_t{1024} * 1024; // read from one stream before the time is looked at again
 
 struct result_deleter {
     void operator()(subprocess_result_t* result) const { subprocess_result_free(result); }
@@ -42,7 +43,8 @@ struct pipe_ends {
     unique_fd write;
 };
 
-// The caller is as a rule a forked child itself: nothing that its parent registered for its own end may run here.
+// The caller is as a rule a forked child itself: nothing that its parent registered for its own end
+// may run here.
 [[noreturn]] void end_process(const char* what) {
     std::perror(what);
     _exit(1);
@@ -58,7 +60,8 @@ bool start_buffer(subprocess_output_t& out) {
 }
 
 result_ptr new_result() {
-    result_ptr result(static_cast<subprocess_result_t*>(std::calloc(1, sizeof(subprocess_result_t))));
+    result_ptr result(
+        static_cast<subprocess_result_t*>(std::calloc(1, sizeof(subprocess_result_t))));
     if (result == nullptr || !start_buffer(result->stdout_) || !start_buffer(result->stderr_))
         return nullptr;
     result->exit_code = -1;
@@ -66,7 +69,8 @@ result_ptr new_result() {
     return result;
 }
 
-// Above the standard descriptors, so that putting one end in their place never hits another; they may all be closed.
+// Above the standard descriptors, so that putting one end in their place never hits another; they
+// may all be closed.
 bool move_up(unique_fd& end) {
     if (end.get() < FIRST_OWN_FD)
         end.reset(fcntl(end.get(), F_DUPFD_CLOEXEC, FIRST_OWN_FD));
@@ -92,13 +96,14 @@ void grow(subprocess_output_t& out) {
     out.size += SUBPROCESS_OUTPUT_STEP;
 }
 
-// Reads until nothing is left, the stream ends or about `most` bytes have come: a child that writes without a pause
-// must not keep its limit from being looked at. A full buffer drops what is read.
+// Reads until nothing is left, the stream ends or about `most` bytes have come: a child that writes
+// without a pause must not keep its limit from being looked at. A full buffer drops what is read.
 void append_from(int fd, subprocess_output_t& out, std::size_t most) {
     char dropped[SUBPROCESS_OUTPUT_STEP];
     for (std::size_t taken = 0; taken < most;) {
         const std::size_t room = out.size - out.length - 1;
-        const ssize_t got = room > 0 ? read(fd, out.buf_p + out.length, room) : read(fd, dropped, sizeof dropped);
+        const ssize_t got =
+            room > 0 ? read(fd, out.buf_p + out.length, room) : read(fd, dropped, sizeof dropped);
         if (got < 0 && errno == EINTR)
             continue;
         if (got == 0 || (got < 0 && errno == EAGAIN))
@@ -115,8 +120,8 @@ void append_from(int fd, subprocess_output_t& out, std::size_t most) {
     }
 }
 
-// Whether the child has closed one of the streams. Both are emptied then: the one that was looked at first may have got
-// its last output while the other was looked at.
+// Whether the child has closed one of the streams. Both are emptied then: the one that was looked
+// at first may have got its last output while the other was looked at.
 bool take_output(pollfd (&watched)[2], subprocess_output_t* (&sinks)[2]) {
     const bool ended = ((watched[0].revents | watched[1].revents) & POLLHUP) != 0;
     for (int i = 0; i < 2; ++i) {
@@ -130,7 +135,8 @@ bool take_output(pollfd (&watched)[2], subprocess_output_t* (&sinks)[2]) {
 void collect_output(int out_fd, int err_fd, const capture& how, subprocess_result_t& result) {
     const long long deadline_sec = monotonic_ms() / 1000 + how.limit_ms / 1000;
     pollfd watched[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
-    subprocess_output_t* sinks[2] = {&result.stdout_, how.merge ? &result.stdout_ : &result.stderr_};
+    subprocess_output_t* sinks[2] = {&result.stdout_,
+                                     how.merge ? &result.stdout_ : &result.stderr_};
     fcntl(out_fd, F_SETFL, O_NONBLOCK);
     fcntl(err_fd, F_SETFL, O_NONBLOCK);
     for (;;) {
@@ -181,14 +187,17 @@ void flush_outputs() {
     _exit(0);
 }
 
-// Starts a shell with `out` and `err` as its outputs (-1: the caller's). Much cheaper than a fork, whose copy of the
-// page tables the shell would throw away, and safe in a process with several threads. The pid, or -1.
+// Starts a shell with `out` and `err` as its outputs (-1: the caller's). Much cheaper than a fork,
+// whose copy of the page tables the shell would throw away, and safe in a process with several
+// threads. The pid, or -1.
 pid_t spawn_shell(const char* command, int out, int err) {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t actions;
     sigset_t every;
     sigset_t none;
-    std::memset(&every, 0xff, sizeof every); // the C library's own signals too, which it would have ignored otherwise
+    std::memset(
+        &every, 0xff,
+        sizeof every); // the C library's own signals too, which it would have ignored otherwise
     sigemptyset(&none);
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
@@ -200,7 +209,8 @@ pid_t spawn_shell(const char* command, int out, int err) {
     if (err >= 0)
         posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
     posix_spawn_file_actions_addclosefrom_np(&actions, FIRST_OWN_FD);
-    char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command), nullptr};
+    char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
+                          const_cast<char*>(command), nullptr};
     pid_t pid = -1;
     const int error = posix_spawn(&pid, SHELL, &actions, &attributes, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
@@ -217,12 +227,13 @@ void become(const pipe_ends& ends, int target) {
     close(ends.write.get());
 }
 
-// Starts the child; pipes that are not open leave it the caller's outputs. A shell that cannot be spawned is forked, so
-// that a failing exec is the child's exit status like everywhere else.
+// Starts the child; pipes that are not open leave it the caller's outputs. A shell that cannot be
+// spawned is forked, so that a failing exec is the child's exit status like everywhere else.
 pid_t start_child(subprocess_entry_t entry, void* arg, const pipe_ends& out, const pipe_ends& err) {
     flush_outputs();
     if (entry == exec_entry) {
-        const pid_t pid = spawn_shell(static_cast<const char*>(arg), out.write.get(), err.write.get());
+        const pid_t pid =
+            spawn_shell(static_cast<const char*>(arg), out.write.get(), err.write.get());
         if (pid != -1)
             return pid;
     }
@@ -286,11 +297,13 @@ subprocess_result_t* subprocess_call_output(subprocess_entry_t entry, void* arg)
     return call_output(entry, arg, {NO_LIMIT, false});
 }
 
-subprocess_result_t* subprocess_call_output_timeout(subprocess_entry_t entry, void* arg, int seconds) {
+subprocess_result_t* subprocess_call_output_timeout(subprocess_entry_t entry, void* arg,
+                                                    int seconds) {
     return call_output(entry, arg, {limit_of(seconds), false});
 }
 
-subprocess_result_t* subprocess_call_output_timeout_ex(subprocess_entry_t entry, void* arg, int seconds) {
+subprocess_result_t* subprocess_call_output_timeout_ex(subprocess_entry_t entry, void* arg,
+                                                       int seconds) {
     return call_output(entry, arg, {limit_of(seconds), true});
 }
 
@@ -317,8 +330,8 @@ bool subprocess_completed_successfully(const subprocess_result_t* result) {
 void subprocess_result_print(const subprocess_result_t* result) {
     if (result == nullptr)
         return;
-    std::printf("exit_code: %d, signal_number=(%d), is_timeout=(%d)\n", result->exit_code, result->signal_number,
-                result->is_timeout);
+    std::printf("exit_code: %d, signal_number=(%d), is_timeout=(%d)\n", result->exit_code,
+                result->signal_number, result->is_timeout);
     print_output("stdout", result->stdout_);
     print_output("stderr", result->stderr_);
 }

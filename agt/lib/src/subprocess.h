@@ -1,13 +1,16 @@
-// Runs a shell command line, or a function, in a child process and collects its exit status, terminating signal,
-// standard output and standard error, optionally with a limit of time after which the child is killed.
+// Runs a shell command line, or a function, in a child process and collects its exit status,
+// terminating signal, standard output and standard error, optionally with a limit of time after
+// which the child is killed.
 //
-// A run is over when the child closes either of its two outputs, and it returns when the child itself has ended. A
-// background process that keeps both outputs open therefore holds a run until its limit, and a child that closes an
-// output early and goes on is waited for however long it takes. The child starts with default signal dispositions and
-// an empty signal mask; a shell command sees no descriptor beyond 0, 1 and 2. The caller must leave SIGCHLD at its
-// default: a child that the system reaps has no exit status.
+// A run is over when the child closes either of its two outputs, and it returns when the child
+// itself has ended. A background process that keeps both outputs open therefore holds a run until
+// its limit, and a child that closes an output early and goes on is waited for however long it
+// takes. The child starts with default signal dispositions and an empty signal mask; a shell
+// command sees no descriptor beyond 0, 1 and 2. The caller must leave SIGCHLD at its default: a
+// child that the system reaps has no exit status.
 //
-// shell_reader is the way to read from a shell command in a process with several threads; everything else here forks.
+// shell_reader is the way to read from a shell command in a process with several threads;
+// everything else here forks.
 #pragma once
 
 #include <sys/types.h>
@@ -16,8 +19,9 @@
 
 namespace agt {
 
-inline constexpr std::size_t SUBPROCESS_OUTPUT_STEP = 4096;              // growth of a buffer
-inline constexpr std::size_t SUBPROCESS_OUTPUT_MAX = 64UL * 1024 * 1024; // output beyond it is read and dropped
+inline constexpr std::size_t SUBPROCESS_OUTPUT_STEP = 4096; // growth of a buffer
+inline constexpr std::size_t SUBPROCESS_OUTPUT_MAX =
+    64UL * 1024 * 1024; // output beyond it is read and dropped
 
 // Collected text; always terminated by a NUL.
 struct subprocess_output_t {
@@ -40,19 +44,21 @@ using subprocess_entry_t = void (*)(void* arg);
 // Replaces the process with "/bin/sh -c `command`" (a char*); exits with status 1 when that fails.
 void exec_entry(void* command);
 
-// Runs `entry(arg)` in a child with the caller's outputs and waits for it. The result, which the caller frees with
-// subprocess_result_free; null when a pipe, the fork or memory failed.
+// Runs `entry(arg)` in a child with the caller's outputs and waits for it. The result, which the
+// caller frees with subprocess_result_free; null when a pipe, the fork or memory failed.
 subprocess_result_t* subprocess_call(subprocess_entry_t entry, void* arg);
 
 // The same, collecting both outputs. A failing poll or read ends the calling process with status 1.
 subprocess_result_t* subprocess_call_output(subprocess_entry_t entry, void* arg);
 
-// The same within `seconds` (negative: no limit), counted in whole seconds of the clock; then the child, but not what
-// it started itself, is killed.
-subprocess_result_t* subprocess_call_output_timeout(subprocess_entry_t entry, void* arg, int seconds);
+// The same within `seconds` (negative: no limit), counted in whole seconds of the clock; then the
+// child, but not what it started itself, is killed.
+subprocess_result_t* subprocess_call_output_timeout(subprocess_entry_t entry, void* arg,
+                                                    int seconds);
 
 // The same with standard error merged into stdout_ as it arrives.
-subprocess_result_t* subprocess_call_output_timeout_ex(subprocess_entry_t entry, void* arg, int seconds);
+subprocess_result_t* subprocess_call_output_timeout_ex(subprocess_entry_t entry, void* arg,
+                                                       int seconds);
 
 // The four for a shell command line.
 subprocess_result_t* subprocess_exec(const char* command);
@@ -78,11 +84,12 @@ struct shell_reader {
     int fd; // close-on-exec
 };
 
-// Starts "/bin/sh -c `command`", safely in a process with several threads. 0; -1 when a pipe or the process could not
-// be made, with `reader` untouched.
+// Starts "/bin/sh -c `command`", safely in a process with several threads. 0; -1 when a pipe or the
+// process could not be made, with `reader` untouched.
 int shell_reader_start(const char* command, shell_reader* reader);
 
-// Closes the pipe and waits for the command to end. Its wait status, or -1 when somebody else has reaped it.
+// Closes the pipe and waits for the command to end. Its wait status, or -1 when somebody else has
+// reaped it.
 int shell_reader_close(shell_reader* reader);
 
 } // namespace agt

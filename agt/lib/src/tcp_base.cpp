@@ -53,8 +53,9 @@ long long slowest_ms(std::size_t length) {
 struct sending {
     int sockfd;
     msghdr message;
-    std::size_t left;              // bytes that the system has not taken yet
-    long long until_ms = NO_LIMIT; // monotonic end of the whole, once there was something to wait for
+    std::size_t left; // bytes that the system has not taken yet
+    long long until_ms =
+        NO_LIMIT; // monotonic end of the whole, once there was something to wait for
 };
 
 // Bytes that the system has taken and the peer has not.
@@ -63,7 +64,8 @@ int unsent_bytes(int sockfd) {
     return ioctl(sockfd, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }
 
-// Waits until the system takes more. It does so long after the peer has begun to take some, when it has queued much.
+// Waits until the system takes more. It does so long after the peer has begun to take some, when it
+// has queued much.
 bool wait_room(sending& to) {
     if (to.until_ms == NO_LIMIT)
         to.until_ms = monotonic_ms() + SEND_STALL_MS + slowest_ms(to.left);
@@ -77,7 +79,8 @@ bool wait_room(sending& to) {
     }
 }
 
-// One gathered write of what is left, waiting for room while the peer takes some; 0 or -1 ends the sending.
+// One gathered write of what is left, waiting for room while the peer takes some; 0 or -1 ends the
+// sending.
 ssize_t send_some(sending& to) {
     for (;;) {
         const ssize_t sent = sendmsg(to.sockfd, &to.message, MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -119,11 +122,13 @@ int send_parts(int sockfd, iovec* parts, std::size_t count) {
     return static_cast<int>(total);
 }
 
-// Milliseconds that a read on the socket may wait: its receive time-out, or `otherwise_ms` when it has none.
+// Milliseconds that a read on the socket may wait: its receive time-out, or `otherwise_ms` when it
+// has none.
 int read_limit_ms(int sockfd, int otherwise_ms) {
     timeval limit{};
     socklen_t size = sizeof limit;
-    if (getsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &limit, &size) != 0 || (limit.tv_sec == 0 && limit.tv_usec == 0))
+    if (getsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &limit, &size) != 0 ||
+        (limit.tv_sec == 0 && limit.tv_usec == 0))
         return otherwise_ms;
     return static_cast<int>(limit.tv_sec * 1000 + limit.tv_usec / 1000);
 }
@@ -135,7 +140,8 @@ struct reception {
     bool print;
 };
 
-// One read, waiting for data as a blocking read with a receive time-out would: -1 with EAGAIN when it runs out.
+// One read, waiting for data as a blocking read with a receive time-out would: -1 with EAGAIN when
+// it runs out.
 ssize_t read_some(const reception& from, void* buffer, std::size_t length) {
     for (;;) {
         const ssize_t got = recv(from.sockfd, buffer, length, MSG_DONTWAIT);
@@ -143,7 +149,8 @@ ssize_t read_some(const reception& from, void* buffer, std::size_t length) {
             return got;
         if (errno == EINTR)
             continue;
-        const wait_result waited = wait_fd(from.sockfd, POLLIN, read_limit_ms(from.sockfd, from.stall_ms));
+        const wait_result waited =
+            wait_fd(from.sockfd, POLLIN, read_limit_ms(from.sockfd, from.stall_ms));
         if (waited == wait_result::timed_out)
             errno = EAGAIN;
         if (waited != wait_result::ready)
@@ -159,7 +166,8 @@ bool out_of_time(const reception& from) {
 int read_rest(const reception& from, char* buffer, int length, int got) {
     while (got < length) {
         const int missing = length - got;
-        const auto more = static_cast<int>(read_some(from, buffer + got, static_cast<std::size_t>(missing)));
+        const auto more =
+            static_cast<int>(read_some(from, buffer + got, static_cast<std::size_t>(missing)));
         if (more < 1) {
             const int error = errno;
             if (from.print)
@@ -183,8 +191,8 @@ bool is_over(const reception& from, int error) {
     return error == ETIMEDOUT || error == ECANCELED || out_of_time(from);
 }
 
-// A failing rest drops what had arrived and starts over at the front of the buffer. `got` is what a first read has
-// brought already, 0 when there was none.
+// A failing rest drops what had arrived and starts over at the front of the buffer. `got` is what a
+// first read has brought already, 0 when there was none.
 int recv_whole(const reception& from, void* buffer, int length, int got) {
     for (;; got = 0) {
         errno = 0;
@@ -203,29 +211,32 @@ int recv_whole(const reception& from, void* buffer, int length, int got) {
 // The whole within the limits of recv_tcp_data_timeout, `got` bytes of it being there already.
 int recv_within(int sockfd, void* buffer, int length, int timeout, int got) {
     const long long longest_ms = timeout * 1000LL + slowest_ms(static_cast<std::size_t>(length));
-    return recv_whole({sockfd, timeout * 1000, monotonic_ms() + longest_ms, true}, buffer, length, got);
+    return recv_whole({sockfd, timeout * 1000, monotonic_ms() + longest_ms, true}, buffer, length,
+                      got);
 }
 
 bool resolve(const char* host, in_addr* out) {
-    if (inet_aton(host, out) != 0) // the resolver, which a lack of memory can leave locked, is for names
+    if (inet_aton(host, out) !=
+        0) // the resolver, which a lack of memory can leave locked, is for names
         return true;
     char buffer[8192];
     hostent entry{};
     hostent* found = nullptr;
     int error = 0;
-    if (gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &error) != 0 || found == nullptr ||
-        found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr)
+    if (gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &error) != 0 ||
+        found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr)
         return false;
     std::memcpy(out, found->h_addr_list[0], sizeof *out);
     return true;
 }
 
-// A connection to a port that nobody listens on can meet itself when the system picks that port for its own end.
+// A connection to a port that nobody listens on can meet itself when the system picks that port for
+// its own end.
 bool connected_to_itself(int sockfd, const sockaddr_in& peer) {
     sockaddr_in own{};
     socklen_t size = sizeof own;
-    return getsockname(sockfd, reinterpret_cast<sockaddr*>(&own), &size) == 0 && own.sin_port == peer.sin_port &&
-           own.sin_addr.s_addr == peer.sin_addr.s_addr;
+    return getsockname(sockfd, reinterpret_cast<sockaddr*>(&own), &size) == 0 &&
+           own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
 }
 
 bool finish_connect(int sockfd) {
@@ -239,7 +250,8 @@ bool finish_connect(int sockfd) {
     return error == 0;
 }
 
-// Connects without blocking, so that the wait can be cancelled; `flags` are the descriptor's flags afterwards.
+// Connects without blocking, so that the wait can be cancelled; `flags` are the descriptor's flags
+// afterwards.
 bool connect_socket(int sockfd, const sockaddr_in& peer, int flags) {
     if (fcntl(sockfd, F_SETFL, flags | O_NONBLOCK) == -1)
         return false;
@@ -268,7 +280,8 @@ int open_tcp_server_session(const char* address, int port) {
     if (!sockfd.valid())
         return -1;
     const timeval receive_limit = {1, 0};
-    setsockopt(sockfd.get(), SOL_SOCKET, SO_RCVTIMEO, &receive_limit, sizeof receive_limit); // not fatal
+    setsockopt(sockfd.get(), SOL_SOCKET, SO_RCVTIMEO, &receive_limit,
+               sizeof receive_limit); // not fatal
     const int reuse = 1;
     const in_addr host = {address == nullptr ? htonl(INADDR_ANY) : inet_addr(address)};
     const sockaddr_in own = address_of(host, port);
@@ -318,7 +331,8 @@ int send_tcp_data(int sockfd, const void* buffer, int length) {
     return send_parts(sockfd, &part, 1);
 }
 
-int send_tcp_data2(int sockfd, const void* first, int first_length, const void* second, int second_length) {
+int send_tcp_data2(int sockfd, const void* first, int first_length, const void* second,
+                   int second_length) {
     iovec parts[2] = {{const_cast<void*>(first), static_cast<std::size_t>(first_length)},
                       {const_cast<void*>(second), static_cast<std::size_t>(second_length)}};
     return send_parts(sockfd, parts, 2);
@@ -332,7 +346,8 @@ int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout) {
 }
 
 int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout) {
-    const auto got = static_cast<int>(recv(sockfd, buffer, static_cast<std::size_t>(length), MSG_DONTWAIT));
+    const auto got =
+        static_cast<int>(recv(sockfd, buffer, static_cast<std::size_t>(length), MSG_DONTWAIT));
     if (got < 0 && (errno == EAGAIN || errno == EINTR))
         return recv_tcp_data_timeout(sockfd, buffer, length, timeout);
     return got == length || got < 1 ? got : recv_within(sockfd, buffer, length, timeout, got);
@@ -350,8 +365,8 @@ int create_tcp_client_session(const char* host, int port, int nonblocking) {
     if (!sockfd.valid() || !set_nodelay(sockfd.get()))
         return -1;
     const int flags = fcntl(sockfd.get(), F_GETFL);
-    if (flags == -1 ||
-        !connect_socket(sockfd.get(), address_of(address, port), nonblocking != 0 ? flags | O_NONBLOCK : flags))
+    if (flags == -1 || !connect_socket(sockfd.get(), address_of(address, port),
+                                       nonblocking != 0 ? flags | O_NONBLOCK : flags))
         return -1;
     return sockfd.release();
 }
@@ -365,7 +380,8 @@ void close_tcp_session(int sockfd) {
 
 bool parse_address_block(const char* text, address_block* out) {
     const char* slash = std::strchr(text, '/');
-    const std::string dotted(text, slash == nullptr ? std::strlen(text) : static_cast<std::size_t>(slash - text));
+    const std::string dotted(text, slash == nullptr ? std::strlen(text)
+                                                    : static_cast<std::size_t>(slash - text));
     int bits = ADDRESS_BITS;
     if (slash != nullptr) {
         const char* end = slash + std::strlen(slash);
@@ -388,8 +404,8 @@ int url_to_ipaddr(const char* host, char* out) {
     hostent entry{};
     hostent* found = nullptr;
     int error = 0;
-    if (gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &error) != 0 || found == nullptr ||
-        found->h_addr_list[0] == nullptr) {
+    if (gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &error) != 0 ||
+        found == nullptr || found->h_addr_list[0] == nullptr) {
         std::fputs("host error\n", stderr);
         return -2;
     }

@@ -1,6 +1,6 @@
-// Blocking IPv4 TCP helpers. They keep no state, write nothing to the daily log, and every wait in them ends early with
-// -1 when the calling thread is cancelled (wait.h). Descriptors are close-on-exec; a peer that hangs up gives an error
-// return, never a signal.
+// Blocking IPv4 TCP helpers. They keep no state, write nothing to the daily log, and every wait in
+// them ends early with -1 when the calling thread is cancelled (wait.h). Descriptors are
+// close-on-exec; a peer that hangs up gives an error return, never a signal.
 #pragma once
 
 #include <netinet/in.h>
@@ -9,8 +9,9 @@
 
 namespace agt {
 
-// Opens a listening socket on `port` of the dotted address `address` (null: any address), with a receive time-out of
-// one second that accepted connections inherit, and a backlog of 5. The descriptor; -1 and errno on failure.
+// Opens a listening socket on `port` of the dotted address `address` (null: any address), with a
+// receive time-out of one second that accepted connections inherit, and a backlog of 5. The
+// descriptor; -1 and errno on failure.
 int open_tcp_server_session(const char* address, int port);
 
 // The same; a failure ends the process with status 1 after a line on standard error.
@@ -25,43 +26,49 @@ struct address_block {
 // Takes "192.0.2.7" or "192.0.2.0/24"; false, and `out` is untouched, when it is neither.
 bool parse_address_block(const char* text, address_block* out);
 
-// Accepts one connection on the listening `sockfd` and fills in the peer's address; the connection has TCP_NODELAY set.
-// The descriptor. A failing accept closes `sockfd` and ends the process with status 1.
+// Accepts one connection on the listening `sockfd` and fills in the peer's address; the connection
+// has TCP_NODELAY set. The descriptor. A failing accept closes `sockfd` and ends the process with
+// status 1.
 int accept_tcpserver_connection(int sockfd, struct sockaddr_in* peer);
 
-// Whether the first four bytes of `buffer` are the magic of a command message: 1 or 0. With a null `buffer`, four bytes
-// are read from `sockfd` first; -1 when that fails.
+// Whether the first four bytes of `buffer` are the magic of a command message: 1 or 0. With a null
+// `buffer`, four bytes are read from `sockfd` first; -1 when that fails.
 int magic_bit_check(int sockfd, const void* buffer);
 
-// Sends the whole of `buffer`. `length` on success, else 0 or -1. A peer that takes nothing for 10 seconds is an error,
-// and one that lets itself be waited for more than 10 seconds and one more for every 4096 bytes.
+// Sends the whole of `buffer`. `length` on success, else 0 or -1. A peer that takes nothing for 10
+// seconds is an error, and one that lets itself be waited for more than 10 seconds and one more for
+// every 4096 bytes.
 int send_tcp_data(int sockfd, const void* buffer, int length);
 
 // Sends two buffers with one gathered write, as one piece; the sum of the lengths, else 0 or -1.
-int send_tcp_data2(int sockfd, const void* first, int first_length, const void* second, int second_length);
+int send_tcp_data2(int sockfd, const void* first, int first_length, const void* second,
+                   int second_length);
 
-// Receives `length` bytes, waiting up to `timeout` seconds for the first. `length`; -2 when nothing came in time; else
-// the value of the failing read: 0 the peer closed, -1 an error. When a read behind the first one fails, what had
-// arrived is dropped and reading starts over, so a partial frame is never returned. A rest that stalls is an error
-// after the socket's receive time-out (without one, after `timeout` seconds), and one that trickles after `timeout`
-// seconds and one more for every 4096 bytes of `length`.
+// Receives `length` bytes, waiting up to `timeout` seconds for the first. `length`; -2 when nothing
+// came in time; else the value of the failing read: 0 the peer closed, -1 an error. When a read
+// behind the first one fails, what had arrived is dropped and reading starts over, so a partial
+// frame is never returned. A rest that stalls is an error after the socket's receive time-out
+// (without one, after `timeout` seconds), and one that trickles after `timeout` seconds and one
+// more for every 4096 bytes of `length`.
 int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout);
 
 // The same on a socket that was found readable: does not look for that a second time.
 int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout);
 
-// The same without a limit on the wait for the first byte and without a word on standard output; never -2.
+// The same without a limit on the wait for the first byte and without a word on standard output;
+// never -2.
 int recv_tcp_data(int sockfd, void* buffer, int length);
 
-// Connects to `port` of `host` (a name or a dotted address) with TCP_NODELAY set. With `nonblocking` the descriptor is
-// non-blocking, and a connection that does not complete at once fails. The descriptor, or -1.
+// Connects to `port` of `host` (a name or a dotted address) with TCP_NODELAY set. With
+// `nonblocking` the descriptor is non-blocking, and a connection that does not complete at once
+// fails. The descriptor, or -1.
 int create_tcp_client_session(const char* host, int port, int nonblocking);
 
 // Shuts a connection down and closes it; nothing for -1.
 void close_tcp_session(int sockfd);
 
-// Writes the first address of `host` in dotted form into `out` (20 bytes). 0; -1 for an empty name; -2 when it cannot
-// be resolved. Shows the addresses on standard output and standard error.
+// Writes the first address of `host` in dotted form into `out` (20 bytes). 0; -1 for an empty name;
+// -2 when it cannot be resolved. Shows the addresses on standard output and standard error.
 int url_to_ipaddr(const char* host, char* out);
 
 } // namespace agt

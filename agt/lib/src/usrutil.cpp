@@ -28,7 +28,8 @@ const char* replace_references(const regex_t& reference, const char* text, std::
     for (int i = 0; i < REFERENCE_MAX && regexec(&reference, text, 3, match, 0) == 0; ++i) {
         expanded.append(text, static_cast<std::size_t>(match[0].rm_so));
         const char* value = std::getenv(part_of(text, match[2]).c_str());
-        expanded += value != nullptr ? std::string(value, strnlen(value, VALUE_MAX)) : part_of(text, match[0]);
+        expanded += value != nullptr ? std::string(value, strnlen(value, VALUE_MAX))
+                                     : part_of(text, match[0]);
         text += match[0].rm_eo;
     }
     return text;

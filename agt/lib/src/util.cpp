@@ -17,8 +17,8 @@ void set_idle(int sec, int usec) {
 }
 
 bool resolve_path(char* out, std::size_t size, const char* home, const char* path) {
-    const int length =
-        path[0] == '/' ? std::snprintf(out, size, "%s", path) : std::snprintf(out, size, "%s/%s", home, path);
+    const int length = path[0] == '/' ? std::snprintf(out, size, "%s", path)
+                                      : std::snprintf(out, size, "%s/%s", home, path);
     return length >= 0 && static_cast<std::size_t>(length) < size;
 }
 

@@ -6,16 +6,16 @@
 
 namespace agt {
 
-// Sleeps for `sec` seconds and `usec` microseconds (rounded up to milliseconds); ends early when the calling thread is
-// cancelled (wait.h).
+// Sleeps for `sec` seconds and `usec` microseconds (rounded up to milliseconds); ends early when
+// the calling thread is cancelled (wait.h).
 void set_idle(int sec, int usec);
 
-// Writes an absolute path into `out` (`size` bytes): `path` itself when it starts with '/', else "home/path". False
-// when it was cut to fit.
+// Writes an absolute path into `out` (`size` bytes): `path` itself when it starts with '/', else
+// "home/path". False when it was cut to fit.
 bool resolve_path(char* out, std::size_t size, const char* home, const char* path);
 
-// Opens a text file for reading, close-on-exec, without ever waiting for it (a FIFO reads as empty). Null and errno
-// when it cannot be opened; the caller closes it.
+// Opens a text file for reading, close-on-exec, without ever waiting for it (a FIFO reads as
+// empty). Null and errno when it cannot be opened; the caller closes it.
 std::FILE* open_text_file(const char* path);
 
 } // namespace agt

@@ -1,9 +1,9 @@
 // Every wait of a thread goes through here, so that it can be ended early.
 //
-// A thread is never cancelled from outside: it names one descriptor, its cancel descriptor, and each of its waits also
-// ends when that descriptor becomes readable. An event descriptor serves for the daemon's threads, a signal descriptor
-// for the main thread (it is readable while a terminating signal is pending). Nothing here reads the descriptor, so one
-// event ends every later wait too.
+// A thread is never cancelled from outside: it names one descriptor, its cancel descriptor, and
+// each of its waits also ends when that descriptor becomes readable. An event descriptor serves for
+// the daemon's threads, a signal descriptor for the main thread (it is readable while a terminating
+// signal is pending). Nothing here reads the descriptor, so one event ends every later wait too.
 #pragma once
 
 #include <ctime>
@@ -17,14 +17,15 @@ enum class wait_result {
     failed     // the system refused the wait; errno says why
 };
 
-// Names the cancel descriptor of the calling thread; -1 takes it away. The descriptor stays the caller's.
+// Names the cancel descriptor of the calling thread; -1 takes it away. The descriptor stays the
+// caller's.
 void set_cancel_fd(int fd);
 
 // Whether the calling thread's cancel descriptor is readable now.
 bool cancelled();
 
-// Waits until `fd` reports one of the poll events `events` or an error, for at most `limit_ms` milliseconds (-1: no
-// limit). `fd` -1 waits for the limit alone.
+// Waits until `fd` reports one of the poll events `events` or an error, for at most `limit_ms`
+// milliseconds (-1: no limit). `fd` -1 waits for the limit alone.
 wait_result wait_fd(int fd, short events, int limit_ms);
 
 // Sleeps for `ms` milliseconds; false when cancelled meanwhile.

@@ -25,9 +25,11 @@ int allowed_num = 0; // 0: everybody
 
 bool take_addresses(char* word) {
     char* rest = nullptr;
-    for (char* text = strtok_r(word, ",", &rest); text != nullptr; text = strtok_r(nullptr, ",", &rest)) {
+    for (char* text = strtok_r(word, ",", &rest); text != nullptr;
+         text = strtok_r(nullptr, ",", &rest)) {
         if (allowed_num == MAX_BLOCKS || !agt::parse_address_block(text, &allowed[allowed_num])) {
-            agt::log_printf("<!> %s %s : not an address or block of addresses (%s)", SECTION, ADDRESSES_KEY, text);
+            agt::log_printf("<!> %s %s : not an address or block of addresses (%s)", SECTION,
+                            ADDRESSES_KEY, text);
             return false;
         }
         ++allowed_num;
@@ -35,7 +37,8 @@ bool take_addresses(char* word) {
     return true;
 }
 
-// Whether a look-up that found nothing has left an error: a file that cannot be read must not open the door.
+// Whether a look-up that found nothing has left an error: a file that cannot be read must not open
+// the door.
 bool is_unreadable(const char* keyword) {
     const int error = errno;
     if (error != 0)
@@ -47,7 +50,9 @@ bool read_addresses() {
     char word[agt::CFG_WORD_SIZE];
     allowed_num = 0;
     errno = 0;
-    for (int n = 1; agt::find_nth_token_in_file_section(cfg_file(), SECTION, ADDRESSES_KEY, n, word) > 0; ++n) {
+    for (int n = 1;
+         agt::find_nth_token_in_file_section(cfg_file(), SECTION, ADDRESSES_KEY, n, word) > 0;
+         ++n) {
         if (!take_addresses(word))
             return false;
         errno = 0;
@@ -88,7 +93,9 @@ bool read_access_control() {
 
 bool admit_cmd_client(const sockaddr_in& peer) {
     const in_addr_t address = ntohl(peer.sin_addr.s_addr);
-    const auto covers = [address](const agt::address_block& block) { return (address & block.mask) == block.address; };
+    const auto covers = [address](const agt::address_block& block) {
+        return (address & block.mask) == block.address;
+    };
     if (allowed_num == 0 || std::any_of(allowed, allowed + allowed_num, covers))
         return true;
     log_refusal("command connection", peer);

@@ -1,5 +1,5 @@
-// Who may command the agent, and whether commands of the host's shell and file transfers are among what they may ask.
-// Without the two keys everybody may ask for everything.
+// Who may command the agent, and whether commands of the host's shell and file transfers are among
+// what they may ask. Without the two keys everybody may ask for everything.
 #pragma once
 
 #include <netinet/in.h>
@@ -9,8 +9,9 @@ namespace kessard {
 // TRAN_AGENT / REMOTE_COMMANDS_YN: N refuses extended requests. Written once at start.
 inline bool remote_commands_yn = true;
 
-// Takes TRAN_AGENT / ALLOWED_ADDRESSES and REMOTE_COMMANDS_YN from the configuration file. What cannot be understood is
-// said in the log and not taken for "everybody": false then. Absent keys leave no trace.
+// Takes TRAN_AGENT / ALLOWED_ADDRESSES and REMOTE_COMMANDS_YN from the configuration file. What
+// cannot be understood is said in the log and not taken for "everybody": false then. Absent keys
+// leave no trace.
 bool read_access_control();
 
 // Whether a peer may connect to the command port. The port of a refused one is named in the log.

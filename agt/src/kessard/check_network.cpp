@@ -49,8 +49,9 @@ int try_connect() {
     int active_limit = 0;
     char ipaddr[agt::CFG_WORD_SIZE];
     int port = 0;
-    if (!read_cfg_number("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", &active_limit) || active_limit <= 0 ||
-        !read_cfg_word("TRAN_SERVER", "IP_ADDRESS", ipaddr) || !read_cfg_number("TRAN_SERVER", "CMD_PORT", &port))
+    if (!read_cfg_number("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", &active_limit) ||
+        active_limit <= 0 || !read_cfg_word("TRAN_SERVER", "IP_ADDRESS", ipaddr) ||
+        !read_cfg_number("TRAN_SERVER", "CMD_PORT", &port))
         return -1;
     set_server_address(ipaddr, port);
     noti_sockfd = init_tcp_client(ipaddr, port);

@@ -1,9 +1,10 @@
 // The liveness sweep.
 //
-// A cache of (pid, name) pairs saves repeated looks into /proc: entries of one process mostly stand side by side, so
-// the last record is tried first. Behind that the cache is sorted and searched with an equality test, which is no
-// order: a record that is there may be missed, which costs one more look and nothing else. It has to stay so; the C
-// library's qsort and bsearch take such a function without harm.
+// A cache of (pid, name) pairs saves repeated looks into /proc: entries of one process mostly stand
+// side by side, so the last record is tried first. Behind that the cache is sorted and searched
+// with an equality test, which is no order: a record that is there may be missed, which costs one
+// more look and nothing else. It has to stay so; the C library's qsort and bsearch take such a
+// function without harm.
 #include "check_ptrc_hash_tbl.h"
 
 #include <fcntl.h>
@@ -43,7 +44,10 @@ std::size_t j = 0; // records in chk_pids
 int comp_chk_pid(const void* a, const void* b) {
     const auto* first = static_cast<const CHK_PID*>(a);
     const auto* second = static_cast<const CHK_PID*>(b);
-    return first->pid == second->pid && std::strncmp(first->proc_nm, second->proc_nm, PROC_NM_SIZE) == 0 ? 0 : 1;
+    return first->pid == second->pid &&
+                   std::strncmp(first->proc_nm, second->proc_nm, PROC_NM_SIZE) == 0
+               ? 0
+               : 1;
 }
 
 const CHK_PID* find_cached(const CHK_PID& wanted) {
@@ -52,7 +56,8 @@ const CHK_PID* find_cached(const CHK_PID& wanted) {
     if (comp_chk_pid(&wanted, &chk_pids[j - 1]) == 0)
         return &chk_pids[j - 1];
     std::qsort(chk_pids, j, sizeof chk_pids[0], comp_chk_pid);
-    return static_cast<const CHK_PID*>(std::bsearch(&wanted, chk_pids, j, sizeof chk_pids[0], comp_chk_pid));
+    return static_cast<const CHK_PID*>(
+        std::bsearch(&wanted, chk_pids, j, sizeof chk_pids[0], comp_chk_pid));
 }
 
 // Reads /proc/<pid>/stat; its length, or -1 when it cannot be opened.
@@ -101,9 +106,11 @@ char is_alive_pid(int k, pid_t pid, const char* proc_nm) {
 // Whether it is the entry's turn; counts its seconds otherwise.
 bool is_due(PTRC_HASH_ARR& entry, std::time_t now) {
     const char trc_sts = shared_load(entry.trc_sts);
-    if (trc_sts == 'h' || (trc_sts == 'f' && shared_load(entry.lasted_access) < now - FINISHED_IDLE_SEC))
+    if (trc_sts == 'h' ||
+        (trc_sts == 'f' && shared_load(entry.lasted_access) < now - FINISHED_IDLE_SEC))
         return true;
-    const long elapsed = static_cast<signed char>(shared_load(entry.chk_elps_sec)) + long{trc_sts_check_period};
+    const long elapsed =
+        static_cast<signed char>(shared_load(entry.chk_elps_sec)) + long{trc_sts_check_period};
     const bool due = elapsed > CHECK_PERIOD_SEC;
     shared_store(entry.chk_elps_sec, static_cast<char>(due ? 0 : elapsed));
     return due;

@@ -1,9 +1,10 @@
 // The worker watchdog.
 //
-// Every check interval it walks the trace table, without a lock and trusting nothing in it, and posts an event record
-// for what has not moved for longer than the rest interval. In THREAD mode a pass also lists the worker processes and
-// which of them had an active thread; a thread entry that stands before its process's entry finds no worker yet, and
-// that order dependence is part of the behaviour. The list is rebuilt by every pass.
+// Every check interval it walks the trace table, without a lock and trusting nothing in it, and
+// posts an event record for what has not moved for longer than the rest interval. In THREAD mode a
+// pass also lists the worker processes and which of them had an active thread; a thread entry that
+// stands before its process's entry finds no worker yet, and that order dependence is part of the
+// behaviour. The list is rebuilt by every pass.
 #include "check_worker.h"
 
 #include <sys/time.h>
@@ -89,26 +90,29 @@ template <std::size_t N> void fill(char (&field)[N], const char* text, std::size
 }
 
 // The name starts in server_id and runs on into service_id when it is longer.
-void write_idle_entry(LOG_HASH_ARR* record, const PTRC_HASH_ARR_LIST& entry, const event_subject& subject) {
+void write_idle_entry(LOG_HASH_ARR* record, const PTRC_HASH_ARR_LIST& entry,
+                      const event_subject& subject) {
     TRAN_LOG_HDR_FMT& hdr = record->keep_log.hdr;
-    std::memcpy(reinterpret_cast<char*>(&hdr) + offsetof(TRAN_LOG_HDR_FMT, server_id), subject.proc_nm,
-                std::strlen(subject.proc_nm));
+    std::memcpy(reinterpret_cast<char*>(&hdr) + offsetof(TRAN_LOG_HDR_FMT, server_id),
+                subject.proc_nm, std::strlen(subject.proc_nm));
     std::memcpy(hdr.pid, entry.param.pid, sizeof hdr.pid - 1);
     std::memcpy(hdr.tid, entry.param.tid, sizeof hdr.tid - 1);
     const struct tm when = agt::local_time(subject.lasted_access);
     char accessed[80];
-    std::snprintf(accessed, sizeof accessed, "%04ld-%02d-%02d %02d:%02d:%02d", when.tm_year + 1900L, when.tm_mon + 1,
-                  when.tm_mday, when.tm_hour, when.tm_min, when.tm_sec);
+    std::snprintf(accessed, sizeof accessed, "%04ld-%02d-%02d %02d:%02d:%02d", when.tm_year + 1900L,
+                  when.tm_mon + 1, when.tm_mday, when.tm_hour, when.tm_min, when.tm_sec);
     auto& text = record->keep_log.bdy.evt_log.evt_info_str;
-    std::snprintf(text, sizeof text - 1, "%s not running. [%s / pid:%d / tid:%lu] (Last access tm : %s)",
-                  subject._tid != 0 ? "Thread" : "Process", subject.proc_nm, subject._pid, subject._tid, accessed);
+    std::snprintf(text, sizeof text - 1,
+                  "%s not running. [%s / pid:%d / tid:%lu] (Last access tm : %s)",
+                  subject._tid != 0 ? "Thread" : "Process", subject.proc_nm, subject._pid,
+                  subject._tid, accessed);
 }
 
 void write_range_error(LOG_HASH_ARR* record) {
     const table_counts counts = count_table();
     auto& text = record->keep_log.bdy.evt_log.evt_info_str;
-    std::snprintf(text, sizeof text - 1, "PTRC range error. [A:%d/T:%d/%d]", counts.alloc_cnt, counts.top,
-                  int{PTRC_HASH_SLOTS});
+    std::snprintf(text, sizeof text - 1, "PTRC range error. [A:%d/T:%d/%d]", counts.alloc_cnt,
+                  counts.top, int{PTRC_HASH_SLOTS});
 }
 
 void write_header(LOG_HASH_ARR* record, const char* code) {
@@ -124,8 +128,8 @@ void write_header(LOG_HASH_ARR* record, const char* code) {
     gettimeofday(&now, nullptr);
     const struct tm local = agt::local_time(now.tv_sec);
     std::strftime(hdr.log_day, sizeof hdr.log_day, "%Y%m%d", &local);
-    std::snprintf(hdr.log_time, sizeof hdr.log_time, "%02d%02d%02d%06d", local.tm_hour, local.tm_min, local.tm_sec,
-                  static_cast<int>(now.tv_usec));
+    std::snprintf(hdr.log_time, sizeof hdr.log_time, "%02d%02d%02d%06d", local.tm_hour,
+                  local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec));
     fill(record->keep_log.bdy.evt_log.evt_id, code, 4);
 }
 
@@ -136,7 +140,8 @@ int put_event(const LOG_HASH_ARR& record, int* put) {
     return lock.release();
 }
 
-// The result of releasing the queue's semaphore, or 0 for an unknown code. `entry` may be null for a range error.
+// The result of releasing the queue's semaphore, or 0 for an unknown code. `entry` may be null for
+// a range error.
 int send_event(const PTRC_HASH_ARR_LIST* entry, const char* code) {
     LOG_HASH_ARR record;
     std::memset(static_cast<void*>(&record), ' ', sizeof record);
@@ -152,8 +157,8 @@ int send_event(const PTRC_HASH_ARR_LIST* entry, const char* code) {
     const int ret = put_event(record, &put);
     if (put < 0)
         agt::log_printf("<!> put_parse_log_que fail");
-    agt::log_printf("[CHECK_WORKER] send_event [%s, pid:%d, tid:%lu] [ret:%d]\n", subject.proc_nm, subject._pid,
-                    subject._tid, put);
+    agt::log_printf("[CHECK_WORKER] send_event [%s, pid:%d, tid:%lu] [ret:%d]\n", subject.proc_nm,
+                    subject._pid, subject._tid, put);
     return ret;
 }
 
@@ -181,9 +186,11 @@ ST_WORKER_LIST* find_worker(pid_t pid) {
 void delete_worker() {
     ST_WORKER_LIST* worker = nullptr;
     ST_WORKER_LIST* next = nullptr;
-    agt::log_printf("[CHECK_WORKER] Delete worker list. [count:%d]\n", static_cast<int>(HASH_COUNT(worker_list)));
+    agt::log_printf("[CHECK_WORKER] Delete worker list. [count:%d]\n",
+                    static_cast<int>(HASH_COUNT(worker_list)));
     HASH_ITER(hh, worker_list, worker, next) {
-        HASH_DEL(worker_list, worker); // NOLINT(clang-analyzer-unix.Malloc): HASH_ITER keeps the next one
+        HASH_DEL(worker_list,
+                 worker); // NOLINT(clang-analyzer-unix.Malloc): HASH_ITER keeps the next one
         std::free(worker);
     }
 }
@@ -206,7 +213,8 @@ void examine_thread(const PTRC_HASH_ARR_LIST* entry, std::time_t now) {
         ++worker->worker_count;
 }
 
-// Always 1. In PROCESS mode the name, which lies on another page, is looked at only when there is something to report.
+// Always 1. In PROCESS mode the name, which lies on another page, is looked at only when there is
+// something to report.
 int is_working(const PTRC_HASH_ARR_LIST* entry, std::time_t now) {
     if (worker_cfg.worker_mode == WORKER_MODE_PROCESS && !is_idle(*entry, now))
         return 1;
@@ -259,8 +267,8 @@ bool check_worker_pass() {
         send_event(last_examined, EVENT_RANGE_ERROR);
         return false;
     }
-    agt::log_printf("[CHECK_WORKER] worker check start. [PTRC->A:%d/T:%d/%d]", counts.alloc_cnt, counts.top,
-                    int{PTRC_HASH_SLOTS});
+    agt::log_printf("[CHECK_WORKER] worker check start. [PTRC->A:%d/T:%d/%d]", counts.alloc_cnt,
+                    counts.top, int{PTRC_HASH_SLOTS});
     examine_entries(static_cast<unsigned int>(counts.top));
     if (worker_cfg.worker_mode == WORKER_MODE_THREAD)
         report_dead_workers();
@@ -288,8 +296,8 @@ void* check_worker(void*) {
         agt::log_printf("<!> PTRC noet exist. Thread finished.");
         return nullptr;
     }
-    agt::log_printf("=== [CHECK_WORKER] check_int : %d,  rest_int : %d", worker_cfg.worker_check_interval,
-                    worker_cfg.worker_rest_interval);
+    agt::log_printf("=== [CHECK_WORKER] check_int : %d,  rest_int : %d",
+                    worker_cfg.worker_check_interval, worker_cfg.worker_rest_interval);
     while (keep_running() && check_worker_pass())
         agt::set_idle(worker_cfg.worker_check_interval, 0);
     return nullptr;

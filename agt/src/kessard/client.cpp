@@ -64,8 +64,9 @@ int add_cmd_client(int sockfd, const sockaddr_in& sock_addr) {
 
 int del_cmd_client(int sockfd) {
     CMD_CLIENT* end = client_list.client + client_list.client_num;
-    CMD_CLIENT* found =
-        std::find_if(client_list.client, end, [sockfd](const CMD_CLIENT& client) { return client.sockfd == sockfd; });
+    CMD_CLIENT* found = std::find_if(client_list.client, end, [sockfd](const CMD_CLIENT& client) {
+        return client.sockfd == sockfd;
+    });
     if (found == end)
         return -1;
     {

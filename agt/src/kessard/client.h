@@ -1,5 +1,5 @@
-// The command port's connections: at most five, served by the main thread, which alone uses what stands here; other
-// threads may take a copy of the list.
+// The command port's connections: at most five, served by the main thread, which alone uses what
+// stands here; other threads may take a copy of the list.
 #pragma once
 
 #include <netinet/in.h>
@@ -38,8 +38,8 @@ int init_cmd_client();
 // Appends a connection; the new number of entries, or -1 with a log line when the list is full.
 int add_cmd_client(int sockfd, const sockaddr_in& sock_addr);
 
-// Removes a connection; the new number of entries, or -1 when it is not listed. Lowers maxFd when it was the highest.
-// Neither closes it nor clears its bit in readFds.
+// Removes a connection; the new number of entries, or -1 when it is not listed. Lowers maxFd when
+// it was the highest. Neither closes it nor clears its bit in readFds.
 int del_cmd_client(int sockfd);
 
 // The first listed connection that is in `ready`; null when none is.
@@ -51,7 +51,8 @@ void close_cmd_client();
 // Prints the list to standard output.
 void show_cmd_client();
 
-// Accepts one connection and lists it; its descriptor, or -1 when the list is full and it was closed again.
+// Accepts one connection and lists it; its descriptor, or -1 when the list is full and it was
+// closed again.
 int cmd_new_connection(int listen_sockfd);
 
 // Closes a connection, takes it out of readFds and off the list.

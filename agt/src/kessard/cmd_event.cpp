@@ -1,8 +1,9 @@
 // The command dispatcher.
 //
-// A table leads from the type code to a handler, which carries the request of `r_msg` out and sets what it answers in
-// `s_msg`; receiving, sending and the log lines around them are the same for all. The two buffers live as long as the
-// process and are never cleared: behind the fields that a handler sets, an answer carries what earlier ones left.
+// A table leads from the type code to a handler, which carries the request of `r_msg` out and sets
+// what it answers in `s_msg`; receiving, sending and the log lines around them are the same for
+// all. The two buffers live as long as the process and are never cleared: behind the fields that a
+// handler sets, an answer carries what earlier ones left.
 #include "cmd_event.h"
 
 #include <unistd.h>
@@ -37,7 +38,8 @@ namespace {
 TCP_CMD_MSG r_msg;
 TCP_CMD_MSG s_msg;
 
-// The last byte of every text field of a request becomes its terminator, whatever the sender put there.
+// The last byte of every text field of a request becomes its terminator, whatever the sender put
+// there.
 template <std::size_t N> const char* terminate(char (&field)[N]) {
     field[N - 1] = '\0';
     return field;
@@ -63,8 +65,9 @@ bool is_queue_count(int n) {
     return n == 1 || n == 2 || n == 4 || n == 8 || n == 16;
 }
 
-// Everything else is applied even when the log flag set is refused. The magic code doubles as the switch that the
-// agent's other processes test: 1 stores the "on" code, any other number is stored as it is.
+// Everything else is applied even when the log flag set is refused. The magic code doubles as the
+// switch that the agent's other processes test: 1 stores the "on" code, any other number is stored
+// as it is.
 void set_sys_config(agt::log_batch& log) {
     auto& body = r_msg.body.set_sys_config_set_req;
     char& result = s_msg.body.set_sys_config_set_rsp.result_code[0];
@@ -91,7 +94,8 @@ void set_file_system(int index, const char* name, int alert_pcnt) {
     shared_store(tran_agt_shm->file_sys_num, index + 1);
 }
 
-// Mount points are ended by commas and the last one by a blank; without the blank the last one is lost. The rows used.
+// Mount points are ended by commas and the last one by a blank; without the blank the last one is
+// lost. The rows used.
 int set_file_systems(char* list, int alert_pcnt) {
     std::memset(tran_agt_shm->file_system, 0, sizeof tran_agt_shm->file_system);
     shared_store(tran_agt_shm->file_sys_num, 0);
@@ -114,7 +118,8 @@ void log_file_systems(agt::log_batch& log, int rows) {
     log.printf("## file_sys_num : %d", rows);
     for (int i = 0; i < rows; ++i) {
         const FILE_SYSTEM& row = tran_agt_shm->file_system[i];
-        log.printf("#%d# file_system : %.*s", i, static_cast<int>(sizeof row.file_system), row.file_system);
+        log.printf("#%d# file_system : %.*s", i, static_cast<int>(sizeof row.file_system),
+                   row.file_system);
         log.printf("#%d# alert_pcnt : %d", i, row.alert_pcnt);
         log.printf("#%d# alert_cnt : %d", i, row.alert_cnt);
     }
@@ -129,10 +134,12 @@ void set_sys_resource(agt::log_batch& log) {
     log.line({"(i) -> MAX_FILE_SYS_LIST   - '", terminate(body.file_sys_list), "'"});
     shared_store(tran_agt_shm->cpu.alert_sec, agt::get_number(body.cpu_alert_sec));
     shared_store(tran_agt_shm->cpu.alert_pcnt, agt::get_number(body.cpu_alert_pcnt));
-    log_file_systems(log, set_file_systems(body.file_sys_list, agt::get_number(body.file_sys_alert_pcnt)));
+    log_file_systems(
+        log, set_file_systems(body.file_sys_list, agt::get_number(body.file_sys_alert_pcnt)));
 }
 
-// Elements handled before the first that failed; one that asks to delete an unknown service has not failed.
+// Elements handled before the first that failed; one that asks to delete an unknown service has not
+// failed.
 int set_services(const SERVICE_ELEMENT* elements, int n) {
     const object_lock lock("svc_hash_tbl", svc_hash_tbl_semid);
     if (lock.given_up())
@@ -145,14 +152,16 @@ int set_services(const SERVICE_ELEMENT* elements, int n) {
     return n;
 }
 
-// The result code stays '0' even when an element failed: the server learns of it from the smaller number.
+// The result code stays '0' even when an element failed: the server learns of it from the smaller
+// number.
 void set_modified_service(agt::log_batch& log) {
     const auto& body = r_msg.body.set_modified_service_req;
     auto& answer = s_msg.body.set_modified_service_rsp;
     log.flush();
     const int n = std::clamp(agt::get_number(body.element_num), 0, int{SERVICE_ELEMENT_MAX});
     answer.result_code[0] = '0';
-    std::snprintf(answer.element_num, sizeof answer.element_num, "%0*d", 3, set_services(body.elements, n));
+    std::snprintf(answer.element_num, sizeof answer.element_num, "%0*d", 3,
+                  set_services(body.elements, n));
 }
 
 struct command {
@@ -164,12 +173,14 @@ struct command {
 };
 
 constexpr command COMMANDS[] = {
-    {MSG_RENEW_SERVICE_LIST_REQ, "RENEW_SERVICE_LIST_REQ", "RENEW_SERVICE_LIST_RSP", renew_service_list,
-     th_start_get_service_list},
-    {MSG_SET_SYS_CONFIG_SET_REQ, "SET_SYS_CONFIG_SET_REQ", "SET_SYS_CONFIG_SET_RSP", set_sys_config, nullptr},
-    {MSG_SET_SYS_RESOURCE_SET_REQ, "SET_SYS_RESOURCE_SET_REQ", "SET_SYS_RESOURCE_SET_RSP", set_sys_resource, nullptr},
-    {MSG_SET_MODIFIED_SERVICE_REQ, "SET_MODIFIED_SERVICE_REQ", "SET_MODIFIED_SERVICE_RSP", set_modified_service,
+    {MSG_RENEW_SERVICE_LIST_REQ, "RENEW_SERVICE_LIST_REQ", "RENEW_SERVICE_LIST_RSP",
+     renew_service_list, th_start_get_service_list},
+    {MSG_SET_SYS_CONFIG_SET_REQ, "SET_SYS_CONFIG_SET_REQ", "SET_SYS_CONFIG_SET_RSP", set_sys_config,
      nullptr},
+    {MSG_SET_SYS_RESOURCE_SET_REQ, "SET_SYS_RESOURCE_SET_REQ", "SET_SYS_RESOURCE_SET_RSP",
+     set_sys_resource, nullptr},
+    {MSG_SET_MODIFIED_SERVICE_REQ, "SET_MODIFIED_SERVICE_REQ", "SET_MODIFIED_SERVICE_RSP",
+     set_modified_service, nullptr},
 };
 
 // A response takes the code that follows its request's in the sequence '0' to '9', 'A' to 'I'.
@@ -218,8 +229,8 @@ void close_inherited(int sockfd) {
     _exit(0);
 }
 
-// Hands an extended request to a child, so that no command and no transfer keeps the loop waiting. The child is reaped
-// by the SIGCHLD handler or, as a daemon, by the system.
+// Hands an extended request to a child, so that no command and no transfer keeps the loop waiting.
+// The child is reaped by the SIGCHLD handler or, as a daemon, by the system.
 void hand_over(int sockfd, int rlen) {
     std::fflush(stdout);
     const pid_t pid = fork();
@@ -234,7 +245,8 @@ void hand_over(int sockfd, int rlen) {
 
 // Receives one request into r_msg; false when the connection was dropped instead.
 bool receive_request(int sockfd) {
-    const int rlen = agt::recv_tcp_data_ready(sockfd, &r_msg, sizeof r_msg, RECV_TIMEOUT_SEC); // all of it or nothing
+    const int rlen = agt::recv_tcp_data_ready(sockfd, &r_msg, sizeof r_msg,
+                                              RECV_TIMEOUT_SEC); // all of it or nothing
     if (rlen < 1) {
         drop_cmd_client(sockfd);
         if (rlen == -2)
@@ -263,8 +275,8 @@ void cmd_event(const CMD_CLIENT* client) {
             drop_cmd_client(sockfd);
         return;
     }
-    const command* wanted =
-        std::find_if(std::begin(COMMANDS), std::end(COMMANDS), [type](const command& c) { return c.type == type; });
+    const command* wanted = std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
+                                         [type](const command& c) { return c.type == type; });
     if (wanted != std::end(COMMANDS)) {
         carry_out(*wanted, sockfd);
         return;

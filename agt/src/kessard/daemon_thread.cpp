@@ -17,7 +17,8 @@
 namespace kessard {
 namespace {
 
-// Makes an event descriptor, or takes back the event of the one that is there. False when there is none.
+// Makes an event descriptor, or takes back the event of the one that is there. False when there is
+// none.
 bool reset_event(int& fd) {
     std::uint64_t events = 0;
     if (fd < 0)
@@ -99,7 +100,9 @@ void cancel_thread(daemon_thread& thread) {
 
 void join_thread(daemon_thread& thread) {
     if (thread.started())
-        agt::log_printf(thread.join(JOIN_LIMIT_MS) ? "(I) completed join %s." : "<!> cannot join %s.", thread.name());
+        agt::log_printf(thread.join(JOIN_LIMIT_MS) ? "(I) completed join %s."
+                                                   : "<!> cannot join %s.",
+                        thread.name());
 }
 
 } // namespace kessard

@@ -1,10 +1,12 @@
 // A thread of the daemon: its handle, its name, and how it is ended.
 //
-// Threads are not cancelled by the system's pthread_cancel, which would unwind C++ frames from inside any call: each
-// one has an event descriptor that ends its waits (wait.h), and leaves its loop by itself. A thread that is stuck where
-// no wait of ours can be ended (name resolution) is not waited for longer than JOIN_LIMIT_MS; it dies with the process.
+// Threads are not cancelled by the system's pthread_cancel, which would unwind C++ frames from
+// inside any call: each one has an event descriptor that ends its waits (wait.h), and leaves its
+// loop by itself. A thread that is stuck where no wait of ours can be ended (name resolution) is
+// not waited for longer than JOIN_LIMIT_MS; it dies with the process.
 //
-// One object per thread entry, with static storage. start, cancel and join may be called from any thread.
+// One object per thread entry, with static storage. start, cancel and join may be called from any
+// thread.
 #pragma once
 
 #include <pthread.h>
@@ -15,7 +17,8 @@
 
 namespace kessard {
 
-inline constexpr int JOIN_LIMIT_MS = 1500; // the end of the daemon waits so long for each of seven threads at most
+inline constexpr int JOIN_LIMIT_MS =
+    1500; // the end of the daemon waits so long for each of seven threads at most
 
 class daemon_thread {
   public:
@@ -25,8 +28,9 @@ class daemon_thread {
 
     const char* name() const { return name_; }
 
-    // Creates the thread, once a former one has ended: callers start a thread again when it is at its end, and one that
-    // is not within JOIN_LIMIT_MS is not started. False then, and when the thread could not be created.
+    // Creates the thread, once a former one has ended: callers start a thread again when it is at
+    // its end, and one that is not within JOIN_LIMIT_MS is not started. False then, and when the
+    // thread could not be created.
     bool start();
 
     // Whether there is a thread that was started and not joined.
@@ -38,7 +42,8 @@ class daemon_thread {
     // Waits for the thread to leave its entry; false when the calling thread is cancelled first.
     bool wait_end();
 
-    // Takes back a thread that ends within `limit_ms` milliseconds; false when it does not. Cannot be cancelled.
+    // Takes back a thread that ends within `limit_ms` milliseconds; false when it does not. Cannot
+    // be cancelled.
     bool join(int limit_ms);
 
   private:
@@ -59,7 +64,8 @@ bool keep_running();
 // Cancels a started thread; logs "<!> cannot cancel <name>." when that fails.
 void cancel_thread(daemon_thread& thread);
 
-// Joins a started thread within JOIN_LIMIT_MS; logs "(I) completed join <name>." or "<!> cannot join <name>."
+// Joins a started thread within JOIN_LIMIT_MS; logs "(I) completed join <name>." or "<!> cannot
+// join <name>."
 void join_thread(daemon_thread& thread);
 
 } // namespace kessard

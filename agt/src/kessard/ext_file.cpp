@@ -33,9 +33,11 @@ namespace kessard {
 namespace {
 
 constexpr int PIECE_BYTES = 1048576;
-constexpr std::size_t WRITE_BYTES = 256UL * 1024; // larger ones make the page cache search for large free runs
+constexpr std::size_t WRITE_BYTES =
+    256UL * 1024; // larger ones make the page cache search for large free runs
 constexpr int PIECE_TIMEOUT_SEC = 10;
-constexpr timeval STALL_LIMIT = {5, 0}; // within a piece; it counts twice, because a failed receive starts over once
+constexpr timeval STALL_LIMIT = {
+    5, 0}; // within a piece; it counts twice, because a failed receive starts over once
 constexpr int ACK_TIMEOUT_SEC = 30;
 constexpr std::size_t PATH_SIZE = 512;
 constexpr std::size_t TEXT_SIZE = 2048; // holds any text made of a request's items
@@ -79,11 +81,14 @@ int send_accepted(int sockfd, std::uint32_t length) {
 void refuse(int sockfd, const std::string& error) {
     if (!error.empty())
         agt::log_printf("<!> %s", error.c_str());
-    const EXT_RSP_HDR header = make_ext_header(EXT_STATUS_ERROR, static_cast<std::uint32_t>(error.size()));
-    agt::send_tcp_data2(sockfd, &header, sizeof header, error.data(), static_cast<int>(error.size()));
+    const EXT_RSP_HDR header =
+        make_ext_header(EXT_STATUS_ERROR, static_cast<std::uint32_t>(error.size()));
+    agt::send_tcp_data2(sockfd, &header, sizeof header, error.data(),
+                        static_cast<int>(error.size()));
 }
 
-// Opens a regular file. A FIFO or a device would answer at once and is then turned away, so nothing is waited for.
+// Opens a regular file. A FIFO or a device would answer at once and is then turned away, so nothing
+// is waited for.
 agt::unique_fd open_regular(const char* path, int flags) {
     agt::unique_fd fd(::open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0600));
     struct stat info;
@@ -130,10 +135,12 @@ bool take_target(char* data, int length, upload_target& target, std::string& err
 upload_file file_of(const upload_target& target, int number) {
     char* const* item = target.items + 1 + static_cast<std::ptrdiff_t>(number - 1) * 3;
     return {number, target.file_count, std::string(target.directory) + '/' + item[0],
-            std::strtoll(item[1], nullptr, 10), static_cast<mode_t>(std::strtol(item[2], nullptr, 10)) & 07777};
+            std::strtoll(item[1], nullptr, 10),
+            static_cast<mode_t>(std::strtol(item[2], nullptr, 10)) & 07777};
 }
 
-// A file that is empty already is left alone: some file systems write a truncated file out when it is closed.
+// A file that is empty already is left alone: some file systems write a truncated file out when it
+// is closed.
 bool make_empty(int fd) {
     struct stat info;
     return fstat(fd, &info) == 0 && (info.st_size == 0 || ftruncate(fd, 0) == 0);
@@ -153,7 +160,8 @@ bool write_whole(int fd, const char* bytes, std::size_t length) {
 }
 
 // False with an empty `error` when the bytes did not come.
-bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer, std::string& error) {
+bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
+                     std::string& error) {
     for (long long left = file.size; left > 0;) {
         const int piece = static_cast<int>(std::min<long long>(left, PIECE_BYTES));
         const int rlen = agt::recv_tcp_data_timeout(sockfd, buffer, piece, PIECE_TIMEOUT_SEC);
@@ -172,7 +180,8 @@ bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer, 
 
 bool receive_file(int sockfd, const upload_file& file, char* buffer, std::string& error) {
     const char* path = file.path.c_str();
-    agt::log_printf("(i) start (%d/%d) - file=|%s|, size=|%lld|", file.number, file.count, path, file.size);
+    agt::log_printf("(i) start (%d/%d) - file=|%s|, size=|%lld|", file.number, file.count, path,
+                    file.size);
     agt::unique_fd fd = open_regular(path, O_WRONLY | O_CREAT);
     if (!fd.valid() || !make_empty(fd.get())) {
         error = text_of("can't open file |%s|", path);
@@ -186,8 +195,8 @@ bool receive_file(int sockfd, const upload_file& file, char* buffer, std::string
         error = text_of("can't write file |%s|", path);
         return false;
     }
-    agt::log_printf("(i) ok    (%d/%d) - file=|%s|, total recv size=|%lld|", file.number, file.count, path,
-                    std::max(file.size, 0LL));
+    agt::log_printf("(i) ok    (%d/%d) - file=|%s|, total recv size=|%lld|", file.number,
+                    file.count, path, std::max(file.size, 0LL));
     return true;
 }
 
@@ -201,8 +210,9 @@ struct download_file {
 // Adds a file to the announcement; false for one that cannot be announced.
 bool announce(const char* named, download_file& file, UT_string* body) {
     struct stat info;
-    if (!agt::env2str(named, file.path, sizeof file.path) || agt::is_file_exist(file.path) != agt::FILE_REGULAR ||
-        stat(file.path, &info) != 0 || info.st_size > std::numeric_limits<std::uint32_t>::max())
+    if (!agt::env2str(named, file.path, sizeof file.path) ||
+        agt::is_file_exist(file.path) != agt::FILE_REGULAR || stat(file.path, &info) != 0 ||
+        info.st_size > std::numeric_limits<std::uint32_t>::max())
         return false;
     file.size = static_cast<std::uint32_t>(info.st_size);
     ST_FILE_INFO row = {htonl(file.size), htonl(info.st_mode), {}};
@@ -212,7 +222,8 @@ bool announce(const char* named, download_file& file, UT_string* body) {
 }
 
 // Names the first file that cannot be announced; empty when all can.
-std::string announce_all(char* (&items)[EXT_ITEM_MAX], int count, download_file* files, UT_string* body) {
+std::string announce_all(char* (&items)[EXT_ITEM_MAX], int count, download_file* files,
+                         UT_string* body) {
     const std::uint32_t on_wire = htonl(static_cast<std::uint32_t>(count));
     utstring_bincpy(body, &on_wire, sizeof on_wire);
     for (int i = 0; i < count; ++i) {
@@ -235,10 +246,13 @@ bool send_announcement(int sockfd, const UT_string* body) {
     return slen > 0;
 }
 
-// Sends at most the announced size; `sent` is what the file gave. False when the peer did not take it.
-bool send_content(int sockfd, int fd, const download_file& file, char* buffer, std::uint32_t& sent) {
+// Sends at most the announced size; `sent` is what the file gave. False when the peer did not take
+// it.
+bool send_content(int sockfd, int fd, const download_file& file, char* buffer,
+                  std::uint32_t& sent) {
     for (sent = 0; sent < file.size;) {
-        const ssize_t got = ::read(fd, buffer, std::min<std::uint32_t>(file.size - sent, PIECE_BYTES));
+        const ssize_t got =
+            ::read(fd, buffer, std::min<std::uint32_t>(file.size - sent, PIECE_BYTES));
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 1)
@@ -250,8 +264,8 @@ bool send_content(int sockfd, int fd, const download_file& file, char* buffer, s
     return true;
 }
 
-// False when the file cannot be opened, which ends the transfer. A failed send ends the connection too: a peer that
-// wakes up later must not take the next file's bytes for the rest of this one.
+// False when the file cannot be opened, which ends the transfer. A failed send ends the connection
+// too: a peer that wakes up later must not take the next file's bytes for the rest of this one.
 bool send_file(int sockfd, const download_file& file, int number, int count, char* buffer) {
     agt::log_printf("(i) (%d/%d) start send file=|%s|", number, count, file.path);
     const agt::unique_fd fd = open_regular(file.path, O_RDONLY);

@@ -41,7 +41,8 @@ static_assert(EXT_ITEM_MAX * (agt::SUBPROCESS_OUTPUT_MAX + sizeof(result_head)) 
 // The output is empty when the command wrote nothing; its exit code is lost then, whatever it was.
 void run_command(const char* command, output& out, int& tot_length) {
     tot_length += static_cast<int>(sizeof(result_head));
-    agt::subprocess_result_t* result = agt::subprocess_exec_output_timeout_ex(command, COMMAND_LIMIT_SEC);
+    agt::subprocess_result_t* result =
+        agt::subprocess_exec_output_timeout_ex(command, COMMAND_LIMIT_SEC);
     if (result == nullptr)
         return;
     out.exit_code = result->is_timeout != 0 ? TIMED_OUT_CODE : result->exit_code;
@@ -55,12 +56,14 @@ void run_command(const char* command, output& out, int& tot_length) {
 }
 
 result_head head_of(const output& out) {
-    return {htonl(static_cast<std::uint32_t>(out.exit_code)), htonl(static_cast<std::uint32_t>(out.length))};
+    return {htonl(static_cast<std::uint32_t>(out.exit_code)),
+            htonl(static_cast<std::uint32_t>(out.length))};
 }
 
 // The header leaves in one piece with the first result.
 int send_first(int sockfd, const ST_CMD_EXEC& exec) {
-    const EXT_RSP_HDR header = make_ext_header(EXT_STATUS_ACCEPTED, static_cast<std::uint32_t>(exec.tot_length));
+    const EXT_RSP_HDR header =
+        make_ext_header(EXT_STATUS_ACCEPTED, static_cast<std::uint32_t>(exec.tot_length));
     if (exec.cmd_count == 0)
         return agt::send_tcp_data(sockfd, &header, sizeof header);
     const output& out = exec.outputs[0];
@@ -99,7 +102,8 @@ int take_time_value(char*& data, int& length) {
         length -= static_cast<int>(separator + 1 - data) + 1; // exactly what remains of the frame
         data = separator + 1;
     }
-    return value == 0 ? DEFAULT_TIME_VALUE : static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+    return value == 0 ? DEFAULT_TIME_VALUE
+                      : static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
 }
 
 void run_commands(int sockfd, char* data, int length, int time_value) {
@@ -150,7 +154,8 @@ bool decode_cmd_packet(char* data, int length, ST_CMD_EXEC* exec, int time_value
         agt::log_printf("<!> decode_cmd_packet() error! buffer is null.. len=(%d)", length);
         return false;
     }
-    exec->cmd_count = agt::str_split(data, SEPARATORS, exec->cmds, std::min(time_value, int{EXT_ITEM_MAX}));
+    exec->cmd_count =
+        agt::str_split(data, SEPARATORS, exec->cmds, std::min(time_value, int{EXT_ITEM_MAX}));
     for (int i = 0; i < exec->cmd_count; ++i)
         run_command(exec->cmds[i], exec->outputs[i], exec->tot_length);
     return true;
@@ -178,7 +183,8 @@ void dump_cmd_exec(const ST_CMD_EXEC* exec) {
         std::printf("%2d : |%s|\n", i, exec->cmds[i]);
     for (int i = 0; i < exec->cmd_count; ++i) {
         const output& out = exec->outputs[i];
-        std::printf("exit_code=|%d|, data_length=|%ld|\n", out.exit_code, static_cast<long>(out.length));
+        std::printf("exit_code=|%d|, data_length=|%ld|\n", out.exit_code,
+                    static_cast<long>(out.length));
         std::printf("|%s|\n%s\n", out.buf_p != nullptr ? out.buf_p : "", line);
     }
     std::printf("%s\n", double_line);
@@ -190,9 +196,10 @@ void serve_ext_request(int sockfd, const unsigned char* frame, int rlen) {
     std::memcpy(packet, frame, static_cast<std::size_t>(received));
     const char* code = packet + EXT_REQ_CODE_AT;
     const char* pdu = packet + EXT_REQ_PDU_AT;
-    const auto* wanted = std::find_if(std::begin(REQUESTS), std::end(REQUESTS), [code](const request& known) {
-        return std::memcmp(known.code, code, EXT_REQ_CODE_SIZE) == 0;
-    });
+    const auto* wanted =
+        std::find_if(std::begin(REQUESTS), std::end(REQUESTS), [code](const request& known) {
+            return std::memcmp(known.code, code, EXT_REQ_CODE_SIZE) == 0;
+        });
     if (*pdu != EXT_PDU_REQUEST)
         agt::log_printf("<!> unsupported  EXT_PDU = |%.*s|", 1, pdu);
     else if (wanted == std::end(REQUESTS))

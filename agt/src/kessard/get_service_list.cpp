@@ -1,12 +1,14 @@
 // Retrieval of the service list.
 //
-// A short-lived thread, one at a time: it connects, asks, and receives the list in blocks of up to eight services, each
-// acknowledged; result code '5' marks the last. The table is emptied at the first valid answer and is locked from
-// before the reception until after it; service filtering is off for everybody meanwhile, so that nothing is filtered
-// against a half-loaded table. What was loaded stays when the server fails in the middle.
+// A short-lived thread, one at a time: it connects, asks, and receives the list in blocks of up to
+// eight services, each acknowledged; result code '5' marks the last. The table is emptied at the
+// first valid answer and is locked from before the reception until after it; service filtering is
+// off for everybody meanwhile, so that nothing is filtered against a half-loaded table. What was
+// loaded stays when the server fails in the middle.
 //
-// `retrieving` is the "already running" mark. A failure to name the host or to send the request leaves it set for good:
-// later starts are refused until the process restarts. That is the required behaviour.
+// `retrieving` is the "already running" mark. A failure to name the host or to send the request
+// leaves it set for good: later starts are refused until the process restarts. That is the required
+// behaviour.
 #include "get_service_list.h"
 
 #include <algorithm>
@@ -56,7 +58,8 @@ bool receive_block(int conn_sockfd) {
     }
     if (agt::magic_bit_check(conn_sockfd, &r_msg) == 1)
         return true;
-    agt::log_printf("<!> %s->magic bit mismatch. sockfd : %d, rlen : %d", "get_service_list", conn_sockfd, rlen);
+    agt::log_printf("<!> %s->magic bit mismatch. sockfd : %d, rlen : %d", "get_service_list",
+                    conn_sockfd, rlen);
     return false;
 }
 
@@ -85,7 +88,8 @@ void receive_list(int conn_sockfd) {
         if (r_msg.hdr.msg_type[0] != MSG_GET_SERVICE_LIST_RSP)
             return;
         load_block();
-        if (!acknowledge(conn_sockfd) || r_msg.body.get_service_list_rsp.result_code[0] == LAST_BLOCK)
+        if (!acknowledge(conn_sockfd) ||
+            r_msg.body.get_service_list_rsp.result_code[0] == LAST_BLOCK)
             return;
     }
 }

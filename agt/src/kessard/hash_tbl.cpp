@@ -8,16 +8,19 @@ namespace kessard {
 bool open_hash_tbl(const hash_tbl_key& key, hash_tbl_object* object) {
     object->semid = agt::create_sem(key.semkey, 1);
     if (object->semid < 0) {
-        agt::log_printf("<!> %s semaphore create error.[key:0x%x]", key.name, static_cast<unsigned>(key.semkey));
+        agt::log_printf("<!> %s semaphore create error.[key:0x%x]", key.name,
+                        static_cast<unsigned>(key.semkey));
         return false;
     }
-    agt::log_printf("(i) %s semaphore create complete.[key:0x%x]", key.name, static_cast<unsigned>(key.semkey));
+    agt::log_printf("(i) %s semaphore create complete.[key:0x%x]", key.name,
+                    static_cast<unsigned>(key.semkey));
     int existed = 0;
     object->shmid = agt::create_shm(key.shmkey, key.size, &existed);
     object->existed = existed != 0;
     object->address = object->shmid < 0 ? nullptr : agt::attach_shm(object->shmid);
     if (object->address == nullptr)
-        agt::log_printf("<!> %s create error.[key:0x%x]", key.name, static_cast<unsigned>(key.shmkey));
+        agt::log_printf("<!> %s create error.[key:0x%x]", key.name,
+                        static_cast<unsigned>(key.shmkey));
     return object->address != nullptr;
 }
 

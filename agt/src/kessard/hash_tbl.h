@@ -1,6 +1,6 @@
-// What the three shared hash tables have in common: how they are created and how they are emptied. Bucket heads h_idx[]
-// hold the first slot of a chain (-1: empty), slots h_arr[] are linked by index, `available` and `used` are index
-// stacks. Slots are handed out from the highest index down.
+// What the three shared hash tables have in common: how they are created and how they are emptied.
+// Bucket heads h_idx[] hold the first slot of a chain (-1: empty), slots h_arr[] are linked by
+// index, `available` and `used` are index stacks. Slots are handed out from the highest index down.
 #pragma once
 
 #include <cstddef>
@@ -26,20 +26,21 @@ struct hash_tbl_object {
     bool existed = false;
 };
 
-// Creates or opens the one-semaphore set and the segment of a table and attaches it; logs what failed, and the
-// semaphore's "create complete". False on failure.
+// Creates or opens the one-semaphore set and the segment of a table and attaches it; logs what
+// failed, and the semaphore's "create complete". False on failure.
 bool open_hash_tbl(const hash_tbl_key& key, hash_tbl_object* object);
 
 // Logs "(i) <name> open complete" or "create complete" with the segment's key.
 void log_hash_tbl_complete(const hash_tbl_key& key, const hash_tbl_object& object);
 
-// Runs `init` under semaphore 0 of a new table. A segment whose identifier is 0 is left as the system gave it; one
-// whose semaphore was given up is removed again. Whether it ran.
+// Runs `init` under semaphore 0 of a new table. A segment whose identifier is 0 is left as the
+// system gave it; one whose semaphore was given up is removed again. Whether it ran.
 bool init_new_hash_tbl(const hash_tbl_key& key, const hash_tbl_object& object, int (*init)());
 
-// Holds semaphore 0 of a shared object's set. A set that is gone (removed under the daemon) is logged with the object's
-// name and the work goes on without it; given_up() says that the wait ended because the daemon stops while another
-// process holds the semaphore: the object must not be touched then.
+// Holds semaphore 0 of a shared object's set. A set that is gone (removed under the daemon) is
+// logged with the object's name and the work goes on without it; given_up() says that the wait
+// ended because the daemon stops while another process holds the semaphore: the object must not be
+// touched then.
 class object_lock {
   public:
     object_lock(const char* name, int semid);

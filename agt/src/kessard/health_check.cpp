@@ -1,8 +1,8 @@
 // Health check and device information.
 //
-// The two messages are built in the same buffer, which is never cleared: a field that a cycle does not write repeats
-// its last value (the API statistics while their file is absent, for example). All values are read from shared memory
-// without locks and are a snapshot.
+// The two messages are built in the same buffer, which is never cleared: a field that a cycle does
+// not write repeats its last value (the API statistics while their file is absent, for example).
+// All values are read from shared memory without locks and are a snapshot.
 #include "health_check.h"
 
 #include <sys/shm.h>
@@ -75,7 +75,8 @@ bool connect_if_needed() {
     return svr_cmd_sockfd >= 0;
 }
 
-// Sends s_msg and receives the answer into r_msg; false after a log line and with the connection closed.
+// Sends s_msg and receives the answer into r_msg; false after a log line and with the connection
+// closed.
 bool exchange(char type, int* slen, int* rlen) {
     set_header(&s_msg, type);
     *slen = send_msg(svr_cmd_sockfd, s_msg);
@@ -106,7 +107,8 @@ void report_settings(BODY_HEALTH_CHECK_REQ& body) {
     report_text(body.log_interface, log_interface);
     report_text(body.log_flag_set, get_log_flag_set_str(get_log_flag_set()));
     report_number(body.log_qcnt, get_tran_logf_qcnt());
-    report_number(body.log_onoff, static_cast<unsigned int>(get_magic_code()) == TRACE_ON_MAGIC_CODE ? 1 : 0);
+    report_number(body.log_onoff,
+                  static_cast<unsigned int>(get_magic_code()) == TRACE_ON_MAGIC_CODE ? 1 : 0);
     report_number(body.sfilter_onoff, get_svc_filtering());
     report_number(body.call_trc_depth, get_call_trc_depth());
     report_number(body.call_trc_limit, get_call_trc_limit());
@@ -126,7 +128,8 @@ void report_tables(BODY_HEALTH_CHECK_REQ& body) {
     report_percent(body.jcache_hashtbl_used_pcnt, get_jcache_hashtbl_used_pcnt());
 }
 
-// The shared cur_qcnt counter is not reported: its field repeats out_discard_qcnt, as the server expects.
+// The shared cur_qcnt counter is not reported: its field repeats out_discard_qcnt, as the server
+// expects.
 void report_queue(QUE_STAT_STR& row, const QUE_STAT& queue) {
     report_number(row.in_qcnt, static_cast<int>(shared_load(queue.in_qcnt)));
     report_number(row.in_discard_qcnt, static_cast<int>(shared_load(queue.in_discard_qcnt)));
@@ -141,8 +144,8 @@ void report_time(char (&field)[13]) {
     timeval now{};
     gettimeofday(&now, nullptr);
     const struct tm local = agt::local_time(now.tv_sec);
-    std::snprintf(field, sizeof field, "%02d%02d%02d%06ld", local.tm_hour, local.tm_min, local.tm_sec,
-                  static_cast<long>(now.tv_usec));
+    std::snprintf(field, sizeof field, "%02d%02d%02d%06ld", local.tm_hour, local.tm_min,
+                  local.tm_sec, static_cast<long>(now.tv_usec));
     end_field(field);
 }
 
@@ -192,8 +195,9 @@ bool starts_with(const char* text, const char* start) {
 bool is_initial_process(const PTRC_HASH_ARR& entry) {
     if (std::memcmp(entry.tid, PROCESS_TID, sizeof PROCESS_TID - 1) != 0)
         return false;
-    return std::none_of(std::begin(OWN_PROGRAMS), std::end(OWN_PROGRAMS),
-                        [&entry](const char* program) { return starts_with(entry.proc_nm, program); });
+    return std::none_of(
+        std::begin(OWN_PROGRAMS), std::end(OWN_PROGRAMS),
+        [&entry](const char* program) { return starts_with(entry.proc_nm, program); });
 }
 
 } // namespace
@@ -225,8 +229,9 @@ void* health_check(void*) {
 
 void health_check_cycle(bool* reconnect) {
     const server_address server = get_server_address();
-    agt::log_printf("(i) ##### health check start, ip : %s(%d) every %d(sec) send %d bytes.", server.srv_ipaddr,
-                    server.srv_cmd_port, HEALTH_CHECK_INTERVAL_SEC, TCP_CMD_MSG_SIZE);
+    agt::log_printf("(i) ##### health check start, ip : %s(%d) every %d(sec) send %d bytes.",
+                    server.srv_ipaddr, server.srv_cmd_port, HEALTH_CHECK_INTERVAL_SEC,
+                    TCP_CMD_MSG_SIZE);
     if (!connect_if_needed()) {
         *reconnect = true;
         return;
@@ -242,8 +247,9 @@ void health_check_cycle(bool* reconnect) {
         agt::log_printf("%s", RECONNECTED_LINE);
     }
     const auto& answer = r_msg.body.health_check_rsp;
-    agt::log_printf("(i) ##### health check complete (slen : %d, rlen : %d), result_code : %c, svr_gap_time : %s", slen,
-                    rlen, answer.result_code[0], agt::field_text(answer.svr_gap_time).text);
+    agt::log_printf("(i) ##### health check complete (slen : %d, rlen : %d), result_code : %c, "
+                    "svr_gap_time : %s",
+                    slen, rlen, answer.result_code[0], agt::field_text(answer.svr_gap_time).text);
 }
 
 int transfer_device_info() {
@@ -268,8 +274,8 @@ int get_shm_nattch(int key) {
     return static_cast<int>(state.shm_nattch);
 }
 
-// A process in its wanted state does not end a run: each one that is not is compared with the one before it that is
-// not.
+// A process in its wanted state does not end a run: each one that is not is compared with the one
+// before it that is not.
 int get_engine_sts(char* text) {
     std::memset(text, 0, sizeof(BODY_HEALTH_CHECK_REQ::chk_msg) - 1);
     summary out{text};
@@ -280,7 +286,8 @@ int get_engine_sts(char* text) {
         const PROCESS_INFO& row = proc_info[i];
         if (shared_load(row.cur_sts) == shared_load(row.act_sts))
             continue;
-        const bool same = last != nullptr && std::strncmp(last->proc_bin, row.proc_bin, sizeof row.proc_bin) == 0;
+        const bool same =
+            last != nullptr && std::strncmp(last->proc_bin, row.proc_bin, sizeof row.proc_bin) == 0;
         if (last != nullptr && !same)
             out.add(" %d, ", run);
         if (!same)

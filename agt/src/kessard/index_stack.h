@@ -1,5 +1,5 @@
-// The index stacks of the shared hash tables: `top` entries in idx[], of which other processes may have made anything,
-// so `top` is checked against the capacity before it is used.
+// The index stacks of the shared hash tables: `top` entries in idx[], of which other processes may
+// have made anything, so `top` is checked against the capacity before it is used.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,8 @@
 
 namespace kessard {
 
-template <class Stack> inline constexpr unsigned int stack_capacity = std::extent_v<decltype(Stack::idx)>;
+template <class Stack>
+inline constexpr unsigned int stack_capacity = std::extent_v<decltype(Stack::idx)>;
 
 // Entries of the stack, at most its capacity.
 template <class Stack> unsigned int stack_size(const Stack& stack) {
@@ -37,8 +38,8 @@ template <class Stack> int stack_pop(Stack& stack) {
     return static_cast<int>(shared_load(stack.idx[top - 1]));
 }
 
-// Removes an index from anywhere: the last entry takes its place and leaves -1 behind. The index, or -1 when the stack
-// does not hold it.
+// Removes an index from anywhere: the last entry takes its place and leaves -1 behind. The index,
+// or -1 when the stack does not hold it.
 template <class Stack> int stack_popv(Stack& stack, unsigned int index) {
     const unsigned int top = stack_size(stack);
     for (unsigned int i = 0; i < top; ++i) {
@@ -65,7 +66,8 @@ template <class Stack> void stack_show(const Stack& stack) {
     agt::log_batch log;
     log.printf("total : %d\n", static_cast<int>(shared_load(stack.top)));
     for (unsigned int i = 0; i < top; ++i)
-        log.printf("[%d] array_idx#%d\n", static_cast<int>(i), static_cast<int>(shared_load(stack.idx[i])));
+        log.printf("[%d] array_idx#%d\n", static_cast<int>(i),
+                   static_cast<int>(shared_load(stack.idx[i])));
 }
 
 } // namespace kessard

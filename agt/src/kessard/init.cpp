@@ -1,7 +1,8 @@
 // Start-up.
 //
-// The configuration is a table of keys, walked in order: each row says where the word stands, what taking it does, and
-// what is logged when the key may be absent. A step that does more than store the word is a function of its own.
+// The configuration is a table of keys, walked in order: each row says where the word stands, what
+// taking it does, and what is logged when the key may be absent. A step that does more than store
+// the word is a function of its own.
 #include "init.h"
 
 #include <cerrno>
@@ -36,7 +37,8 @@ int to_number(const char* word) {
     return static_cast<int>(std::strtol(word, nullptr, 10));
 }
 
-// An absolute path as it is, a relative one under TRAN_AGT_HOME. One that does not fit is cut, which is said.
+// An absolute path as it is, a relative one under TRAN_AGT_HOME. One that does not fit is cut,
+// which is said.
 template <std::size_t N> void take_path(char (&out)[N], const char* word) {
     if (!agt::resolve_path(out, N, std::getenv("TRAN_AGT_HOME"), word))
         std::fprintf(stderr, "<!> path is too long and was cut : %s\n", out);
@@ -69,7 +71,8 @@ bool take_agt_cmd_port(const char* word) {
     agt::log_printf("(I) agt_cmd_port [%d:%s]", agt_cmd_port, word);
     agt_cmd_sockfd = init_tcp_server(agt_ipaddr, agt_cmd_port);
     if (agt_cmd_sockfd < 0)
-        agt::log_printf("<!> init tcp server fail. (agent ip : %s, cmd_port : %d)", agt_ipaddr, agt_cmd_port);
+        agt::log_printf("<!> init tcp server fail. (agent ip : %s, cmd_port : %d)", agt_ipaddr,
+                        agt_cmd_port);
     return agt_cmd_sockfd >= 0;
 }
 
@@ -83,7 +86,8 @@ bool take_srv_cmd_port(const char* word) {
     return true;
 }
 
-// Opens the notify link when the notifications are on; a server that is down does not stop the start.
+// Opens the notify link when the notifications are on; a server that is down does not stop the
+// start.
 bool take_active_limit(const char* word) {
     const int active_limit = to_number(word);
     if (active_limit <= 0) {
@@ -94,13 +98,13 @@ bool take_active_limit(const char* word) {
     const server_address server = get_server_address();
     noti_sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
     if (noti_sockfd < 0) {
-        agt::log_printf("<!> server notify(cmd) port connect fail(ip : %s, port : %d)", server.srv_ipaddr,
-                        server.srv_cmd_port);
+        agt::log_printf("<!> server notify(cmd) port connect fail(ip : %s, port : %d)",
+                        server.srv_ipaddr, server.srv_cmd_port);
         network_off();
     } else {
         noti_send_flag = 1;
-        agt::log_printf("(I) server notify(cmd) port connect ok!(ip : %s, port: %d)", server.srv_ipaddr,
-                        server.srv_cmd_port);
+        agt::log_printf("(I) server notify(cmd) port connect ok!(ip : %s, port: %d)",
+                        server.srv_ipaddr, server.srv_cmd_port);
     }
     return true;
 }
@@ -160,7 +164,8 @@ constexpr cfg_row CFG_ROWS[] = {
     {"TRAN_SERVER", "IP_ADDRESS", 1, take_srv_ipaddr, nullptr},
     {"TRAN_SERVER", "CMD_PORT", 1, take_srv_cmd_port, nullptr},
     {"ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1, take_active_limit, nullptr},
-    {"IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", 1, take_number<tran_logf_que_info_shmkey>, nullptr},
+    {"IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", 1, take_number<tran_logf_que_info_shmkey>,
+     nullptr},
     {"IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY", 1, take_number<svc_hash_tbl_shmkey>, nullptr},
     {"IPC_SHARED_MEMORY", "NOTI_SEND_QUE_SHMKEY", 1, take_number<noti_send_que_shmkey>, nullptr},
     {"IPC_SEMAPHORE", "SVC_HASH_TBL_SEMKEY", 1, take_number<svc_hash_tbl_semkey>, nullptr},
@@ -174,7 +179,8 @@ constexpr cfg_row CFG_ROWS[] = {
     {"PTRC_HASH", "TRC_STS_CHECK_PERIOD", 1, take_trc_sts_check_period, nullptr},
     {"IPC_SHARED_MEMORY", "PTRC_HASH_TBL_SHMKEY", 1, take_number<ptrc_hash_tbl_shmkey>, nullptr},
     {"IPC_SEMAPHORE", "PTRC_HASH_TBL_SEMKEY", 1, take_number<ptrc_hash_tbl_semkey>, nullptr},
-    {"IPC_SHARED_MEMORY", "JCACHE_HASH_TBL_SHMKEY", 1, take_number<jcache_hash_tbl_shmkey>, nullptr},
+    {"IPC_SHARED_MEMORY", "JCACHE_HASH_TBL_SHMKEY", 1, take_number<jcache_hash_tbl_shmkey>,
+     nullptr},
     {"IPC_SEMAPHORE", "JCACHE_HASH_TBL_SEMKEY", 1, take_number<jcache_hash_tbl_semkey>, nullptr},
     {"SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", 1, take_number<default_timeout_sec>, nullptr},
     {"IPC_SHARED_MEMORY", "TRAN_AGT_SHMKEY", 1, take_number<tran_agt_shmkey>, nullptr},
@@ -184,8 +190,8 @@ constexpr cfg_row CFG_ROWS[] = {
 
 bool take_key(const cfg_row& row) {
     char word[agt::CFG_WORD_SIZE];
-    const auto look_up =
-        row.if_absent == SILENT ? agt::find_nth_token_in_file_section : agt::get_nth_token_in_file_section;
+    const auto look_up = row.if_absent == SILENT ? agt::find_nth_token_in_file_section
+                                                 : agt::get_nth_token_in_file_section;
     errno = 0;
     if (look_up(cfg_file(), row.section, row.keyword, row.word, word) > 0)
         return row.take(word);
@@ -224,7 +230,8 @@ int init_config() {
     const agt::lock_guard guard(cfg_mutex);
     if (!take_all_keys() || !read_access_control())
         return 0;
-    agt::log_printf("(i) config-file(%s) read complete. TCP_CMD_MSG size %d bytes", cfg_file(), TCP_CMD_MSG_SIZE);
+    agt::log_printf("(i) config-file(%s) read complete. TCP_CMD_MSG size %d bytes", cfg_file(),
+                    TCP_CMD_MSG_SIZE);
     return 1;
 }
 
@@ -242,7 +249,8 @@ bool create_settings() {
             return false;
         set_tran_logf_qcnt(qcnt);
     }
-    agt::log_printf("(i) tran_logf_que_info %s complete.[key:0x%x]", existed != 0 ? "open" : "create",
+    agt::log_printf("(i) tran_logf_que_info %s complete.[key:0x%x]",
+                    existed != 0 ? "open" : "create",
                     static_cast<unsigned>(tran_logf_que_info_shmkey));
     return true;
 }
@@ -250,7 +258,8 @@ bool create_settings() {
 bool create_noti_que() {
     int existed = 0;
     if (create_noti_send_que(noti_send_que_shmkey, 0, &existed) < 0) {
-        agt::log_printf("<!> noti_send_que create error.[key:0x%x]", static_cast<unsigned>(noti_send_que_shmkey));
+        agt::log_printf("<!> noti_send_que create error.[key:0x%x]",
+                        static_cast<unsigned>(noti_send_que_shmkey));
         return false;
     }
     agt::log_printf("(i) noti_send_que %s complete.[key:0x%x]", existed != 0 ? "open" : "create",
@@ -282,9 +291,10 @@ int create_svc_hash_tbl() {
     return 1;
 }
 
-constexpr int (*INIT_STEPS[])() = {check_env_var,          init_config,         create_que,
-                                   init_sock_client,       create_svc_hash_tbl, create_ptrc_hash_tbl,
-                                   create_jcache_hash_tbl, create_tran_agt_sem, create_tran_agt_shm};
+constexpr int (*INIT_STEPS[])() = {
+    check_env_var,          init_config,         create_que,
+    init_sock_client,       create_svc_hash_tbl, create_ptrc_hash_tbl,
+    create_jcache_hash_tbl, create_tran_agt_sem, create_tran_agt_shm};
 
 } // namespace
 

@@ -8,8 +8,8 @@ namespace kessard {
 // The attached table; null until created.
 extern JCACHE_HASH_TBL* jcache_hash_tbl;
 
-// Creates or opens the table and its semaphore under the configured keys and initialises a new one under semaphore 0;
-// logs each step. 1, or 0 on failure.
+// Creates or opens the table and its semaphore under the configured keys and initialises a new one
+// under semaphore 0; logs each step. 1, or 0 on failure.
 int create_jcache_hash_tbl();
 
 // Empties the attached table; the caller holds its semaphore. 1.

@@ -1,9 +1,9 @@
 // Command loop, signals, notify-link watcher and shutdown.
 //
-// Signals stay blocked but at one place in the loop, its pselect and the end of a pass, so the handler, which logs,
-// never interrupts code that holds a lock. Until the loop gets there, a pending signal makes the main thread's signal
-// descriptor readable, which ends every wait of that thread (wait.h): start-up and commands come to their end at once
-// and the loop takes the signal.
+// Signals stay blocked but at one place in the loop, its pselect and the end of a pass, so the
+// handler, which logs, never interrupts code that holds a lock. Until the loop gets there, a
+// pending signal makes the main thread's signal descriptor readable, which ends every wait of that
+// thread (wait.h): start-up and commands come to their end at once and the loop takes the signal.
 #include "main_loop.h"
 
 #include <sys/select.h>
@@ -41,7 +41,8 @@ constexpr int LINK_POLL_SEC = 1;
 constexpr int FIRST_RETRY_USEC = 10000;
 constexpr int NEXT_RETRY_USEC = 999999;
 
-constexpr unsigned int SIGNAL_PASSES = 16; // passes of a busy loop between two looks at pending signals
+constexpr unsigned int SIGNAL_PASSES =
+    16; // passes of a busy loop between two looks at pending signals
 
 sigset_t loop_mask; // the signal mask of the loop's wait
 daemon_thread net_th("network_check", network_checker);
@@ -60,22 +61,24 @@ void reap_children() {
     do
         ret = waitpid(-1, &status, WNOHANG);
     while (ret > 0);
-    std::printf("(%ld) recive sinal... SIGCHLD(%ld)\n", static_cast<long>(getpid()), static_cast<long>(ret));
+    std::printf("(%ld) recive sinal... SIGCHLD(%ld)\n", static_cast<long>(getpid()),
+                static_cast<long>(ret));
 }
 
 void log_signal(int signo) {
     static constexpr struct {
         int signo;
         const char* name;
-    } NAMES[] = {{SIGHUP, "SIGHUP"}, {SIGINT, "SIGINT"}, {SIGTERM, "SIGTERM"}, {SIGTSTP, "SIGTSTP"}};
+    } NAMES[] = {
+        {SIGHUP, "SIGHUP"}, {SIGINT, "SIGINT"}, {SIGTERM, "SIGTERM"}, {SIGTSTP, "SIGTSTP"}};
     for (const auto& known : NAMES) {
         if (known.signo == signo)
             agt::log_printf(">> received %s signal to terminate!", known.name);
     }
 }
 
-// Runs the handlers of pending signals: a wait that finds a descriptor ready does not, so a busy peer would keep them
-// off.
+// Runs the handlers of pending signals: a wait that finds a descriptor ready does not, so a busy
+// peer would keep them off.
 void take_pending_signals() {
     sigset_t usual;
     pthread_sigmask(SIG_SETMASK, &loop_mask, &usual);
@@ -115,8 +118,8 @@ int reconnect() {
     return FIRST_RETRY_USEC;
 }
 
-// The threads that are not joined with a log line have left their loops by now, or their waits are ended here, so that
-// none of them runs while the process goes.
+// The threads that are not joined with a log line have left their loops by now, or their waits are
+// ended here, so that none of them runs while the process goes.
 void stop_other_threads() {
     stop_notify_active_service_detail();
     net_th.cancel();

@@ -1,9 +1,10 @@
 // The notifier.
 //
-// The only consumer of the notification queue, polling it every 20 ms when it is empty. Two records make a message; a
-// lone record waits until 2 whole seconds have passed since the last message left (not since the record came), so after
-// a quiet period it leaves at the first empty poll. While the link is down records are taken and dropped, one every
-// 200 ms. A failure takes the link down (network_off) and the watcher brings it back.
+// The only consumer of the notification queue, polling it every 20 ms when it is empty. Two records
+// make a message; a lone record waits until 2 whole seconds have passed since the last message left
+// (not since the record came), so after a quiet period it leaves at the first empty poll. While the
+// link is down records are taken and dropped, one every 200 ms. A failure takes the link down
+// (network_off) and the watcher brings it back.
 #include "notify_active_service_detail.h"
 
 #include <poll.h>
@@ -51,8 +52,9 @@ void take_link_down(batch* out) {
     network_off();
 }
 
-// Waits for the answer, whose content does not matter; a failure takes the link down. `where` ends the log line. The
-// lines of a busy queue leave the process many at a time, unless the server lets itself be waited for.
+// Waits for the answer, whose content does not matter; a failure takes the link down. `where` ends
+// the log line. The lines of a busy queue leave the process many at a time, unless the server lets
+// itself be waited for.
 void receive_answer(batch* out, const char* where) {
     if (agt::wait_fd(noti_sockfd, POLLIN, ANSWER_SOON_MS) != agt::wait_result::ready)
         out->log.flush();
@@ -84,13 +86,14 @@ bool send_batch(batch* out, int pending, const char* where) {
 
 void send_full(batch* out) {
     const int pending = out->pending;
-    out->log.printf("[notify_active_service_detail] socket send : %d elements, ACTIVE_SERVICE_DETAIL size %d bytes",
+    out->log.printf("[notify_active_service_detail] socket send : %d elements, "
+                    "ACTIVE_SERVICE_DETAIL size %d bytes",
                     pending, static_cast<int>(sizeof(ACTIVE_SERVICE_DETAIL)));
     out->pending = 0;
     if (noti_send_flag == 1 && !send_batch(out, pending, ""))
         return;
-    out->log.printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d", pending,
-                    noti_send_flag.load());
+    out->log.printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
+                    pending, noti_send_flag.load());
     out->batch_time = now_sec();
 }
 
@@ -108,7 +111,8 @@ void take_record(batch* out, const NOTI_SEND_QUE_DATA& record) {
         send_full(out);
 }
 
-// A failure to send leaves the records pending; the next attempt finds the link down and drops them.
+// A failure to send leaves the records pending; the next attempt finds the link down and drops
+// them.
 void flush(batch* out) {
     const long flush_time = now_sec() - out->batch_time;
     if (out->pending == 0 || flush_time < FLUSH_SEC)
@@ -116,11 +120,12 @@ void flush(batch* out) {
     if (noti_send_flag == 1) {
         if (!send_batch(out, out->pending, "(FLUSH)"))
             return;
-        agt::log_printf(
-            "(I) [notify_active_service_detail] flush sent %d elements, noti_send_flag : %d, flush_time(%d sec)",
-            out->pending, noti_send_flag.load(), static_cast<int>(flush_time));
+        agt::log_printf("(I) [notify_active_service_detail] flush sent %d elements, noti_send_flag "
+                        ": %d, flush_time(%d sec)",
+                        out->pending, noti_send_flag.load(), static_cast<int>(flush_time));
     } else {
-        agt::log_printf("<!> [notify_active_service_detail] flush skip, noti_send_flag : %d", noti_send_flag.load());
+        agt::log_printf("<!> [notify_active_service_detail] flush skip, noti_send_flag : %d",
+                        noti_send_flag.load());
     }
     out->batch_time = now_sec();
     out->pending = 0;
@@ -147,7 +152,8 @@ void stop_notify_active_service_detail() {
 }
 
 void* notify_active_service_detail(void*) {
-    agt::log_printf("(i) notify_active_service_detail thread start... running : %d", running.load());
+    agt::log_printf("(i) notify_active_service_detail thread start... running : %d",
+                    running.load());
     batch out;
     while (running != 0) {
         const NOTI_SEND_QUE_DATA* record = get_noti_send_que();

@@ -7,7 +7,8 @@ void th_start_notify_active_service_detail();
 void th_cancel_notify_active_service_detail();
 void th_join_notify_active_service_detail();
 
-// Ends the notifier without a word in the log: its waits end, and it is waited for like any other thread.
+// Ends the notifier without a word in the log: its waits end, and it is waited for like any other
+// thread.
 void stop_notify_active_service_detail();
 
 // The thread's entry.

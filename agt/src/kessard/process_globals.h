@@ -12,8 +12,9 @@ inline constexpr char PROGRAM_NAME[] = "kessard";
 // 1 from start to the terminating signal; every loop of the daemon polls it.
 inline std::atomic<int> running{0};
 
-// From the command line: seconds of silence after which the traffic counters are cleared (-c), seconds between
-// statistics prints (-p), this process's row in the process registry (-i, -1 without one).
+// From the command line: seconds of silence after which the traffic counters are cleared (-c),
+// seconds between statistics prints (-p), this process's row in the process registry (-i, -1
+// without one).
 inline int clear_time = 0;
 inline int print_time = 0;
 inline int process_idx = -1;

@@ -10,7 +10,8 @@ namespace kessard {
 PTRC_HASH_TBL* ptrc_hash_tbl = nullptr;
 
 int create_ptrc_hash_tbl() {
-    const hash_tbl_key key = {"ptrc_hash_tbl", ptrc_hash_tbl_shmkey, ptrc_hash_tbl_semkey, sizeof(PTRC_HASH_TBL)};
+    const hash_tbl_key key = {"ptrc_hash_tbl", ptrc_hash_tbl_shmkey, ptrc_hash_tbl_semkey,
+                              sizeof(PTRC_HASH_TBL)};
     hash_tbl_object object;
     if (!open_hash_tbl(key, &object))
         return 0;

@@ -1,6 +1,6 @@
-// The shared ring queues. `rear` is the slot last written, `front` the slot last read, one slot stays empty. Producers
-// write `rear` only, behind the record; the consumer writes `front` only. Indexes come from shared memory and are
-// checked before they are used.
+// The shared ring queues. `rear` is the slot last written, `front` the slot last read, one slot
+// stays empty. Producers write `rear` only, behind the record; the consumer writes `front` only.
+// Indexes come from shared memory and are checked before they are used.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,8 @@
 
 namespace kessard {
 
-template <class Queue> inline constexpr int ring_slots = static_cast<int>(std::extent_v<decltype(Queue::data)>);
+template <class Queue>
+inline constexpr int ring_slots = static_cast<int>(std::extent_v<decltype(Queue::data)>);
 
 template <class Queue> bool ring_index_valid(int index) {
     return index >= 0 && index < ring_slots<Queue>;
@@ -41,8 +42,8 @@ template <class Queue> bool ring_full(const Queue& queue) {
     return ring_index_valid<Queue>(at.rear) && ring_next<Queue>(at.rear) == at.front;
 }
 
-// Copies `length` bytes of `record` into the next slot and publishes it. 1; -1 when the queue is full, its `rear` is
-// out of range, or the record is longer than a slot.
+// Copies `length` bytes of `record` into the next slot and publishes it. 1; -1 when the queue is
+// full, its `rear` is out of range, or the record is longer than a slot.
 template <class Queue> int ring_put(Queue& queue, const void* record, std::size_t length) {
     const int rear = ring_load(queue).rear;
     if (!ring_index_valid<Queue>(rear) || ring_full(queue) || length > sizeof queue.data[0])
@@ -53,9 +54,9 @@ template <class Queue> int ring_put(Queue& queue, const void* record, std::size_
     return 1;
 }
 
-// Takes the next record, which stays valid in its slot until producers have gone round the ring; null when there is
-// none. A `front` out of range is put back to `rear`, which drops what was queued; a `rear` out of range reads as
-// empty.
+// Takes the next record, which stays valid in its slot until producers have gone round the ring;
+// null when there is none. A `front` out of range is put back to `rear`, which drops what was
+// queued; a `rear` out of range reads as empty.
 template <class Queue> auto* ring_take(Queue& queue) {
     const ring_indexes at = ring_load(queue);
     decltype(&queue.data[0]) record = nullptr;

@@ -19,7 +19,8 @@ int connect_server() {
     const server_address server = get_server_address();
     const int sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
     if (sockfd < 0)
-        agt::log_printf("<!> server connection fail. (ip %s, port %d) ", server.srv_ipaddr, server.srv_cmd_port);
+        agt::log_printf("<!> server connection fail. (ip %s, port %d) ", server.srv_ipaddr,
+                        server.srv_cmd_port);
     return sockfd;
 }
 

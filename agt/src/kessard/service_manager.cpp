@@ -15,7 +15,8 @@ using notify_function = int (*)(int unset_environment, const char* state);
 // Loaded on demand: most hosts' daemons never pay for the library and what it needs.
 notify_function load_sd_notify() {
     void* library = dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL);
-    return library == nullptr ? nullptr : reinterpret_cast<notify_function>(dlsym(library, "sd_notify"));
+    return library == nullptr ? nullptr
+                              : reinterpret_cast<notify_function>(dlsym(library, "sd_notify"));
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // The service table.
 //
-// Chains are walked with every index checked and with no more steps than there are slots: another process may have left
-// anything in the segment.
+// Chains are walked with every index checked and with no more steps than there are slots: another
+// process may have left anything in the segment.
 #include "set_svc_hash_tbl.h"
 
 #include <cstring>
@@ -92,7 +92,8 @@ SVC_HASH_ARR_LIST* delete_slot(SVC_HASH_ARR_LIST* slot) {
     return slot;
 }
 
-SVC_HASH_ARR_LIST* insert_slot(int bucket, SVC_HASH_ARR_LIST* tail, const SERVICE_ELEMENT& element) {
+SVC_HASH_ARR_LIST* insert_slot(int bucket, SVC_HASH_ARR_LIST* tail,
+                               const SERVICE_ELEMENT& element) {
     const int index = svc_hash_pop(&svc_hash_tbl->available);
     SVC_HASH_ARR_LIST* slot = slot_at(index);
     if (slot == nullptr)
@@ -110,8 +111,8 @@ SVC_HASH_ARR_LIST* insert_slot(int bucket, SVC_HASH_ARR_LIST* tail, const SERVIC
 
 SVC_HASH_ARR_LIST* change_slot(SVC_HASH_ARR_LIST* slot, const SERVICE_ELEMENT& element) {
     const char mode = element.update_mode[0];
-    agt::log_printf("<!> service_id(%s) is already exist, update_mode : '%c'", agt::field_text(element.service_id).text,
-                    mode);
+    agt::log_printf("<!> service_id(%s) is already exist, update_mode : '%c'",
+                    agt::field_text(element.service_id).text, mode);
     switch (mode) {
     case 'A':
     case 'X':
@@ -129,7 +130,8 @@ SVC_HASH_ARR_LIST* change_slot(SVC_HASH_ARR_LIST* slot, const SERVICE_ELEMENT& e
 } // namespace
 
 int open_svc_hash_tbl() {
-    const hash_tbl_key key = {"svc_hash_tbl", svc_hash_tbl_shmkey, svc_hash_tbl_semkey, sizeof(SVC_HASH_TBL)};
+    const hash_tbl_key key = {"svc_hash_tbl", svc_hash_tbl_shmkey, svc_hash_tbl_semkey,
+                              sizeof(SVC_HASH_TBL)};
     hash_tbl_object object;
     if (!open_hash_tbl(key, &object))
         return 0;

@@ -11,16 +11,17 @@ namespace kessard {
 extern SVC_HASH_TBL* svc_hash_tbl;
 extern int svc_hash_tbl_semid;
 
-// Creates or opens the table and its semaphore under the configured keys and empties a new one under semaphore 0; logs
-// each step. 1, or 0 on failure. The first retrieval of the list is the caller's.
+// Creates or opens the table and its semaphore under the configured keys and empties a new one
+// under semaphore 0; logs each step. 1, or 0 on failure. The first retrieval of the list is the
+// caller's.
 int open_svc_hash_tbl();
 
 // Empties the table; the caller holds its semaphore. 1.
 int init_svc_hash_tbl();
 
-// Inserts, overwrites ('Y') or deletes ('D') one service by update_mode[0]; the caller holds the semaphore. The slot
-// concerned; null when the table is full, when 'D' finds nothing, or when another mode than 'A', 'X', 'Y' and 'D' meets
-// a service that is there already.
+// Inserts, overwrites ('Y') or deletes ('D') one service by update_mode[0]; the caller holds the
+// semaphore. The slot concerned; null when the table is full, when 'D' finds nothing, or when
+// another mode than 'A', 'X', 'Y' and 'D' meets a service that is there already.
 SVC_HASH_ARR_LIST* set_svc_hash_tbl(const SERVICE_ELEMENT* element);
 
 } // namespace kessard

@@ -1,5 +1,5 @@
-// Settings from the configuration file. All but the server's address are written once at start, before any thread
-// exists, and only read afterwards.
+// Settings from the configuration file. All but the server's address are written once at start,
+// before any thread exists, and only read afterwards.
 #pragma once
 
 #include <cstddef>
@@ -26,8 +26,8 @@ inline int ptrc_hash_tbl_semkey = 0;
 inline int jcache_hash_tbl_semkey = 0;
 inline int tran_agt_semkey = 0;
 
-// SERVICE_HASH / DAILY_UPDATE_HHMI (empty: none), DAILY_UPDATE_SCRIPT, DAILY_UPDATE_YN (whether the update triggers run
-// the script; the key may be absent), DEFAULT_TIMEOUT_SEC (seconds).
+// SERVICE_HASH / DAILY_UPDATE_HHMI (empty: none), DAILY_UPDATE_SCRIPT, DAILY_UPDATE_YN (whether the
+// update triggers run the script; the key may be absent), DEFAULT_TIMEOUT_SEC (seconds).
 inline char update_service_hhmi[16];
 inline char update_service_script[256];
 inline bool daily_update_yn = false;
@@ -46,8 +46,8 @@ inline int trc_sts_check_period = 0;
 // CHECK_API_STAT / ACT, 4th word: the API statistics file.
 inline char api_stat_out_fn[512];
 
-// The central server's command port. A reconnection of the notify link may change it at any time, so it is read as a
-// whole copy.
+// The central server's command port. A reconnection of the notify link may change it at any time,
+// so it is read as a whole copy.
 struct server_address {
     char srv_ipaddr[128];
     int srv_cmd_port;
@@ -57,10 +57,12 @@ struct server_address {
 server_address get_server_address();
 void set_server_address(const char* ipaddr, int port);
 
-// The configuration file's path, from the environment variable TRAN_AGT_CFG_FILE; empty when it is not set.
+// The configuration file's path, from the environment variable TRAN_AGT_CFG_FILE; empty when it is
+// not set.
 const char* cfg_file();
 
-// The first word of a key of the configuration file; `word` holds agt::CFG_WORD_SIZE bytes. False when it is missing.
+// The first word of a key of the configuration file; `word` holds agt::CFG_WORD_SIZE bytes. False
+// when it is missing.
 bool read_cfg_word(const char* section, const char* keyword, char* word);
 
 // The same as a decimal number.

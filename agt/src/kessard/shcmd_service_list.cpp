@@ -1,8 +1,9 @@
 // Upload of a script's service list.
 //
-// The script prints one service a line, identifier and limit; blocks of fifteen go to the server, each answered before
-// the next is filled. A refused block does not stop the upload; any other failure ends it. A complete upload, and a
-// server that cannot be reached, start a retrieval of the server's list.
+// The script prints one service a line, identifier and limit; blocks of fifteen go to the server,
+// each answered before the next is filled. A refused block does not stop the upload; any other
+// failure ends it. A complete upload, and a server that cannot be reached, start a retrieval of the
+// server's list.
 #include "shcmd_service_list.h"
 
 #include <poll.h>
@@ -49,7 +50,8 @@ BODY_UPDATE_SERVICE_LIST_REQ& request() {
     return s_msg.body.update_service_list_req;
 }
 
-// Lines of a descriptor, at most LINE_SIZE-1 characters each with their line end; a longer line comes in pieces.
+// Lines of a descriptor, at most LINE_SIZE-1 characters each with their line end; a longer line
+// comes in pieces.
 struct line_source {
     int fd;
     std::size_t held = 0;  // bytes in text
@@ -73,14 +75,16 @@ bool next_line(line_source* from, char* line) {
     std::memmove(from->text, from->text + from->taken, from->held);
     from->taken = 0;
     const void* end = nullptr;
-    while ((end = std::memchr(from->text, '\n', from->held)) == nullptr && from->held < LINE_SIZE - 1) {
+    while ((end = std::memchr(from->text, '\n', from->held)) == nullptr &&
+           from->held < LINE_SIZE - 1) {
         if (!read_more(from))
             break;
     }
     if (agt::cancelled()) // what is held may be the start of a line
         return false;
-    from->taken =
-        end == nullptr ? from->held : static_cast<std::size_t>(static_cast<const char*>(end) - from->text) + 1;
+    from->taken = end == nullptr
+                      ? from->held
+                      : static_cast<std::size_t>(static_cast<const char*>(end) - from->text) + 1;
     std::memcpy(line, from->text, from->taken);
     line[from->taken] = '\0';
     return from->taken > 0;
@@ -104,7 +108,8 @@ struct upload {
     int count = 0; // services in the block
 };
 
-// Parses a line into the next element of the block; false after a log line when it is not two words.
+// Parses a line into the next element of the block; false after a log line when it is not two
+// words.
 bool add_service(upload* up, const char* line) {
     SERVICE_SMALL& element = request().elements[up->count];
     element = {};
@@ -120,8 +125,8 @@ bool add_service(upload* up, const char* line) {
     agt::copy_text(element.host_name, up->host_name);
     ++up->total;
     ++up->count;
-    agt::log_printf("\t[#%03d] host_name : %s, service_id : %s, limit : %s", up->total, element.host_name,
-                    element.service_id, element.limit);
+    agt::log_printf("\t[#%03d] host_name : %s, service_id : %s, limit : %s", up->total,
+                    element.host_name, element.service_id, element.limit);
     return true;
 }
 
@@ -174,7 +179,8 @@ bool upload_lines(upload* up, int script_fd) {
     line_source source{script_fd};
     char line[LINE_SIZE];
     while (next_line(&source, line)) {
-        if (add_service(up, line) && up->count == SERVICE_SMALL_MAX && !send_block(up, FULL_BLOCK_RECV_ERROR))
+        if (add_service(up, line) && up->count == SERVICE_SMALL_MAX &&
+            !send_block(up, FULL_BLOCK_RECV_ERROR))
             return false;
     }
     return !agt::cancelled();
@@ -218,10 +224,12 @@ int connect_for_upload() {
     const server_address server = get_server_address();
     agt::log_printf("###(I) call thread-function(cmd_service_list)...");
     agt::log_printf("###(I) service block-elements(max %d).", int{SERVICE_SMALL_MAX});
-    agt::log_printf("###(I) trying server connect. (ip %s, port %d)", server.srv_ipaddr, server.srv_cmd_port);
+    agt::log_printf("###(I) trying server connect. (ip %s, port %d)", server.srv_ipaddr,
+                    server.srv_cmd_port);
     const int conn_sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
     if (conn_sockfd < 0)
-        agt::log_printf("<!> server connection fail. (ip %s, port %d)", server.srv_ipaddr, server.srv_cmd_port);
+        agt::log_printf("<!> server connection fail. (ip %s, port %d)", server.srv_ipaddr,
+                        server.srv_cmd_port);
     else
         agt::log_printf("(i) server connection success. (ip %s, port %d, fd %d)", server.srv_ipaddr,
                         server.srv_cmd_port, conn_sockfd);

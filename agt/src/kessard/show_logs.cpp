@@ -17,7 +17,8 @@ namespace {
 class slot_head {
   public:
     // cppcheck-suppress uninitMemberVar
-    slot_head(int place, int slot) : length_(std::snprintf(text_, sizeof text_, "[%d] array_idx#%d, ", place, slot)) {}
+    slot_head(int place, int slot)
+        : length_(std::snprintf(text_, sizeof text_, "[%d] array_idx#%d, ", place, slot)) {}
     operator std::string_view() const { return {text_, static_cast<std::size_t>(length_)}; }
 
   private:
@@ -32,7 +33,8 @@ void show_number(agt::log_batch& log, std::string_view head, std::string_view na
 }
 
 template <std::size_t N>
-void show_text(agt::log_batch& log, std::string_view head, std::string_view name, const char (&text)[N]) {
+void show_text(agt::log_batch& log, std::string_view head, std::string_view name,
+               const char (&text)[N]) {
     log.line({head, name, " : |", {text, agt::text_length(text, N)}, "|"});
 }
 

@@ -13,12 +13,12 @@ struct malloc_deleter {
 };
 using svc_hash_tbl_copy = std::unique_ptr<SVC_HASH_TBL, malloc_deleter>;
 
-// A copy of what a dump shows of `table`: its counts, its used stack and the used slots; the rest is not set. Null
-// without memory for it. The caller holds the table's semaphore.
+// A copy of what a dump shows of `table`: its counts, its used stack and the used slots; the rest
+// is not set. Null without memory for it. The caller holds the table's semaphore.
 svc_hash_tbl_copy copy_svc_hash_tbl(const SVC_HASH_TBL& table);
 
-// Writes every used entry of `table` to the log: fourteen lines each. The table must not change meanwhile: pass a copy,
-// or hold its semaphore.
+// Writes every used entry of `table` to the log: fourteen lines each. The table must not change
+// meanwhile: pass a copy, or hold its semaphore.
 void show_svc_hash_tbl(const SVC_HASH_TBL& table);
 
 } // namespace kessard

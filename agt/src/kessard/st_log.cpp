@@ -1,6 +1,7 @@
 // Statistics, sweep period and update triggers.
 //
-// One pass a second; the countdowns count passes, so a long sweep or a daily trigger stretches them.
+// One pass a second; the countdowns count passes, so a long sweep or a daily trigger stretches
+// them.
 #include "st_log.h"
 
 #include <unistd.h>
@@ -23,7 +24,8 @@ std::atomic<int> tot_logs{0};
 
 namespace {
 
-constexpr char STATISTICS_LINE[] = "----------------------------------------------------------------------------";
+constexpr char STATISTICS_LINE[] =
+    "----------------------------------------------------------------------------";
 constexpr char NO_DAILY_UPDATE[] = "----";
 constexpr int DAILY_PAUSE_MS = 5000;
 constexpr std::size_t DATE_SIZE = 8;
@@ -47,8 +49,8 @@ void print_statistics() {
     agt::log_batch log;
     const CMD_CLIENT_LIST clients = copy_cmd_client_list();
     log.printf("%s", STATISTICS_LINE);
-    log.printf("clients %d/%d , total_logs %d, curr_logs %d", clients.client_num, MAX_CMD_CLIENT, tot_logs.load(),
-               state.curr_logs1);
+    log.printf("clients %d/%d , total_logs %d, curr_logs %d", clients.client_num, MAX_CMD_CLIENT,
+               tot_logs.load(), state.curr_logs1);
     log.printf("^^^ client send logs statistics ^^^");
     for (int i = 0; i < clients.client_num; ++i)
         log.printf(" > %d : %d", i, clients.client[i].send_logs);
@@ -105,7 +107,8 @@ bool forced_update() {
 }
 
 bool daily_time_reached() {
-    return update_service_hhmi[0] != '\0' && std::strcmp(update_service_hhmi, NO_DAILY_UPDATE) != 0 &&
+    return update_service_hhmi[0] != '\0' &&
+           std::strcmp(update_service_hhmi, NO_DAILY_UPDATE) != 0 &&
            std::memcmp(state.cur_date, state.tmp_date, DATE_SIZE) != 0 &&
            std::memcmp(state.cur_date + DATE_SIZE, update_service_hhmi, HHMI_SIZE) >= 0;
 }

@@ -1,4 +1,5 @@
-// The once-a-second housekeeping thread: traffic statistics, the period of the trace-table sweep, the update triggers.
+// The once-a-second housekeeping thread: traffic statistics, the period of the trace-table sweep,
+// the update triggers.
 #pragma once
 
 #include <atomic>

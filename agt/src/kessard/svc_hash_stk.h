@@ -11,7 +11,8 @@ int svc_hash_push(SVC_HASH_STK* stack, unsigned int index);
 // Takes the index on top; -1 when the stack is empty.
 int svc_hash_pop(SVC_HASH_STK* stack);
 
-// Removes `index` from anywhere; it, or -1 when the stack does not hold it. The last entry takes its place.
+// Removes `index` from anywhere; it, or -1 when the stack does not hold it. The last entry takes
+// its place.
 int svc_hash_popv(SVC_HASH_STK* stack, unsigned int index);
 
 // Writes the entries to the log.

@@ -36,12 +36,14 @@ int create_tran_agt_sem() {
 int create_tran_agt_shm() {
     const int locked = agt::sem_lock(tran_agt_semid, 0, SEM_UNDO);
     if (locked != 0 && errno != ECANCELED)
-        agt::log_printf("<!> tran agent semaphore lock error.[semid:%d, errno:%d]", tran_agt_semid, errno);
+        agt::log_printf("<!> tran agent semaphore lock error.[semid:%d, errno:%d]", tran_agt_semid,
+                        errno);
     int existed = 0;
     const int shmid = agt::create_shm(tran_agt_shmkey, sizeof(TRAN_AGT_SHM), &existed);
     void* address = shmid < 0 ? nullptr : agt::attach_shm(shmid);
     if (address == nullptr) {
-        agt::log_printf("<!> tran_agt_shm create error.[key:0x%x]", static_cast<unsigned>(tran_agt_shmkey));
+        agt::log_printf("<!> tran_agt_shm create error.[key:0x%x]",
+                        static_cast<unsigned>(tran_agt_shmkey));
         return 0;
     }
     tran_agt_shm = static_cast<TRAN_AGT_SHM*>(address);
@@ -54,7 +56,9 @@ int create_tran_agt_shm() {
 }
 
 int registry_rows() {
-    return tran_agt_shm == nullptr ? 0 : std::clamp(shared_load(tran_agt_shm->proc_num), 0, int{PROCESS_INFO_MAX});
+    return tran_agt_shm == nullptr
+               ? 0
+               : std::clamp(shared_load(tran_agt_shm->proc_num), 0, int{PROCESS_INFO_MAX});
 }
 
 void deactivate_process(int index) {
@@ -63,7 +67,8 @@ void deactivate_process(int index) {
     const pid_t own = getpid();
     const pid_t owner = index < PROCESS_INFO_MAX ? shared_load(proc_info[index].proc_pid) : -1;
     if (owner != own) {
-        agt::log_printf("<!> proc_info pid mismatch (%d <> %d), process_idx : %d", owner, own, index);
+        agt::log_printf("<!> proc_info pid mismatch (%d <> %d), process_idx : %d", owner, own,
+                        index);
         return;
     }
     shared_store(proc_info[index].cur_sts, static_cast<char>(PROCESS_DEACT));

@@ -23,8 +23,9 @@ struct flag_letter {
     unsigned char bit;
     char letter;
 };
-constexpr flag_letter FLAG_LETTERS[] = {{LOG_FLAG_S, 'S'}, {LOG_FLAG_E, 'E'}, {LOG_FLAG_V, 'V'}, {LOG_FLAG_B, 'B'},
-                                        {LOG_FLAG_C, 'C'}, {LOG_FLAG_I, 'I'}, {LOG_FLAG_X, 'X'}, {LOG_FLAG_Q, 'Q'}};
+constexpr flag_letter FLAG_LETTERS[] = {{LOG_FLAG_S, 'S'}, {LOG_FLAG_E, 'E'}, {LOG_FLAG_V, 'V'},
+                                        {LOG_FLAG_B, 'B'}, {LOG_FLAG_C, 'C'}, {LOG_FLAG_I, 'I'},
+                                        {LOG_FLAG_X, 'X'}, {LOG_FLAG_Q, 'Q'}};
 
 template <class T, class V> int set_field(T TRAN_LOGF_QUE_INFO::*field, V value) {
     if (que_info == nullptr)
@@ -124,7 +125,8 @@ int set_svc_filtering(signed char on) {
     return set_field(&TRAN_LOGF_QUE_INFO::svc_filtering, on);
 }
 signed char get_svc_filtering() {
-    return static_cast<signed char>(get_field(&TRAN_LOGF_QUE_INFO::svc_filtering, static_cast<char>(-1)));
+    return static_cast<signed char>(
+        get_field(&TRAN_LOGF_QUE_INFO::svc_filtering, static_cast<char>(-1)));
 }
 
 int set_save_apilog(int n) {
@@ -178,7 +180,8 @@ const char* get_log_flag_set_str(unsigned char flags) {
 
 int set_fst_err_rc_set(const char* text) {
     const char* comma = std::strchr(text, ',');
-    if (que_info == nullptr || comma == nullptr || comma == text || !is_digit(comma[1]) || comma[2] != '\0')
+    if (que_info == nullptr || comma == nullptr || comma == text || !is_digit(comma[1]) ||
+        comma[2] != '\0')
         return -1;
     const long sent = std::strtol(text, nullptr, 10);
     const int value = comma[1] - '0';

@@ -1,5 +1,6 @@
-// The runtime settings segment: creation and accessors. Every accessor is one load or store without a lock, from any
-// thread. A setter returns 1, or -1 when the segment is not attached; what a getter returns then stands beside it.
+// The runtime settings segment: creation and accessors. Every accessor is one load or store without
+// a lock, from any thread. A setter returns 1, or -1 when the segment is not attached; what a
+// getter returns then stands beside it.
 #pragma once
 
 #include "kessard/tran_logf_que_info.h"
@@ -9,7 +10,8 @@ namespace kessard {
 // The attached segment; null until created.
 extern TRAN_LOGF_QUE_INFO* que_info;
 
-// Creates or opens the segment of `key` and attaches it; *existed tells which. Its identifier, negative on failure.
+// Creates or opens the segment of `key` and attaches it; *existed tells which. Its identifier,
+// negative on failure.
 int create_tran_logf_que_info(int key, int* existed);
 
 // Detaches it; 0, or -1.
@@ -42,16 +44,19 @@ int get_save_relllog(); // -1
 // The discard counter of a log queue; -1 when not attached or no such queue.
 int get_discard_qmsgs(int index);
 
-// Clears the discard counter of a queue, or all of them (index 100). 0; -1 for any other index or when not attached.
+// Clears the discard counter of a queue, or all of them (index 100). 0; -1 for any other index or
+// when not attached.
 int init_discard_qmsgs(int index);
 
 // Upper-case letters S E V B C I X Q to the bits 0x01 to 0x80; other characters count for nothing.
 unsigned char get_log_flag_set_char(const char* letters);
 
-// The letters of the bits, in that order; the text stays valid until the calling thread's next call.
+// The letters of the bits, in that order; the text stays valid until the calling thread's next
+// call.
 const char* get_log_flag_set_str(unsigned char flags);
 
-// Sets the error setting of a return code from "code,value" (code 128: all of them). 0, or -1 for a text it refuses.
+// Sets the error setting of a return code from "code,value" (code 128: all of them). 0, or -1 for a
+// text it refuses.
 int set_fst_err_rc_set(const char* text);
 
 // The 128 error settings; null when not attached.

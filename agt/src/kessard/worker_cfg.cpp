@@ -40,7 +40,8 @@ bool read_check_interval() {
     if (!read_cfg_number(SECTION, "WORKER_CHECK_INTERVAL", &worker_cfg.worker_check_interval))
         return false;
     if (worker_cfg.worker_check_interval <= 0) {
-        agt::log_printf("<!> WORKER_CHECK_INTERVAL is %d. finished job.", worker_cfg.worker_check_interval);
+        agt::log_printf("<!> WORKER_CHECK_INTERVAL is %d. finished job.",
+                        worker_cfg.worker_check_interval);
         return false;
     }
     worker_cfg.worker_flag = 1;
@@ -86,7 +87,8 @@ bool read_skip_list() {
 } // namespace
 
 int init_is_working() {
-    return read_tr_section() && read_check_interval() && read_rest_interval() && read_mode() && read_skip_list()
+    return read_tr_section() && read_check_interval() && read_rest_interval() && read_mode() &&
+                   read_skip_list()
                ? create_parser_queue()
                : 0;
 }
@@ -115,7 +117,8 @@ void delete_skip_hash() {
     ST_PROC_NAME* record = nullptr;
     ST_PROC_NAME* next = nullptr;
     HASH_ITER(hh, skip_proc_list, record, next) {
-        HASH_DEL(skip_proc_list, record); // NOLINT(clang-analyzer-unix.Malloc): HASH_ITER keeps the next one
+        HASH_DEL(skip_proc_list,
+                 record); // NOLINT(clang-analyzer-unix.Malloc): HASH_ITER keeps the next one
         std::free(record);
     }
 }

@@ -23,16 +23,23 @@ std::string cfg_value(const std::string& cfg_file, const char* section, const ch
 
 void add_agent_options(CLI::App& command, agent_address& agent) {
     command.add_option("--host", agent.host, "Address of the agent")->capture_default_str();
-    command.add_option("--port", agent.port, "Command port of the agent (default: CMD_PORT of TRAN_AGT_CFG_FILE)")
+    command
+        .add_option("--port", agent.port,
+                    "Command port of the agent (default: CMD_PORT of TRAN_AGT_CFG_FILE)")
         ->check(CLI::Range(1, 65535));
-    command.add_option("--timeout-ms", agent.limit_ms, "Longest wait for the connection and for an answer")
+    command
+        .add_option("--timeout-ms", agent.limit_ms,
+                    "Longest wait for the connection and for an answer")
         ->check(CLI::Range(1, 3600000))
         ->capture_default_str();
 }
 
 void add_look_options(CLI::App& command, look_options& look) {
-    command.add_option("--config,--cfg", look.cfg_file, "Configuration file of the agent (default: TRAN_AGT_CFG_FILE)");
-    command.add_option("--full", look.full_percent, "Fill level of a queue or table, in per cent, that is a problem")
+    command.add_option("--config,--cfg", look.cfg_file,
+                       "Configuration file of the agent (default: TRAN_AGT_CFG_FILE)");
+    command
+        .add_option("--full", look.full_percent,
+                    "Fill level of a queue or table, in per cent, that is a problem")
         ->check(CLI::Range(0.0, 100.0))
         ->capture_default_str();
 }
@@ -41,7 +48,8 @@ bool connect_agent(agent_address& agent, command_client& client) {
     if (agent.port == 0)
         agent.port = std::atoi(cfg_value(default_cfg_file(), "TRAN_AGENT", "CMD_PORT").c_str());
     if (agent.port <= 0) {
-        complain("no port: give --port, or name the agent's configuration file in TRAN_AGT_CFG_FILE");
+        complain(
+            "no port: give --port, or name the agent's configuration file in TRAN_AGT_CFG_FILE");
         return false;
     }
     if (client.connect(agent.host, agent.port, agent.limit_ms))
@@ -50,7 +58,8 @@ bool connect_agent(agent_address& agent, command_client& client) {
     return false;
 }
 
-exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int limit_ms, TCP_CMD_MSG* answer) {
+exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int limit_ms,
+                      TCP_CMD_MSG* answer) {
     if (!client.request(request, answer, limit_ms))
         return complain(client.error());
     print_frame(stdout, "<- ", *answer);

@@ -38,12 +38,14 @@ void add_agent_options(CLI::App& command, agent_address& agent);
 // Adds --config and --full.
 void add_look_options(CLI::App& command, look_options& look);
 
-// Connects, taking the port from the configuration file if none was given. False after a line on standard error.
+// Connects, taking the port from the configuration file if none was given. False after a line on
+// standard error.
 bool connect_agent(agent_address& agent, command_client& client);
 
-// Sends a request and prints the answer. EXIT_OK for result_code '0', EXIT_REFUSED for another, EXIT_ERROR, after a
-// line on standard error, when there is no answer.
-exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int limit_ms, TCP_CMD_MSG* answer);
+// Sends a request and prints the answer. EXIT_OK for result_code '0', EXIT_REFUSED for another,
+// EXIT_ERROR, after a line on standard error, when there is no answer.
+exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int limit_ms,
+                      TCP_CMD_MSG* answer);
 
 // Says on standard error what is wrong; EXIT_ERROR.
 exit_status complain(const std::string& what);

@@ -48,7 +48,8 @@ fs::path configuration_of(pid_t pid) {
     if (at == environment.npos)
         return {};
     const char* value = environment.c_str() + at + sizeof CFG_VARIABLE;
-    return fs::path(proc_path(pid, "cwd")) / value; // an absolute one replaces what stands before it
+    return fs::path(proc_path(pid, "cwd")) /
+           value; // an absolute one replaces what stands before it
 }
 
 pid_t parent_of(pid_t pid) {
@@ -68,8 +69,9 @@ std::set<std::uintmax_t> listening_inodes(int port) {
             unsigned local = 0;
             unsigned state = 0;
             std::uintmax_t inode = 0;
-            if (std::sscanf(line.c_str(), " %*d: %*[0-9A-F]:%x %*s %x %*s %*s %*s %*s %*s %" SCNuMAX, &local, &state,
-                            &inode) == 3 &&
+            if (std::sscanf(line.c_str(),
+                            " %*d: %*[0-9A-F]:%x %*s %x %*s %*s %*s %*s %*s %" SCNuMAX, &local,
+                            &state, &inode) == 3 &&
                 state == LISTENING && static_cast<int>(local) == port)
                 inodes.insert(inode);
         }
@@ -79,7 +81,8 @@ std::set<std::uintmax_t> listening_inodes(int port) {
 
 bool has_socket(pid_t pid, const std::set<std::uintmax_t>& inodes) {
     std::error_code error;
-    for (fs::directory_iterator at(proc_path(pid, "fd"), error), end; !error && at != end; at.increment(error)) {
+    for (fs::directory_iterator at(proc_path(pid, "fd"), error), end; !error && at != end;
+         at.increment(error)) {
         std::uintmax_t inode = 0;
         std::error_code unreadable;
         const fs::path target = fs::read_symlink(at->path(), unreadable);
@@ -94,8 +97,8 @@ bool maps_segment(pid_t pid, int shmid) {
     std::ifstream file(proc_path(pid, "maps"));
     for (std::string line; std::getline(file, line);) {
         int inode = 0;
-        if (line.find(" /SYSV") != line.npos && std::sscanf(line.c_str(), "%*s %*s %*s %*s %d", &inode) == 1 &&
-            inode == shmid)
+        if (line.find(" /SYSV") != line.npos &&
+            std::sscanf(line.c_str(), "%*s %*s %*s %*s %d", &inode) == 1 && inode == shmid)
             return true;
     }
     return false;
@@ -112,7 +115,8 @@ template <class Test> std::vector<pid_t> processes_that(Test test) {
 std::vector<pid_t> daemons_of(const std::string& cfg_file) {
     std::vector<pid_t> pids = processes_that([&](pid_t pid) {
         std::error_code error;
-        return process_name(pid) == PROGRAM && fs::equivalent(configuration_of(pid), cfg_file, error);
+        return process_name(pid) == PROGRAM &&
+               fs::equivalent(configuration_of(pid), cfg_file, error);
     });
     const std::set<pid_t> all(pids.begin(), pids.end());
     const pid_t attached = find_daemon(cfg_file).pid;
@@ -124,7 +128,8 @@ std::vector<pid_t> daemons_of(const std::string& cfg_file) {
 
 std::vector<pid_t> listeners_of(int port) {
     const std::set<std::uintmax_t> inodes = listening_inodes(port);
-    return inodes.empty() ? std::vector<pid_t>() : processes_that([&](pid_t pid) { return has_socket(pid, inodes); });
+    return inodes.empty() ? std::vector<pid_t>()
+                          : processes_that([&](pid_t pid) { return has_socket(pid, inodes); });
 }
 
 std::vector<pid_t> attached_to(int shmid) {
@@ -136,7 +141,8 @@ bool may_have_attached(pid_t pid, int shmid) {
 }
 
 std::string process_text(pid_t pid) {
-    return std::to_string(pid) + " (" + (process_alive(pid) ? process_name(pid) : "no longer there") + ")";
+    return std::to_string(pid) + " (" +
+           (process_alive(pid) ? process_name(pid) : "no longer there") + ")";
 }
 
 std::string process_texts(const std::vector<pid_t>& pids) {

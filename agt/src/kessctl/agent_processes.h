@@ -1,4 +1,5 @@
-// Processes that have to do with a configuration, as /proc shows them. What belongs to other users may stay unseen.
+// Processes that have to do with a configuration, as /proc shows them. What belongs to other users
+// may stay unseen.
 #pragma once
 
 #include <sys/types.h>
@@ -8,7 +9,8 @@
 
 namespace kessctl {
 
-// The daemons that were started with this configuration file or have attached what it names; not their children.
+// The daemons that were started with this configuration file or have attached what it names; not
+// their children.
 std::vector<pid_t> daemons_of(const std::string& cfg_file);
 
 // The processes that listen on a TCP port.

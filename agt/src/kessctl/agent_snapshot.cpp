@@ -18,14 +18,16 @@ namespace {
 
 std::string check_cfg(const std::string& cfg_file) {
     if (cfg_file.empty())
-        return "no configuration: give --config, or name the agent's configuration file in TRAN_AGT_CFG_FILE";
+        return "no configuration: give --config, or name the agent's configuration file in "
+               "TRAN_AGT_CFG_FILE";
     std::FILE* file = agt::open_text_file(cfg_file.c_str());
     if (file == nullptr)
         return cfg_file + ": " + std::strerror(errno);
     std::fclose(file);
-    const bool names_one = std::any_of(std::begin(SHARED_OBJECTS), std::end(SHARED_OBJECTS), [&](const auto& object) {
-        return !cfg_value(cfg_file, object.section(), object.keyword).empty();
-    });
+    const bool names_one =
+        std::any_of(std::begin(SHARED_OBJECTS), std::end(SHARED_OBJECTS), [&](const auto& object) {
+            return !cfg_value(cfg_file, object.section(), object.keyword).empty();
+        });
     return names_one ? "" : cfg_file + " names none of the agent's shared objects";
 }
 
@@ -86,12 +88,15 @@ void read_registry(agent_snapshot& now, const segment_view& agent) {
     if (!agent.copy(offsetof(TRAN_AGT_SHM, proc_num), &count))
         return;
     if (count < 0 || count > PROCESS_INFO_MAX) {
-        now.registry_fault = "proc_num " + std::to_string(count) + " of " + std::to_string(PROCESS_INFO_MAX);
+        now.registry_fault =
+            "proc_num " + std::to_string(count) + " of " + std::to_string(PROCESS_INFO_MAX);
         return;
     }
     for (int row = 0; row < count; ++row) {
         PROCESS_INFO process;
-        if (agent.copy(offsetof(TRAN_AGT_SHM, proc_info) + static_cast<std::size_t>(row) * sizeof process, &process))
+        if (agent.copy(offsetof(TRAN_AGT_SHM, proc_info) +
+                           static_cast<std::size_t>(row) * sizeof process,
+                       &process))
             now.processes.push_back(decode_process(row, process));
     }
 }
@@ -103,7 +108,8 @@ queue_traffic decode_traffic(const QUE_STAT& stat) {
     out.out = stat.out_qcnt;
     out.out_discarded = stat.out_discard_qcnt;
     out.now = stat.cur_qcnt;
-    out.hash_table_percent = std::isfinite(stat.log_hashtbl_used_pcnt) ? stat.log_hashtbl_used_pcnt : 0;
+    out.hash_table_percent =
+        std::isfinite(stat.log_hashtbl_used_pcnt) ? stat.log_hashtbl_used_pcnt : 0;
     return out;
 }
 
@@ -124,8 +130,8 @@ void read_agent_segment(agent_snapshot& now) {
 int agent_snapshot::object_count() const {
     const auto segments_there =
         std::count_if(segments.begin(), segments.end(), [](const auto& s) { return s.exists(); });
-    const auto sets_there =
-        std::count_if(semaphores.begin(), semaphores.end(), [](const auto& s) { return s.object.exists(); });
+    const auto sets_there = std::count_if(semaphores.begin(), semaphores.end(),
+                                          [](const auto& s) { return s.object.exists(); });
     return static_cast<int>(segments_there + sets_there);
 }
 
@@ -136,7 +142,8 @@ agent_snapshot take_snapshot(const std::string& cfg_file) {
     now.cfg_fault = check_cfg(cfg_file);
     if (!now.cfg_fault.empty())
         return now;
-    now.watchdog_on = std::atoi(cfg_value(cfg_file, "KESSARD", "WORKER_CHECK_INTERVAL").c_str()) != 0;
+    now.watchdog_on =
+        std::atoi(cfg_value(cfg_file, "KESSARD", "WORKER_CHECK_INTERVAL").c_str()) != 0;
     now.daemon = find_daemon(cfg_file);
     read_objects(now);
     TRAN_LOGF_QUE_INFO settings;

@@ -1,7 +1,9 @@
-// One look at an agent: a copy of what its shared objects, its daemon and the system say, in plain values.
+// One look at an agent: a copy of what its shared objects, its daemon and the system say, in plain
+// values.
 //
-// Nothing is locked or written, so what is copied may be changing or corrupt. Every count and index has been checked
-// here and every text has an end; what could not be trusted stands in a `fault` instead of in the values.
+// Nothing is locked or written, so what is copied may be changing or corrupt. Every count and index
+// has been checked here and every text has an end; what could not be trusted stands in a `fault`
+// instead of in the values.
 #pragma once
 
 #include <sys/types.h>
@@ -58,7 +60,9 @@ struct fill_level {
     unsigned long slots = 0;
     std::string fault; // a count or an index out of range: the contents are not looked at
 
-    double percent() const { return slots == 0 ? 0 : 100.0 * static_cast<double>(used) / static_cast<double>(slots); }
+    double percent() const {
+        return slots == 0 ? 0 : 100.0 * static_cast<double>(used) / static_cast<double>(slots);
+    }
 };
 
 struct service_row {
@@ -118,7 +122,9 @@ struct agent_snapshot {
     // Objects of either kind that exist.
     int object_count() const;
     // Of the daemon; 0 when it is not known.
-    long long uptime_sec() const { return daemon.pid > 0 && taken > daemon.started ? taken - daemon.started : 0; }
+    long long uptime_sec() const {
+        return daemon.pid > 0 && taken > daemon.started ? taken - daemon.started : 0;
+    }
 };
 
 agent_snapshot take_snapshot(const std::string& cfg_file);

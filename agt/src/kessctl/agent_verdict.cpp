@@ -29,10 +29,13 @@ void judge_daemon(const agent_snapshot& now, reason_list& reasons) {
     if (!daemon.running)
         return;
     if (!daemon.listening)
-        reasons.push_back("nobody listens on the command port " + daemon.address + ":" + std::to_string(daemon.port));
+        reasons.push_back("nobody listens on the command port " + daemon.address + ":" +
+                          std::to_string(daemon.port));
     for (const object_state& segment : now.segments)
-        if (daemon.attachments_known && has_started(now) && segment.exists() && !segment.object->watchdog_only &&
-            std::find(daemon.attached_ids.begin(), daemon.attached_ids.end(), segment.id) == daemon.attached_ids.end())
+        if (daemon.attachments_known && has_started(now) && segment.exists() &&
+            !segment.object->watchdog_only &&
+            std::find(daemon.attached_ids.begin(), daemon.attached_ids.end(), segment.id) ==
+                daemon.attached_ids.end())
             reasons.push_back(std::string(segment.object->keyword) + " " + segment.key +
                               ": the daemon works on another segment, which was removed");
 }
@@ -40,11 +43,13 @@ void judge_daemon(const agent_snapshot& now, reason_list& reasons) {
 void judge_semaphores(const semaphore_set& set, reason_list& reasons) {
     for (std::size_t i = 0; i < set.semaphores.size(); ++i) {
         const semaphore_state& one = set.semaphores[i];
-        const std::string name = std::string(set.object.object->keyword) + "[" + std::to_string(i) + "]";
+        const std::string name =
+            std::string(set.object.object->keyword) + "[" + std::to_string(i) + "]";
         if (one.held() && !one.alive)
             reasons.push_back(name + " is held by the dead process " + std::to_string(one.pid));
         if (one.value > 1)
-            reasons.push_back(name + " has the value " + std::to_string(one.value) + ": it locks nothing");
+            reasons.push_back(name + " has the value " + std::to_string(one.value) +
+                              ": it locks nothing");
     }
 }
 
@@ -52,12 +57,13 @@ void judge_registry(const agent_snapshot& now, reason_list& reasons) {
     if (!now.registry_fault.empty())
         reasons.push_back("the process registry is corrupt: " + now.registry_fault);
     for (const process_row& process : now.processes) {
-        const std::string name = "process " + process.program + " (row " + std::to_string(process.row) + ")";
+        const std::string name =
+            "process " + process.program + " (row " + std::to_string(process.row) + ")";
         if (process.dead())
             reasons.push_back(name + " is dead: there is no pid " + std::to_string(process.pid));
         else if (!process.as_wanted())
-            reasons.push_back(name + " is in state " + std::to_string(process.state) + ", wanted is " +
-                              std::to_string(process.wanted));
+            reasons.push_back(name + " is in state " + std::to_string(process.state) +
+                              ", wanted is " + std::to_string(process.wanted));
     }
 }
 
@@ -83,8 +89,8 @@ void judge_settings(const agent_snapshot& now, reason_list& reasons) {
     if (!now.settings || (now.settings->qcnt >= 1 && now.settings->qcnt <= LOG_QUE_MAX &&
                           now.settings->qcnt_mask == now.settings->qcnt - 1))
         return;
-    reasons.push_back("the settings name " + std::to_string(now.settings->qcnt) + " log queues with the mask " +
-                      std::to_string(now.settings->qcnt_mask));
+    reasons.push_back("the settings name " + std::to_string(now.settings->qcnt) +
+                      " log queues with the mask " + std::to_string(now.settings->qcnt_mask));
 }
 
 std::string absence(const agent_snapshot& now) {

@@ -20,8 +20,8 @@ struct agent_verdict {
     std::vector<std::string> reasons; // empty only when all is well
 };
 
-// A queue, or the service or trace table, filled to `full_percent` is a reason. The cache table is meant to fill up and
-// traced processes are meant to end, so these are none.
+// A queue, or the service or trace table, filled to `full_percent` is a reason. The cache table is
+// meant to fill up and traced processes are meant to end, so these are none.
 agent_verdict judge(const agent_snapshot& now, double full_percent);
 
 // "ok", "degraded", "absent".

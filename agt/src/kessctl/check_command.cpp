@@ -24,15 +24,18 @@ const char* name_of(severity level) {
 }
 
 long count(const std::vector<finding>& found, severity level) {
-    return std::count_if(found.begin(), found.end(), [level](const finding& one) { return one.level == level; });
+    return std::count_if(found.begin(), found.end(),
+                         [level](const finding& one) { return one.level == level; });
 }
 
 void print_text(const std::string& path, const std::vector<finding>& found) {
     for (const finding& one : found)
-        std::printf("%s:%d: %s: %s: %s%s%s\n", path.c_str(), one.line, name_of(one.level), one.key.c_str(),
-                    one.what.c_str(), one.allowed.empty() ? "" : ", allowed: ", one.allowed.c_str());
-    std::printf("%s: %zu keys checked, errors: %ld, warnings: %ld\n", path.c_str(), config_keys().size(),
-                count(found, severity::error), count(found, severity::warning));
+        std::printf("%s:%d: %s: %s: %s%s%s\n", path.c_str(), one.line, name_of(one.level),
+                    one.key.c_str(), one.what.c_str(),
+                    one.allowed.empty() ? "" : ", allowed: ", one.allowed.c_str());
+    std::printf("%s: %zu keys checked, errors: %ld, warnings: %ld\n", path.c_str(),
+                config_keys().size(), count(found, severity::error),
+                count(found, severity::warning));
 }
 
 void print_json(const std::string& path, const std::vector<finding>& found) {
@@ -59,7 +62,8 @@ exit_status check(const check_options& chosen) {
     const char* home = std::getenv("TRAN_AGT_HOME");
     const std::vector<finding> found = check_config(file, home == nullptr ? "" : home);
     (chosen.json ? print_json : print_text)(chosen.cfg_file, found);
-    const bool bad = count(found, severity::error) > 0 || (chosen.strict && count(found, severity::warning) > 0);
+    const bool bad =
+        count(found, severity::error) > 0 || (chosen.strict && count(found, severity::warning) > 0);
     return bad ? EXIT_REFUSED : EXIT_OK;
 }
 
@@ -67,14 +71,16 @@ exit_status check(const check_options& chosen) {
 
 void add_check_config(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<check_options>();
-    CLI::App* command =
-        app.add_subcommand("check-config", "Check everything that the daemon reads from its configuration");
-    command->add_option("FILE", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    CLI::App* command = app.add_subcommand(
+        "check-config", "Check everything that the daemon reads from its configuration");
+    command->add_option("FILE", chosen->cfg_file,
+                        "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->add_flag("--strict", chosen->strict, "Count warnings as errors");
     command->add_flag("--json", chosen->json, "Print the findings as JSON");
-    command->footer(
-        "A finding is FILE:LINE: error|warning|note: KEY: what, allowed: values. Relative paths are taken\n"
-        "under TRAN_AGT_HOME. Exit status 0 without errors, 1 with errors, 2 when the file cannot be read.");
+    command->footer("A finding is FILE:LINE: error|warning|note: KEY: what, allowed: values. "
+                    "Relative paths are taken\n"
+                    "under TRAN_AGT_HOME. Exit status 0 without errors, 1 with errors, 2 when the "
+                    "file cannot be read.");
     command->callback([chosen, status] { *status = check(*chosen); });
 }
 

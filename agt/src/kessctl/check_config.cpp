@@ -1,7 +1,8 @@
 // The check of a configuration file.
 //
-// The reader decides what the daemon sees; what it passes over is looked for only to say so. First the lines and the
-// sections, then every key by itself, then what concerns several keys and the running system.
+// The reader decides what the daemon sees; what it passes over is looked for only to say so. First
+// the lines and the sections, then every key by itself, then what concerns several keys and the
+// running system.
 #include "check_config.h"
 
 #include <arpa/inet.h>
@@ -65,11 +66,15 @@ void check_section(checker& check, const std::string& section) {
     for (int i = header + 1; header >= 0 && i < static_cast<int>(check.file.pieces().size()); ++i)
         if (check.file.at(i).text.starts_with(written))
             check.add(check.file.at(i).line,
-                      check.file.at(header).text.starts_with(written) ? severity::warning : severity::error, written,
-                      "not read: line " + std::to_string(check.file.at(header).line) + " counts as its header");
+                      check.file.at(header).text.starts_with(written) ? severity::warning
+                                                                      : severity::error,
+                      written,
+                      "not read: line " + std::to_string(check.file.at(header).line) +
+                          " counts as its header");
     if (header >= 0 && !check.file.at(header).text.starts_with(written))
         check.add(check.file.at(header).line, severity::warning, written,
-                  "this line counts as its header: a name of the same length in the brackets, and the section's name "
+                  "this line counts as its header: a name of the same length in the brackets, and "
+                  "the section's name "
                   "anywhere in the line");
 }
 
@@ -101,19 +106,22 @@ void check_absent(checker& check, const config_key& key) {
     if (header < 0) {
         if (key.need != key_need::never)
             check.add(check.file.last_line(), severity::error, key,
-                      std::string("missing: there is no section [") + key.section + "]" + missing_text(key));
+                      std::string("missing: there is no section [") + key.section + "]" +
+                          missing_text(key));
         return;
     }
     const auto [first, end] = check.file.body_of(header);
     for (int i = first; i < end; ++i)
         if (is_meant_for(check.file.at(i).text, key)) {
-            check.add(check.file.at(i).line, severity::error, key,
-                      "missing: a blank must stand between the keyword and the '=', and capitals count" +
-                          missing_text(key));
+            check.add(
+                check.file.at(i).line, severity::error, key,
+                "missing: a blank must stand between the keyword and the '=', and capitals count" +
+                    missing_text(key));
             return;
         }
     if (key.need != key_need::never)
-        check.add(check.file.at(header).line, severity::error, key, "missing in this section" + missing_text(key));
+        check.add(check.file.at(header).line, severity::error, key,
+                  "missing in this section" + missing_text(key));
 }
 
 void check_repeated(checker& check, const config_key& key, int entry) {
@@ -121,14 +129,16 @@ void check_repeated(checker& check, const config_key& key, int entry) {
     for (int i = entry + 1; i < end; ++i)
         if (first_word(check.file.at(i).text) == key.keyword)
             check.add(check.file.at(i).line, severity::warning, key,
-                      "not read: the value of line " + std::to_string(check.file.at(entry).line) + " counts");
+                      "not read: the value of line " + std::to_string(check.file.at(entry).line) +
+                          " counts");
 }
 
 // A word behind the one that counts, unless it starts a remark.
 void check_rest(checker& check, const config_key& key, int line) {
     const std::string next = check.file.word_of(key, key.word + 1);
     if (!next.empty() && !next.starts_with('#') && key.word == 1 && key.kind != key_kind::addresses)
-        check.add(line, severity::warning, key, "'" + next + "' is not read, only the first word counts");
+        check.add(line, severity::warning, key,
+                  "'" + next + "' is not read, only the first word counts");
 }
 
 // What the daemon reads for a key: a word, or all of them.
@@ -149,7 +159,8 @@ void check_key(checker& check, const config_key& key) {
     if (word.empty() && key.kind != key_kind::addresses) {
         if (key.need != key_need::never)
             check.add(line, severity::error, key,
-                      "missing: the value has no word " + std::to_string(key.word) + missing_text(key));
+                      "missing: the value has no word " + std::to_string(key.word) +
+                          missing_text(key));
         return;
     }
     check_rest(check, key, line);
@@ -191,14 +202,16 @@ void check_objects(checker& check) {
         const config_key& key = key_of(object.section(), object.keyword);
         if (now.exists() && now.size != 0 && now.size != object.size)
             check.add(line_of(check.file, key), severity::warning, key,
-                      "an object of that key exists with " + std::to_string(now.size) + " instead of " +
-                          std::to_string(object.size) +
+                      "an object of that key exists with " + std::to_string(now.size) +
+                          " instead of " + std::to_string(object.size) +
                           (object.kind == object_kind::segment ? " bytes" : " semaphores") +
-                          (now.size < object.size ? ": the daemon cannot use it" : ": it may be another program's"));
+                          (now.size < object.size ? ": the daemon cannot use it"
+                                                  : ": it may be another program's"));
     }
 }
 
-// What a program that listens there would be told; a port that is bound without listening disturbs nobody.
+// What a program that listens there would be told; a port that is bound without listening disturbs
+// nobody.
 int try_port(const char* address, int port) {
     const agt::unique_fd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int reuse = 1;
@@ -215,11 +228,13 @@ void report_used_port(checker& check, int port) {
     const int line = line_of(check.file, key);
     const std::vector<pid_t> holders = listeners_of(port);
     const std::vector<pid_t> daemons = daemons_of(check.file.path());
-    const auto own = std::find_first_of(daemons.begin(), daemons.end(), holders.begin(), holders.end());
+    const auto own =
+        std::find_first_of(daemons.begin(), daemons.end(), holders.begin(), holders.end());
     const std::string number = "port " + std::to_string(port);
     if (own != daemons.end())
         check.add(line, severity::note, key_name(key),
-                  number + " is held by the running agent of this configuration, " + process_text(*own));
+                  number + " is held by the running agent of this configuration, " +
+                      process_text(*own));
     else
         check.add(line, severity::warning, key_name(key),
                   number + " is in use" + (holders.empty() ? "" : " by " + process_texts(holders)) +
@@ -236,7 +251,8 @@ void check_port(checker& check) {
     if (refused == EADDRINUSE)
         report_used_port(check, port);
     else if (refused == EACCES)
-        check.add(line_of(check.file, key), severity::warning, key, "this user may not listen on that port");
+        check.add(line_of(check.file, key), severity::warning, key,
+                  "this user may not listen on that port");
 }
 
 // The script runs only when that is switched on. One with shell characters is more than a path.
@@ -247,10 +263,11 @@ void check_script(checker& check) {
         return;
     const std::string path = full_path(word, check.home);
     if (word.empty())
-        check.add(line_of(check.file, key_of("SERVICE_HASH", "DAILY_UPDATE_YN")), severity::error, key,
-                  "missing, and the daily update is on");
+        check.add(line_of(check.file, key_of("SERVICE_HASH", "DAILY_UPDATE_YN")), severity::error,
+                  key, "missing, and the daily update is on");
     else if (word.find_first_of("$`'\"|&;<>()*?~") == word.npos && access(path.c_str(), X_OK) != 0)
-        check.add(line_of(check.file, key), severity::error, key, path + ": " + std::strerror(errno));
+        check.add(line_of(check.file, key), severity::error, key,
+                  path + ": " + std::strerror(errno));
 }
 
 } // namespace

@@ -9,7 +9,8 @@
 
 namespace kessctl {
 
-// An error is what stops the daemon, or makes it do something else than what is written; a note is no reason to worry.
+// An error is what stops the daemon, or makes it do something else than what is written; a note is
+// no reason to worry.
 struct finding {
     int line;
     severity level;

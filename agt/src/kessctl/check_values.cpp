@@ -45,7 +45,8 @@ std::vector<std::string> split(const std::string& text) {
 verdict check_number(const config_key& key, const std::string& word) {
     const std::string digits = word.substr(word.starts_with('+') || word.starts_with('-') ? 1 : 0);
     if (!all_of(digits, DECIMAL))
-        return {in_quotes(word) + " is not a number; the daemon reads " + std::to_string(number_read(word))};
+        return {in_quotes(word) + " is not a number; the daemon reads " +
+                std::to_string(number_read(word))};
     long number = 0;
     const char* start = word.data() + (word.starts_with('+') ? 1 : 0);
     const auto read = std::from_chars(start, word.data() + word.size(), number);
@@ -64,7 +65,9 @@ verdict check_length(const config_key& key, const std::string& word) {
 
 verdict check_choice(const config_key& key, const std::string& word) {
     const std::string choices = std::string(" ") + key.unit + " ";
-    return {choices.find(" " + word + " ") == choices.npos ? in_quotes(word) + " is none of its values" : ""};
+    return {choices.find(" " + word + " ") == choices.npos
+                ? in_quotes(word) + " is none of its values"
+                : ""};
 }
 
 verdict check_time_of_day(const config_key& key, const std::string& word) {
@@ -88,7 +91,8 @@ bool is_own(in_addr address) {
     sockaddr_in own{};
     own.sin_family = AF_INET;
     own.sin_addr = address;
-    return bind(probe.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 || errno != EADDRNOTAVAIL;
+    return bind(probe.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 ||
+           errno != EADDRNOTAVAIL;
 }
 
 verdict check_own_address(const std::string& word) {
@@ -110,7 +114,8 @@ verdict check_addresses(const std::string& list) {
     for (const std::string& item : split(list)) {
         agt::address_block block;
         if (!item.empty() && !agt::parse_address_block(item.c_str(), &block))
-            return {in_quotes(item) + " is no address and no block of addresses; the daemon does not start"};
+            return {in_quotes(item) +
+                    " is no address and no block of addresses; the daemon does not start"};
         any = any || !item.empty();
     }
     return {any ? "" : "it names no address; the daemon does not start"};
@@ -120,14 +125,17 @@ verdict check_addresses(const std::string& list) {
 verdict check_names(const config_key& key, const std::string& word) {
     std::vector<std::string> all = split(word);
     const auto empty = std::find(all.begin(), all.end(), "");
-    const auto lost = std::find_if(empty, all.end(), [](const std::string& name) { return !name.empty(); });
+    const auto lost =
+        std::find_if(empty, all.end(), [](const std::string& name) { return !name.empty(); });
     if (lost != all.end())
         return {"an empty name ends the list in front of " + in_quotes(*lost)};
     all.erase(empty, all.end());
     for (const std::string& name : all)
         if (name.size() > SKIPPED_NAME_MAX)
             return {in_quotes(name) + " is too long; it never matches a program"};
-    return {static_cast<long>(all.size()) > key.most ? std::to_string(all.size()) + " names are too many" : ""};
+    return {static_cast<long>(all.size()) > key.most
+                ? std::to_string(all.size()) + " names are too many"
+                : ""};
 }
 
 // Why the directory is of no use; empty when files can be made and removed in it.

@@ -14,9 +14,9 @@ struct verdict {
     severity level = severity::error;
 };
 
-// Judges the word that the daemon reads for a key, by itself; of addresses all words, with commas between them.
-// Relative paths are taken under `home`; with an empty one they cannot be judged. A script's own existence is not
-// looked at.
+// Judges the word that the daemon reads for a key, by itself; of addresses all words, with commas
+// between them. Relative paths are taken under `home`; with an empty one they cannot be judged. A
+// script's own existence is not looked at.
 verdict check_value(const config_key& key, const std::string& word, const std::string& home);
 
 // The path of a value under `home`, whole.

@@ -38,10 +38,11 @@ bool is_segment(const object_state& state) {
 }
 
 void list(const object_state& state) {
-    std::printf("%-26s %11s  %-18s %10zu %s", state.object->keyword, state.key.c_str(), state.object->name, state.size,
-                is_segment(state) ? "bytes" : "semaphores");
+    std::printf("%-26s %11s  %-18s %10zu %s", state.object->keyword, state.key.c_str(),
+                state.object->name, state.size, is_segment(state) ? "bytes" : "semaphores");
     if (state.attaches > 0)
-        std::printf(", attached %lu times: %s", state.attaches, process_texts(attached_to(state.id)).c_str());
+        std::printf(", attached %lu times: %s", state.attaches,
+                    process_texts(attached_to(state.id)).c_str());
     std::printf("\n");
 }
 
@@ -51,7 +52,8 @@ std::string obstacle(const object_state& state) {
         return state.fault;
     if (state.attaches > 0)
         return "processes are attached to it";
-    return state.size == state.object->size ? "" : "it has another size and may be another program's";
+    return state.size == state.object->size ? ""
+                                            : "it has another size and may be another program's";
 }
 
 std::string obstacle(const std::string& cfg_file, const std::vector<object_state>& states) {
@@ -94,8 +96,9 @@ exit_status remove_all(const std::vector<object_state>& states) {
 // What may have changed while the operator thought is looked at again.
 exit_status clean(const clean_options& chosen) {
     config_file file;
-    const std::string wrong =
-        chosen.cfg_file.empty() ? "no file: give --config, or set TRAN_AGT_CFG_FILE" : file.open(chosen.cfg_file);
+    const std::string wrong = chosen.cfg_file.empty()
+                                  ? "no file: give --config, or set TRAN_AGT_CFG_FILE"
+                                  : file.open(chosen.cfg_file);
     if (!wrong.empty())
         return complain(wrong);
     std::vector<object_state> states = existing_objects(chosen.cfg_file);
@@ -120,13 +123,15 @@ exit_status clean(const clean_options& chosen) {
 void add_clean(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<clean_options>();
     CLI::App* command = app.add_subcommand("clean", "Remove the shared objects of a configuration");
-    command->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    command->add_option("--config,--cfg", chosen->cfg_file,
+                        "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->add_flag("--yes", chosen->yes, "Do not ask");
-    command->add_flag("--force", chosen->force,
-                      "Even while the daemon runs, processes are attached, or an object has another size");
-    command->footer(
-        "Exit status 0 when all that there was is removed, 1 when nothing was removed because it is in use\n"
-        "or was not confirmed, 2 when the configuration or an object made trouble.");
+    command->add_flag(
+        "--force", chosen->force,
+        "Even while the daemon runs, processes are attached, or an object has another size");
+    command->footer("Exit status 0 when all that there was is removed, 1 when nothing was removed "
+                    "because it is in use\n"
+                    "or was not confirmed, 2 when the configuration or an object made trouble.");
     command->callback([chosen, status] { *status = clean(*chosen); });
 }
 

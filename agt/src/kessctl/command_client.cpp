@@ -53,7 +53,8 @@ bool command_client::connect(const std::string& host, int port, int limit_ms) {
     sockfd_.reset(agt::create_tcp_client_session(host.c_str(), port, 0));
     if (sockfd_.valid())
         return true;
-    return fail(std::string("cannot connect: ") + (errno != 0 ? std::strerror(errno) : "no such host"));
+    return fail(std::string("cannot connect: ") +
+                (errno != 0 ? std::strerror(errno) : "no such host"));
 }
 
 bool command_client::send_bytes(const void* bytes, std::size_t length, int limit_ms) {
@@ -75,7 +76,8 @@ bool command_client::receive_bytes(void* out, std::size_t length, int limit_ms) 
 bool command_client::receive(TCP_CMD_MSG* out, int limit_ms) {
     if (!receive_bytes(out, sizeof *out, limit_ms))
         return false;
-    return agt::magic_bit_check(sockfd_.get(), out) == 1 || fail("the answer does not start with the magic bytes");
+    return agt::magic_bit_check(sockfd_.get(), out) == 1 ||
+           fail("the answer does not start with the magic bytes");
 }
 
 bool command_client::request(const TCP_CMD_MSG& question, TCP_CMD_MSG* answer, int limit_ms) {

@@ -1,7 +1,7 @@
 // A connection to a daemon's command port, as the central server makes it.
 //
-// Every call has a limit of its own: while it runs, a timer is the cancel descriptor of the calling thread. One thread
-// at a time.
+// Every call has a limit of its own: while it runs, a timer is the cancel descriptor of the calling
+// thread. One thread at a time.
 #pragma once
 
 #include <string>
@@ -15,7 +15,8 @@ inline constexpr int COMMAND_LIMIT_MS = 10000;
 
 class command_client {
   public:
-    // Connects, dropping an earlier connection. Every call is false when it failed, and error() then says why.
+    // Connects, dropping an earlier connection. Every call is false when it failed, and error()
+    // then says why.
     bool connect(const std::string& host, int port, int limit_ms = COMMAND_LIMIT_MS);
 
     // Sends `length` bytes of any content.
@@ -29,7 +30,8 @@ class command_client {
     // Sends a request and receives the response that belongs to it; another type is a failure.
     bool request(const TCP_CMD_MSG& question, TCP_CMD_MSG* answer, int limit_ms = COMMAND_LIMIT_MS);
 
-    // Waits until the peer has closed the connection; false when it sent something or the limit ran out.
+    // Waits until the peer has closed the connection; false when it sent something or the limit ran
+    // out.
     bool wait_closed(int limit_ms = COMMAND_LIMIT_MS);
 
     void close() { sockfd_.reset(); }

@@ -5,7 +5,8 @@
 
 namespace kessctl {
 
-// Each adds its subcommand to `app`, which stores its outcome in *status when it was the one chosen.
+// Each adds its subcommand to `app`, which stores its outcome in *status when it was the one
+// chosen.
 void add_serve(CLI::App& app, exit_status* status);
 void add_renew(CLI::App& app, exit_status* status);
 void add_set_config(CLI::App& app, exit_status* status);

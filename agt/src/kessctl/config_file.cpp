@@ -20,7 +20,8 @@ constexpr char BLANKS[] = " \t\n\v\f\r";
 
 std::string config_file::open(const std::string& path) {
     path_ = path;
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(agt::open_text_file(path.c_str()), std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(agt::open_text_file(path.c_str()),
+                                                               std::fclose);
     struct stat about {};
     if (file == nullptr || fstat(fileno(file.get()), &about) != 0)
         return path + ": " + std::strerror(errno);

@@ -1,5 +1,5 @@
-// A configuration file as the daemon's reader sees it: in pieces of at most 255 characters, the value of a key where
-// the reader finds it, and where in the file that is.
+// A configuration file as the daemon's reader sees it: in pieces of at most 255 characters, the
+// value of a key where the reader finds it, and where in the file that is.
 #pragma once
 
 #include <string>
@@ -23,7 +23,8 @@ class config_file {
     const std::vector<cfg_piece>& pieces() const { return pieces_; }
     int last_line() const { return pieces_.empty() ? 1 : pieces_.back().line; }
 
-    // Index of the piece that the reader takes for the header of a section, or for the entry of a key in it; -1: none.
+    // Index of the piece that the reader takes for the header of a section, or for the entry of a
+    // key in it; -1: none.
     int header_of(const char* section) const;
     int entry_of(const config_key& key) const;
 

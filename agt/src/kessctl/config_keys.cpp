@@ -19,17 +19,21 @@ constexpr config_key semaphore_key_of(const char* keyword, key_need need, const 
     return {"IPC_SEMAPHORE", keyword, 1, semaphore_key, 1, HIGHEST_KEY, "", need, "", help};
 }
 
-// The widths of texts are those of the daemon's buffers; of LOG_HOME, what "/proc/kessard" leaves of one.
+// The widths of texts are those of the daemon's buffers; of LOG_HOME, what "/proc/kessard" leaves
+// of one.
 constexpr config_key KEYS[] = {
     {"COMMON", "LOG_HOME", 1, log_directory, 1, 114, "", start, "", "Base of the log directory"},
-    {"TRAN_AGENT", "IP_ADDRESS", 1, own_address, 1, 15, "", start, "", "Address on which the daemon takes commands"},
-    {"TRAN_AGENT", "CMD_PORT", 1, port, 1, 65535, "", start, "", "TCP port on which the daemon takes commands"},
+    {"TRAN_AGENT", "IP_ADDRESS", 1, own_address, 1, 15, "", start, "",
+     "Address on which the daemon takes commands"},
+    {"TRAN_AGENT", "CMD_PORT", 1, port, 1, 65535, "", start, "",
+     "TCP port on which the daemon takes commands"},
     {"TRAN_AGENT", "ALLOWED_ADDRESSES", 1, addresses, 1, 254, "", never, "everybody",
      "Addresses from which commands are taken"},
     {"TRAN_AGENT", "REMOTE_COMMANDS_YN", 1, yes_no, 1, 1, "", never, "Y",
      "Whether remote commands and file transfers are served"},
     {"TRAN_SERVER", "IP_ADDRESS", 1, host, 1, 127, "", start, "", "Address of the central server"},
-    {"TRAN_SERVER", "CMD_PORT", 1, port, 1, 65535, "", start, "", "Command port of the central server"},
+    {"TRAN_SERVER", "CMD_PORT", 1, port, 1, 65535, "", start, "",
+     "Command port of the central server"},
     {"ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1, number, INT_MIN, INT_MAX, "ms", start, "",
      "Time after which a running service is reported as active; 0 or less switches that off"},
     segment_key_of("TRAN_LOGF_QUE_INFO_SHMKEY", start, "Key of the runtime settings"),
@@ -40,11 +44,13 @@ constexpr config_key KEYS[] = {
     segment_key_of("TRAN_AGT_SHMKEY", start, "Key of the agent segment"),
     segment_key_of("PARSE_LOG_QUE_SHMKEY", watchdog, "Key of the parse-log queues"),
     semaphore_key_of("SVC_HASH_TBL_SEMKEY", start, "Key of the semaphore of the service table"),
-    semaphore_key_of("NOTI_SEND_QUE_SEMKEY", start, "Key of the semaphore of the notification queue"),
+    semaphore_key_of("NOTI_SEND_QUE_SEMKEY", start,
+                     "Key of the semaphore of the notification queue"),
     semaphore_key_of("PTRC_HASH_TBL_SEMKEY", start, "Key of the semaphore of the trace table"),
     semaphore_key_of("JCACHE_HASH_TBL_SEMKEY", start, "Key of the semaphore of the cache table"),
     semaphore_key_of("TRAN_AGT_SEMKEY", start, "Key of the semaphores of the agent segment"),
-    semaphore_key_of("PARSE_LOG_QUE_SEMKEY", watchdog, "Key of the semaphores of the parse-log queues"),
+    semaphore_key_of("PARSE_LOG_QUE_SEMKEY", watchdog,
+                     "Key of the semaphores of the parse-log queues"),
     {"SERVICE_HASH", "DAILY_UPDATE_HHMI", 1, time_of_day, 4, 4, "", never, "----",
      "Local time of the daily service update"},
     {"SERVICE_HASH", "DAILY_UPDATE_SCRIPT", 1, script, 1, 255, "", never, "none",
@@ -53,20 +59,24 @@ constexpr config_key KEYS[] = {
      "Whether the daily time and the trigger file run the script"},
     {"SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", 1, number, 0, INT_MAX, "s", start, "",
      "Time limit of a service that comes without one"},
-    {"TRAN_LOGF", "LOG_INTERFACE", 1, text, 2, 2, "", start, "", "Name of the log interface in reports and events"},
-    {"TRAN_LOGF", "TR_SECTION", 1, text, 1, 1, "", start, "", "Name of the transaction-log section in events"},
+    {"TRAN_LOGF", "LOG_INTERFACE", 1, text, 2, 2, "", start, "",
+     "Name of the log interface in reports and events"},
+    {"TRAN_LOGF", "TR_SECTION", 1, text, 1, 1, "", start, "",
+     "Name of the transaction-log section in events"},
     {"TRAN_LOGF", "QUE_CNT", 1, choice, 1, 16, "1 2 4 8 16", start, "",
      "Log queues of runtime settings that are created"},
     {"CHECK_FILES", "SVC_UPDATE_CHK_FILE", 1, file, 1, 255, "", start, "",
      "File whose existence triggers a service update"},
     {"PTRC_HASH", "TRC_STS_CHECK_PERIOD", 1, number, 0, INT_MAX, "s", start, "",
      "Time between two sweeps of the trace table; 0 is never"},
-    {"CHECK_API_STAT", "ACT", 4, file, 1, 511, "", start, "", "API statistics file, the fourth word of the value"},
+    {"CHECK_API_STAT", "ACT", 4, file, 1, 511, "", start, "",
+     "API statistics file, the fourth word of the value"},
     {"KESSARD", "WORKER_CHECK_INTERVAL", 1, number, 0, INT_MAX / 1000, "s", watchdog, "",
      "Time between two passes of the worker watchdog; 0 switches it off"},
     {"KESSARD", "WORKER_REST_INTERVAL", 1, number, 60, INT_MAX, "s", watchdog, "",
      "Time without activity after which a worker is reported"},
-    {"KESSARD", "WORKER_MODE", 1, choice, 1, 7, "PROCESS THREAD process thread", watchdog, "", "What is watched"},
+    {"KESSARD", "WORKER_MODE", 1, choice, 1, 7, "PROCESS THREAD process thread", watchdog, "",
+     "What is watched"},
     {"KESSARD", "SKIP_PROC", 1, names, 0, 20, "", watchdog, "", "Programs that are never reported"},
 };
 
@@ -79,7 +89,8 @@ std::string number_text(const config_key& key) {
 }
 
 std::string text_length(const config_key& key) {
-    const std::string most = std::to_string(key.most) + (key.most == 1 ? " character" : " characters");
+    const std::string most =
+        std::to_string(key.most) + (key.most == 1 ? " character" : " characters");
     return key.least == key.most ? most : "up to " + most;
 }
 
@@ -129,8 +140,8 @@ std::string allowed_text(const config_key& key) {
     case addresses:
         return "IPv4 addresses or blocks such as 10.0.0.0/8, separated by commas";
     case names:
-        return "up to " + std::to_string(key.most) + " names of up to " + std::to_string(SKIPPED_NAME_MAX) +
-               " characters, separated by commas";
+        return "up to " + std::to_string(key.most) + " names of up to " +
+               std::to_string(SKIPPED_NAME_MAX) + " characters, separated by commas";
     case log_directory:
         return path_text("a directory with a writable proc/kessard", key);
     case script:

@@ -39,9 +39,10 @@ process_stat read_stat(pid_t pid) {
     std::getline(std::ifstream(proc_file(pid, "stat")), text, '\0');
     const std::size_t name_end = text.rfind(')'); // the name may hold anything
     if (name_end != text.npos)
-        std::sscanf(text.c_str() + name_end + 1,
-                    " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %lld", &stat.state,
-                    &stat.parent, &stat.start_ticks);
+        std::sscanf(
+            text.c_str() + name_end + 1,
+            " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %lld",
+            &stat.state, &stat.parent, &stat.start_ticks);
     return stat;
 }
 
@@ -61,7 +62,8 @@ struct candidate {
     std::vector<int> attached_ids;
 };
 
-// The identifiers of the segments of `keys` that a process has attached. False when its map cannot be read.
+// The identifiers of the segments of `keys` that a process has attached. False when its map cannot
+// be read.
 bool read_attached(pid_t pid, const std::set<unsigned>& keys, std::vector<int>* ids) {
     std::ifstream maps(proc_file(pid, "maps"));
     std::string line;
@@ -70,9 +72,11 @@ bool read_attached(pid_t pid, const std::set<unsigned>& keys, std::vector<int>* 
     do {
         unsigned long inode = 0;
         unsigned key = 0;
-        const bool segment = std::sscanf(line.c_str(), "%*s %*s %*s %*s %lu /SYSV%8x", &inode, &key) == 2;
+        const bool segment =
+            std::sscanf(line.c_str(), "%*s %*s %*s %*s %lu /SYSV%8x", &inode, &key) == 2;
         if (segment && keys.contains(key))
-            ids->push_back(static_cast<int>(inode)); // a segment's identifier is the inode number of its file
+            ids->push_back(
+                static_cast<int>(inode)); // a segment's identifier is the inode number of its file
     } while (std::getline(maps, line));
     return true;
 }
@@ -81,8 +85,8 @@ std::set<unsigned> segment_keys(const std::string& cfg_file) {
     std::set<unsigned> keys;
     for (const shared_object& object : SHARED_OBJECTS)
         if (object.kind == object_kind::segment)
-            keys.insert(static_cast<unsigned>(
-                std::strtol(cfg_value(cfg_file, object.section(), object.keyword).c_str(), nullptr, 10)));
+            keys.insert(static_cast<unsigned>(std::strtol(
+                cfg_value(cfg_file, object.section(), object.keyword).c_str(), nullptr, 10)));
     keys.erase(0);
     return keys;
 }
@@ -90,7 +94,8 @@ std::set<unsigned> segment_keys(const std::string& cfg_file) {
 std::vector<candidate> list_candidates(const std::set<unsigned>& keys) {
     std::vector<candidate> found;
     std::error_code error;
-    for (std::filesystem::directory_iterator at("/proc", error), end; !error && at != end; at.increment(error)) {
+    for (std::filesystem::directory_iterator at("/proc", error), end; !error && at != end;
+         at.increment(error)) {
         candidate one;
         one.pid = std::atoi(at->path().filename().c_str());
         if (one.pid <= 0 || process_name(one.pid) != DAEMON_NAME || !process_alive(one.pid))
@@ -112,7 +117,8 @@ bool port_listens(const std::string& address, int port) {
         unsigned local = 0;
         unsigned local_port = 0;
         unsigned state = 0;
-        if (std::sscanf(line.c_str(), " %*d: %8x:%4x %*8x:%*4x %2x", &local, &local_port, &state) == 3 &&
+        if (std::sscanf(line.c_str(), " %*d: %8x:%4x %*8x:%*4x %2x", &local, &local_port, &state) ==
+                3 &&
             state == TCP_LISTENS && static_cast<int>(local_port) == port &&
             (!dotted || local == 0 || local == wanted.s_addr))
             return true;
@@ -149,7 +155,8 @@ daemon_state find_daemon(const std::string& cfg_file) {
     state.listening = port_listens(state.address, state.port);
     std::vector<candidate> candidates = list_candidates(segment_keys(cfg_file));
     drop_children(candidates);
-    const auto sure = std::find_if(candidates.begin(), candidates.end(), [](const auto& one) { return one.readable; });
+    const auto sure = std::find_if(candidates.begin(), candidates.end(),
+                                   [](const auto& one) { return one.readable; });
     const bool only_one = candidates.size() == 1;
     state.running = sure != candidates.end() || (!candidates.empty() && state.listening);
     if (!state.running || (sure == candidates.end() && !only_one))

@@ -1,8 +1,9 @@
 // Finding the daemon of a configuration among the processes of the host.
 //
-// The daemon leaves no pid file. It is the process named kessard that has a segment of the configuration's keys
-// attached; its children, which serve requests, have it too and are told by their parent. What another user's process
-// has attached cannot be seen: then a listening command port speaks for the one process of that name.
+// The daemon leaves no pid file. It is the process named kessard that has a segment of the
+// configuration's keys attached; its children, which serve requests, have it too and are told by
+// their parent. What another user's process has attached cannot be seen: then a listening command
+// port speaks for the one process of that name.
 #pragma once
 
 #include <sys/types.h>

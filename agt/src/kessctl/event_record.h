@@ -8,7 +8,8 @@
 
 namespace kessctl {
 
-// The text fields of an event record in their order, each up to its terminator or its end and without trailing blanks.
+// The text fields of an event record in their order, each up to its terminator or its end and
+// without trailing blanks.
 std::vector<field_value> decode_event(const LOG_HASH_ARR& record);
 
 } // namespace kessctl

@@ -48,14 +48,16 @@ bool receive_output(command_client& client, std::size_t length, int limit_ms, st
 
 } // namespace
 
-std::string plan_requests(const ext_form& form, const std::vector<std::string>& items, std::vector<ext_request>* out) {
+std::string plan_requests(const ext_form& form, const std::vector<std::string>& items,
+                          std::vector<ext_request>* out) {
     out->clear();
     for (std::size_t i = 0; i < items.size(); ++i) {
         const std::size_t head_size = form.head.empty() ? 0 : form.head.size() + 1;
         if (head_size + items[i].size() > DATA_MAX)
-            return std::string("'") + items[i].substr(0, 60) + "...' is too long: a request carries " +
-                   std::to_string(DATA_MAX) + " bytes";
-        if (out->empty() || out->back().count == form.most || out->back().data.size() + 1 + items[i].size() > DATA_MAX)
+            return std::string("'") + items[i].substr(0, 60) +
+                   "...' is too long: a request carries " + std::to_string(DATA_MAX) + " bytes";
+        if (out->empty() || out->back().count == form.most ||
+            out->back().data.size() + 1 + items[i].size() > DATA_MAX)
             out->push_back({form.code, form.head, i, 0});
         ext_request& request = out->back();
         if (!request.data.empty())
@@ -68,15 +70,16 @@ std::string plan_requests(const ext_form& form, const std::vector<std::string>& 
 
 ext_form command_form(int time_value) {
     const int most = std::min<int>(time_value == 0 ? DEFAULT_TIME_VALUE : time_value, EXT_ITEM_MAX);
-    return {time_value == 0 ? EXT_SVC_CMD : EXT_SVC_CMD_TIMEOUT, time_value == 0 ? "" : std::to_string(time_value),
-            static_cast<std::size_t>(most)};
+    return {time_value == 0 ? EXT_SVC_CMD : EXT_SVC_CMD_TIMEOUT,
+            time_value == 0 ? "" : std::to_string(time_value), static_cast<std::size_t>(most)};
 }
 
 std::string check_item(const std::string& text) {
     if (text.empty())
         return "an empty text cannot be sent";
     if (text.find(static_cast<char>(EXT_SEPARATOR)) != std::string::npos)
-        return std::string("'") + printable(text) + "' holds the byte 0x1F, which separates the items of a request";
+        return std::string("'") + printable(text) +
+               "' holds the byte 0x1F, which separates the items of a request";
     return {};
 }
 
@@ -85,7 +88,8 @@ TCP_CMD_MSG ext_frame(const ext_request& request) {
     char* bytes = reinterpret_cast<char*>(&frame);
     std::memcpy(bytes + EXT_REQ_CODE_AT, request.code, EXT_REQ_CODE_SIZE);
     bytes[EXT_REQ_PDU_AT] = EXT_PDU_REQUEST;
-    std::copy_n(request.data.begin(), std::min(request.data.size(), DATA_MAX), bytes + EXT_REQ_DATA_AT);
+    std::copy_n(request.data.begin(), std::min(request.data.size(), DATA_MAX),
+                bytes + EXT_REQ_DATA_AT);
     return frame;
 }
 
@@ -124,11 +128,13 @@ command_end end_of(const command_result& result) {
 
 ext_result run_commands(command_client& client, const ext_request& request, int limit_ms,
                         std::vector<command_result>* results) {
-    const long long all_ms = limit_ms + static_cast<long long>(request.count) * AGENT_COMMAND_LIMIT_MS;
+    const long long all_ms =
+        limit_ms + static_cast<long long>(request.count) * AGENT_COMMAND_LIMIT_MS;
     std::uint32_t left = 0;
     if (!send_request(client, request, limit_ms))
         return failure(client);
-    const ext_result answered = receive_header(client, static_cast<int>(std::min(all_ms, 86400000LL)), &left);
+    const ext_result answered =
+        receive_header(client, static_cast<int>(std::min(all_ms, 86400000LL)), &left);
     if (!answered.ok())
         return answered;
     for (std::size_t i = 0; i < request.count; ++i) {

@@ -1,8 +1,10 @@
-// Extended requests as the central server makes them: the request itself, and shell commands on the agent's host.
+// Extended requests as the central server makes them: the request itself, and shell commands on the
+// agent's host.
 //
-// A request is one frame and needs a connection of its own, which the agent closes afterwards. The agent cuts a
-// request's items at a separator and has room for few of them, joining what is too much to the last one; so what is to
-// be sent is planned first, as several requests where one cannot carry it.
+// A request is one frame and needs a connection of its own, which the agent closes afterwards. The
+// agent cuts a request's items at a separator and has room for few of them, joining what is too
+// much to the last one; so what is to be sent is planned first, as several requests where one
+// cannot carry it.
 #pragma once
 
 #include <cstdint>
@@ -37,11 +39,13 @@ struct ext_form {
     std::size_t most; // items of one request
 };
 
-// Spreads the items over requests, in their order. Empty on success, else which item no request can carry.
-std::string plan_requests(const ext_form& form, const std::vector<std::string>& items, std::vector<ext_request>* out);
+// Spreads the items over requests, in their order. Empty on success, else which item no request can
+// carry.
+std::string plan_requests(const ext_form& form, const std::vector<std::string>& items,
+                          std::vector<ext_request>* out);
 
-// The form of a request for commands; `time_value` 0 sends none. The agent makes at most that many commands (ten
-// without a value, never more than thirty) of a request's data.
+// The form of a request for commands; `time_value` 0 sends none. The agent makes at most that many
+// commands (ten without a value, never more than thirty) of a request's data.
 ext_form command_form(int time_value);
 
 // Empty when the text can be an item, else why not.
@@ -52,7 +56,8 @@ TCP_CMD_MSG ext_frame(const ext_request& request);
 
 bool send_request(command_client& client, const ext_request& request, int limit_ms);
 
-// Receives the header that starts every answer; `length` is what follows. An error answer is received whole.
+// Receives the header that starts every answer; `length` is what follows. An error answer is
+// received whole.
 ext_result receive_header(command_client& client, int limit_ms, std::uint32_t* length);
 
 struct command_result {
@@ -60,12 +65,13 @@ struct command_result {
     std::string output;
 };
 
-// How a command ended, as far as its result tells. Without output the agent reports the same code whatever happened.
+// How a command ended, as far as its result tells. Without output the agent reports the same code
+// whatever happened.
 enum class command_end { succeeded, exit_status, timed_out, signalled, no_output, not_started };
 command_end end_of(const command_result& result);
 
-// Runs the commands of one request on the agent's host, waiting for them and `limit_ms` more. What came before a
-// failure is appended to `results` too.
+// Runs the commands of one request on the agent's host, waiting for them and `limit_ms` more. What
+// came before a failure is appended to `results` too.
 ext_result run_commands(command_client& client, const ext_request& request, int limit_ms,
                         std::vector<command_result>* results);
 

@@ -1,7 +1,8 @@
 // kessctl exec, put, get.
 //
-// Each request takes a connection of its own, so what one request cannot carry costs one more connection. The first
-// request that fails is the last; a command that fails is not a failed request.
+// Each request takes a connection of its own, so what one request cannot carry costs one more
+// connection. The first request that fails is the last; a command that fails is not a failed
+// request.
 #include "commands.h"
 
 #include <sys/stat.h>
@@ -49,7 +50,8 @@ struct exec_options {
 std::string describe(const command_result& result) {
     switch (end_of(result)) {
     case command_end::timed_out:
-        return "time-out, the agent stopped it after " + std::to_string(AGENT_COMMAND_LIMIT_MS / 1000) + " s";
+        return "time-out, the agent stopped it after " +
+               std::to_string(AGENT_COMMAND_LIMIT_MS / 1000) + " s";
     case command_end::signalled:
         return "ended by a signal";
     case command_end::no_output:
@@ -96,7 +98,8 @@ exit_status exec(exec_options& chosen) {
     std::vector<ext_request> requests;
     if (check_items(chosen.commands) != EXIT_OK)
         return EXIT_ERROR;
-    const std::string wrong = plan_requests(command_form(chosen.time_value), chosen.commands, &requests);
+    const std::string wrong =
+        plan_requests(command_form(chosen.time_value), chosen.commands, &requests);
     if (!wrong.empty())
         return complain(wrong);
     exit_status status = EXIT_OK;
@@ -117,7 +120,8 @@ struct transfer_options {
     std::vector<std::string> paths; // files, then the directory
 };
 
-using transfer_step = std::function<ext_result(command_client&, const ext_request&, const transfer_observer&)>;
+using transfer_step =
+    std::function<ext_result(command_client&, const ext_request&, const transfer_observer&)>;
 
 std::string take_directory(transfer_options& chosen) {
     std::string directory = chosen.paths.back();
@@ -126,11 +130,11 @@ std::string take_directory(transfer_options& chosen) {
 }
 
 // Carries the requests out one after the other.
-exit_status transfer(agent_address& agent, const std::vector<ext_request>& requests, const transfer_step& step) {
+exit_status transfer(agent_address& agent, const std::vector<ext_request>& requests,
+                     const transfer_step& step) {
     progress_bar bar;
-    const transfer_observer observe = [&bar](const std::string& name, std::uint64_t done, std::uint64_t size) {
-        bar.show(name, done, size);
-    };
+    const transfer_observer observe = [&bar](const std::string& name, std::uint64_t done,
+                                             std::uint64_t size) { bar.show(name, done, size); };
     for (const ext_request& request : requests) {
         command_client client;
         if (!connect_agent(agent, client))
@@ -171,10 +175,11 @@ exit_status put(transfer_options& chosen) {
         wrong = plan_requests({EXT_SVC_FILE_UP, directory, UPLOAD_MAX}, items, &requests);
     if (!wrong.empty())
         return complain(wrong);
-    return transfer(chosen.agent, requests,
-                    [&](command_client& client, const ext_request& request, const transfer_observer& observe) {
-                        return upload_files(client, request, files, chosen.agent.limit_ms, observe);
-                    });
+    return transfer(
+        chosen.agent, requests,
+        [&](command_client& client, const ext_request& request, const transfer_observer& observe) {
+            return upload_files(client, request, files, chosen.agent.limit_ms, observe);
+        });
 }
 
 exit_status get(transfer_options& chosen) {
@@ -185,17 +190,21 @@ exit_status get(transfer_options& chosen) {
     std::vector<ext_request> requests;
     if (check_items(chosen.paths) != EXIT_OK)
         return EXIT_ERROR;
-    const std::string wrong = plan_requests({EXT_SVC_FILE_DOWN, "", EXT_ITEM_MAX}, chosen.paths, &requests);
+    const std::string wrong =
+        plan_requests({EXT_SVC_FILE_DOWN, "", EXT_ITEM_MAX}, chosen.paths, &requests);
     if (!wrong.empty())
         return complain(wrong);
     std::set<std::string> taken;
-    return transfer(chosen.agent, requests,
-                    [&](command_client& client, const ext_request& request, const transfer_observer& observe) {
-                        return download_files(client, request, directory, chosen.agent.limit_ms, observe, &taken);
-                    });
+    return transfer(
+        chosen.agent, requests,
+        [&](command_client& client, const ext_request& request, const transfer_observer& observe) {
+            return download_files(client, request, directory, chosen.agent.limit_ms, observe,
+                                  &taken);
+        });
 }
 
-void add_transfer(CLI::App* command, exit_status* status, exit_status (*action)(transfer_options&)) {
+void add_transfer(CLI::App* command, exit_status* status,
+                  exit_status (*action)(transfer_options&)) {
     const auto chosen = std::make_shared<transfer_options>();
     add_agent_options(*command, chosen->agent);
     command->add_option("paths", chosen->paths, "FILE... DIR")->expected(2, INT_MAX)->required();
@@ -206,32 +215,42 @@ void add_transfer(CLI::App* command, exit_status* status, exit_status (*action)(
 
 void add_exec(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<exec_options>();
-    CLI::App* command = app.add_subcommand("exec", "Run shell commands on the agent's host, one after the other");
+    CLI::App* command =
+        app.add_subcommand("exec", "Run shell commands on the agent's host, one after the other");
     add_agent_options(*command, chosen->agent);
     command
         ->add_option("--timeout", chosen->time_value,
-                     "Time value of the request. The agent makes at most that many commands (10 without it, never more "
-                     "than 30) of one request, so more are sent as several; each command has 10 s whatever it is")
+                     "Time value of the request. The agent makes at most that many commands (10 "
+                     "without it, never more "
+                     "than 30) of one request, so more are sent as several; each command has 10 s "
+                     "whatever it is")
         ->check(CLI::Range(1, INT_MAX));
     command->add_flag("--strict", chosen->strict, "Count a command without output as failed");
     command->add_option("command", chosen->commands, "Command lines, one per argument")->required();
-    command->footer("Exit status 1 when a command failed: its exit status is not 0, it ran into its limit, a signal\n"
-                    "ended it or it could not be run. Of a command that writes nothing the agent does not tell how it\n"
+    command->footer("Exit status 1 when a command failed: its exit status is not 0, it ran into "
+                    "its limit, a signal\n"
+                    "ended it or it could not be run. Of a command that writes nothing the agent "
+                    "does not tell how it\n"
                     "ended; that is no failure unless --strict is given.");
     command->callback([chosen, status] { *status = exec(*chosen); });
 }
 
 void add_put(CLI::App& app, exit_status* status) {
-    CLI::App* command = app.add_subcommand("put", "Copy files to a directory of the agent's host, which is made");
-    command->footer("Files keep their permissions for reading, writing and executing. $NAME in DIR is a variable of\n"
+    CLI::App* command =
+        app.add_subcommand("put", "Copy files to a directory of the agent's host, which is made");
+    command->footer("Files keep their permissions for reading, writing and executing. $NAME in DIR "
+                    "is a variable of\n"
                     "the agent's environment.");
     add_transfer(command, status, put);
 }
 
 void add_get(CLI::App& app, exit_status* status) {
-    CLI::App* command = app.add_subcommand("get", "Copy files of the agent's host to a directory here");
-    command->footer("Files keep their permissions for reading, writing and executing. $NAME in FILE is a variable of\n"
-                    "the agent's environment. A file appears under its name when it and those sent with it are whole.");
+    CLI::App* command =
+        app.add_subcommand("get", "Copy files of the agent's host to a directory here");
+    command->footer("Files keep their permissions for reading, writing and executing. $NAME in "
+                    "FILE is a variable of\n"
+                    "the agent's environment. A file appears under its name when it and those sent "
+                    "with it are whole.");
     add_transfer(command, status, get);
 }
 

@@ -42,8 +42,8 @@ std::string base_name(const std::string& path) {
 
 enum class verdict { none, taken, spoken };
 
-// What the agent has done once something is to be read: closed the connection, which says that it has everything, or
-// sent another header.
+// What the agent has done once something is to be read: closed the connection, which says that it
+// has everything, or sent another header.
 verdict look_at_answer(const command_client& client, int limit_ms) {
     char byte = 0;
     if (agt::wait_fd(client.fd(), POLLIN, limit_ms) != agt::wait_result::ready)
@@ -58,20 +58,24 @@ ext_result stopped(command_client& client, int limit_ms, const std::string& othe
     return answer.outcome == ext_result::refused ? answer : failed(otherwise);
 }
 
-ext_result send_file(command_client& client, const local_file& file, int limit_ms, const transfer_observer& observe) {
+ext_result send_file(command_client& client, const local_file& file, int limit_ms,
+                     const transfer_observer& observe) {
     const agt::unique_fd fd(open(file.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!fd.valid())
         return failed_call(file.path);
     std::vector<char> piece(std::min<std::size_t>(file.size, PIECE_BYTES));
     observe(file.name, 0, file.size);
     for (std::uint64_t done = 0; done < file.size;) {
-        const ssize_t got = read(fd.get(), piece.data(), std::min<std::uint64_t>(file.size - done, piece.size()));
+        const ssize_t got =
+            read(fd.get(), piece.data(), std::min<std::uint64_t>(file.size - done, piece.size()));
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 1)
-            return got < 0 ? failed_call(file.path) : failed(file.path + ": became shorter while it was sent");
+            return got < 0 ? failed_call(file.path)
+                           : failed(file.path + ": became shorter while it was sent");
         if (look_at_answer(client, 0) != verdict::none)
-            return stopped(client, limit_ms, "the agent closed the connection before it had " + file.path);
+            return stopped(client, limit_ms,
+                           "the agent closed the connection before it had " + file.path);
         if (!client.send_bytes(piece.data(), static_cast<std::size_t>(got), limit_ms))
             return stopped(client, limit_ms, client.error());
         done += static_cast<std::uint64_t>(got);
@@ -89,7 +93,8 @@ class temporary_file {
         : name_(directory + "/" + name), path_(directory + "/." + name + ".XXXXXX"),
           fd_(mkostemp(path_.data(), O_CLOEXEC)) {}
     temporary_file(temporary_file&& other) noexcept
-        : name_(std::move(other.name_)), path_(std::exchange(other.path_, {})), fd_(std::move(other.fd_)) {}
+        : name_(std::move(other.name_)), path_(std::exchange(other.path_, {})),
+          fd_(std::move(other.fd_)) {}
     temporary_file& operator=(temporary_file&&) = delete;
     ~temporary_file() {
         if (!path_.empty())
@@ -155,14 +160,15 @@ ext_result receive_announcement(command_client& client, std::size_t count, int l
     return {};
 }
 
-ext_result receive_file(command_client& client, const ST_FILE_INFO& info, temporary_file& file, int limit_ms,
-                        const transfer_observer& observe) {
+ext_result receive_file(command_client& client, const ST_FILE_INFO& info, temporary_file& file,
+                        int limit_ms, const transfer_observer& observe) {
     const std::string name = announced_name(info);
     const std::uint64_t size = ntohl(info.size);
     std::vector<char> piece(std::min<std::uint64_t>(size, PIECE_BYTES));
     observe(name, 0, size);
     for (std::uint64_t done = 0; done < size;) {
-        const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(size - done, piece.size()));
+        const auto length =
+            static_cast<std::size_t>(std::min<std::uint64_t>(size - done, piece.size()));
         if (!client.receive_bytes(piece.data(), length, limit_ms))
             return failed(printable(name) + " did not come whole: " + client.error());
         if (!file.write(piece.data(), length))
@@ -184,16 +190,19 @@ std::string describe_file(const std::string& path, local_file* out) {
         return path + ": not a regular file";
     if (info.st_size > std::numeric_limits<std::uint32_t>::max())
         return path + ": too large, a transfer carries files of up to 4294967295 bytes";
-    *out = {path, base_name(path), static_cast<std::uint32_t>(info.st_size), info.st_mode & PERMISSION_BITS};
+    *out = {path, base_name(path), static_cast<std::uint32_t>(info.st_size),
+            info.st_mode & PERMISSION_BITS};
     return check_item(out->name);
 }
 
 std::string upload_item(const local_file& file) {
-    return file.name + SEPARATOR + std::to_string(file.size) + SEPARATOR + std::to_string(file.permission);
+    return file.name + SEPARATOR + std::to_string(file.size) + SEPARATOR +
+           std::to_string(file.permission);
 }
 
-ext_result upload_files(command_client& client, const ext_request& request, const std::vector<local_file>& files,
-                        int limit_ms, const transfer_observer& observe) {
+ext_result upload_files(command_client& client, const ext_request& request,
+                        const std::vector<local_file>& files, int limit_ms,
+                        const transfer_observer& observe) {
     std::uint32_t length = 0;
     if (!send_request(client, request, limit_ms))
         return failed(client.error());
@@ -212,8 +221,9 @@ ext_result upload_files(command_client& client, const ext_request& request, cons
     }
 }
 
-ext_result download_files(command_client& client, const ext_request& request, const std::string& directory,
-                          int limit_ms, const transfer_observer& observe, std::set<std::string>* taken) {
+ext_result download_files(command_client& client, const ext_request& request,
+                          const std::string& directory, int limit_ms,
+                          const transfer_observer& observe, std::set<std::string>* taken) {
     std::vector<ST_FILE_INFO> infos;
     std::vector<temporary_file> files;
     if (!send_request(client, request, limit_ms))
@@ -234,7 +244,9 @@ ext_result download_files(command_client& client, const ext_request& request, co
         if (!received.ok())
             return received;
     }
-    client.send_bytes("", 1, limit_ms); // the agent waits for a byte; the files are here whether or not it gets one
+    client.send_bytes(
+        "", 1,
+        limit_ms); // the agent waits for a byte; the files are here whether or not it gets one
     for (temporary_file& file : files) {
         if (!file.take_name())
             return failed_call(file.name());

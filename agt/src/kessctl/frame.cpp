@@ -10,14 +10,14 @@
 
 namespace kessctl {
 
-#define TEXT(record, member)                                                                                           \
+#define TEXT(record, member)                                                                       \
     { #member, offsetof(record, member), sizeof(record::member), 0, nullptr }
-#define GROUP(record, member, items)                                                                                   \
-    {                                                                                                                  \
-#member, offsetof(record, member), sizeof(record::member[0]),                                                  \
-            sizeof(record::member) / sizeof(record::member[0]), items                                                  \
+#define GROUP(record, member, items)                                                               \
+    {                                                                                              \
+#member, offsetof(record, member), sizeof(record::member[0]),                              \
+            sizeof(record::member) / sizeof(record::member[0]), items                              \
     }
-#define END_OF_ITEMS                                                                                                   \
+#define END_OF_ITEMS                                                                               \
     { nullptr, 0, 0, 0, nullptr }
 
 const item ACTIVE_SERVICE_ITEMS[] = {
@@ -57,10 +57,12 @@ const item API_STAT_ITEMS[] = {
     TEXT(API_STAT_STR, miss_cnt), TEXT(API_STAT_STR, miss_info), END_OF_ITEMS,
 };
 const item SERVICE_ITEMS[] = {
-    TEXT(SERVICE_ELEMENT, host_name),      TEXT(SERVICE_ELEMENT, server_id),      TEXT(SERVICE_ELEMENT, service_id),
-    TEXT(SERVICE_ELEMENT, call_trc_depth), TEXT(SERVICE_ELEMENT, call_trc_limit), TEXT(SERVICE_ELEMENT, dbio_trc_limit),
-    TEXT(SERVICE_ELEMENT, sql_trc_limit),  TEXT(SERVICE_ELEMENT, limit),          TEXT(SERVICE_ELEMENT, uflag_set),
-    TEXT(SERVICE_ELEMENT, tflag),          TEXT(SERVICE_ELEMENT, update_mode),    END_OF_ITEMS,
+    TEXT(SERVICE_ELEMENT, host_name),      TEXT(SERVICE_ELEMENT, server_id),
+    TEXT(SERVICE_ELEMENT, service_id),     TEXT(SERVICE_ELEMENT, call_trc_depth),
+    TEXT(SERVICE_ELEMENT, call_trc_limit), TEXT(SERVICE_ELEMENT, dbio_trc_limit),
+    TEXT(SERVICE_ELEMENT, sql_trc_limit),  TEXT(SERVICE_ELEMENT, limit),
+    TEXT(SERVICE_ELEMENT, uflag_set),      TEXT(SERVICE_ELEMENT, tflag),
+    TEXT(SERVICE_ELEMENT, update_mode),    END_OF_ITEMS,
 };
 const item SERVICE_SMALL_ITEMS[] = {
     TEXT(SERVICE_SMALL, host_name),
@@ -110,7 +112,8 @@ const item DEVICE_INFO_REQ_ITEMS[] = {
     END_OF_ITEMS,
 };
 const item RENEW_REQ_ITEMS[] = {TEXT(BODY_RENEW_SERVICE_LIST_REQ, ipaddr), END_OF_ITEMS};
-const item GET_SERVICE_LIST_REQ_ITEMS[] = {TEXT(BODY_GET_SERVICE_LIST_REQ, host_name), END_OF_ITEMS};
+const item GET_SERVICE_LIST_REQ_ITEMS[] = {TEXT(BODY_GET_SERVICE_LIST_REQ, host_name),
+                                           END_OF_ITEMS};
 const item GET_SERVICE_LIST_RSP_ITEMS[] = {
     TEXT(BODY_GET_SERVICE_LIST_RSP, result_code),
     TEXT(BODY_GET_SERVICE_LIST_RSP, element_num),
@@ -136,11 +139,16 @@ const item SET_SYS_RESOURCE_SET_REQ_ITEMS[] = {
     END_OF_ITEMS,
 };
 const item SET_SYS_CONFIG_SET_REQ_ITEMS[] = {
-    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, ipaddr),         TEXT(BODY_SET_SYS_CONFIG_SET_REQ, log_flag_set),
-    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, log_qcnt),       TEXT(BODY_SET_SYS_CONFIG_SET_REQ, log_onoff),
-    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, sfilter_onoff),  TEXT(BODY_SET_SYS_CONFIG_SET_REQ, call_trc_depth),
-    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, call_trc_limit), TEXT(BODY_SET_SYS_CONFIG_SET_REQ, dbio_trc_limit),
-    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, sql_trc_limit),  END_OF_ITEMS,
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, ipaddr),
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, log_flag_set),
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, log_qcnt),
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, log_onoff),
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, sfilter_onoff),
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, call_trc_depth),
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, call_trc_limit),
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, dbio_trc_limit),
+    TEXT(BODY_SET_SYS_CONFIG_SET_REQ, sql_trc_limit),
+    END_OF_ITEMS,
 };
 const item NOTIFY_REQ_ITEMS[] = {
     TEXT(BODY_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, element_num),
@@ -191,15 +199,16 @@ const message MESSAGES[] = {
     {MSG_SET_SYS_RESOURCE_SET_REQ, "SET_SYS_RESOURCE_SET_REQ", SET_SYS_RESOURCE_SET_REQ_ITEMS},
     {MSG_SET_SYS_RESOURCE_SET_RSP, "SET_SYS_RESOURCE_SET_RSP", RESULT_ITEMS},
     {MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, "NOTIFY_ACTIVE_SERVICE_DETAIL_REQ", NOTIFY_REQ_ITEMS},
-    {MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_RSP, "NOTIFY_ACTIVE_SERVICE_DETAIL_RSP", RESULT_AND_COUNT_ITEMS},
+    {MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_RSP, "NOTIFY_ACTIVE_SERVICE_DETAIL_RSP",
+     RESULT_AND_COUNT_ITEMS},
     {MSG_DEVICE_INFO_REQ, "DEVICE_INFO_REQ", DEVICE_INFO_REQ_ITEMS},
     {MSG_DEVICE_INFO_RSP, "DEVICE_INFO_RSP", RESULT_ITEMS},
     {MSG_EXT_REQ, "EXT_REQ", EXT_REQ_ITEMS, 0},
 };
 
 const message* find_message(char type) {
-    const auto found =
-        std::find_if(std::begin(MESSAGES), std::end(MESSAGES), [type](const message& row) { return row.code == type; });
+    const auto found = std::find_if(std::begin(MESSAGES), std::end(MESSAGES),
+                                    [type](const message& row) { return row.code == type; });
     return found == std::end(MESSAGES) ? nullptr : found;
 }
 
@@ -209,7 +218,8 @@ std::string text_of(const char* field, std::size_t size) {
     return text;
 }
 
-// How many records of a group are valid: those that the element_num just decoded counts, all without one.
+// How many records of a group are valid: those that the element_num just decoded counts, all
+// without one.
 std::size_t valid_records(const item& group, const std::vector<field_value>& decoded) {
     if (std::string_view(group.name) != "elements" || decoded.empty())
         return group.count;
@@ -241,7 +251,8 @@ char response_type(char type) {
     return row == nullptr || !is_request(type) || type == MSG_EXT_REQ ? '\0' : row[1].code;
 }
 
-void decode_record(const item* items, const char* bytes, const std::string& prefix, std::vector<field_value>& out) {
+void decode_record(const item* items, const char* bytes, const std::string& prefix,
+                   std::vector<field_value>& out) {
     for (const item* member = items; member->name != nullptr; ++member) {
         if (member->inside == nullptr) {
             out.push_back({prefix + member->name, text_of(bytes + member->at, member->size)});
@@ -258,7 +269,8 @@ std::vector<field_value> decode(const TCP_CMD_MSG& frame) {
     std::vector<field_value> values;
     const message* row = find_message(frame.hdr.msg_type[0]);
     if (row != nullptr)
-        decode_record(row->items, reinterpret_cast<const char*>(&frame) + row->record_at, "", values);
+        decode_record(row->items, reinterpret_cast<const char*>(&frame) + row->record_at, "",
+                      values);
     return values;
 }
 
@@ -303,7 +315,8 @@ std::string printable(std::string_view text) {
             continue;
         }
         char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+        std::snprintf(escaped, sizeof escaped, "\\x%02x",
+                      static_cast<unsigned>(static_cast<unsigned char>(c)));
         shown += escaped;
     }
     return shown;

@@ -1,7 +1,8 @@
 // Command messages by name: starting one, filling its fields, decoding it.
 //
-// One table describes every record: field name, offset and width, arrays of records as nested groups. Text longer than
-// its field is the caller's to refuse (put_field cuts it); decoding never reads past the frame, whatever it holds.
+// One table describes every record: field name, offset and width, arrays of records as nested
+// groups. Text longer than its field is the caller's to refuse (put_field cuts it); decoding never
+// reads past the frame, whatever it holds.
 #pragma once
 
 #include <string>
@@ -37,21 +38,24 @@ const char* message_name(char type);
 // Whether the code is that of a request.
 bool is_request(char type);
 
-// The code that the response to the request `type` carries; 0 when it is no request or has no response of this form.
+// The code that the response to the request `type` carries; 0 when it is no request or has no
+// response of this form.
 char response_type(char type);
 
-// The fields of the record that the frame's type names, in their order. Of a group `elements` only the first
-// element_num records are listed, at most as many as the array holds. Empty for an unknown type.
+// The fields of the record that the frame's type names, in their order. Of a group `elements` only
+// the first element_num records are listed, at most as many as the array holds. Empty for an
+// unknown type.
 std::vector<field_value> decode(const TCP_CMD_MSG& frame);
 
 // Appends the fields of the record at `bytes`, their names behind `prefix`.
-void decode_record(const item* items, const char* bytes, const std::string& prefix, std::vector<field_value>& out);
+void decode_record(const item* items, const char* bytes, const std::string& prefix,
+                   std::vector<field_value>& out);
 
 // The text of the decoded field `name`; empty when the frame has no such field.
 std::string field_text(const TCP_CMD_MSG& frame, std::string_view name);
 
-// Writes `text` left-justified into a field of `size` bytes: padded with blanks, cut to size - 1 characters,
-// terminated.
+// Writes `text` left-justified into a field of `size` bytes: padded with blanks, cut to size - 1
+// characters, terminated.
 void put_field(char* field, std::size_t size, std::string_view text);
 
 // A SET_MODIFIED_SERVICE_REQ with at most eight services.

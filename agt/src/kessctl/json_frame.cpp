@@ -22,8 +22,9 @@ nlohmann::ordered_json::json_pointer path_of(const std::string& name) {
 } // namespace
 
 std::string json_line(const std::string& time, const traffic& seen) {
-    nlohmann::ordered_json line = {
-        {"time", time}, {"connection", seen.connection}, {"direction", seen.sent ? "sent" : "received"}};
+    nlohmann::ordered_json line = {{"time", time},
+                                   {"connection", seen.connection},
+                                   {"direction", seen.sent ? "sent" : "received"}};
     TCP_CMD_MSG frame;
     if (seen.bytes.size() == sizeof frame && agt::magic_bit_check(-1, seen.bytes.data()) == 1) {
         std::memcpy(&frame, seen.bytes.data(), sizeof frame);

@@ -26,7 +26,8 @@ int main(int argc, char** argv) {
     add_check_config(app, &status);
     add_doctor(app, &status);
     add_clean(app, &status);
-    app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage or no connection.");
+    app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage or no "
+               "connection.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {

@@ -1,4 +1,5 @@
-// kessctl metrics: the figures of an agent for Prometheus, to standard output or to a textfile collector's file.
+// kessctl metrics: the figures of an agent for Prometheus, to standard output or to a textfile
+// collector's file.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,7 +18,8 @@
 namespace kessctl {
 namespace {
 
-// Replaces the file in one step: whoever reads it sees the old text or the new. Empty, or what went wrong.
+// Replaces the file in one step: whoever reads it sees the old text or the new. Empty, or what went
+// wrong.
 std::string replace_file(const std::string& path, const std::string& text) {
     std::string unfinished = path + ".XXXXXX"; // in the same directory, and not *.prom
     const agt::unique_fd file(mkostemp(unfinished.data(), O_CLOEXEC));
@@ -59,13 +61,16 @@ exit_status write_metrics(const metrics_options& chosen) {
 
 void add_metrics(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<metrics_options>();
-    CLI::App* command =
-        app.add_subcommand("metrics", "Print the figures of an agent for Prometheus (text format 0.0.4)");
+    CLI::App* command = app.add_subcommand(
+        "metrics", "Print the figures of an agent for Prometheus (text format 0.0.4)");
     add_look_options(*command, chosen->look);
-    command->add_option("--output", chosen->output,
-                        "File to replace in one step, for a textfile collector (default: standard output)");
-    command->footer("Exit status: 0 the figures are written, also those of an agent that does not run (kessard_up 0);\n"
-                    "2 the configuration cannot be read (kessard_up 0 and kessard_config_readable 0 are written all\n"
+    command->add_option(
+        "--output", chosen->output,
+        "File to replace in one step, for a textfile collector (default: standard output)");
+    command->footer("Exit status: 0 the figures are written, also those of an agent that does not "
+                    "run (kessard_up 0);\n"
+                    "2 the configuration cannot be read (kessard_up 0 and kessard_config_readable "
+                    "0 are written all\n"
                     "the same, so that no old figures stay) or the file cannot be written.");
     command->callback([chosen, status] { *status = write_metrics(*chosen); });
 }

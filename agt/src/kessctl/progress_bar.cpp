@@ -34,10 +34,10 @@ void progress_bar::show(const std::string& name, std::uint64_t done, std::uint64
     const double part = size == 0 ? 1 : static_cast<double>(done) / static_cast<double>(size);
     const double sec = static_cast<double>(std::max(now_ms - start_ms_, 1LL)) / 1000;
     const std::string bar(static_cast<std::size_t>(part * CELLS), '#');
-    std::fprintf(stderr, "\r%-*.*s [%-*s] %3d %%  %8.1f of %.1f MiB  %7.1f MiB/s", int{NAME_WIDTH}, int{NAME_WIDTH},
-                 printable(name).c_str(), int{CELLS}, bar.c_str(), static_cast<int>(part * 100),
-                 static_cast<double>(done) / MIB, static_cast<double>(size) / MIB,
-                 static_cast<double>(done) / MIB / sec);
+    std::fprintf(stderr, "\r%-*.*s [%-*s] %3d %%  %8.1f of %.1f MiB  %7.1f MiB/s", int{NAME_WIDTH},
+                 int{NAME_WIDTH}, printable(name).c_str(), int{CELLS}, bar.c_str(),
+                 static_cast<int>(part * 100), static_cast<double>(done) / MIB,
+                 static_cast<double>(size) / MIB, static_cast<double>(done) / MIB / sec);
     open_line_ = true;
     if (done == size)
         end_line();

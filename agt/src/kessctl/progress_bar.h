@@ -6,7 +6,8 @@
 
 namespace kessctl {
 
-// One line on standard error per file, redrawn a few times a second; nothing when standard error is no terminal.
+// One line on standard error per file, redrawn a few times a second; nothing when standard error is
+// no terminal.
 class progress_bar {
   public:
     progress_bar();

@@ -95,7 +95,8 @@ ACTIVE_SERVICE_DETAIL make_record(const put_options& chosen, int seq) {
 
 // Waits for the time at which record `seq` (from 0) is due.
 void keep_rate(double rate, int seq, long long start_ms) {
-    const long long due_ms = rate > 0 ? start_ms + static_cast<long long>(seq * 1000.0 / rate) : start_ms;
+    const long long due_ms =
+        rate > 0 ? start_ms + static_cast<long long>(seq * 1000.0 / rate) : start_ms;
     const long long left_ms = due_ms - agt::monotonic_ms();
     if (left_ms > 0)
         agt::sleep_ms(static_cast<int>(std::min<long long>(left_ms, INT_MAX)));
@@ -131,7 +132,8 @@ struct events_options {
     bool peek = false;
 };
 
-// The record behind the position *front, which moves on; null when there is none. Taking goes through the queue itself.
+// The record behind the position *front, which moves on; null when there is none. Taking goes
+// through the queue itself.
 const PARSE_LOG_QUE_DATA* next_event(PARSE_LOG_QUE& queue, bool peek, int* front) {
     if (!peek)
         return kessard::ring_take(queue);
@@ -192,19 +194,22 @@ std::string option_name(const std::string& field) {
 
 void add_put_notification(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<put_options>();
-    CLI::App* command =
-        app.add_subcommand("put-notification", "Put records on the notification queue, as a tracer would");
-    command->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    CLI::App* command = app.add_subcommand(
+        "put-notification", "Put records on the notification queue, as a tracer would");
+    command->add_option("--config,--cfg", chosen->cfg_file,
+                        "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->add_option("--count", chosen->count, "How many records; call_seq counts them")
         ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
-    command->add_option("--rate", chosen->rate, "Records per second (default: as fast as the queue takes them)")
+    command
+        ->add_option("--rate", chosen->rate,
+                     "Records per second (default: as fast as the queue takes them)")
         ->check(CLI::PositiveNumber);
     for (const item* field = ACTIVE_SERVICE_ITEMS; field->name != nullptr; ++field) {
         const std::string name = option_name(field->name);
         command
-            ->add_option(name == "--service-id" ? "--service," + name : name, chosen->fields[field->name],
-                         std::string("Field ") + field->name)
+            ->add_option(name == "--service-id" ? "--service," + name : name,
+                         chosen->fields[field->name], std::string("Field ") + field->name)
             ->check(fits(*field))
             ->group("Fields of the records");
     }
@@ -216,10 +221,13 @@ void add_put_notification(CLI::App& app, exit_status* status) {
 
 void add_show_events(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<events_options>();
-    CLI::App* command = app.add_subcommand("show-events", "Take the event records off parse-log queue 0 and show them, "
-                                                          "as the log parser would");
-    command->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
-    command->add_option("--count", chosen->count, "Stop after that many records")->check(CLI::Range(1, INT_MAX));
+    CLI::App* command = app.add_subcommand(
+        "show-events", "Take the event records off parse-log queue 0 and show them, "
+                       "as the log parser would");
+    command->add_option("--config,--cfg", chosen->cfg_file,
+                        "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    command->add_option("--count", chosen->count, "Stop after that many records")
+        ->check(CLI::Range(1, INT_MAX));
     command->add_flag("--follow", chosen->follow, "Wait for more when there are none left");
     command->add_flag("--peek", chosen->peek, "Leave the records in the queue");
     command->callback([chosen, status] { *status = show_events(*chosen); });

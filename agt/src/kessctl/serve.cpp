@@ -1,6 +1,7 @@
 // kessctl serve: the stand-in central server for trying, testing and teaching.
 //
-// SIGHUP, SIGINT and SIGTERM are blocked before the first thread starts and taken by the main thread alone.
+// SIGHUP, SIGINT and SIGTERM are blocked before the first thread starts and taken by the main
+// thread alone.
 #include "commands.h"
 
 #include <CLI/CLI.hpp>
@@ -47,7 +48,8 @@ std::string time_now() {
 }
 
 void print_traffic(const std::string& time, const traffic& seen) {
-    const std::string head = time + "  #" + std::to_string(seen.connection) + (seen.sent ? "  <- " : "  -> ");
+    const std::string head =
+        time + "  #" + std::to_string(seen.connection) + (seen.sent ? "  <- " : "  -> ");
     TCP_CMD_MSG frame;
     if (seen.bytes.size() != sizeof frame || agt::magic_bit_check(-1, seen.bytes.data()) != 1) {
         std::printf("%s%zu bytes that are no message\n", head.c_str(), seen.bytes.size());
@@ -62,8 +64,8 @@ void print_traffic(const std::string& time, const traffic& seen) {
 std::string write_port(const std::string& path, int port) {
     const std::string unfinished = path + ".new";
     const file_handle file(std::fopen(unfinished.c_str(), "we"));
-    if (file == nullptr || std::fprintf(file.get(), "%d\n", port) < 0 || std::fflush(file.get()) != 0 ||
-        std::rename(unfinished.c_str(), path.c_str()) != 0)
+    if (file == nullptr || std::fprintf(file.get(), "%d\n", port) < 0 ||
+        std::fflush(file.get()) != 0 || std::rename(unfinished.c_str(), path.c_str()) != 0)
         return path + ": " + std::strerror(errno);
     return {};
 }
@@ -76,7 +78,8 @@ std::string load_services(const serve_options& chosen, stand_in& server) {
     if (!wrong.empty())
         return wrong;
     if (!chosen.quiet)
-        std::printf("%s  %zu services from %s\n", time_now().c_str(), services.size(), chosen.services_file.c_str());
+        std::printf("%s  %zu services from %s\n", time_now().c_str(), services.size(),
+                    chosen.services_file.c_str());
     server.set_services(std::move(services));
     return {};
 }
@@ -102,7 +105,8 @@ void serve_until_signal(const serve_options& chosen, const sigset_t& signals, st
 
 exit_status serve(const serve_options& chosen) {
     const sigset_t signals = block_signals();
-    const file_handle json_log(chosen.json_log.empty() ? nullptr : std::fopen(chosen.json_log.c_str(), "ae"));
+    const file_handle json_log(chosen.json_log.empty() ? nullptr
+                                                       : std::fopen(chosen.json_log.c_str(), "ae"));
     if (!chosen.json_log.empty() && json_log == nullptr)
         return complain(chosen.json_log + ": " + std::strerror(errno));
     const auto observer = [&](const traffic& seen) {
@@ -126,7 +130,8 @@ exit_status serve(const serve_options& chosen) {
         wrong = write_port(chosen.port_file, server.port());
     if (!wrong.empty())
         return complain(wrong);
-    std::printf("%s  listening on %s port %d\n", time_now().c_str(), chosen.address.c_str(), server.port());
+    std::printf("%s  listening on %s port %d\n", time_now().c_str(), chosen.address.c_str(),
+                server.port());
     std::fflush(stdout);
     serve_until_signal(chosen, signals, server);
     server.stop();
@@ -138,32 +143,44 @@ exit_status serve(const serve_options& chosen) {
 void add_serve(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<serve_options>();
     stand_in_options& behaviour = chosen->behaviour;
-    CLI::App* command = app.add_subcommand("serve", "Be the central server: answer agents and show what they send");
+    CLI::App* command =
+        app.add_subcommand("serve", "Be the central server: answer agents and show what they send");
     command->add_option("--listen", chosen->address, "Address to listen on")
         ->check(CLI::ValidIPV4)
         ->capture_default_str();
     command->add_option("--port", chosen->port, "Port to listen on (default: the system chooses)")
         ->check(CLI::Range(0, 65535));
-    command->add_option("--services", chosen->services_file, "Services file to answer with; SIGHUP reads it again");
-    command->add_option("--json-log", chosen->json_log, "Append every message to this file as a JSON line");
-    command->add_option("--port-file", chosen->port_file, "Write the port to this file once it is open");
+    command->add_option("--services", chosen->services_file,
+                        "Services file to answer with; SIGHUP reads it again");
+    command->add_option("--json-log", chosen->json_log,
+                        "Append every message to this file as a JSON line");
+    command->add_option("--port-file", chosen->port_file,
+                        "Write the port to this file once it is open");
     command->add_flag("--quiet", chosen->quiet, "Print no messages");
-    command->add_option("--svr-gap-time", behaviour.svr_gap_time, "svr_gap_time of the health-check answers")
+    command
+        ->add_option("--svr-gap-time", behaviour.svr_gap_time,
+                     "svr_gap_time of the health-check answers")
         ->capture_default_str();
-    command->add_option("--refuse-updates", behaviour.update_result, "result_code for uploaded service blocks");
+    command->add_option("--refuse-updates", behaviour.update_result,
+                        "result_code for uploaded service blocks");
     command->add_option("--delay-ms", behaviour.fault.delay_ms, "Wait before every answer")
         ->check(CLI::NonNegativeNumber);
     command->add_flag("--silent", behaviour.fault.silent, "Answer nothing");
-    command->add_flag("--garbage", behaviour.fault.garbage, "Answer with bytes that are no message");
-    command->add_flag("--wrong-magic", behaviour.fault.wrong_magic, "Answer with a wrong first byte");
+    command->add_flag("--garbage", behaviour.fault.garbage,
+                      "Answer with bytes that are no message");
+    command->add_flag("--wrong-magic", behaviour.fault.wrong_magic,
+                      "Answer with a wrong first byte");
     command
         ->add_option("--split-after", behaviour.fault.split_after_bytes,
                      "Send every answer in two pieces, the first of that many bytes")
         ->check(CLI::NonNegativeNumber);
     command
-        ->add_option("--close-in-answer", behaviour.fault.close_after_bytes, "Close after that many bytes of an answer")
+        ->add_option("--close-in-answer", behaviour.fault.close_after_bytes,
+                     "Close after that many bytes of an answer")
         ->check(CLI::NonNegativeNumber);
-    command->add_option("--close-after", behaviour.close_after_messages, "Close a connection after that many messages")
+    command
+        ->add_option("--close-after", behaviour.close_after_messages,
+                     "Close a connection after that many messages")
         ->check(CLI::NonNegativeNumber);
     command->callback([chosen, status] { *status = serve(*chosen); });
 }

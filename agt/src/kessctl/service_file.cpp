@@ -18,7 +18,7 @@ struct key {
     bool number;
 };
 
-#define KEY(word, member, number)                                                                                      \
+#define KEY(word, member, number)                                                                  \
     { word, offsetof(SERVICE_ELEMENT, member), sizeof(SERVICE_ELEMENT::member), number }
 const key KEYS[] = {
     KEY("host", host_name, false),
@@ -40,7 +40,8 @@ std::string set_value(const std::string& word, SERVICE_ELEMENT* out) {
         return "'" + word + "' is not of the form key=value";
     const std::string name = word.substr(0, equals);
     const std::string value = word.substr(equals + 1);
-    const auto found = std::find_if(std::begin(KEYS), std::end(KEYS), [&](const key& row) { return name == row.name; });
+    const auto found = std::find_if(std::begin(KEYS), std::end(KEYS),
+                                    [&](const key& row) { return name == row.name; });
     if (found == std::end(KEYS))
         return "there is no key '" + name + "'";
     if (value.size() > found->size - 1)
@@ -66,7 +67,8 @@ std::string parse_service(const std::vector<std::string>& words, SERVICE_ELEMENT
     if (words.empty() || words[0].find('=') != std::string::npos)
         return "a service starts with its id";
     if (words[0].size() > sizeof out->service_id - 1)
-        return "the id '" + words[0] + "' is longer than " + std::to_string(sizeof out->service_id - 1) + " characters";
+        return "the id '" + words[0] + "' is longer than " +
+               std::to_string(sizeof out->service_id - 1) + " characters";
     *out = make_service(words[0]);
     for (std::size_t i = 1; i < words.size(); ++i) {
         const std::string wrong = set_value(words[i], out);
@@ -82,7 +84,8 @@ std::string read_service_file(const std::string& path, std::vector<SERVICE_ELEME
         return path + ": " + std::strerror(errno);
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
-        const std::vector<std::string> words = split_words(std::string_view(line).substr(0, line.find('#')));
+        const std::vector<std::string> words =
+            split_words(std::string_view(line).substr(0, line.find('#')));
         if (words.empty())
             continue;
         SERVICE_ELEMENT service;

@@ -2,7 +2,8 @@
 //
 //     SERVICE_ID [key=value ...]     # the rest of a line behind a '#' is a comment
 //
-// Keys: host, server, limit (seconds), depth, call_limit, dbio_limit, sql_limit, flags (log-type letters), tflag, mode.
+// Keys: host, server, limit (seconds), depth, call_limit, dbio_limit, sql_limit, flags (log-type
+// letters), tflag, mode.
 #pragma once
 
 #include <string>
@@ -16,11 +17,12 @@ namespace kessctl {
 // A service of this id with every number 0 and mode 'A'; an id longer than its field is cut.
 SERVICE_ELEMENT make_service(std::string_view service_id);
 
-// Reads the words of one service. Empty on success, else what is wrong; `out` is not to be used then.
+// Reads the words of one service. Empty on success, else what is wrong; `out` is not to be used
+// then.
 std::string parse_service(const std::vector<std::string>& words, SERVICE_ELEMENT* out);
 
-// Appends the services of the file at `path` to `out`. Empty on success, else "path:line: what is wrong"; the services
-// before the bad line have been appended then.
+// Appends the services of the file at `path` to `out`. Empty on success, else "path:line: what is
+// wrong"; the services before the bad line have been appended then.
 std::string read_service_file(const std::string& path, std::vector<SERVICE_ELEMENT>* out);
 
 // The words of `line` between blanks.

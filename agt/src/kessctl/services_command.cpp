@@ -34,8 +34,9 @@ struct services_options {
 // The services of the words: a word without '=' starts one. Empty, or what is wrong.
 std::string parse_words(const std::vector<std::string>& words, std::vector<SERVICE_ELEMENT>* out) {
     for (auto word = words.begin(); word != words.end();) {
-        const auto end =
-            std::find_if(word + 1, words.end(), [](const std::string& text) { return text.find('=') == text.npos; });
+        const auto end = std::find_if(word + 1, words.end(), [](const std::string& text) {
+            return text.find('=') == text.npos;
+        });
         SERVICE_ELEMENT service;
         const std::string wrong = parse_service({word, end}, &service);
         if (!wrong.empty())
@@ -56,18 +57,20 @@ std::string collect(const services_options& chosen, char mode, std::vector<SERVI
 }
 
 // Sends block after block, stopping at the first that the agent did not take whole.
-exit_status send_blocks(command_client& client, const std::vector<SERVICE_ELEMENT>& services, int limit_ms) {
+exit_status send_blocks(command_client& client, const std::vector<SERVICE_ELEMENT>& services,
+                        int limit_ms) {
     for (std::size_t at = 0; at < services.size(); at += SERVICE_ELEMENT_MAX) {
         const std::size_t count = std::min<std::size_t>(services.size() - at, SERVICE_ELEMENT_MAX);
         TCP_CMD_MSG answer;
-        const exit_status asked =
-            ask_agent(client, modified_services_frame(services.data() + at, count), limit_ms, &answer);
+        const exit_status asked = ask_agent(
+            client, modified_services_frame(services.data() + at, count), limit_ms, &answer);
         if (asked != EXIT_OK)
             return asked;
         const long taken = std::strtol(field_text(answer, "element_num").c_str(), nullptr, 10);
         if (taken != static_cast<long>(count)) {
-            complain("the agent took " + std::to_string(taken) + " of the " + std::to_string(count) +
-                     " services from number " + std::to_string(at + 1) + " on");
+            complain("the agent took " + std::to_string(taken) + " of the " +
+                     std::to_string(count) + " services from number " + std::to_string(at + 1) +
+                     " on");
             return EXIT_REFUSED;
         }
     }
@@ -81,7 +84,9 @@ exit_status change_services(services_options& chosen, char mode) {
     if (!wrong.empty())
         return complain(wrong);
     command_client client;
-    return connect_agent(chosen.agent, client) ? send_blocks(client, services, chosen.agent.limit_ms) : EXIT_ERROR;
+    return connect_agent(chosen.agent, client)
+               ? send_blocks(client, services, chosen.agent.limit_ms)
+               : EXIT_ERROR;
 }
 
 } // namespace
@@ -93,9 +98,11 @@ void add_services(CLI::App& app, exit_status* status) {
         const auto chosen = std::make_shared<services_options>();
         CLI::App* action = command->add_subcommand(row.name, row.help);
         add_agent_options(*action, chosen->agent);
-        action->add_option("service", chosen->words, "SERVICE_ID [key=value ...] ..., as in a services file");
+        action->add_option("service", chosen->words,
+                           "SERVICE_ID [key=value ...] ..., as in a services file");
         action->add_option("--file", chosen->file, "Services file, one service per line");
-        action->callback([chosen, status, mode = row.mode] { *status = change_services(*chosen, mode); });
+        action->callback(
+            [chosen, status, mode = row.mode] { *status = change_services(*chosen, mode); });
     }
 }
 

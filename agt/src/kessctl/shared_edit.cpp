@@ -30,7 +30,8 @@ shared_edit::~shared_edit() {
         agt::detach_shm(address_);
 }
 
-std::string shared_edit::open(const std::string& cfg_file, const shared_object& object, const char* sem_keyword) {
+std::string shared_edit::open(const std::string& cfg_file, const shared_object& object,
+                              const char* sem_keyword) {
     const std::string shm_key = cfg_value(cfg_file, "IPC_SHARED_MEMORY", object.keyword);
     const std::string sem_key = cfg_value(cfg_file, "IPC_SEMAPHORE", sem_keyword);
     if (shm_key.empty() || sem_key.empty())

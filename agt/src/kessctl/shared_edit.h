@@ -1,4 +1,5 @@
-// Changing the agent's shared memory as its other processes do: attached for writing, changed under its semaphore.
+// Changing the agent's shared memory as its other processes do: attached for writing, changed under
+// its semaphore.
 #pragma once
 
 #include <string>
@@ -14,9 +15,10 @@ class shared_edit {
     shared_edit& operator=(const shared_edit&) = delete;
     ~shared_edit();
 
-    // Attaches an existing object and finds its semaphore set; `sem_keyword` names the set's key in section
-    // IPC_SEMAPHORE. Empty on success, else why not.
-    std::string open(const std::string& cfg_file, const shared_object& object, const char* sem_keyword);
+    // Attaches an existing object and finds its semaphore set; `sem_keyword` names the set's key in
+    // section IPC_SEMAPHORE. Empty on success, else why not.
+    std::string open(const std::string& cfg_file, const shared_object& object,
+                     const char* sem_keyword);
 
     void* address() const { return address_; }
     int semid() const { return semid_; }

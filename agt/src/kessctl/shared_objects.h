@@ -1,4 +1,5 @@
-// The System V objects of an agent: where the configuration names their keys, how large they are, who needs them.
+// The System V objects of an agent: where the configuration names their keys, how large they are,
+// who needs them.
 #pragma once
 
 #include <cstddef>
@@ -32,8 +33,10 @@ struct shared_object {
 
 // In the order in which an agent creates them, each segment before the set that guards it.
 inline constexpr shared_object SHARED_OBJECTS[] = {
-    {"TRAN_LOGF_QUE_INFO_SHMKEY", object_kind::segment, sizeof(TRAN_LOGF_QUE_INFO), "runtime settings", false},
-    {"NOTI_SEND_QUE_SHMKEY", object_kind::segment, sizeof(NOTI_SEND_QUE_POOL), "notification queue", false},
+    {"TRAN_LOGF_QUE_INFO_SHMKEY", object_kind::segment, sizeof(TRAN_LOGF_QUE_INFO),
+     "runtime settings", false},
+    {"NOTI_SEND_QUE_SHMKEY", object_kind::segment, sizeof(NOTI_SEND_QUE_POOL), "notification queue",
+     false},
     {"NOTI_SEND_QUE_SEMKEY", object_kind::semaphores, 1, "notification queue", false},
     {"SVC_HASH_TBL_SHMKEY", object_kind::segment, sizeof(SVC_HASH_TBL), "service table", false},
     {"SVC_HASH_TBL_SEMKEY", object_kind::semaphores, 1, "service table", false},
@@ -43,8 +46,10 @@ inline constexpr shared_object SHARED_OBJECTS[] = {
     {"JCACHE_HASH_TBL_SEMKEY", object_kind::semaphores, 1, "cache table", false},
     {"TRAN_AGT_SHMKEY", object_kind::segment, sizeof(TRAN_AGT_SHM), "agent segment", false},
     {"TRAN_AGT_SEMKEY", object_kind::semaphores, TRAN_AGT_SEM_COUNT, "agent segment", false},
-    {"PARSE_LOG_QUE_SHMKEY", object_kind::segment, sizeof(PARSE_LOG_QUE_POOL), "parse-log queues", true},
-    {"PARSE_LOG_QUE_SEMKEY", object_kind::semaphores, PARSE_LOG_QUE_POOL_SIZE, "parse-log queues", true},
+    {"PARSE_LOG_QUE_SHMKEY", object_kind::segment, sizeof(PARSE_LOG_QUE_POOL), "parse-log queues",
+     true},
+    {"PARSE_LOG_QUE_SEMKEY", object_kind::semaphores, PARSE_LOG_QUE_POOL_SIZE, "parse-log queues",
+     true},
 };
 
 inline constexpr const shared_object& SETTINGS_SEGMENT = SHARED_OBJECTS[0];

@@ -51,7 +51,8 @@ object_state find_object(const std::string& cfg_file, const shared_object& objec
     else
         look_at_semaphores(state, key);
     if (state.usable() && state.size < object.size)
-        state.fault = "too small: " + std::to_string(state.size) + " of " + std::to_string(object.size) +
+        state.fault = "too small: " + std::to_string(state.size) + " of " +
+                      std::to_string(object.size) +
                       (object.kind == object_kind::segment ? " bytes" : " semaphores");
     return state;
 }
@@ -83,8 +84,8 @@ bool segment_view::copy(std::size_t at, void* out, std::size_t size) const {
     return true;
 }
 
-std::string read_shared(const std::string& cfg_file, const shared_object& object, std::size_t at, void* out,
-                        std::size_t size) {
+std::string read_shared(const std::string& cfg_file, const shared_object& object, std::size_t at,
+                        void* out, std::size_t size) {
     const segment_view view(cfg_file, object);
     return view.copy(at, out, size) ? "" : describe_fault(view.state());
 }

@@ -1,6 +1,7 @@
-// Looking at the agent's shared memory: attached read-only, never locked, copied out before anything is decoded. What
-// is copied may be changing meanwhile and may be corrupt; whoever decodes it checks every count and index. A page that
-// nobody has written yet costs memory once it is read, so readers keep to what is in use.
+// Looking at the agent's shared memory: attached read-only, never locked, copied out before
+// anything is decoded. What is copied may be changing meanwhile and may be corrupt; whoever decodes
+// it checks every count and index. A page that nobody has written yet costs memory once it is read,
+// so readers keep to what is in use.
 #pragma once
 
 #include <cstddef>
@@ -42,18 +43,22 @@ class segment_view {
 
     const object_state& state() const { return state_; }
 
-    // Copies bytes out. False, and nothing is copied, when the segment is not usable or does not hold them.
+    // Copies bytes out. False, and nothing is copied, when the segment is not usable or does not
+    // hold them.
     bool copy(std::size_t at, void* out, std::size_t size) const;
-    template <class T> bool copy(std::size_t at, T* out) const { return copy(at, out, sizeof *out); }
+    template <class T> bool copy(std::size_t at, T* out) const {
+        return copy(at, out, sizeof *out);
+    }
 
   private:
     object_state state_;
     const char* address_ = nullptr;
 };
 
-// Copies `size` bytes from `at` of the object that the configuration file names. Empty on success, else why not.
-std::string read_shared(const std::string& cfg_file, const shared_object& object, std::size_t at, void* out,
-                        std::size_t size);
+// Copies `size` bytes from `at` of the object that the configuration file names. Empty on success,
+// else why not.
+std::string read_shared(const std::string& cfg_file, const shared_object& object, std::size_t at,
+                        void* out, std::size_t size);
 
 // The settings that the agent's processes read now.
 std::string read_settings(const std::string& cfg_file, TRAN_LOGF_QUE_INFO* out);
@@ -61,7 +66,8 @@ std::string read_settings(const std::string& cfg_file, TRAN_LOGF_QUE_INFO* out);
 // The letters of a log flag set, in the order of its bits.
 std::string flag_letters(unsigned char flags);
 
-// The text of a field that need not have a terminator: without trailing blanks, unprintable bytes escaped.
+// The text of a field that need not have a terminator: without trailing blanks, unprintable bytes
+// escaped.
 template <std::size_t N> std::string shown(const char (&field)[N]) {
     std::string text(field, strnlen(field, N));
     text.erase(text.find_last_not_of(' ') + 1);

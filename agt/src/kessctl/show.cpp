@@ -66,20 +66,23 @@ exit_status show_settings(const show_options& chosen) {
 
 void print_service(unsigned slot, const SVC_HASH_ARR& service) {
     std::printf("    %5u  %-16s  %-16s  %-15s  %7d  %5d  %10ld  %10ld  %10ld  %-8s  %d\n", slot,
-                shown(service.service_id).c_str(), shown(service.host_name).c_str(), shown(service.server_id).c_str(),
-                service.limit, service.call_trc_depth, service.call_trc_limit, service.dbio_trc_limit,
-                service.sql_trc_limit, flag_letters(static_cast<unsigned char>(service.uflag_set)).c_str(),
-                service.tflag);
+                shown(service.service_id).c_str(), shown(service.host_name).c_str(),
+                shown(service.server_id).c_str(), service.limit, service.call_trc_depth,
+                service.call_trc_limit, service.dbio_trc_limit, service.sql_trc_limit,
+                flag_letters(static_cast<unsigned char>(service.uflag_set)).c_str(), service.tflag);
 }
 
 exit_status show_services(const show_options& chosen) {
     const auto table = std::make_unique<SVC_HASH_TBL>();
-    const std::string wrong = read_shared(chosen.cfg_file, SERVICE_TABLE, 0, table.get(), sizeof *table);
+    const std::string wrong =
+        read_shared(chosen.cfg_file, SERVICE_TABLE, 0, table.get(), sizeof *table);
     if (!wrong.empty())
         return complain(wrong);
-    std::printf("%u services, %u slots used, %u free\n", table->alloc_cnt, table->used.top, table->available.top);
-    std::printf("    %5s  %-16s  %-16s  %-15s  %7s  %5s  %10s  %10s  %10s  %-8s  %s\n", "slot", "service_id",
-                "host_name", "server_id", "limit/s", "depth", "call", "dbio", "sql", "flags", "tflag");
+    std::printf("%u services, %u slots used, %u free\n", table->alloc_cnt, table->used.top,
+                table->available.top);
+    std::printf("    %5s  %-16s  %-16s  %-15s  %7s  %5s  %10s  %10s  %10s  %-8s  %s\n", "slot",
+                "service_id", "host_name", "server_id", "limit/s", "depth", "call", "dbio", "sql",
+                "flags", "tflag");
     for (unsigned i = 0; i < std::min<unsigned>(table->used.top, SVC_HASH_SLOTS); ++i) {
         const unsigned slot = table->used.idx[i];
         if (slot < SVC_HASH_SLOTS)
@@ -95,30 +98,34 @@ void print_process(const PROCESS_INFO& process) {
     struct tm local {};
     if (process.proc_uptime > 0 && localtime_r(&process.proc_uptime, &local) != nullptr)
         std::strftime(since, sizeof since, "%F %T", &local);
-    std::printf("    %3d  %8d  %-16s  %3d  %3d  %3u/%-3u in %d s  since %s  %s\n", process.proc_idx, process.proc_pid,
-                shown(process.proc_bin).c_str(), process.cur_sts, process.act_sts,
-                static_cast<unsigned>(process.cur_retry_cnt), static_cast<unsigned>(process.set_retry_cnt),
-                process.chk_retry_cnt_sec, since, shown(process.exec_args).c_str());
+    std::printf("    %3d  %8d  %-16s  %3d  %3d  %3u/%-3u in %d s  since %s  %s\n", process.proc_idx,
+                process.proc_pid, shown(process.proc_bin).c_str(), process.cur_sts, process.act_sts,
+                static_cast<unsigned>(process.cur_retry_cnt),
+                static_cast<unsigned>(process.set_retry_cnt), process.chk_retry_cnt_sec, since,
+                shown(process.exec_args).c_str());
 }
 
 exit_status show_registry(const show_options& chosen) {
     // Only the front of the segment and the host description are looked at.
     const auto agent = std::make_unique<TRAN_AGT_SHM>();
     DEVICE_INFO& device = agent->device_info;
-    std::string wrong = read_shared(chosen.cfg_file, AGENT_SEGMENT, 0, agent.get(), offsetof(TRAN_AGT_SHM, log_proc));
+    std::string wrong = read_shared(chosen.cfg_file, AGENT_SEGMENT, 0, agent.get(),
+                                    offsetof(TRAN_AGT_SHM, log_proc));
     if (wrong.empty())
-        wrong =
-            read_shared(chosen.cfg_file, AGENT_SEGMENT, offsetof(TRAN_AGT_SHM, device_info), &device, sizeof device);
+        wrong = read_shared(chosen.cfg_file, AGENT_SEGMENT, offsetof(TRAN_AGT_SHM, device_info),
+                            &device, sizeof device);
     if (!wrong.empty())
         return complain(wrong);
-    std::printf("host %s, %s, %d cores, memory %.0f\n", shown(device.host_name).c_str(), shown(device.os_info).c_str(),
-                device.core_cnt, device.mem_total);
+    std::printf("host %s, %s, %d cores, memory %.0f\n", shown(device.host_name).c_str(),
+                shown(device.os_info).c_str(), device.core_cnt, device.mem_total);
     std::printf("CPU alert at %d %% over %d s\n", agent->cpu.alert_pcnt, agent->cpu.alert_sec);
     std::printf("%d file systems\n", agent->file_sys_num);
     for (int i = 0; i < std::min<int>(agent->file_sys_num, FILE_SYSTEM_MAX); ++i)
-        std::printf("    %s: alert at %d %%, %d raised\n", shown(agent->file_system[i].file_system).c_str(),
+        std::printf("    %s: alert at %d %%, %d raised\n",
+                    shown(agent->file_system[i].file_system).c_str(),
                     agent->file_system[i].alert_pcnt, agent->file_system[i].alert_cnt);
-    std::printf("%d processes\n    idx       pid  program           cur  act  restarts\n", agent->proc_num);
+    std::printf("%d processes\n    idx       pid  program           cur  act  restarts\n",
+                agent->proc_num);
     for (int i = 0; i < std::min<int>(agent->proc_num, PROCESS_INFO_MAX); ++i)
         print_process(agent->proc_info[i]);
     return EXIT_OK;
@@ -130,7 +137,8 @@ int print_ring(const char* name, int front, int rear, int slots, int wanted) {
         std::printf("%s: front %d, rear %d: not indexes of this queue\n", name, front, rear);
         return 0;
     }
-    std::printf("%s: front %d, rear %d, %d waiting\n", name, front, rear, (rear - front + slots) % slots);
+    std::printf("%s: front %d, rear %d, %d waiting\n", name, front, rear,
+                (rear - front + slots) % slots);
     return std::min(wanted, slots);
 }
 
@@ -139,15 +147,19 @@ std::string show_noti_queue(const show_options& chosen) {
     std::string wrong = read_shared(chosen.cfg_file, NOTI_QUEUE, 0, &info, sizeof info);
     if (!wrong.empty())
         return wrong;
-    const int count = print_ring("noti_send_que", info.front, info.rear, NOTI_SEND_QUE_SLOTS, chosen.records);
+    const int count =
+        print_ring("noti_send_que", info.front, info.rear, NOTI_SEND_QUE_SLOTS, chosen.records);
     for (int i = 0; i < count && wrong.empty(); ++i) {
-        const auto slot = static_cast<std::size_t>((info.rear - i + NOTI_SEND_QUE_SLOTS) % NOTI_SEND_QUE_SLOTS);
+        const auto slot =
+            static_cast<std::size_t>((info.rear - i + NOTI_SEND_QUE_SLOTS) % NOTI_SEND_QUE_SLOTS);
         ACTIVE_SERVICE_DETAIL record;
         wrong = read_shared(chosen.cfg_file, NOTI_QUEUE,
-                            offsetof(NOTI_SEND_QUE, data) + slot * sizeof(NOTI_SEND_QUE_DATA), &record, sizeof record);
+                            offsetof(NOTI_SEND_QUE, data) + slot * sizeof(NOTI_SEND_QUE_DATA),
+                            &record, sizeof record);
         std::vector<field_value> fields;
         decode_record(ACTIVE_SERVICE_ITEMS, reinterpret_cast<const char*>(&record), "", fields);
-        if (!wrong.empty() || std::all_of(fields.begin(), fields.end(), [](const auto& f) { return f.text.empty(); }))
+        if (!wrong.empty() ||
+            std::all_of(fields.begin(), fields.end(), [](const auto& f) { return f.text.empty(); }))
             break; // never written
         std::printf("  slot %zu\n", slot);
         print_fields(stdout, fields);
@@ -180,16 +192,20 @@ std::string show_parse_queue(const show_options& chosen, std::size_t que) {
     PARSE_LOG_QUE_INFO info{};
     const std::size_t start = que * sizeof(PARSE_LOG_QUE);
     std::string wrong = read_shared(chosen.cfg_file, PARSE_QUEUES, start, &info, sizeof info);
-    if (!wrong.empty() || (que > 0 && info.front == 0 && info.rear == 0)) // a queue nobody has used yet
+    if (!wrong.empty() ||
+        (que > 0 && info.front == 0 && info.rear == 0)) // a queue nobody has used yet
         return wrong;
     const std::string name = "parse_log_que " + std::to_string(que);
-    const int count = print_ring(name.c_str(), info.front, info.rear, PARSE_LOG_QUE_SLOTS, chosen.records);
+    const int count =
+        print_ring(name.c_str(), info.front, info.rear, PARSE_LOG_QUE_SLOTS, chosen.records);
     for (int i = 0; i < count && wrong.empty(); ++i) {
-        const auto slot = static_cast<std::size_t>((info.rear - i + PARSE_LOG_QUE_SLOTS) % PARSE_LOG_QUE_SLOTS);
+        const auto slot =
+            static_cast<std::size_t>((info.rear - i + PARSE_LOG_QUE_SLOTS) % PARSE_LOG_QUE_SLOTS);
         TRAN_LOG_FMT log;
         wrong =
             read_shared(chosen.cfg_file, PARSE_QUEUES,
-                        start + offsetof(PARSE_LOG_QUE, data) + slot * sizeof(PARSE_LOG_QUE_DATA), &log, sizeof log);
+                        start + offsetof(PARSE_LOG_QUE, data) + slot * sizeof(PARSE_LOG_QUE_DATA),
+                        &log, sizeof log);
         if (!wrong.empty() || log.hdr.log_type[0] == '\0')
             break; // never written
         print_event(slot, log);
@@ -218,7 +234,8 @@ struct view {
 const view VIEWS[] = {
     {"settings", "The runtime settings segment, decoded and as bytes", show_settings},
     {"services", "The service table", show_services},
-    {"registry", "The process registry, the alert settings and the host description", show_registry},
+    {"registry", "The process registry, the alert settings and the host description",
+     show_registry},
     {"queues", "The notification queue and the parse-log queues", show_queues},
 };
 
@@ -230,7 +247,8 @@ void add_show(CLI::App& app, exit_status* status) {
     for (const view& row : VIEWS) {
         const auto chosen = std::make_shared<show_options>();
         CLI::App* action = command->add_subcommand(row.name, row.help);
-        action->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
+        action->add_option("--config,--cfg", chosen->cfg_file,
+                           "Configuration file (default: TRAN_AGT_CFG_FILE)");
         if (row.show == show_queues)
             action->add_option("--records", chosen->records, "How many of the last records to show")
                 ->check(CLI::Range(0, 1000))

@@ -43,7 +43,8 @@ std::vector<TCP_CMD_MSG> blocks_of(const std::vector<SERVICE_ELEMENT>& services)
     std::size_t at = 0;
     do {
         const std::size_t count = std::min<std::size_t>(services.size() - at, SERVICE_ELEMENT_MAX);
-        blocks.push_back(service_block_frame(services.data() + at, count, at + count == services.size()));
+        blocks.push_back(
+            service_block_frame(services.data() + at, count, at + count == services.size()));
         at += count;
     } while (at < services.size());
     return blocks;
@@ -121,8 +122,10 @@ std::string stand_in::open_listener() {
         return {};
     listener_.reset(agt::open_tcp_server_session(address_.c_str(), port_));
     if (!listener_.valid())
-        return "cannot listen on " + address_ + " port " + std::to_string(port_) + ": " + std::strerror(errno);
-    const timeval no_limit = {0, 0}; // accepted connections inherit it: an agent may be quiet for long
+        return "cannot listen on " + address_ + " port " + std::to_string(port_) + ": " +
+               std::strerror(errno);
+    const timeval no_limit = {0,
+                              0}; // accepted connections inherit it: an agent may be quiet for long
     setsockopt(listener_.get(), SOL_SOCKET, SO_RCVTIMEO, &no_limit, sizeof no_limit);
     port_ = port_of(listener_.get());
     listener_end_ = make_event();
@@ -147,7 +150,8 @@ void stand_in::drop_connections() {
 
 void stand_in::accept_loop() {
     agt::set_cancel_fd(listener_end_.get());
-    while (agt::wait_fd(listener_.get(), POLLIN, -1) == agt::wait_result::ready && !agt::cancelled()) {
+    while (agt::wait_fd(listener_.get(), POLLIN, -1) == agt::wait_result::ready &&
+           !agt::cancelled()) {
         agt::unique_fd sockfd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         join_done();
         if (!sockfd.valid())
@@ -185,8 +189,8 @@ void stand_in::serve(connection& peer) {
     agt::set_cancel_fd(end_.get());
     int served = 0;
     while (served != options().close_after_messages &&
-           agt::wait_fd(peer.sockfd.get(), POLLIN, -1) == agt::wait_result::ready && wait_reading() &&
-           serve_message(peer))
+           agt::wait_fd(peer.sockfd.get(), POLLIN, -1) == agt::wait_result::ready &&
+           wait_reading() && serve_message(peer))
         ++served;
     const agt::lock_guard lock(mutex_);
     peer.sockfd.reset();
@@ -197,7 +201,8 @@ void stand_in::serve(connection& peer) {
 // Waits while reading is stopped; false at the end.
 bool stand_in::wait_reading() const {
     const agt::lock_guard lock(mutex_);
-    changed_.wait(mutex_, [this]() AGT_REQUIRES(mutex_) { return stopping_ || !options_.stop_reading; });
+    changed_.wait(mutex_,
+                  [this]() AGT_REQUIRES(mutex_) { return stopping_ || !options_.stop_reading; });
     return !stopping_;
 }
 
@@ -357,10 +362,11 @@ bool stand_in::wait_connections(int count, int limit_ms) const {
 
 bool stand_in::wait_open_connections(int count, int limit_ms) const {
     const agt::lock_guard lock(mutex_);
-    return changed_.wait_for(mutex_, std::chrono::milliseconds(limit_ms), [&]() AGT_REQUIRES(mutex_) {
-        return count == std::count_if(connections_.begin(), connections_.end(),
-                                      [](const connection& peer) { return !peer.done; });
-    });
+    return changed_.wait_for(
+        mutex_, std::chrono::milliseconds(limit_ms), [&]() AGT_REQUIRES(mutex_) {
+            return count == std::count_if(connections_.begin(), connections_.end(),
+                                          [](const connection& peer) { return !peer.done; });
+        });
 }
 
 } // namespace kessctl

@@ -1,8 +1,9 @@
-// A stand-in for the central server: answers an agent as the server would, records what arrives, and misbehaves on
-// request.
+// A stand-in for the central server: answers an agent as the server would, records what arrives,
+// and misbehaves on request.
 //
-// One thread accepts, one thread serves each connection. Everything public may be called from any thread, also while
-// connections are served. The address and port stay the same when the listener is closed and opened again.
+// One thread accepts, one thread serves each connection. Everything public may be called from any
+// thread, also while connections are served. The address and port stay the same when the listener
+// is closed and opened again.
 #pragma once
 
 #include <chrono>
@@ -44,10 +45,10 @@ struct exchange {
 struct stand_in_options {
     answer_fault fault;                  // of every answer,
     std::map<char, answer_fault> faults; // unless the type of the message answered is listed here
-    int close_after_messages = -1;       // close a connection once that many were answered; -1 never
-    bool stop_reading = false;           // leave what arrives unread
-    char update_result = '0';            // result_code for uploaded service blocks
-    std::string svr_gap_time = "0";      // of the health check
+    int close_after_messages = -1;  // close a connection once that many were answered; -1 never
+    bool stop_reading = false;      // leave what arrives unread
+    char update_result = '0';       // result_code for uploaded service blocks
+    std::string svr_gap_time = "0"; // of the health check
     std::vector<TCP_CMD_MSG> raw_blocks; // when not empty: sent as they are instead of the services
     bool record = true;                  // keep what arrives for messages() and wait_for()
     // May replace the answer; an empty one is not sent. Called from the connections' threads.
@@ -75,9 +76,10 @@ class stand_in {
     stand_in& operator=(const stand_in&) = delete;
     ~stand_in() { stop(); }
 
-    // Starts listening; port 0 lets the system choose. Empty, or why it could not. `observer` is kept for all
-    // connections.
-    std::string start(const std::string& address = "127.0.0.1", int port = 0, traffic_observer observer = {});
+    // Starts listening; port 0 lets the system choose. Empty, or why it could not. `observer` is
+    // kept for all connections.
+    std::string start(const std::string& address = "127.0.0.1", int port = 0,
+                      traffic_observer observer = {});
     // Closes everything and joins every thread; start() may follow.
     void stop();
     int port() const { return port_; }
@@ -98,8 +100,10 @@ class stand_in {
     int connections() const; // accepted so far
     void forget_messages();
 
-    // Waits for the `nth` message of `type` (from 1, since the start or the last forget_messages()).
-    std::optional<received_message> wait_for(char type, std::size_t nth = 1, int limit_ms = 10000) const;
+    // Waits for the `nth` message of `type` (from 1, since the start or the last
+    // forget_messages()).
+    std::optional<received_message> wait_for(char type, std::size_t nth = 1,
+                                             int limit_ms = 10000) const;
     // Waits until `count` connections were accepted.
     bool wait_connections(int count, int limit_ms = 10000) const;
     // Waits until exactly `count` connections stand.

@@ -37,14 +37,15 @@ exit_status status_of(const agent_verdict& verdict) {
 exit_status look_once(const status_options& chosen, std::string* out) {
     const agent_snapshot now = take_snapshot(chosen.look.cfg_file);
     const agent_verdict verdict = judge(now, chosen.look.full_percent);
-    *out = chosen.json ? status_json(now, verdict, chosen.report) : status_text(now, verdict, chosen.report);
+    *out = chosen.json ? status_json(now, verdict, chosen.report)
+                       : status_text(now, verdict, chosen.report);
     return status_of(verdict);
 }
 
 bool wants_colour() {
     const char* terminal = std::getenv("TERM");
-    return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr && terminal != nullptr &&
-           std::strcmp(terminal, "dumb") != 0;
+    return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr &&
+           terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
 }
 
 std::string watch_head(const status_options& chosen) {
@@ -85,10 +86,12 @@ std::string fit_to_terminal(const std::string& text) {
     std::string line;
     for (auto i = fitting; i > 0 && std::getline(lines, line); --i)
         out += cut_line(line, size.ws_col) + "\n";
-    return fitting == total ? out : out + "... " + std::to_string(total - fitting) + " more lines\n";
+    return fitting == total ? out
+                            : out + "... " + std::to_string(total - fitting) + " more lines\n";
 }
 
-// Looks again and again until a signal asks for the end; on a terminal each picture replaces the one before.
+// Looks again and again until a signal asks for the end; on a terminal each picture replaces the
+// one before.
 exit_status watch(const status_options& chosen) {
     sigset_t ending;
     sigemptyset(&ending);
@@ -127,26 +130,35 @@ exit_status show_status(status_options& chosen) {
 
 void add_status(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<status_options>();
-    CLI::App* command = app.add_subcommand("status", "Show how an agent is doing, without touching it");
+    CLI::App* command =
+        app.add_subcommand("status", "Show how an agent is doing, without touching it");
     add_look_options(*command, chosen->look);
     CLI::Option* json = command->add_flag("--json", chosen->json, "Everything as one JSON object");
-    command->add_option("--watch", chosen->interval_sec, "Look again every so many seconds (2 without a number)")
+    command
+        ->add_option("--watch", chosen->interval_sec,
+                     "Look again every so many seconds (2 without a number)")
         ->expected(0, 1)
         ->default_str("2")
         ->check(CLI::Range(0.1, 86400.0))
         ->excludes(json);
     command->add_flag("--services", chosen->report.services, "List the services");
-    command->add_option("--filter", chosen->report.filter,
-                        "Only services with this text in their id, host or server; implies --services");
-    command->add_option("--sort", chosen->report.sort, "Order of the services: id, host, limit (highest first) or slot")
+    command->add_option(
+        "--filter", chosen->report.filter,
+        "Only services with this text in their id, host or server; implies --services");
+    command
+        ->add_option("--sort", chosen->report.sort,
+                     "Order of the services: id, host, limit (highest first) or slot")
         ->check(CLI::IsMember({"id", "host", "limit", "slot"}))
         ->capture_default_str();
-    command->add_flag("--traces", chosen->report.all_traces, "List all traced processes, not only the first ten");
-    command->footer(
-        "Exit status: 0 all is well, 1 something is wrong (the output says what), 2 no daemon runs for this\n"
-        "configuration, whatever it left behind, or the configuration cannot be read. With --watch, that\n"
-        "of the last look. Output that is no terminal gets no colours; --watch then adds one block of\n"
-        "lines after another.");
+    command->add_flag("--traces", chosen->report.all_traces,
+                      "List all traced processes, not only the first ten");
+    command->footer("Exit status: 0 all is well, 1 something is wrong (the output says what), 2 no "
+                    "daemon runs for this\n"
+                    "configuration, whatever it left behind, or the configuration cannot be read. "
+                    "With --watch, that\n"
+                    "of the last look. Output that is no terminal gets no colours; --watch then "
+                    "adds one block of\n"
+                    "lines after another.");
     command->callback([chosen, status] { *status = show_status(*chosen); });
 }
 

@@ -103,8 +103,10 @@ json traces_json(const agent_snapshot& now) {
                              {"idle_sec", idle < 0 ? json() : json(idle)},
                              {"states", json(process.states)}});
     }
-    return {
-        {"threads", totals.threads}, {"dead", totals.dead}, {"states", json(totals.states)}, {"processes", processes}};
+    return {{"threads", totals.threads},
+            {"dead", totals.dead},
+            {"states", json(totals.states)},
+            {"processes", processes}};
 }
 
 json traffic_json(const agent_snapshot& now) {
@@ -159,7 +161,8 @@ json semaphores_json(const agent_snapshot& now) {
 
 } // namespace
 
-std::string status_json(const agent_snapshot& now, const agent_verdict& verdict, const report_options& wanted) {
+std::string status_json(const agent_snapshot& now, const agent_verdict& verdict,
+                        const report_options& wanted) {
     json out = {{"status", health_name(verdict.health)},
                 {"reasons", verdict.reasons},
                 {"time", now.taken},

@@ -29,11 +29,13 @@ bool in_order(const service_row& a, const service_row& b, const std::string& key
 std::vector<service_row> select_services(const agent_snapshot& now, const report_options& wanted) {
     std::vector<service_row> chosen;
     for (const service_row& service : now.services)
-        if (contains(service.service_id, wanted.filter) || contains(service.host_name, wanted.filter) ||
+        if (contains(service.service_id, wanted.filter) ||
+            contains(service.host_name, wanted.filter) ||
             contains(service.server_id, wanted.filter))
             chosen.push_back(service);
-    std::sort(chosen.begin(), chosen.end(),
-              [&](const service_row& a, const service_row& b) { return in_order(a, b, wanted.sort); });
+    std::sort(chosen.begin(), chosen.end(), [&](const service_row& a, const service_row& b) {
+        return in_order(a, b, wanted.sort);
+    });
     return chosen;
 }
 
@@ -46,7 +48,8 @@ std::vector<std::size_t> queues_in_use(const agent_snapshot& now) {
     std::vector<std::size_t> queues;
     for (std::size_t i = 0; i < now.que_stat.size(); ++i) {
         const queue_traffic& one = now.que_stat[i];
-        const bool traffic = (one.in | one.in_discarded | one.out | one.out_discarded | one.now) != 0;
+        const bool traffic =
+            (one.in | one.in_discarded | one.out | one.out_discarded | one.now) != 0;
         if (static_cast<int>(i) < named || traffic)
             queues.push_back(i);
     }

@@ -1,4 +1,5 @@
-// What `kessctl status` and `kessctl metrics` say of a snapshot: as text for people, as JSON and as metrics.
+// What `kessctl status` and `kessctl metrics` say of a snapshot: as text for people, as JSON and as
+// metrics.
 #pragma once
 
 #include <string>
@@ -18,11 +19,14 @@ struct report_options {
 };
 
 // Ends with a line end, as the others.
-std::string status_text(const agent_snapshot& now, const agent_verdict& verdict, const report_options& wanted);
+std::string status_text(const agent_snapshot& now, const agent_verdict& verdict,
+                        const report_options& wanted);
 
-std::string status_json(const agent_snapshot& now, const agent_verdict& verdict, const report_options& wanted);
+std::string status_json(const agent_snapshot& now, const agent_verdict& verdict,
+                        const report_options& wanted);
 
-// Text exposition format 0.0.4. Of an agent that is not there: kessard_up 0, and what is left of it.
+// Text exposition format 0.0.4. Of an agent that is not there: kessard_up 0, and what is left of
+// it.
 std::string status_metrics(const agent_snapshot& now, const agent_verdict& verdict);
 
 // The services that the filter lets through, in the order wanted.

@@ -55,7 +55,8 @@ std::string size_text(std::size_t bytes) {
 std::string clock_text(time_t when) {
     char text[32];
     struct tm local {};
-    if (when <= 0 || localtime_r(&when, &local) == nullptr || std::strftime(text, sizeof text, "%F %T", &local) == 0)
+    if (when <= 0 || localtime_r(&when, &local) == nullptr ||
+        std::strftime(text, sizeof text, "%F %T", &local) == 0)
         return "-";
     return text;
 }
@@ -68,7 +69,8 @@ std::string counts(const std::map<std::string, int>& states) {
     return text;
 }
 
-void add_headline(std::string& out, const agent_snapshot& now, const agent_verdict& verdict, bool colour) {
+void add_headline(std::string& out, const agent_snapshot& now, const agent_verdict& verdict,
+                  bool colour) {
     const char* const colours[] = {"32", "33", "31"};
     const char* code = colours[static_cast<int>(verdict.health)];
     out += coloured(health_name(verdict.health), code, colour) + ": ";
@@ -96,13 +98,15 @@ void add_settings(std::string& out, const agent_snapshot& now) {
     const TRAN_LOGF_QUE_INFO& set = *now.settings;
     const std::string letters = flag_letters(set.log_flag_set);
     add(out, "\nSettings\n  tracing %s, log types %s, %d log queues, service filter %s\n",
-        set.magic_code == TRACE_ON_MAGIC_CODE ? "on" : "off", letters.empty() ? "none" : letters.c_str(), set.qcnt,
+        set.magic_code == TRACE_ON_MAGIC_CODE ? "on" : "off",
+        letters.empty() ? "none" : letters.c_str(), set.qcnt,
         set.svc_filtering == 0 ? "off" : "on");
-    add(out, "  call depth %d; limits: call %ld, dbio %ld, sql %ld; api log %s, rell log %s\n", set.call_trc_depth,
-        set.call_trc_limit, set.dbio_trc_limit, set.sql_trc_limit, digit(set.save_apilog_yn).c_str(),
-        digit(set.save_relllog_yn).c_str());
-    const auto error_codes = std::count_if(std::begin(set.fst_err_rc_set), std::end(set.fst_err_rc_set),
-                                           [](char value) { return value != 0; });
+    add(out, "  call depth %d; limits: call %ld, dbio %ld, sql %ld; api log %s, rell log %s\n",
+        set.call_trc_depth, set.call_trc_limit, set.dbio_trc_limit, set.sql_trc_limit,
+        digit(set.save_apilog_yn).c_str(), digit(set.save_relllog_yn).c_str());
+    const auto error_codes =
+        std::count_if(std::begin(set.fst_err_rc_set), std::end(set.fst_err_rc_set),
+                      [](char value) { return value != 0; });
     if (error_codes > 0)
         add(out, "  %td return codes with an error setting\n", error_codes);
 }
@@ -114,8 +118,11 @@ void add_fill(std::string& out, const fill_level& fill) {
     else if (!fill.fault.empty())
         add(out, "  corrupt: %s\n", fill.fault.c_str());
     else
-        add(out, "%9lu of %7lu  %5.1f %%  [%-*s]\n", fill.used, fill.slots, fill.percent(), int{BAR_CELLS},
-            std::string(static_cast<std::size_t>(std::lround(fill.percent() / 100 * BAR_CELLS)), '#').c_str());
+        add(out, "%9lu of %7lu  %5.1f %%  [%-*s]\n", fill.used, fill.slots, fill.percent(),
+            int{BAR_CELLS},
+            std::string(static_cast<std::size_t>(std::lround(fill.percent() / 100 * BAR_CELLS)),
+                        '#')
+                .c_str());
 }
 
 void add_fills(std::string& out, const agent_snapshot& now) {
@@ -123,7 +130,8 @@ void add_fills(std::string& out, const agent_snapshot& now) {
     for (const fill_level& table : now.tables())
         add_fill(out, table);
     for (std::size_t i = 0; i < now.queues.size(); ++i)
-        if (i < 2 || now.queues[i].used > 0 || !now.queues[i].fault.empty()) // the daemon works on the first two
+        if (i < 2 || now.queues[i].used > 0 ||
+            !now.queues[i].fault.empty()) // the daemon works on the first two
             add_fill(out, now.queues[i]);
 }
 
@@ -135,24 +143,27 @@ void add_processes(std::string& out, const agent_snapshot& now) {
     add(out, "\nProcesses: %td of %zu in their wanted state\n", good, now.processes.size());
     add(out, "  row  %-16s %8s  state  wanted  restarts  %s\n", "program", "pid", "started");
     for (const process_row& process : now.processes)
-        add(out, "  %3d  %-16s %8d  %5d  %6d  %4d/%-3d  %s%s\n", process.row, process.program.c_str(), process.pid,
-            process.state, process.wanted, process.restarts, process.restarts_allowed,
-            clock_text(process.started).c_str(), process.dead() ? "  dead" : "");
+        add(out, "  %3d  %-16s %8d  %5d  %6d  %4d/%-3d  %s%s\n", process.row,
+            process.program.c_str(), process.pid, process.state, process.wanted, process.restarts,
+            process.restarts_allowed, clock_text(process.started).c_str(),
+            process.dead() ? "  dead" : "");
 }
 
 void add_traces(std::string& out, const agent_snapshot& now, bool all) {
     if (now.traced.empty())
         return;
     const traced_process totals = trace_totals(now);
-    add(out, "\nTraces: %zu processes, %d threads; %d entries dead; by state: %s\n", now.traced.size(), totals.threads,
-        totals.dead, counts(totals.states).c_str());
+    add(out, "\nTraces: %zu processes, %d threads; %d entries dead; by state: %s\n",
+        now.traced.size(), totals.threads, totals.dead, counts(totals.states).c_str());
     add(out, "  %8s  %-16s  threads   dead        idle  states\n", "pid", "process");
-    const std::size_t shown_rows = all ? now.traced.size() : std::min(now.traced.size(), TRACES_SHOWN);
+    const std::size_t shown_rows =
+        all ? now.traced.size() : std::min(now.traced.size(), TRACES_SHOWN);
     for (std::size_t i = 0; i < shown_rows; ++i) {
         const traced_process& process = now.traced[i];
         const long long idle = idle_sec(now, process);
-        add(out, "  %8s  %-16s  %7d  %5d  %10s  %s\n", process.pid.c_str(), process.name.c_str(), process.threads,
-            process.dead, idle < 0 ? "-" : duration(idle).c_str(), counts(process.states).c_str());
+        add(out, "  %8s  %-16s  %7d  %5d  %10s  %s\n", process.pid.c_str(), process.name.c_str(),
+            process.threads, process.dead, idle < 0 ? "-" : duration(idle).c_str(),
+            counts(process.states).c_str());
     }
     if (shown_rows < now.traced.size())
         add(out, "  ... %zu more (--traces lists all)\n", now.traced.size() - shown_rows);
@@ -163,13 +174,13 @@ void add_services(std::string& out, const agent_snapshot& now, const report_opti
         return;
     const std::vector<service_row> chosen = select_services(now, wanted);
     add(out, "\nServices: %zu of %zu\n", chosen.size(), now.services.size());
-    add(out, "  %-16s  %-16s  %-15s  %7s  %5s  %10s  %10s  %10s  %-8s  %s\n", "service", "host", "server", "limit/s",
-        "depth", "call", "dbio", "sql", "flags", "tflag");
+    add(out, "  %-16s  %-16s  %-15s  %7s  %5s  %10s  %10s  %10s  %-8s  %s\n", "service", "host",
+        "server", "limit/s", "depth", "call", "dbio", "sql", "flags", "tflag");
     for (const service_row& service : chosen)
-        add(out, "  %-16s  %-16s  %-15s  %7d  %5d  %10ld  %10ld  %10ld  %-8s  %d\n", service.service_id.c_str(),
-            service.host_name.c_str(), service.server_id.c_str(), service.limit_sec, service.call_trc_depth,
-            service.call_trc_limit, service.dbio_trc_limit, service.sql_trc_limit, service.flags.c_str(),
-            service.tflag);
+        add(out, "  %-16s  %-16s  %-15s  %7d  %5d  %10ld  %10ld  %10ld  %-8s  %d\n",
+            service.service_id.c_str(), service.host_name.c_str(), service.server_id.c_str(),
+            service.limit_sec, service.call_trc_depth, service.call_trc_limit,
+            service.dbio_trc_limit, service.sql_trc_limit, service.flags.c_str(), service.tflag);
 }
 
 void add_log_queues(std::string& out, const agent_snapshot& now) {
@@ -180,12 +191,12 @@ void add_log_queues(std::string& out, const agent_snapshot& now) {
     });
     if (quiet)
         return;
-    add(out, "\nLog queues\n  %5s  %10s  %10s  %10s  %10s  %7s  %10s\n", "queue", "in", "discarded", "out", "discarded",
-        "waiting", "hash table");
+    add(out, "\nLog queues\n  %5s  %10s  %10s  %10s  %10s  %7s  %10s\n", "queue", "in", "discarded",
+        "out", "discarded", "waiting", "hash table");
     for (const std::size_t i : queues) {
         const queue_traffic& one = now.que_stat[i];
-        add(out, "  %5zu  %10u  %10u  %10u  %10u  %7u  %8.1f %%\n", i, one.in, one.in_discarded, one.out,
-            one.out_discarded, one.now, one.hash_table_percent);
+        add(out, "  %5zu  %10u  %10u  %10u  %10u  %7u  %8.1f %%\n", i, one.in, one.in_discarded,
+            one.out, one.out_discarded, one.now, one.hash_table_percent);
     }
 }
 
@@ -201,8 +212,9 @@ std::string semaphores_text(const semaphore_set& set) {
             ++free_count;
             continue;
         }
-        held += ", " + (set.semaphores.size() > 1 ? std::to_string(i) + " " : std::string()) + "held by " +
-                std::to_string(one.pid) + (one.alive ? " (" + one.process + ")" : ", which is dead");
+        held += ", " + (set.semaphores.size() > 1 ? std::to_string(i) + " " : std::string()) +
+                "held by " + std::to_string(one.pid) +
+                (one.alive ? " (" + one.process + ")" : ", which is dead");
         if (one.waiting > 0)
             held += ", " + std::to_string(one.waiting) + " waiting";
     }
@@ -212,17 +224,18 @@ std::string semaphores_text(const semaphore_set& set) {
 }
 
 void add_objects(std::string& out, const agent_snapshot& now) {
-    add(out, "\nObjects\n  %-20s  %10s  %10s  %10s  %8s  %s\n", "segment", "key", "id", "size", "attached",
-        "semaphores");
+    add(out, "\nObjects\n  %-20s  %10s  %10s  %10s  %8s  %s\n", "segment", "key", "id", "size",
+        "attached", "semaphores");
     for (const object_state& segment : now.segments) {
-        const auto set = std::find_if(now.semaphores.begin(), now.semaphores.end(), [&](const semaphore_set& one) {
-            return std::string(one.object.object->name) == segment.object->name;
-        });
+        const auto set = std::find_if(
+            now.semaphores.begin(), now.semaphores.end(), [&](const semaphore_set& one) {
+                return std::string(one.object.object->name) == segment.object->name;
+            });
         const std::string guard = set == now.semaphores.end() ? "none" : semaphores_text(*set);
         add(out, "  %-20s  %10s  ", segment.object->name, segment.key.c_str());
         if (segment.exists())
-            add(out, "%10d  %10s  %8lu  %s\n", segment.id, size_text(segment.size).c_str(), segment.attaches,
-                guard.c_str());
+            add(out, "%10d  %10s  %8lu  %s\n", segment.id, size_text(segment.size).c_str(),
+                segment.attaches, guard.c_str());
         else
             add(out, "%10s  %10s  %8s  %s\n", "missing", "-", "-", guard.c_str());
     }
@@ -230,7 +243,8 @@ void add_objects(std::string& out, const agent_snapshot& now) {
 
 } // namespace
 
-std::string status_text(const agent_snapshot& now, const agent_verdict& verdict, const report_options& wanted) {
+std::string status_text(const agent_snapshot& now, const agent_verdict& verdict,
+                        const report_options& wanted) {
     std::string out;
     add_headline(out, now, verdict, wanted.colour);
     if (now.object_count() == 0)

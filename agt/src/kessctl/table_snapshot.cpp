@@ -8,10 +8,12 @@
 namespace kessctl {
 namespace {
 
-template <class Table> inline constexpr std::size_t table_slots = std::extent_v<decltype(Table::h_arr)>;
+template <class Table>
+inline constexpr std::size_t table_slots = std::extent_v<decltype(Table::h_arr)>;
 
 // The number of used slots.
-template <class Table> fill_level read_fill(const segment_view& view, const char* name, const char* id) {
+template <class Table>
+fill_level read_fill(const segment_view& view, const char* name, const char* id) {
     fill_level fill;
     fill.name = name;
     fill.id = id;
@@ -26,14 +28,17 @@ template <class Table> fill_level read_fill(const segment_view& view, const char
 }
 
 // The used slots, those that exist; one that does not becomes the fault of the fill level.
-template <class Table> std::vector<unsigned> read_used_slots(const segment_view& view, fill_level& fill) {
+template <class Table>
+std::vector<unsigned> read_used_slots(const segment_view& view, fill_level& fill) {
     std::vector<unsigned> used(fill.known ? fill.used : 0);
-    if (used.empty() || !view.copy(offsetof(Table, used) + sizeof(unsigned), used.data(), used.size() * sizeof used[0]))
+    if (used.empty() || !view.copy(offsetof(Table, used) + sizeof(unsigned), used.data(),
+                                   used.size() * sizeof used[0]))
         return {};
     std::erase_if(used, [&](unsigned slot) {
         if (slot < fill.slots)
             return false;
-        fill.fault = "the used slots include number " + std::to_string(slot) + " of " + std::to_string(fill.slots);
+        fill.fault = "the used slots include number " + std::to_string(slot) + " of " +
+                     std::to_string(fill.slots);
         return true;
     });
     return used;
@@ -65,10 +70,11 @@ void read_services(agent_snapshot& now) {
     }
 }
 
-// Reads what a trace entry says of its process and its state, and leaves the rest of *entry as it is.
+// Reads what a trace entry says of its process and its state, and leaves the rest of *entry as it
+// is.
 bool read_trace(const segment_view& view, unsigned slot, PTRC_HASH_ARR* entry) {
-    const std::size_t at =
-        offsetof(PTRC_HASH_TBL, h_arr) + slot * sizeof(PTRC_HASH_ARR_LIST) + offsetof(PTRC_HASH_ARR_LIST, param);
+    const std::size_t at = offsetof(PTRC_HASH_TBL, h_arr) + slot * sizeof(PTRC_HASH_ARR_LIST) +
+                           offsetof(PTRC_HASH_ARR_LIST, param);
     return view.copy(at, entry, offsetof(PTRC_HASH_ARR, call_trc_depth_list)) &&
            view.copy(at + offsetof(PTRC_HASH_ARR, lasted_access), &entry->lasted_access);
 }
@@ -101,8 +107,8 @@ template <class Queue> void read_queue(const segment_view& view, std::size_t at,
     fill.slots = slots - 1;
     fill.known = view.copy(at, &ends);
     if (ends.front < 0 || ends.front >= slots || ends.rear < 0 || ends.rear >= slots)
-        fill.fault = "front " + std::to_string(ends.front) + ", rear " + std::to_string(ends.rear) + " of " +
-                     std::to_string(slots);
+        fill.fault = "front " + std::to_string(ends.front) + ", rear " + std::to_string(ends.rear) +
+                     " of " + std::to_string(slots);
     else
         fill.used = static_cast<unsigned long>((ends.rear - ends.front + slots) % slots);
 }
@@ -112,7 +118,8 @@ template <class Queue> void read_queue(const segment_view& view, std::size_t at,
 void read_tables(agent_snapshot& now) {
     read_services(now);
     read_traces(now);
-    now.cache_fill = read_fill<JCACHE_HASH_TBL>(segment_view(now.cfg_file, CACHE_TABLE), "cache table", "cache");
+    now.cache_fill =
+        read_fill<JCACHE_HASH_TBL>(segment_view(now.cfg_file, CACHE_TABLE), "cache table", "cache");
 }
 
 void read_queues(agent_snapshot& now) {

@@ -1,8 +1,8 @@
 // kessctl put-trace: being a tracer that enters processes and threads into the trace table.
 //
-// An entry's key is its pid and tid text, which stand side by side; an entry that exists is renewed. Nothing in the
-// table is trusted: counts and indexes are checked before they are used, and a chain is followed for as many steps as
-// there are slots.
+// An entry's key is its pid and tid text, which stand side by side; an entry that exists is
+// renewed. Nothing in the table is trusted: counts and indexes are checked before they are used,
+// and a chain is followed for as many steps as there are slots.
 #include "commands.h"
 
 #include <CLI/CLI.hpp>
@@ -25,7 +25,8 @@ namespace {
 constexpr int NO_SLOT = -1;
 constexpr int FIRST_MADE_UP_PID = 4194305; // beyond the largest that the system gives
 constexpr std::size_t KEY_SIZE = sizeof(PTRC_HASH_ARR::pid) + sizeof(PTRC_HASH_ARR::tid);
-static_assert(offsetof(PTRC_HASH_ARR, tid) == offsetof(PTRC_HASH_ARR, pid) + sizeof(PTRC_HASH_ARR::pid));
+static_assert(offsetof(PTRC_HASH_ARR, tid) ==
+              offsetof(PTRC_HASH_ARR, pid) + sizeof(PTRC_HASH_ARR::pid));
 
 struct trace_options {
     std::string cfg_file = default_cfg_file();
@@ -54,7 +55,8 @@ std::string process_name(int pid) {
     return name;
 }
 
-// The entries that the options ask for, each process before its threads. Empty, or why there are none.
+// The entries that the options ask for, each process before its threads. Empty, or why there are
+// none.
 std::string list_entries(const trace_options& chosen, std::vector<trace_entry>* out) {
     std::vector<int> pids = chosen.pids;
     for (int i = 0; chosen.pids.empty() && i < chosen.count; ++i)
@@ -93,11 +95,13 @@ struct place {
 };
 
 // Empty, or what is wrong with the chain.
-std::string find_entry(const PTRC_HASH_TBL& table, unsigned bucket, const PTRC_HASH_ARR& key, place* out) {
+std::string find_entry(const PTRC_HASH_TBL& table, unsigned bucket, const PTRC_HASH_ARR& key,
+                       place* out) {
     int slot = kessard::shared_load(table.h_idx[bucket]);
     for (int steps = 0; slot != NO_SLOT; ++steps) {
         if (slot < 0 || slot >= PTRC_HASH_SLOTS || steps == PTRC_HASH_SLOTS)
-            return "the chain of bucket " + std::to_string(bucket) + " is corrupt at slot " + std::to_string(slot);
+            return "the chain of bucket " + std::to_string(bucket) + " is corrupt at slot " +
+                   std::to_string(slot);
         out->tail = slot;
         if (std::memcmp(table.h_arr[slot].param.pid, key.pid, KEY_SIZE) == 0) {
             out->slot = slot;
@@ -131,13 +135,16 @@ std::string check_stacks(const PTRC_HASH_TBL& table) {
     const unsigned available = kessard::shared_load(table.available.top);
     if (used <= PTRC_HASH_SLOTS && available <= PTRC_HASH_SLOTS)
         return {};
-    return "the table is corrupt: " + std::to_string(used) + " slots used, " + std::to_string(available) + " free";
+    return "the table is corrupt: " + std::to_string(used) + " slots used, " +
+           std::to_string(available) + " free";
 }
 
 enum class put_outcome { put, renewed, full };
 
-// Puts or renews one entry; the caller holds the table's semaphore. Empty, or what is wrong with the table.
-std::string put_entry(PTRC_HASH_TBL& table, const trace_entry& entry, const trace_options& chosen, put_outcome* done) {
+// Puts or renews one entry; the caller holds the table's semaphore. Empty, or what is wrong with
+// the table.
+std::string put_entry(PTRC_HASH_TBL& table, const trace_entry& entry, const trace_options& chosen,
+                      put_outcome* done) {
     PTRC_HASH_ARR key;
     set_key(key, entry);
     const unsigned bucket = agt::get_hidx(key.pid, KEY_SIZE, PTRC_HASH_BUCKETS - 1);
@@ -164,12 +171,14 @@ std::string put_entry(PTRC_HASH_TBL& table, const trace_entry& entry, const trac
         kessard::stack_push(table.used, static_cast<unsigned>(slot));
         kessard::shared_store(table.alloc_cnt, kessard::shared_load(table.alloc_cnt) + 1);
     }
-    std::printf("%s slot %d: %s, pid %d, tid %lu, state %c, idle %d s\n", is_new ? "put" : "renewed", slot,
-                printable(entry.name).c_str(), entry.pid, entry.tid, chosen.state[0], entry.idle_sec);
+    std::printf("%s slot %d: %s, pid %d, tid %lu, state %c, idle %d s\n",
+                is_new ? "put" : "renewed", slot, printable(entry.name).c_str(), entry.pid,
+                entry.tid, chosen.state[0], entry.idle_sec);
     return {};
 }
 
-exit_status put_entries(PTRC_HASH_TBL& table, const std::vector<trace_entry>& entries, const trace_options& chosen) {
+exit_status put_entries(PTRC_HASH_TBL& table, const std::vector<trace_entry>& entries,
+                        const trace_options& chosen) {
     int left_out = 0;
     for (const trace_entry& entry : entries) {
         put_outcome done = put_outcome::full;
@@ -208,16 +217,20 @@ exit_status put_trace(const trace_options& chosen) {
 
 void add_put_trace(CLI::App& app, exit_status* status) {
     const auto chosen = std::make_shared<trace_options>();
-    CLI::App* command = app.add_subcommand(
-        "put-trace", "Enter processes and threads into the trace table, as a tracer would; what is there is renewed");
-    command->add_option("--config,--cfg", chosen->cfg_file, "Configuration file (default: TRAN_AGT_CFG_FILE)");
-    CLI::Option* pids = command->add_option("--pid", chosen->pids, "Pids of processes (default: made-up ones)")
-                            ->check(CLI::Range(1, 99999999));
+    CLI::App* command =
+        app.add_subcommand("put-trace", "Enter processes and threads into the trace table, as a "
+                                        "tracer would; what is there is renewed");
+    command->add_option("--config,--cfg", chosen->cfg_file,
+                        "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    CLI::Option* pids =
+        command->add_option("--pid", chosen->pids, "Pids of processes (default: made-up ones)")
+            ->check(CLI::Range(1, 99999999));
     command->add_option("--count", chosen->count, "How many made-up processes")
         ->check(CLI::Range(1, int{PTRC_HASH_SLOTS}))
         ->excludes(pids)
         ->capture_default_str();
-    command->add_option("--name", chosen->name, "Name of the processes (default: what the system says of a pid)");
+    command->add_option("--name", chosen->name,
+                        "Name of the processes (default: what the system says of a pid)");
     command->add_option("--threads", chosen->threads, "Thread entries of each process")
         ->check(CLI::Range(0, int{PTRC_HASH_SLOTS}));
     command->add_option("--tid", chosen->first_tid, "Identifier of the first thread")
@@ -229,11 +242,16 @@ void add_put_trace(CLI::App& app, exit_status* status) {
                      "h at once")
         ->check([](const std::string& text) { return text.size() == 1 ? "" : "one letter"; })
         ->capture_default_str();
-    command->add_option("--alive", chosen->alive, "Mark of the last liveness check; 2 and above is kept")
+    command
+        ->add_option("--alive", chosen->alive,
+                     "Mark of the last liveness check; 2 and above is kept")
         ->check(CLI::Range(0, 127))
         ->capture_default_str();
-    command->add_option("--idle", chosen->idle_sec, "Seconds since the last access")->check(CLI::Range(0, INT_MAX));
-    command->add_option("--thread-idle", chosen->thread_idle_sec, "The same of the threads (default: as the process)")
+    command->add_option("--idle", chosen->idle_sec, "Seconds since the last access")
+        ->check(CLI::Range(0, INT_MAX));
+    command
+        ->add_option("--thread-idle", chosen->thread_idle_sec,
+                     "The same of the threads (default: as the process)")
         ->check(CLI::Range(0, INT_MAX));
     command->add_flag("--clear", chosen->clear, "Empty the table instead");
     command->callback([chosen, status] { *status = put_trace(*chosen); });
