@@ -78,8 +78,8 @@ bool exchanges::transfer() {
 void exchanges::put_notifications() {
     queue_ = queue_ == nullptr ? a.noti_que() : queue_;
     const NOTI_SEND_QUE_DATA record{};
-    kessard::ring_put(*queue_, &record, sizeof record);
-    kessard::ring_put(*queue_, &record, sizeof record);
+    agt::ring_put(*queue_, &record, sizeof record);
+    agt::ring_put(*queue_, &record, sizeof record);
 }
 
 bool exchanges::notify() {

@@ -57,13 +57,13 @@ class Notify : public served_agent {
     void put(int first, int last) const {
         int rear = queue->info.rear;
         for (int number = first; number <= last; ++number) {
-            rear = kessard::ring_next<NOTI_SEND_QUE>(rear);
+            rear = agt::ring_next<NOTI_SEND_QUE>(rear);
             queue->data[rear].act_svc_dtl = make_record(number);
         }
-        kessard::shared_store(queue->info.rear, rear, std::memory_order_release);
+        agt::shared_store(queue->info.rear, rear, std::memory_order_release);
     }
     bool wait_empty() const {
-        return wait_until([this] { return kessard::ring_empty(*queue); });
+        return wait_until([this] { return agt::ring_empty(*queue); });
     }
     void expect_message(std::size_t nth, const TCP_CMD_MSG& wanted) const {
         const auto message = server.wait_for(NOTIFY, nth);
@@ -308,11 +308,11 @@ TEST(NotifyQueue, ShowsARecordOnlyWhenItIsWhole) {
     std::thread producer([&] {
         const std::string record(sizeof(NOTI_SEND_QUE_DATA), 'r');
         for (int i = 0; i < COUNT; ++i)
-            kessard::ring_put(*queue, record.data(), record.size());
+            agt::ring_put(*queue, record.data(), record.size());
     });
     int wrong = 0;
     for (int i = 0; i < COUNT;) {
-        const auto* record = reinterpret_cast<const char*>(kessard::ring_take(*queue));
+        const auto* record = reinterpret_cast<const char*>(agt::ring_take(*queue));
         if (record == nullptr)
             continue;
         wrong += record[sizeof(NOTI_SEND_QUE_DATA) - 1] == 'r' ? 0 : 1;

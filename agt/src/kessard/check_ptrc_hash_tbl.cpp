@@ -105,22 +105,22 @@ char is_alive_pid(int k, pid_t pid, const char* proc_nm) {
 
 // Whether it is the entry's turn; counts its seconds otherwise.
 bool is_due(PTRC_HASH_ARR& entry, std::time_t now) {
-    const char trc_sts = shared_load(entry.trc_sts);
+    const char trc_sts = agt::shared_load(entry.trc_sts);
     if (trc_sts == 'h' ||
-        (trc_sts == 'f' && shared_load(entry.lasted_access) < now - FINISHED_IDLE_SEC))
+        (trc_sts == 'f' && agt::shared_load(entry.lasted_access) < now - FINISHED_IDLE_SEC))
         return true;
     const long elapsed =
-        static_cast<signed char>(shared_load(entry.chk_elps_sec)) + long{trc_sts_check_period};
+        static_cast<signed char>(agt::shared_load(entry.chk_elps_sec)) + long{trc_sts_check_period};
     const bool due = elapsed > CHECK_PERIOD_SEC;
-    shared_store(entry.chk_elps_sec, static_cast<char>(due ? 0 : elapsed));
+    agt::shared_store(entry.chk_elps_sec, static_cast<char>(due ? 0 : elapsed));
     return due;
 }
 
 void check_entry(PTRC_HASH_ARR& entry, int k) {
     if (is_alive_pid(k, agt::get_number(entry.pid), entry.proc_nm) == 0)
-        shared_store(entry.isalive, char{0});
-    else if (shared_load(entry.isalive) < KEPT_ALIVE)
-        shared_store(entry.isalive, char{1});
+        agt::shared_store(entry.isalive, char{0});
+    else if (agt::shared_load(entry.isalive) < KEPT_ALIVE)
+        agt::shared_store(entry.isalive, char{1});
 }
 
 } // namespace
@@ -129,8 +129,8 @@ void check_ptrc_hash_tbl() {
     if (ptrc_hash_tbl == nullptr)
         return;
     agt::log_printf("##### ptrc hash table (total : %d) #####\n",
-                    static_cast<int>(shared_load(ptrc_hash_tbl->alloc_cnt)));
-    const unsigned int used = shared_load(ptrc_hash_tbl->used.top);
+                    static_cast<int>(agt::shared_load(ptrc_hash_tbl->alloc_cnt)));
+    const unsigned int used = agt::shared_load(ptrc_hash_tbl->used.top);
     if (used > PTRC_HASH_SLOTS) {
         set_magic_code(0);
         return;
@@ -138,7 +138,7 @@ void check_ptrc_hash_tbl() {
     const std::time_t now = std::time(nullptr);
     int k = 0;
     for (unsigned int i = 0; i < used && running != 0; ++i) {
-        const unsigned int slot = shared_load(ptrc_hash_tbl->used.idx[i]);
+        const unsigned int slot = agt::shared_load(ptrc_hash_tbl->used.idx[i]);
         if (slot < PTRC_HASH_SLOTS && is_due(ptrc_hash_tbl->h_arr[slot].param, now))
             check_entry(ptrc_hash_tbl->h_arr[slot].param, k++);
     }

@@ -19,9 +19,9 @@
 
 #include "daemon_thread.h"
 #include "field.h"
-#include "hash_tbl.h"
 #include "index_stack.h"
 #include "log_printf.h"
+#include "open_object.h"
 #include "parse_log_que.h"
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
@@ -69,9 +69,9 @@ event_subject subject_of(const PTRC_HASH_ARR_LIST* entry) {
     if (entry == nullptr)
         return subject;
     agt::copy_text(subject.proc_nm, entry->param.proc_nm);
-    subject._pid = shared_load(entry->param._pid);
-    subject._tid = shared_load(entry->param._tid);
-    subject.lasted_access = shared_load(entry->param.lasted_access);
+    subject._pid = agt::shared_load(entry->param._pid);
+    subject._tid = agt::shared_load(entry->param._tid);
+    subject.lasted_access = agt::shared_load(entry->param.lasted_access);
     return subject;
 }
 
@@ -81,8 +81,8 @@ struct table_counts {
 };
 
 table_counts count_table() {
-    return {static_cast<int>(shared_load(ptrc_hash_tbl->alloc_cnt)),
-            static_cast<int>(shared_load(ptrc_hash_tbl->used.top))};
+    return {static_cast<int>(agt::shared_load(ptrc_hash_tbl->alloc_cnt)),
+            static_cast<int>(agt::shared_load(ptrc_hash_tbl->used.top))};
 }
 
 template <std::size_t N> void fill(char (&field)[N], const char* text, std::size_t most) {
@@ -135,7 +135,7 @@ void write_header(LOG_HASH_ARR* record, const char* code) {
 
 // Puts the record under the queue's semaphore, which is given back before anything is logged.
 int put_event(const LOG_HASH_ARR& record, int* put) {
-    object_lock lock("parse_log_que", parse_log_que_semid);
+    object_lock lock(agt::PARSE_QUEUES, parse_log_que_semid);
     *put = lock.given_up() ? -1 : put_parse_log_que(&record, sizeof record);
     return lock.release();
 }
@@ -196,15 +196,15 @@ void delete_worker() {
 }
 
 bool is_idle(const PTRC_HASH_ARR_LIST& entry, std::time_t now) {
-    return shared_load(entry.param.lasted_access) < now - worker_cfg.worker_rest_interval;
+    return agt::shared_load(entry.param.lasted_access) < now - worker_cfg.worker_rest_interval;
 }
 
 void examine_thread(const PTRC_HASH_ARR_LIST* entry, std::time_t now) {
-    if (shared_load(entry->param._tid) == 0) {
+    if (agt::shared_load(entry->param._tid) == 0) {
         add_worker(entry);
         return;
     }
-    ST_WORKER_LIST* worker = find_worker(shared_load(entry->param._pid));
+    ST_WORKER_LIST* worker = find_worker(agt::shared_load(entry->param._pid));
     if (is_idle(*entry, now))
         send_event(entry, EVENT_THREAD_IDLE);
     else if (worker != nullptr)
@@ -241,7 +241,7 @@ void report_dead_workers() {
 
 void examine_entries(unsigned int used) {
     for (unsigned int i = 0; i < used && running != 0; ++i) {
-        const unsigned int slot = shared_load(ptrc_hash_tbl->used.idx[i]);
+        const unsigned int slot = agt::shared_load(ptrc_hash_tbl->used.idx[i]);
         if (slot >= PTRC_HASH_SLOTS)
             continue;
         last_examined = &ptrc_hash_tbl->h_arr[slot];

@@ -23,9 +23,10 @@
 #include "kessard/cmd_msg.h"
 #include "kessard/tran_logf_que_info.h"
 #include "log_printf.h"
+#include "open_object.h"
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
-#include "shared.h"
+#include "shared_field.h"
 #include "subprocess.h"
 #include "tcp_base.h"
 #include "tran_agt.h"
@@ -91,14 +92,14 @@ void set_file_system(int index, const char* name, int alert_pcnt) {
     FILE_SYSTEM& row = tran_agt_shm->file_system[index];
     agt::copy_text(row.file_system, name);
     row.alert_pcnt = alert_pcnt;
-    shared_store(tran_agt_shm->file_sys_num, index + 1);
+    agt::shared_store(tran_agt_shm->file_sys_num, index + 1);
 }
 
 // Mount points are ended by commas and the last one by a blank; without the blank the last one is
 // lost. The rows used.
 int set_file_systems(char* list, int alert_pcnt) {
     std::memset(tran_agt_shm->file_system, 0, sizeof tran_agt_shm->file_system);
-    shared_store(tran_agt_shm->file_sys_num, 0);
+    agt::shared_store(tran_agt_shm->file_sys_num, 0);
     int rows = 0;
     char* comma = nullptr;
     while ((comma = std::strchr(list, ',')) != nullptr && rows < FILE_SYSTEM_MAX) {
@@ -132,8 +133,8 @@ void set_sys_resource(agt::log_batch& log) {
     log.line({"(i) -> CPU_ALERT_PCNT      - '", terminate(body.cpu_alert_pcnt), "'"});
     log.line({"(i) -> FILE_SYS_ALERT_PCNT - '", terminate(body.file_sys_alert_pcnt), "'"});
     log.line({"(i) -> MAX_FILE_SYS_LIST   - '", terminate(body.file_sys_list), "'"});
-    shared_store(tran_agt_shm->cpu.alert_sec, agt::get_number(body.cpu_alert_sec));
-    shared_store(tran_agt_shm->cpu.alert_pcnt, agt::get_number(body.cpu_alert_pcnt));
+    agt::shared_store(tran_agt_shm->cpu.alert_sec, agt::get_number(body.cpu_alert_sec));
+    agt::shared_store(tran_agt_shm->cpu.alert_pcnt, agt::get_number(body.cpu_alert_pcnt));
     log_file_systems(
         log, set_file_systems(body.file_sys_list, agt::get_number(body.file_sys_alert_pcnt)));
 }
@@ -141,7 +142,7 @@ void set_sys_resource(agt::log_batch& log) {
 // Elements handled before the first that failed; one that asks to delete an unknown service has not
 // failed.
 int set_services(const SERVICE_ELEMENT* elements, int n) {
-    const object_lock lock("svc_hash_tbl", svc_hash_tbl_semid);
+    const object_lock lock(agt::SERVICE_TABLE, svc_hash_tbl_semid);
     if (lock.given_up())
         return 0;
     for (int i = 0; i < n; ++i) {

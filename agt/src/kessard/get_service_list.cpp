@@ -17,6 +17,7 @@
 #include "daemon_thread.h"
 #include "field.h"
 #include "log_printf.h"
+#include "open_object.h"
 #include "process_globals.h"
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
@@ -96,7 +97,7 @@ void receive_list(int conn_sockfd) {
 
 // Reloads the table under its semaphore; a copy of what it holds then, null without memory for one.
 svc_hash_tbl_copy reload_table(int conn_sockfd) {
-    const object_lock lock("svc_hash_tbl", svc_hash_tbl_semid);
+    const object_lock lock(agt::SERVICE_TABLE, svc_hash_tbl_semid);
     if (lock.given_up())
         return nullptr;
     receive_list(conn_sockfd);

@@ -16,6 +16,7 @@
 #include "daemon_thread.h"
 #include "field.h"
 #include "get_service_list.h"
+#include "index_stack.h"
 #include "jcache_hash_stk.h"
 #include "kessard/cmd_msg.h"
 #include "log_printf.h"
@@ -121,7 +122,7 @@ void report_settings(BODY_HEALTH_CHECK_REQ& body) {
 void report_tables(BODY_HEALTH_CHECK_REQ& body) {
     report_number(body.api_shm_nattch, get_shm_nattch(tran_logf_que_info_shmkey));
     report_number(body.svc_shm_nattch, get_shm_nattch(svc_hash_tbl_shmkey));
-    report_number(body.svc_list_cnt, static_cast<int>(shared_load(svc_hash_tbl->alloc_cnt)));
+    report_number(body.svc_list_cnt, static_cast<int>(agt::shared_load(svc_hash_tbl->alloc_cnt)));
     report_number(body.engine_sts, get_engine_sts(body.chk_msg));
     report_number(body.init_proc_num, get_init_proc_num());
     report_percent(body.ptrc_hashtbl_used_pcnt, get_ptrc_hashtbl_used_pcnt());
@@ -131,13 +132,13 @@ void report_tables(BODY_HEALTH_CHECK_REQ& body) {
 // The shared cur_qcnt counter is not reported: its field repeats out_discard_qcnt, as the server
 // expects.
 void report_queue(QUE_STAT_STR& row, const QUE_STAT& queue) {
-    report_number(row.in_qcnt, static_cast<int>(shared_load(queue.in_qcnt)));
-    report_number(row.in_discard_qcnt, static_cast<int>(shared_load(queue.in_discard_qcnt)));
-    report_number(row.out_qcnt, static_cast<int>(shared_load(queue.out_qcnt)));
-    const int out_discarded = static_cast<int>(shared_load(queue.out_discard_qcnt));
+    report_number(row.in_qcnt, static_cast<int>(agt::shared_load(queue.in_qcnt)));
+    report_number(row.in_discard_qcnt, static_cast<int>(agt::shared_load(queue.in_discard_qcnt)));
+    report_number(row.out_qcnt, static_cast<int>(agt::shared_load(queue.out_qcnt)));
+    const int out_discarded = static_cast<int>(agt::shared_load(queue.out_discard_qcnt));
     report_number(row.out_discard_qcnt, out_discarded);
     report_number(row.cur_qcnt, out_discarded);
-    report_percent(row.log_hashtbl_used_pcnt, shared_load(queue.log_hashtbl_used_pcnt));
+    report_percent(row.log_hashtbl_used_pcnt, agt::shared_load(queue.log_hashtbl_used_pcnt));
 }
 
 void report_time(char (&field)[13]) {
@@ -167,9 +168,9 @@ void build_device_info(BODY_DEVICE_INFO_REQ& body) {
     char os_info[sizeof device.os_info] = "";
     std::memcpy(os_info, device.os_info, sizeof os_info - 1);
     report_text(body.os_info, os_info);
-    report_number(body.core_cnt, shared_load(device.core_cnt));
+    report_number(body.core_cnt, agt::shared_load(device.core_cnt));
     constexpr int width = sizeof body.mem_total - 1;
-    agt::put_decimal(body.mem_total, shared_load(device.mem_total), width, width);
+    agt::put_decimal(body.mem_total, agt::shared_load(device.mem_total), width, width);
     end_field(body.mem_total);
 }
 
@@ -284,7 +285,7 @@ int get_engine_sts(char* text) {
     const int rows = registry_rows();
     for (int i = 0; i < rows; ++i) {
         const PROCESS_INFO& row = proc_info[i];
-        if (shared_load(row.cur_sts) == shared_load(row.act_sts))
+        if (agt::shared_load(row.cur_sts) == agt::shared_load(row.act_sts))
             continue;
         const bool same =
             last != nullptr && std::strncmp(last->proc_bin, row.proc_bin, sizeof row.proc_bin) == 0;
@@ -304,9 +305,9 @@ int get_init_proc_num() {
     if (ptrc_hash_tbl == nullptr)
         return -1;
     int count = 0;
-    const unsigned int used = stack_size(ptrc_hash_tbl->used);
+    const unsigned int used = agt::stack_size(ptrc_hash_tbl->used);
     for (unsigned int i = 0; i < used; ++i) {
-        const unsigned int slot = shared_load(ptrc_hash_tbl->used.idx[i]);
+        const unsigned int slot = agt::shared_load(ptrc_hash_tbl->used.idx[i]);
         if (slot < PTRC_HASH_SLOTS && is_initial_process(ptrc_hash_tbl->h_arr[slot].param))
             ++count;
     }

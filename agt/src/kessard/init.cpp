@@ -19,10 +19,10 @@
 #include "kessard/cmd_msg.h"
 #include "log_printf.h"
 #include "noti_send_que.h"
+#include "open_object.h"
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "read_cfg.h"
-#include "sem.h"
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
@@ -237,10 +237,10 @@ int init_config() {
 
 // The runtime settings segment; a new one takes its queue count from the configuration.
 bool create_settings() {
+    const int key = tran_logf_que_info_shmkey;
     int existed = 0;
-    if (create_tran_logf_que_info(tran_logf_que_info_shmkey, &existed) < 0) {
-        agt::log_printf("<!> tran_logf_que_info create error.[key:0x%x]",
-                        static_cast<unsigned>(tran_logf_que_info_shmkey));
+    if (create_tran_logf_que_info(key, &existed) < 0) {
+        log_object_error(agt::SETTINGS_SEGMENT, key);
         return false;
     }
     if (existed == 0) {
@@ -249,26 +249,19 @@ bool create_settings() {
             return false;
         set_tran_logf_qcnt(qcnt);
     }
-    agt::log_printf("(i) tran_logf_que_info %s complete.[key:0x%x]",
-                    existed != 0 ? "open" : "create",
-                    static_cast<unsigned>(tran_logf_que_info_shmkey));
+    log_object_complete(agt::SETTINGS_SEGMENT, key, existed != 0);
     return true;
 }
 
 bool create_noti_que() {
     int existed = 0;
     if (create_noti_send_que(noti_send_que_shmkey, 0, &existed) < 0) {
-        agt::log_printf("<!> noti_send_que create error.[key:0x%x]",
-                        static_cast<unsigned>(noti_send_que_shmkey));
+        log_object_error(agt::NOTI_QUEUE, noti_send_que_shmkey);
         return false;
     }
-    agt::log_printf("(i) noti_send_que %s complete.[key:0x%x]", existed != 0 ? "open" : "create",
-                    static_cast<unsigned>(noti_send_que_shmkey));
-    const bool created = agt::create_sem(noti_send_que_semkey, 1) >= 0;
-    agt::log_printf(created ? "(i) noti_send_que semaphore create complete.[key:0x%x]"
-                            : "<!> noti_send_que semaphore create error.[key:0x%x]",
-                    static_cast<unsigned>(noti_send_que_semkey));
-    return created;
+    log_object_complete(agt::NOTI_QUEUE, noti_send_que_shmkey, existed != 0);
+    opened_object semaphores; // for the producers; the daemon never takes it
+    return open_logged_object(agt::NOTI_QUEUE_SEM, noti_send_que_semkey, &semaphores);
 }
 
 int create_que() {

@@ -1,7 +1,6 @@
 // The service table: what the server's service lists do to it.
 #pragma once
 
-#include "hash_tbl.h"
 #include "kessard/cmd_msg.h"
 #include "kessard/svc_hash_tbl.h"
 

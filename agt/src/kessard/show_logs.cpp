@@ -61,9 +61,10 @@ svc_hash_tbl_copy copy_svc_hash_tbl(const SVC_HASH_TBL& table) {
     svc_hash_tbl_copy copy(static_cast<SVC_HASH_TBL*>(std::malloc(sizeof table)));
     if (copy == nullptr)
         return copy;
-    copy->alloc_cnt = shared_load(table.alloc_cnt);
+    copy->alloc_cnt = agt::shared_load(table.alloc_cnt);
     copy->used = table.used;
-    const unsigned int used = stack_size(copy->used); // of the copy: the table may change meanwhile
+    const unsigned int used =
+        agt::stack_size(copy->used); // of the copy: the table may change meanwhile
     for (unsigned int i = 0; i < used; ++i) {
         const unsigned int s = copy->used.idx[i];
         if (s < SVC_HASH_SLOTS)
@@ -75,9 +76,10 @@ svc_hash_tbl_copy copy_svc_hash_tbl(const SVC_HASH_TBL& table) {
 void show_svc_hash_tbl(const SVC_HASH_TBL& table) {
     agt::log_batch log;
     log.printf("------------------------ SERVICE HASH TABLE ----------------------------");
-    log.printf("alloc_cnt : %d, used.top : %d\n", static_cast<int>(shared_load(table.alloc_cnt)),
-               static_cast<int>(shared_load(table.used.top)));
-    const unsigned int used = stack_size(table.used);
+    log.printf("alloc_cnt : %d, used.top : %d\n",
+               static_cast<int>(agt::shared_load(table.alloc_cnt)),
+               static_cast<int>(agt::shared_load(table.used.top)));
+    const unsigned int used = agt::stack_size(table.used);
     for (unsigned int i = 0; i < used; ++i) {
         const unsigned int s = table.used.idx[i];
         if (s < SVC_HASH_SLOTS)

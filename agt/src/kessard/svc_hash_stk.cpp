@@ -6,16 +6,16 @@
 namespace kessard {
 
 int svc_hash_push(SVC_HASH_STK* stack, unsigned int index) {
-    return stack_push(*stack, index);
+    return agt::stack_push(*stack, index);
 }
 int svc_hash_pop(SVC_HASH_STK* stack) {
-    return stack_pop(*stack);
+    return agt::stack_pop(*stack);
 }
 int svc_hash_popv(SVC_HASH_STK* stack, unsigned int index) {
-    return stack_popv(*stack, index);
+    return agt::stack_popv(*stack, index);
 }
 void svc_hash_show(const SVC_HASH_STK* stack) {
-    stack_show(*stack);
+    agt::stack_show(*stack);
 }
 
 } // namespace kessard

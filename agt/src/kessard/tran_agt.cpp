@@ -8,10 +8,9 @@
 #include <cerrno>
 
 #include "log_printf.h"
-#include "sem.h"
+#include "open_object.h"
 #include "settings.h"
-#include "shared.h"
-#include "shmem.h"
+#include "shared_field.h"
 
 namespace kessard {
 
@@ -25,31 +24,26 @@ int tran_agt_semid = -1;
 } // namespace
 
 int create_tran_agt_sem() {
-    tran_agt_semid = agt::create_sem(tran_agt_semkey, TRAN_AGT_SEM_COUNT);
-    const bool created = tran_agt_semid >= 0;
-    agt::log_printf(created ? "(i) tran agent semaphore create complete.[key:0x%x]"
-                            : "<!> tran agent semaphore create error.[key:0x%x]",
-                    static_cast<unsigned>(tran_agt_semkey));
-    return created ? 1 : 0;
+    opened_object set;
+    if (!open_logged_object(agt::AGENT_SEMAPHORES, tran_agt_semkey, &set))
+        return 0;
+    tran_agt_semid = set.id;
+    return 1;
 }
 
+// Not an object_lock, which would give the semaphore back: a failure leaves it taken for the kernel
+// to free, so that no other process takes its turn meanwhile.
 int create_tran_agt_shm() {
     const int locked = agt::sem_lock(tran_agt_semid, 0, SEM_UNDO);
     if (locked != 0 && errno != ECANCELED)
         agt::log_printf("<!> tran agent semaphore lock error.[semid:%d, errno:%d]", tran_agt_semid,
                         errno);
-    int existed = 0;
-    const int shmid = agt::create_shm(tran_agt_shmkey, sizeof(TRAN_AGT_SHM), &existed);
-    void* address = shmid < 0 ? nullptr : agt::attach_shm(shmid);
-    if (address == nullptr) {
-        agt::log_printf("<!> tran_agt_shm create error.[key:0x%x]",
-                        static_cast<unsigned>(tran_agt_shmkey));
+    opened_object segment;
+    if (!open_logged_object(agt::AGENT_SEGMENT, tran_agt_shmkey, &segment))
         return 0;
-    }
-    tran_agt_shm = static_cast<TRAN_AGT_SHM*>(address);
+    tran_agt_shm = static_cast<TRAN_AGT_SHM*>(segment.address);
     proc_info = tran_agt_shm->proc_info;
-    agt::log_printf("(i) tran_agt_shm %s complete.[key:0x%x]", existed != 0 ? "open" : "create",
-                    static_cast<unsigned>(tran_agt_shmkey));
+    log_object_complete(agt::AGENT_SEGMENT, tran_agt_shmkey, segment.existed);
     if (locked == 0)
         agt::sem_unlock(tran_agt_semid, 0, SEM_UNDO);
     return 1;
@@ -58,20 +52,20 @@ int create_tran_agt_shm() {
 int registry_rows() {
     return tran_agt_shm == nullptr
                ? 0
-               : std::clamp(shared_load(tran_agt_shm->proc_num), 0, int{PROCESS_INFO_MAX});
+               : std::clamp(agt::shared_load(tran_agt_shm->proc_num), 0, int{PROCESS_INFO_MAX});
 }
 
 void deactivate_process(int index) {
     if (index < 0 || proc_info == nullptr)
         return;
     const pid_t own = getpid();
-    const pid_t owner = index < PROCESS_INFO_MAX ? shared_load(proc_info[index].proc_pid) : -1;
+    const pid_t owner = index < PROCESS_INFO_MAX ? agt::shared_load(proc_info[index].proc_pid) : -1;
     if (owner != own) {
         agt::log_printf("<!> proc_info pid mismatch (%d <> %d), process_idx : %d", owner, own,
                         index);
         return;
     }
-    shared_store(proc_info[index].cur_sts, static_cast<char>(PROCESS_DEACT));
+    agt::shared_store(proc_info[index].cur_sts, static_cast<char>(PROCESS_DEACT));
     agt::log_printf("(I) pid : %d,  cur_sts set PROCESS_DEACT... ok", own);
 }
 

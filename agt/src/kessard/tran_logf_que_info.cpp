@@ -6,7 +6,9 @@
 #include <cstring>
 
 #include "field.h"
-#include "shared.h"
+#include "log_flags.h"
+#include "open_object.h"
+#include "shared_field.h"
 #include "shmem.h"
 
 namespace kessard {
@@ -19,23 +21,15 @@ constexpr int ALL_QUEUES = 100;
 constexpr int ALL_CODES = 128;
 constexpr int HIGHEST_VALUE = 2;
 
-struct flag_letter {
-    unsigned char bit;
-    char letter;
-};
-constexpr flag_letter FLAG_LETTERS[] = {{LOG_FLAG_S, 'S'}, {LOG_FLAG_E, 'E'}, {LOG_FLAG_V, 'V'},
-                                        {LOG_FLAG_B, 'B'}, {LOG_FLAG_C, 'C'}, {LOG_FLAG_I, 'I'},
-                                        {LOG_FLAG_X, 'X'}, {LOG_FLAG_Q, 'Q'}};
-
 template <class T, class V> int set_field(T TRAN_LOGF_QUE_INFO::*field, V value) {
     if (que_info == nullptr)
         return -1;
-    shared_store(que_info->*field, static_cast<T>(value));
+    agt::shared_store(que_info->*field, static_cast<T>(value));
     return 1;
 }
 
 template <class T> T get_field(T TRAN_LOGF_QUE_INFO::*field, T otherwise) {
-    return que_info == nullptr ? otherwise : shared_load(que_info->*field);
+    return que_info == nullptr ? otherwise : agt::shared_load(que_info->*field);
 }
 
 int set_digit(char TRAN_LOGF_QUE_INFO::*field, int n) {
@@ -47,7 +41,7 @@ int set_digit(char TRAN_LOGF_QUE_INFO::*field, int n) {
 int get_digit(char TRAN_LOGF_QUE_INFO::*field) {
     if (que_info == nullptr)
         return -1;
-    const char text[2] = {shared_load(que_info->*field), '\0'};
+    const char text[2] = {agt::shared_load(que_info->*field), '\0'};
     return static_cast<int>(std::strtol(text, nullptr, 10));
 }
 
@@ -58,11 +52,12 @@ bool is_digit(char c) {
 } // namespace
 
 int create_tran_logf_que_info(int key, int* existed) {
-    const int shmid = agt::create_shm(key, sizeof(TRAN_LOGF_QUE_INFO), existed);
-    if (shmid < 0)
-        return shmid;
-    que_info = static_cast<TRAN_LOGF_QUE_INFO*>(agt::attach_shm(shmid));
-    return que_info == nullptr ? -1 : shmid;
+    opened_object segment;
+    if (!open_object(agt::SETTINGS_SEGMENT, key, &segment))
+        return -1;
+    que_info = static_cast<TRAN_LOGF_QUE_INFO*>(segment.address);
+    *existed = segment.existed ? 1 : 0;
+    return segment.id;
 }
 
 int detach_tran_logf_que_info() {
@@ -145,7 +140,7 @@ int get_save_relllog() {
 int get_discard_qmsgs(int index) {
     if (que_info == nullptr || index < 0 || index >= LOG_QUE_MAX)
         return -1;
-    return static_cast<int>(shared_load(que_info->discard_qmsgs[index]));
+    return static_cast<int>(agt::shared_load(que_info->discard_qmsgs[index]));
 }
 
 int init_discard_qmsgs(int index) {
@@ -154,27 +149,17 @@ int init_discard_qmsgs(int index) {
     const int first = index == ALL_QUEUES ? 0 : index;
     const int last = index == ALL_QUEUES ? LOG_QUE_MAX - 1 : index;
     for (int i = first; i <= last; ++i)
-        shared_store(que_info->discard_qmsgs[i], 0u);
+        agt::shared_store(que_info->discard_qmsgs[i], 0u);
     return 0;
 }
 
 unsigned char get_log_flag_set_char(const char* letters) {
-    unsigned int flags = 0;
-    for (; *letters != '\0'; ++letters) {
-        for (const flag_letter& known : FLAG_LETTERS)
-            flags |= *letters == known.letter ? known.bit : 0u;
-    }
-    return static_cast<unsigned char>(flags);
+    return agt::flags_of_letters(letters);
 }
 
 const char* get_log_flag_set_str(unsigned char flags) {
     static thread_local char letters[10];
-    char* end = letters;
-    for (const flag_letter& known : FLAG_LETTERS) {
-        if ((flags & known.bit) != 0)
-            *end++ = known.letter;
-    }
-    *end = '\0';
+    agt::copy_text(letters, agt::letters_of_flags(flags).c_str());
     return letters;
 }
 
@@ -191,7 +176,7 @@ int set_fst_err_rc_set(const char* text) {
     const long first = code == ALL_CODES ? 0 : code;
     const long last = code == ALL_CODES ? RC_SET_MAX - 1 : code;
     for (long i = first; i <= last; ++i)
-        shared_store(que_info->fst_err_rc_set[i], static_cast<char>(value));
+        agt::shared_store(que_info->fst_err_rc_set[i], static_cast<char>(value));
     return 0;
 }
 

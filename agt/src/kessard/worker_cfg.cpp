@@ -9,9 +9,9 @@
 #include "field.h"
 #include "kessard/ptrc_hash_tbl.h"
 #include "log_printf.h"
+#include "open_object.h"
 #include "parse_log_que.h"
 #include "read_cfg.h"
-#include "sem.h"
 #include "settings.h"
 #include "str_util.h"
 
@@ -131,17 +131,15 @@ int create_parser_queue() {
         return 0;
     int existed = 0;
     if (create_parse_log_que(shmkey, 0, &existed) < 0) {
-        agt::log_printf("<!> parse_log_que create error.[key:0x%x]", static_cast<unsigned>(shmkey));
+        log_object_error(agt::PARSE_QUEUES, shmkey);
         return 0;
     }
-    agt::log_printf("(i) parse_log_que %s complete.[key:0x%x]", existed != 0 ? "open" : "create",
-                    static_cast<unsigned>(shmkey));
-    parse_log_que_semid = agt::create_sem(semkey, PARSE_LOG_QUE_POOL_SIZE);
-    const bool created = parse_log_que_semid >= 0;
-    agt::log_printf(created ? "(i) parse_log_que semaphore create complete.[key:0x%x]"
-                            : "<!> parse_log_que semaphore create error.[key:0x%x]",
-                    static_cast<unsigned>(semkey));
-    return created ? 1 : 0;
+    log_object_complete(agt::PARSE_QUEUES, shmkey, existed != 0);
+    opened_object semaphores;
+    if (!open_logged_object(agt::PARSE_QUEUES_SEM, semkey, &semaphores))
+        return 0;
+    parse_log_que_semid = semaphores.id;
+    return 1;
 }
 
 } // namespace kessard

@@ -24,9 +24,9 @@ std::string check_cfg(const std::string& cfg_file) {
     if (file == nullptr)
         return cfg_file + ": " + std::strerror(errno);
     std::fclose(file);
-    const bool names_one =
-        std::any_of(std::begin(SHARED_OBJECTS), std::end(SHARED_OBJECTS), [&](const auto& object) {
-            return !cfg_value(cfg_file, object.section(), object.keyword).empty();
+    const bool names_one = std::any_of(
+        std::begin(agt::SHARED_OBJECTS), std::end(agt::SHARED_OBJECTS), [&](const auto* object) {
+            return !cfg_value(cfg_file, object->section(), object->keyword).empty();
         });
     return names_one ? "" : cfg_file + " names none of the agent's shared objects";
 }
@@ -58,9 +58,9 @@ semaphore_set read_semaphores(const object_state& object) {
 }
 
 void read_objects(agent_snapshot& now) {
-    for (const shared_object& object : SHARED_OBJECTS) {
-        const object_state state = find_object(now.cfg_file, object);
-        if (object.kind == object_kind::segment)
+    for (const agt::shared_object* object : agt::SHARED_OBJECTS) {
+        const object_state state = find_object(now.cfg_file, *object);
+        if (object->kind == agt::object_kind::segment)
             now.segments.push_back(state);
         else
             now.semaphores.push_back(read_semaphores(state));
@@ -114,7 +114,7 @@ queue_traffic decode_traffic(const QUE_STAT& stat) {
 }
 
 void read_agent_segment(agent_snapshot& now) {
-    const segment_view agent(now.cfg_file, AGENT_SEGMENT);
+    const segment_view agent(now.cfg_file, agt::AGENT_SEGMENT);
     read_registry(now, agent);
     QUE_STAT stats[QUE_STAT_MAX];
     if (agent.copy(offsetof(TRAN_AGT_SHM, que_stat), &stats))

@@ -197,16 +197,15 @@ void check_collisions(checker& check, key_kind kind) {
 }
 
 void check_objects(checker& check) {
-    for (const shared_object& object : SHARED_OBJECTS) {
-        const object_state now = find_object(check.file.path(), object);
-        const config_key& key = key_of(object.section(), object.keyword);
-        if (now.exists() && now.size != 0 && now.size != object.size)
+    for (const agt::shared_object* object : agt::SHARED_OBJECTS) {
+        const object_state now = find_object(check.file.path(), *object);
+        const config_key& key = key_of(object->section(), object->keyword);
+        if (now.exists() && now.size != 0 && now.size != object->size)
             check.add(line_of(check.file, key), severity::warning, key,
                       "an object of that key exists with " + std::to_string(now.size) +
-                          " instead of " + std::to_string(object.size) +
-                          (object.kind == object_kind::segment ? " bytes" : " semaphores") +
-                          (now.size < object.size ? ": the daemon cannot use it"
-                                                  : ": it may be another program's"));
+                          " instead of " + std::to_string(object->size) + " " + object->unit() +
+                          (now.size < object->size ? ": the daemon cannot use it"
+                                                   : ": it may be another program's"));
     }
 }
 

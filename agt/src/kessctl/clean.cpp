@@ -27,19 +27,19 @@ struct clean_options {
 
 std::vector<object_state> existing_objects(const std::string& cfg_file) {
     std::vector<object_state> states;
-    for (const shared_object& object : SHARED_OBJECTS)
-        if (object_state state = find_object(cfg_file, object); state.exists())
+    for (const agt::shared_object* object : agt::SHARED_OBJECTS)
+        if (object_state state = find_object(cfg_file, *object); state.exists())
             states.push_back(state);
     return states;
 }
 
 bool is_segment(const object_state& state) {
-    return state.object->kind == object_kind::segment;
+    return state.object->kind == agt::object_kind::segment;
 }
 
 void list(const object_state& state) {
     std::printf("%-26s %11s  %-18s %10zu %s", state.object->keyword, state.key.c_str(),
-                state.object->name, state.size, is_segment(state) ? "bytes" : "semaphores");
+                state.object->name, state.size, state.object->unit());
     if (state.attaches > 0)
         std::printf(", attached %lu times: %s", state.attaches,
                     process_texts(attached_to(state.id)).c_str());

@@ -83,10 +83,10 @@ bool read_attached(pid_t pid, const std::set<unsigned>& keys, std::vector<int>* 
 
 std::set<unsigned> segment_keys(const std::string& cfg_file) {
     std::set<unsigned> keys;
-    for (const shared_object& object : SHARED_OBJECTS)
-        if (object.kind == object_kind::segment)
+    for (const agt::shared_object* object : agt::SHARED_OBJECTS)
+        if (object->kind == agt::object_kind::segment)
             keys.insert(static_cast<unsigned>(std::strtol(
-                cfg_value(cfg_file, object.section(), object.keyword).c_str(), nullptr, 10)));
+                cfg_value(cfg_file, object->section(), object->keyword).c_str(), nullptr, 10)));
     keys.erase(0);
     return keys;
 }

@@ -98,12 +98,8 @@ void examine_daemon(patient& agent) {
                      "look at the end of its log; end it with SIGTERM and start it again");
 }
 
-std::string name_of(const shared_object& object) {
+std::string name_of(const agt::shared_object& object) {
     return std::string(object.keyword) + " (" + object.name + ")";
-}
-
-std::string unit_of(const shared_object& object) {
-    return object.kind == object_kind::segment ? " bytes" : " semaphores";
 }
 
 // The value of a semaphore and the process that changed it last.
@@ -164,7 +160,7 @@ void examine_segment(patient& agent, const object_state& state) {
 }
 
 void examine_object(patient& agent, const object_state& state) {
-    const shared_object& object = *state.object;
+    const agt::shared_object& object = *state.object;
     if (!state.exists()) {
         if (agent.running() && (agent.watchdog || !object.watchdog_only))
             agent.report(name_of(object) + ": missing while the daemon runs, key " + state.key +
@@ -179,10 +175,10 @@ void examine_object(patient& agent, const object_state& state) {
         agent.report(name_of(object) + ": " +
                          (state.size < object.size ? "too small, " : "of the wrong size, ") +
                          std::to_string(state.size) + " instead of " + std::to_string(object.size) +
-                         unit_of(object),
+                         " " + object.unit(),
                      "another version or program made it: give it another key, or remove it with "
                      "kessctl clean --force");
-    if (object.kind == object_kind::segment)
+    if (object.kind == agt::object_kind::segment)
         return examine_segment(agent, state);
     for (int i = 0; i < static_cast<int>(std::min(state.size, object.size)); ++i)
         examine_semaphore(agent, state, i);
@@ -190,11 +186,11 @@ void examine_object(patient& agent, const object_state& state) {
 
 void examine_objects(patient& agent) {
     std::string stale;
-    for (const shared_object& object : SHARED_OBJECTS) {
-        const object_state state = find_object(agent.file.path(), object);
+    for (const agt::shared_object* object : agt::SHARED_OBJECTS) {
+        const object_state state = find_object(agent.file.path(), *object);
         examine_object(agent, state);
         if (state.exists() && state.attaches == 0)
-            stale += " " + std::string(object.keyword);
+            stale += " " + std::string(object->keyword);
     }
     if (!agent.running() && !stale.empty())
         agent.report(

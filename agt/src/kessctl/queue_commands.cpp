@@ -13,10 +13,10 @@
 #include <map>
 #include <memory>
 
-#include "../kessard/ring_queue.h"
 #include "event_record.h"
 #include "frame.h"
 #include "print_frame.h"
+#include "ring_queue.h"
 #include "sem.h"
 #include "shared_edit.h"
 #include "wait.h"
@@ -30,8 +30,8 @@ constexpr int CALL_SEQ_MODULUS = 1000000; // what the field holds
 
 // Empty, or which index of the queue is out of range.
 template <class Queue> std::string check_indexes(const Queue& queue) {
-    const kessard::ring_indexes at = kessard::ring_load(queue);
-    if (kessard::ring_index_valid<Queue>(at.front) && kessard::ring_index_valid<Queue>(at.rear))
+    const agt::ring_indexes at = agt::ring_load(queue);
+    if (agt::ring_index_valid<Queue>(at.front) && agt::ring_index_valid<Queue>(at.rear))
         return {};
     return "the queue's indexes are out of range: front " + std::to_string(at.front) + ", rear " +
            std::to_string(at.rear);
@@ -104,7 +104,7 @@ void keep_rate(double rate, int seq, long long start_ms) {
 
 exit_status put_notifications(const put_options& chosen) {
     shared_edit edit;
-    const std::string closed = edit.open(chosen.cfg_file, NOTI_QUEUE, "NOTI_SEND_QUE_SEMKEY");
+    const std::string closed = edit.open(chosen.cfg_file, agt::NOTI_QUEUE, agt::NOTI_QUEUE_SEM);
     if (!closed.empty())
         return complain(closed);
     NOTI_SEND_QUE& queue = static_cast<NOTI_SEND_QUE_POOL*>(edit.address())->que[0];
@@ -119,7 +119,7 @@ exit_status put_notifications(const put_options& chosen) {
         const std::string wrong = check_indexes(queue);
         if (!wrong.empty())
             return complain(wrong);
-        put += kessard::ring_put(queue, &record, sizeof record) == 1 ? 1 : 0;
+        put += agt::ring_put(queue, &record, sizeof record) == 1 ? 1 : 0;
     }
     std::printf("%d records put, %d did not fit\n", put, chosen.count - put);
     return put == chosen.count ? EXIT_OK : EXIT_REFUSED;
@@ -136,10 +136,10 @@ struct events_options {
 // through the queue itself.
 const PARSE_LOG_QUE_DATA* next_event(PARSE_LOG_QUE& queue, bool peek, int* front) {
     if (!peek)
-        return kessard::ring_take(queue);
-    if (*front == kessard::ring_load(queue).rear)
+        return agt::ring_take(queue);
+    if (*front == agt::ring_load(queue).rear)
         return nullptr;
-    *front = kessard::ring_next<PARSE_LOG_QUE>(*front);
+    *front = agt::ring_next<PARSE_LOG_QUE>(*front);
     return &queue.data[*front];
 }
 
@@ -152,11 +152,11 @@ void print_event(const PARSE_LOG_QUE& queue, const PARSE_LOG_QUE_DATA& data) {
 
 exit_status show_events(const events_options& chosen) {
     shared_edit edit;
-    const std::string closed = edit.open(chosen.cfg_file, PARSE_QUEUES, "PARSE_LOG_QUE_SEMKEY");
+    const std::string closed = edit.open(chosen.cfg_file, agt::PARSE_QUEUES, agt::PARSE_QUEUES_SEM);
     if (!closed.empty())
         return complain(closed);
     PARSE_LOG_QUE& queue = static_cast<PARSE_LOG_QUE_POOL*>(edit.address())->que[0];
-    int front = kessard::ring_load(queue).front;
+    int front = agt::ring_load(queue).front;
     for (int shown = 0; shown != chosen.count;) {
         const std::string wrong = check_indexes(queue);
         if (!wrong.empty())

@@ -11,6 +11,7 @@
 
 #include "field.h"
 #include "frame.h"
+#include "log_flags.h"
 #include "service_file.h"
 #include "shared_view.h"
 
@@ -38,7 +39,7 @@ std::string tracing_switch(const TRAN_LOGF_QUE_INFO& now) {
             [](const TRAN_LOGF_QUE_INFO& now) -> std::string { return value; }                     \
     }
 const setting SETTINGS[] = {
-    SETTING("--log-flags", log_flag_set, false, flag_letters(now.log_flag_set),
+    SETTING("--log-flags", log_flag_set, false, agt::letters_of_flags(now.log_flag_set),
             "Log types, letters of SEVBCIXQ"),
     SETTING("--log-qcnt", log_qcnt, true, std::to_string(now.qcnt), "Log queues: 1, 2, 4, 8 or 16"),
     SETTING("--log-onoff", log_onoff, true, tracing_switch(now), "Tracing: 1 on, 0 off"),

@@ -30,19 +30,19 @@ shared_edit::~shared_edit() {
         agt::detach_shm(address_);
 }
 
-std::string shared_edit::open(const std::string& cfg_file, const shared_object& object,
-                              const char* sem_keyword) {
-    const std::string shm_key = cfg_value(cfg_file, "IPC_SHARED_MEMORY", object.keyword);
-    const std::string sem_key = cfg_value(cfg_file, "IPC_SEMAPHORE", sem_keyword);
+std::string shared_edit::open(const std::string& cfg_file, const agt::shared_object& segment,
+                              const agt::shared_object& semaphores) {
+    const std::string shm_key = cfg_value(cfg_file, segment.section(), segment.keyword);
+    const std::string sem_key = cfg_value(cfg_file, semaphores.section(), semaphores.keyword);
     if (shm_key.empty() || sem_key.empty())
-        return std::string("no key ") + (shm_key.empty() ? object.keyword : sem_keyword) +
+        return std::string("no key ") + (shm_key.empty() ? segment : semaphores).keyword +
                " in the configuration file '" + cfg_file + "'";
     semid_ = semget(key_of(sem_key), 1, 0);
     if (semid_ < 0)
-        return about(sem_keyword, sem_key);
-    const int id = shmget(key_of(shm_key), object.size, 0);
+        return about(semaphores.keyword, sem_key);
+    const int id = shmget(key_of(shm_key), segment.size, 0);
     address_ = id < 0 ? nullptr : agt::attach_shm(id);
-    return address_ != nullptr ? "" : about(object.keyword, shm_key);
+    return address_ != nullptr ? "" : about(segment.keyword, shm_key);
 }
 
 } // namespace kessctl

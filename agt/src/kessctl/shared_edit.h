@@ -15,10 +15,10 @@ class shared_edit {
     shared_edit& operator=(const shared_edit&) = delete;
     ~shared_edit();
 
-    // Attaches an existing object and finds its semaphore set; `sem_keyword` names the set's key in
-    // section IPC_SEMAPHORE. Empty on success, else why not.
-    std::string open(const std::string& cfg_file, const shared_object& object,
-                     const char* sem_keyword);
+    // Attaches an existing segment and finds the semaphore set that guards it. Empty on success,
+    // else why not.
+    std::string open(const std::string& cfg_file, const agt::shared_object& segment,
+                     const agt::shared_object& semaphores);
 
     void* address() const { return address_; }
     int semid() const { return semid_; }

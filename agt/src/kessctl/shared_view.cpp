@@ -37,7 +37,7 @@ void look_at_semaphores(object_state& state, key_t key) {
 
 } // namespace
 
-object_state find_object(const std::string& cfg_file, const shared_object& object) {
+object_state find_object(const std::string& cfg_file, const agt::shared_object& object) {
     object_state state;
     state.object = &object;
     state.key = cfg_value(cfg_file, object.section(), object.keyword);
@@ -46,14 +46,13 @@ object_state find_object(const std::string& cfg_file, const shared_object& objec
         state.fault = "the configuration file '" + cfg_file + "' has no such key";
     else if (key == IPC_PRIVATE)
         state.fault = "not a key that processes can share";
-    else if (object.kind == object_kind::segment)
+    else if (object.kind == agt::object_kind::segment)
         look_at_segment(state, key);
     else
         look_at_semaphores(state, key);
     if (state.usable() && state.size < object.size)
         state.fault = "too small: " + std::to_string(state.size) + " of " +
-                      std::to_string(object.size) +
-                      (object.kind == object_kind::segment ? " bytes" : " semaphores");
+                      std::to_string(object.size) + " " + object.unit();
     return state;
 }
 
@@ -61,7 +60,7 @@ std::string describe_fault(const object_state& state) {
     return state.object->keyword + (state.key.empty() ? "" : " " + state.key) + ": " + state.fault;
 }
 
-segment_view::segment_view(const std::string& cfg_file, const shared_object& object)
+segment_view::segment_view(const std::string& cfg_file, const agt::shared_object& object)
     : state_(find_object(cfg_file, object)) {
     if (!state_.usable())
         return;
@@ -84,23 +83,14 @@ bool segment_view::copy(std::size_t at, void* out, std::size_t size) const {
     return true;
 }
 
-std::string read_shared(const std::string& cfg_file, const shared_object& object, std::size_t at,
-                        void* out, std::size_t size) {
+std::string read_shared(const std::string& cfg_file, const agt::shared_object& object,
+                        std::size_t at, void* out, std::size_t size) {
     const segment_view view(cfg_file, object);
     return view.copy(at, out, size) ? "" : describe_fault(view.state());
 }
 
 std::string read_settings(const std::string& cfg_file, TRAN_LOGF_QUE_INFO* out) {
-    return read_shared(cfg_file, SETTINGS_SEGMENT, 0, out, sizeof *out);
-}
-
-std::string flag_letters(unsigned char flags) {
-    constexpr char letters[] = "SEVBCIXQ";
-    std::string text;
-    for (unsigned bit = 0; bit < 8; ++bit)
-        if ((flags >> bit & 1U) != 0)
-            text += letters[bit];
-    return text;
+    return read_shared(cfg_file, agt::SETTINGS_SEGMENT, 0, out, sizeof *out);
 }
 
 } // namespace kessctl

@@ -16,7 +16,7 @@ namespace kessctl {
 
 // How one object stands. `fault` is empty for a segment or set that can be used.
 struct object_state {
-    const shared_object* object = nullptr;
+    const agt::shared_object* object = nullptr;
     std::string key; // as the configuration has it; empty when it has none
     int id = -1;     // -1: there is no such object
     std::size_t size = 0;
@@ -28,7 +28,7 @@ struct object_state {
 };
 
 // Finds an object without attaching it. One that is smaller than it must be has a fault.
-object_state find_object(const std::string& cfg_file, const shared_object& object);
+object_state find_object(const std::string& cfg_file, const agt::shared_object& object);
 
 // "KEYWORD key: what is wrong".
 std::string describe_fault(const object_state& state);
@@ -36,7 +36,7 @@ std::string describe_fault(const object_state& state);
 // A segment, attached read-only for the life of the object.
 class segment_view {
   public:
-    segment_view(const std::string& cfg_file, const shared_object& object);
+    segment_view(const std::string& cfg_file, const agt::shared_object& object);
     segment_view(const segment_view&) = delete;
     segment_view& operator=(const segment_view&) = delete;
     ~segment_view();
@@ -57,14 +57,11 @@ class segment_view {
 
 // Copies `size` bytes from `at` of the object that the configuration file names. Empty on success,
 // else why not.
-std::string read_shared(const std::string& cfg_file, const shared_object& object, std::size_t at,
-                        void* out, std::size_t size);
+std::string read_shared(const std::string& cfg_file, const agt::shared_object& object,
+                        std::size_t at, void* out, std::size_t size);
 
 // The settings that the agent's processes read now.
 std::string read_settings(const std::string& cfg_file, TRAN_LOGF_QUE_INFO* out);
-
-// The letters of a log flag set, in the order of its bits.
-std::string flag_letters(unsigned char flags);
 
 // The text of a field that need not have a terminator: without trailing blanks, unprintable bytes
 // escaped.

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "frame.h"
+#include "log_flags.h"
 #include "print_frame.h"
 #include "shared_view.h"
 
@@ -50,7 +51,7 @@ exit_status show_settings(const show_options& chosen) {
     print_fields(stdout, {{"qcnt", std::to_string(now.qcnt)},
                           {"qcnt_mask", std::to_string(now.qcnt_mask)},
                           {"magic_code", magic},
-                          {"log_flag_set", flag_letters(now.log_flag_set)},
+                          {"log_flag_set", agt::letters_of_flags(now.log_flag_set)},
                           {"fst_err_rc_set", set_ones(now.fst_err_rc_set)},
                           {"call_trc_depth", std::to_string(now.call_trc_depth)},
                           {"call_trc_limit", std::to_string(now.call_trc_limit)},
@@ -69,13 +70,14 @@ void print_service(unsigned slot, const SVC_HASH_ARR& service) {
                 shown(service.service_id).c_str(), shown(service.host_name).c_str(),
                 shown(service.server_id).c_str(), service.limit, service.call_trc_depth,
                 service.call_trc_limit, service.dbio_trc_limit, service.sql_trc_limit,
-                flag_letters(static_cast<unsigned char>(service.uflag_set)).c_str(), service.tflag);
+                agt::letters_of_flags(static_cast<unsigned char>(service.uflag_set)).c_str(),
+                service.tflag);
 }
 
 exit_status show_services(const show_options& chosen) {
     const auto table = std::make_unique<SVC_HASH_TBL>();
     const std::string wrong =
-        read_shared(chosen.cfg_file, SERVICE_TABLE, 0, table.get(), sizeof *table);
+        read_shared(chosen.cfg_file, agt::SERVICE_TABLE, 0, table.get(), sizeof *table);
     if (!wrong.empty())
         return complain(wrong);
     std::printf("%u services, %u slots used, %u free\n", table->alloc_cnt, table->used.top,
@@ -109,11 +111,11 @@ exit_status show_registry(const show_options& chosen) {
     // Only the front of the segment and the host description are looked at.
     const auto agent = std::make_unique<TRAN_AGT_SHM>();
     DEVICE_INFO& device = agent->device_info;
-    std::string wrong = read_shared(chosen.cfg_file, AGENT_SEGMENT, 0, agent.get(),
+    std::string wrong = read_shared(chosen.cfg_file, agt::AGENT_SEGMENT, 0, agent.get(),
                                     offsetof(TRAN_AGT_SHM, log_proc));
     if (wrong.empty())
-        wrong = read_shared(chosen.cfg_file, AGENT_SEGMENT, offsetof(TRAN_AGT_SHM, device_info),
-                            &device, sizeof device);
+        wrong = read_shared(chosen.cfg_file, agt::AGENT_SEGMENT,
+                            offsetof(TRAN_AGT_SHM, device_info), &device, sizeof device);
     if (!wrong.empty())
         return complain(wrong);
     std::printf("host %s, %s, %d cores, memory %.0f\n", shown(device.host_name).c_str(),
@@ -144,7 +146,7 @@ int print_ring(const char* name, int front, int rear, int slots, int wanted) {
 
 std::string show_noti_queue(const show_options& chosen) {
     NOTI_SEND_QUE_INFO info{};
-    std::string wrong = read_shared(chosen.cfg_file, NOTI_QUEUE, 0, &info, sizeof info);
+    std::string wrong = read_shared(chosen.cfg_file, agt::NOTI_QUEUE, 0, &info, sizeof info);
     if (!wrong.empty())
         return wrong;
     const int count =
@@ -153,7 +155,7 @@ std::string show_noti_queue(const show_options& chosen) {
         const auto slot =
             static_cast<std::size_t>((info.rear - i + NOTI_SEND_QUE_SLOTS) % NOTI_SEND_QUE_SLOTS);
         ACTIVE_SERVICE_DETAIL record;
-        wrong = read_shared(chosen.cfg_file, NOTI_QUEUE,
+        wrong = read_shared(chosen.cfg_file, agt::NOTI_QUEUE,
                             offsetof(NOTI_SEND_QUE, data) + slot * sizeof(NOTI_SEND_QUE_DATA),
                             &record, sizeof record);
         std::vector<field_value> fields;
@@ -191,7 +193,7 @@ void print_event(std::size_t slot, const TRAN_LOG_FMT& log) {
 std::string show_parse_queue(const show_options& chosen, std::size_t que) {
     PARSE_LOG_QUE_INFO info{};
     const std::size_t start = que * sizeof(PARSE_LOG_QUE);
-    std::string wrong = read_shared(chosen.cfg_file, PARSE_QUEUES, start, &info, sizeof info);
+    std::string wrong = read_shared(chosen.cfg_file, agt::PARSE_QUEUES, start, &info, sizeof info);
     if (!wrong.empty() ||
         (que > 0 && info.front == 0 && info.rear == 0)) // a queue nobody has used yet
         return wrong;
@@ -203,7 +205,7 @@ std::string show_parse_queue(const show_options& chosen, std::size_t que) {
             static_cast<std::size_t>((info.rear - i + PARSE_LOG_QUE_SLOTS) % PARSE_LOG_QUE_SLOTS);
         TRAN_LOG_FMT log;
         wrong =
-            read_shared(chosen.cfg_file, PARSE_QUEUES,
+            read_shared(chosen.cfg_file, agt::PARSE_QUEUES,
                         start + offsetof(PARSE_LOG_QUE, data) + slot * sizeof(PARSE_LOG_QUE_DATA),
                         &log, sizeof log);
         if (!wrong.empty() || log.hdr.log_type[0] == '\0')

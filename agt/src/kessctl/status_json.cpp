@@ -1,6 +1,7 @@
 // A snapshot for programs.
 #include <nlohmann/json.hpp>
 
+#include "log_flags.h"
 #include "status_report.h"
 
 namespace kessctl {
@@ -38,7 +39,7 @@ json settings_json(const agent_snapshot& now) {
     const TRAN_LOGF_QUE_INFO& set = *now.settings;
     return {{"tracing", set.magic_code == TRACE_ON_MAGIC_CODE},
             {"magic_code", set.magic_code},
-            {"log_flags", flag_letters(set.log_flag_set)},
+            {"log_flags", agt::letters_of_flags(set.log_flag_set)},
             {"qcnt", set.qcnt},
             {"qcnt_mask", set.qcnt_mask},
             {"svc_filtering", static_cast<int>(set.svc_filtering)},

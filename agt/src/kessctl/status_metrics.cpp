@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <map>
 
+#include "log_flags.h"
 #include "status_report.h"
 
 namespace kessctl {
@@ -84,7 +85,7 @@ void settings_metrics(std::string& out, const agent_snapshot& now) {
            set.svc_filtering != 0);
     metric_family types(out, "kessard_log_type_enabled", "gauge", "Whether a log type is written.");
     for (unsigned bit = 0; bit < 8; ++bit)
-        types.sample({{"type", flag_letters(static_cast<unsigned char>(1U << bit))}},
+        types.sample({{"type", agt::letters_of_flags(static_cast<unsigned char>(1U << bit))}},
                      (set.log_flag_set >> bit & 1U) != 0);
     single(out, "kessard_log_queues", "gauge", "Number of log queues.", set.qcnt);
     single(out, "kessard_call_trace_depth", "gauge", "Call-trace depth.", set.call_trc_depth);

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "frame.h"
+#include "log_flags.h"
 #include "status_report.h"
 
 namespace kessctl {
@@ -96,7 +97,7 @@ void add_settings(std::string& out, const agent_snapshot& now) {
     if (!now.settings)
         return;
     const TRAN_LOGF_QUE_INFO& set = *now.settings;
-    const std::string letters = flag_letters(set.log_flag_set);
+    const std::string letters = agt::letters_of_flags(set.log_flag_set);
     add(out, "\nSettings\n  tracing %s, log types %s, %d log queues, service filter %s\n",
         set.magic_code == TRACE_ON_MAGIC_CODE ? "on" : "off",
         letters.empty() ? "none" : letters.c_str(), set.qcnt,

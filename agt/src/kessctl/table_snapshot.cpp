@@ -4,6 +4,7 @@
 #include <type_traits>
 
 #include "agent_snapshot.h"
+#include "log_flags.h"
 
 namespace kessctl {
 namespace {
@@ -55,13 +56,13 @@ service_row decode_service(unsigned slot, const SVC_HASH_ARR& service) {
     out.call_trc_limit = service.call_trc_limit;
     out.dbio_trc_limit = service.dbio_trc_limit;
     out.sql_trc_limit = service.sql_trc_limit;
-    out.flags = flag_letters(static_cast<unsigned char>(service.uflag_set));
+    out.flags = agt::letters_of_flags(static_cast<unsigned char>(service.uflag_set));
     out.tflag = service.tflag;
     return out;
 }
 
 void read_services(agent_snapshot& now) {
-    const segment_view view(now.cfg_file, SERVICE_TABLE);
+    const segment_view view(now.cfg_file, agt::SERVICE_TABLE);
     now.service_fill = read_fill<SVC_HASH_TBL>(view, "service table", "service");
     for (const unsigned slot : read_used_slots<SVC_HASH_TBL>(view, now.service_fill)) {
         SVC_HASH_ARR_LIST entry;
@@ -89,7 +90,7 @@ void count_trace(traced_process& process, const PTRC_HASH_ARR& entry) {
 }
 
 void read_traces(agent_snapshot& now) {
-    const segment_view view(now.cfg_file, TRACE_TABLE);
+    const segment_view view(now.cfg_file, agt::TRACE_TABLE);
     now.trace_fill = read_fill<PTRC_HASH_TBL>(view, "trace table", "trace");
     std::map<std::pair<std::string, std::string>, traced_process> by_process;
     const auto entry = std::make_unique<PTRC_HASH_ARR>();
@@ -118,17 +119,17 @@ template <class Queue> void read_queue(const segment_view& view, std::size_t at,
 void read_tables(agent_snapshot& now) {
     read_services(now);
     read_traces(now);
-    now.cache_fill =
-        read_fill<JCACHE_HASH_TBL>(segment_view(now.cfg_file, CACHE_TABLE), "cache table", "cache");
+    now.cache_fill = read_fill<JCACHE_HASH_TBL>(segment_view(now.cfg_file, agt::CACHE_TABLE),
+                                                "cache table", "cache");
 }
 
 void read_queues(agent_snapshot& now) {
     fill_level notifications;
     notifications.name = "notification queue";
     notifications.id = "notification";
-    read_queue<NOTI_SEND_QUE>(segment_view(now.cfg_file, NOTI_QUEUE), 0, notifications);
+    read_queue<NOTI_SEND_QUE>(segment_view(now.cfg_file, agt::NOTI_QUEUE), 0, notifications);
     now.queues.push_back(notifications);
-    const segment_view pool(now.cfg_file, PARSE_QUEUES);
+    const segment_view pool(now.cfg_file, agt::PARSE_QUEUES);
     for (std::size_t i = 0; i < PARSE_LOG_QUE_POOL_SIZE; ++i) {
         fill_level queue;
         queue.name = "parse-log queue " + std::to_string(i);

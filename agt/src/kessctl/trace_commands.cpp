@@ -14,15 +14,14 @@
 #include <fstream>
 #include <memory>
 
-#include "../kessard/hash_tbl.h"
 #include "frame.h"
-#include "hash.h"
+#include "hash_chain.h"
+#include "sem.h"
 #include "shared_edit.h"
 
 namespace kessctl {
 namespace {
 
-constexpr int NO_SLOT = -1;
 constexpr int FIRST_MADE_UP_PID = 4194305; // beyond the largest that the system gives
 constexpr std::size_t KEY_SIZE = sizeof(PTRC_HASH_ARR::pid) + sizeof(PTRC_HASH_ARR::tid);
 static_assert(offsetof(PTRC_HASH_ARR, tid) ==
@@ -38,7 +37,7 @@ struct trace_options {
     std::string state = "a";
     int alive = 1;
     int idle_sec = 0;
-    int thread_idle_sec = NO_SLOT; // below 0: as the process
+    int thread_idle_sec = -1; // below 0: as the process
     bool clear = false;
 };
 
@@ -88,51 +87,18 @@ void set_key(PTRC_HASH_ARR& param, const trace_entry& entry) {
     set_text(param.tid, tid);
 }
 
-// The slot of the key and the last slot of the chain that was searched.
-struct place {
-    int slot = NO_SLOT;
-    int tail = NO_SLOT;
-};
-
-// Empty, or what is wrong with the chain.
-std::string find_entry(const PTRC_HASH_TBL& table, unsigned bucket, const PTRC_HASH_ARR& key,
-                       place* out) {
-    int slot = kessard::shared_load(table.h_idx[bucket]);
-    for (int steps = 0; slot != NO_SLOT; ++steps) {
-        if (slot < 0 || slot >= PTRC_HASH_SLOTS || steps == PTRC_HASH_SLOTS)
-            return "the chain of bucket " + std::to_string(bucket) + " is corrupt at slot " +
-                   std::to_string(slot);
-        out->tail = slot;
-        if (std::memcmp(table.h_arr[slot].param.pid, key.pid, KEY_SIZE) == 0) {
-            out->slot = slot;
-            return {};
-        }
-        slot = kessard::shared_load(table.h_arr[slot].next_idx);
-    }
-    return {};
-}
-
 void fill_entry(PTRC_HASH_ARR& param, const trace_entry& entry, const trace_options& chosen) {
     set_text(param.proc_nm, entry.name);
     param._pid = entry.pid;
     param._tid = entry.tid;
-    kessard::shared_store(param.lasted_access, std::time(nullptr) - entry.idle_sec);
-    kessard::shared_store(param.isalive, static_cast<char>(chosen.alive));
-    kessard::shared_store(param.trc_sts, chosen.state[0]);
-}
-
-void link_entry(PTRC_HASH_TBL& table, unsigned bucket, int slot, int tail) {
-    PTRC_HASH_ARR_LIST& entry = table.h_arr[slot];
-    entry.my_idx = static_cast<unsigned>(slot);
-    entry.hash_idx = static_cast<int>(bucket);
-    entry.pre_idx = tail;
-    entry.next_idx = NO_SLOT;
-    kessard::shared_store(tail == NO_SLOT ? table.h_idx[bucket] : table.h_arr[tail].next_idx, slot);
+    agt::shared_store(param.lasted_access, std::time(nullptr) - entry.idle_sec);
+    agt::shared_store(param.isalive, static_cast<char>(chosen.alive));
+    agt::shared_store(param.trc_sts, chosen.state[0]);
 }
 
 std::string check_stacks(const PTRC_HASH_TBL& table) {
-    const unsigned used = kessard::shared_load(table.used.top);
-    const unsigned available = kessard::shared_load(table.available.top);
+    const unsigned used = agt::shared_load(table.used.top);
+    const unsigned available = agt::shared_load(table.available.top);
     if (used <= PTRC_HASH_SLOTS && available <= PTRC_HASH_SLOTS)
         return {};
     return "the table is corrupt: " + std::to_string(used) + " slots used, " +
@@ -147,19 +113,25 @@ std::string put_entry(PTRC_HASH_TBL& table, const trace_entry& entry, const trac
                       put_outcome* done) {
     PTRC_HASH_ARR key;
     set_key(key, entry);
-    const unsigned bucket = agt::get_hidx(key.pid, KEY_SIZE, PTRC_HASH_BUCKETS - 1);
-    place at;
-    std::string wrong = check_stacks(table);
-    if (wrong.empty())
-        wrong = find_entry(table, bucket, key, &at);
+    const int bucket = agt::bucket_of<PTRC_HASH_TBL>(key.pid, KEY_SIZE);
+    const std::string wrong = check_stacks(table);
     if (!wrong.empty())
         return wrong;
-    const bool is_new = at.slot == NO_SLOT;
-    const int slot = is_new ? kessard::stack_pop(table.available) : at.slot;
-    *done = slot == NO_SLOT ? put_outcome::full : is_new ? put_outcome::put : put_outcome::renewed;
-    if (slot == NO_SLOT)
+    const agt::chain_place at =
+        agt::find_in_chain(table, bucket, [&key](const PTRC_HASH_ARR& param) {
+            return std::memcmp(param.pid, key.pid, KEY_SIZE) == 0;
+        });
+    if (at.stray != agt::NO_SLOT)
+        return "the chain of bucket " + std::to_string(bucket) + " is corrupt at slot " +
+               std::to_string(at.stray);
+    const bool is_new = at.slot == agt::NO_SLOT;
+    const int slot = is_new ? agt::stack_pop(table.available) : at.slot;
+    *done = slot == agt::NO_SLOT ? put_outcome::full
+            : is_new             ? put_outcome::put
+                                 : put_outcome::renewed;
+    if (slot == agt::NO_SLOT)
         return {};
-    if (slot < 0 || slot >= PTRC_HASH_SLOTS)
+    if (!agt::is_slot<PTRC_HASH_TBL>(slot))
         return "the stack of free slots is corrupt: it holds " + std::to_string(slot);
     PTRC_HASH_ARR& param = table.h_arr[slot].param;
     if (is_new)
@@ -167,9 +139,9 @@ std::string put_entry(PTRC_HASH_TBL& table, const trace_entry& entry, const trac
     std::memcpy(param.pid, key.pid, KEY_SIZE);
     fill_entry(param, entry, chosen);
     if (is_new) {
-        link_entry(table, bucket, slot, at.tail);
-        kessard::stack_push(table.used, static_cast<unsigned>(slot));
-        kessard::shared_store(table.alloc_cnt, kessard::shared_load(table.alloc_cnt) + 1);
+        agt::append_to_chain(table, bucket, slot, at.tail);
+        agt::stack_push(table.used, static_cast<unsigned>(slot));
+        agt::shared_store(table.alloc_cnt, agt::shared_load(table.alloc_cnt) + 1);
     }
     std::printf("%s slot %d: %s, pid %d, tid %lu, state %c, idle %d s\n",
                 is_new ? "put" : "renewed", slot, printable(entry.name).c_str(), entry.pid,
@@ -199,7 +171,7 @@ exit_status put_trace(const trace_options& chosen) {
         wrong = list_entries(chosen, &entries);
     shared_edit edit;
     if (wrong.empty())
-        wrong = edit.open(chosen.cfg_file, TRACE_TABLE, "PTRC_HASH_TBL_SEMKEY");
+        wrong = edit.open(chosen.cfg_file, agt::TRACE_TABLE, agt::TRACE_TABLE_SEM);
     if (!wrong.empty())
         return complain(wrong);
     const agt::sem_hold hold(edit.semid(), 0);
@@ -208,7 +180,7 @@ exit_status put_trace(const trace_options& chosen) {
     PTRC_HASH_TBL& table = *static_cast<PTRC_HASH_TBL*>(edit.address());
     if (!chosen.clear)
         return put_entries(table, entries, chosen);
-    kessard::clear_hash_tbl(table);
+    agt::clear_hash_tbl(table);
     std::printf("the table is empty\n");
     return EXIT_OK;
 }

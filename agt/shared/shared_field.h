@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-namespace kessard {
+namespace agt {
 
 template <class T>
 T shared_load(const T& field, std::memory_order order = std::memory_order_relaxed) {
@@ -16,4 +16,4 @@ void shared_store(T& field, T value, std::memory_order order = std::memory_order
     std::atomic_ref<T>(field).store(value, order);
 }
 
-} // namespace kessard
+} // namespace agt

@@ -6,9 +6,9 @@
 #include <type_traits>
 
 #include "log_printf.h"
-#include "shared.h"
+#include "shared_field.h"
 
-namespace kessard {
+namespace agt {
 
 template <class Stack>
 inline constexpr unsigned int stack_capacity = std::extent_v<decltype(Stack::idx)>;
@@ -63,11 +63,11 @@ template <class Stack> void stack_fill(Stack& stack) {
 // Writes the entries to the log.
 template <class Stack> void stack_show(const Stack& stack) {
     const unsigned int top = stack_size(stack);
-    agt::log_batch log;
+    log_batch log;
     log.printf("total : %d\n", static_cast<int>(shared_load(stack.top)));
     for (unsigned int i = 0; i < top; ++i)
         log.printf("[%d] array_idx#%d\n", static_cast<int>(i),
                    static_cast<int>(shared_load(stack.idx[i])));
 }
 
-} // namespace kessard
+} // namespace agt

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <type_traits>
 
-#include "shared.h"
+#include "shared_field.h"
 
-namespace kessard {
+namespace agt {
 
 template <class Queue>
 inline constexpr int ring_slots = static_cast<int>(std::extent_v<decltype(Queue::data)>);
@@ -80,4 +80,4 @@ template <class Queue> int ring_count(const Queue& queue) {
     return at.rear < at.front ? at.rear + ring_slots<Queue> - at.front : at.rear - at.front;
 }
 
-} // namespace kessard
+} // namespace agt
