@@ -23,9 +23,9 @@ void log_line(benchmark::State& state) {
 
 void log_lines(benchmark::State& state) {
     for ([[maybe_unused]] const auto& round : state) {
-        agt::log_batch log;
+        const agt::log_batch batch;
         for (int i = 0; i < LINES; ++i)
-            log.printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
+            agt::log_printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
                        2, 1);
     }
     empty_log();

@@ -76,8 +76,7 @@ void notify(std::string_view) {
     const ACTIVE_SERVICE_DETAIL event{};
     for (int i = 0; i < EVENTS; ++i)
         require(put_noti_send_que(&event, sizeof event) == 1, "the queue is full");
-    noti_sockfd = std::exchange(fuzz::next_connection, -1);
-    noti_send_flag = 1;
+    open_noti_link(1);
     fuzz::on_sleep = [] { running = get_noti_send_queueing() > 0 ? 1 : 0; };
     notify_active_service_detail(nullptr);
     fuzz::on_sleep = nullptr;
@@ -89,7 +88,7 @@ void notify(std::string_view) {
 void reconnect(std::string_view file) {
     configuration().set(file);
     if (try_connect() == 1)
-        require(noti_sockfd >= 0, "there is no connection");
+        require(noti_sockfd() >= 0, "there is no connection");
     close_noti_socket();
     require(memchr(get_server_address().srv_ipaddr, 0, sizeof(server_address::srv_ipaddr)) !=
                 nullptr,

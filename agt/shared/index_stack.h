@@ -63,10 +63,10 @@ template <class Stack> void stack_fill(Stack& stack) {
 // Writes the entries to the log.
 template <class Stack> void stack_show(const Stack& stack) {
     const unsigned int top = stack_size(stack);
-    log_batch log;
-    log.printf("total : %d\n", static_cast<int>(shared_load(stack.top)));
+    const log_batch batch;
+    log_printf("total : %d\n", static_cast<int>(shared_load(stack.top)));
     for (unsigned int i = 0; i < top; ++i)
-        log.printf("[%d] array_idx#%d\n", static_cast<int>(i),
+        log_printf("[%d] array_idx#%d\n", static_cast<int>(i),
                    static_cast<int>(shared_load(stack.idx[i])));
 }
 

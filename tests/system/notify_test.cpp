@@ -330,7 +330,7 @@ TEST_F(Notify, LinkComesBackThroughItsOwnThread) {
     a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
     a.write_cfg();
     EXPECT_TRUE(wait_until(
-        [] { return kessard::noti_send_flag == 1; })); // at once, or in its second attempt
+        [] { return kessard::noti_send_flag() == 1; })); // at once, or in its second attempt
     EXPECT_TRUE(server.wait_connections(1));
     kessard::th_join_check_network();
     kessard::close_noti_socket();

@@ -31,7 +31,16 @@ void lock() AGT_ACQUIRES(log_lock) {
 void unlock() AGT_RELEASES(log_lock) {
     log_lock.unlock();
 }
-[[maybe_unused]] const int fork_handlers = pthread_atfork(lock, unlock, unlock);
+
+// The batch that collects what the thread logs. A forked child leaves what stands in it to its
+// parent.
+thread_local log_batch* batch = nullptr;
+
+void unlock_in_child() AGT_RELEASES(log_lock) {
+    batch = nullptr;
+    log_lock.unlock();
+}
+[[maybe_unused]] const int fork_handlers = pthread_atfork(lock, unlock, unlock_in_child);
 
 void take_time(std::time_t when) AGT_REQUIRES(log_lock) {
     if (when == now)
@@ -89,6 +98,18 @@ std::size_t format_message(char* out, const char* fmt, va_list args) {
     return text_length(out, LOG_MESSAGE_SIZE - 1);
 }
 
+// Writes the message with the time in front of it, for which there is room before it, and a line
+// end.
+void write_line(char* message, std::size_t length) {
+    const lock_guard guard(log_lock);
+    take_time(std::time(nullptr));
+    check_day();
+    const std::size_t prefix = std::strlen(time_str);
+    std::memcpy(message - prefix, time_str, prefix);
+    message[length] = '\n';
+    append(message - prefix, prefix + length + 1);
+}
+
 } // namespace
 
 int open_log(const char* dir, const char* title, int mflag) {
@@ -109,39 +130,53 @@ void close_log() {
     close_file();
 }
 
+// A line while it is put together: in the thread's batch, or by itself.
+class log_message {
+  public:
+    // Where the message goes, LOG_MESSAGE_SIZE bytes.
+    char* text() const { return text_; }
+
+    // Ends the line behind `length` characters; an empty one is left out.
+    void end(std::size_t length) {
+        if (length == 0)
+            return;
+        if (batch != nullptr)
+            batch->end_line(length);
+        else
+            write_line(text_, length);
+    }
+
+  private:
+    char line_[LOG_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1];
+    char* text_ = batch == nullptr ? line_ + LOG_PREFIX_SIZE : batch->start_line();
+};
+
 void log_printf(const char* fmt, ...) {
-    char line[LOG_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1];
-    char* message = line + LOG_PREFIX_SIZE;
+    log_message message;
     va_list args;
     va_start(args, fmt);
-    const std::size_t length = format_message(message, fmt, args);
-    va_end(args);
-    if (length == 0)
-        return;
-    message[length] = '\n';
-
-    const lock_guard guard(log_lock);
-    take_time(std::time(nullptr));
-    check_day();
-    const std::size_t prefix = std::strlen(time_str);
-    std::memcpy(message - prefix, time_str, prefix);
-    append(message - prefix, prefix + length + 1);
-}
-
-void log_batch::printf(const char* fmt, ...) {
-    char* message = start_line();
-    va_list args;
-    va_start(args, fmt);
-    end_line(format_message(message, fmt, args));
+    message.end(format_message(message.text(), fmt, args));
     va_end(args);
 }
 
-void log_batch::line(std::initializer_list<std::string_view> pieces) {
-    char* message = start_line();
+void log_line(std::initializer_list<std::string_view> pieces) {
+    log_message message;
     std::size_t length = 0;
     for (const std::string_view piece : pieces)
-        length += piece.copy(message + length, LOG_MESSAGE_SIZE - 1 - length);
-    end_line(length);
+        length += piece.copy(message.text() + length, LOG_MESSAGE_SIZE - 1 - length);
+    message.end(length);
+}
+
+// cppcheck-suppress uninitMemberVar
+log_batch::log_batch() : outer_(batch) {
+    if (outer_ != nullptr)
+        outer_->flush();
+    batch = this;
+}
+
+log_batch::~log_batch() {
+    flush();
+    batch = outer_;
 }
 
 // Where the message of the next line goes.
@@ -179,6 +214,11 @@ void log_batch::flush() {
     check_day();
     append(text_, used_);
     used_ = 0;
+}
+
+void flush_log() {
+    if (batch != nullptr)
+        batch->flush();
 }
 
 struct tm local_time(std::time_t when) {

@@ -30,35 +30,43 @@ int open_log(const char* dir, const char* title, int mflag);
 // Closes the file; later lines are dropped.
 void close_log();
 
-// Writes one line. An empty message writes nothing.
+// Writes one line, or adds it to the calling thread's batch. An empty message writes nothing.
 [[gnu::format(printf, 1, 2)]] void log_printf(const char* fmt, ...);
 
-// Several lines that leave in as few writes as possible: when the buffer is full, when the second
-// changes, on flush() and at the end of the object's life. For one thread.
+// The same of a line made of pieces, which hold no NUL: several times as fast, for long dumps.
+void log_line(std::initializer_list<std::string_view> pieces);
+
+// Lines that leave in as few writes as possible: while an object lives, what its thread logs is
+// collected and leaves when the buffer is full, when the second changes, on flush() and at the end
+// of the object's life. One inside another takes over until it ends. A forked child has none.
 class log_batch {
   public:
-    log_batch() = default; // cppcheck-suppress uninitMemberVar
+    log_batch();
     log_batch(const log_batch&) = delete;
     log_batch& operator=(const log_batch&) = delete;
-    ~log_batch() { flush(); }
-
-    [[gnu::format(printf, 2, 3)]] void printf(const char* fmt, ...);
-    // One line made of the pieces, which hold no NUL: several times as fast, for long dumps.
-    void line(std::initializer_list<std::string_view> pieces);
-    void flush();
+    ~log_batch();
 
   private:
+    friend void flush_log();
+
+    friend class log_message;
+
+    void flush();
     void take_prefix(std::time_t second);
     char* start_line();
     void end_line(std::size_t length);
 
     static constexpr std::size_t CAPACITY = std::size_t{32} * 1024;
+    log_batch* outer_;
     std::time_t second_ = 0;
     std::size_t prefix_length_ = 0;
     std::size_t used_ = 0;
     char prefix_[LOG_PREFIX_SIZE];
     char text_[CAPACITY];
 };
+
+// Writes what the calling thread's batch has collected.
+void flush_log();
 
 // Converts to local time under the log's lock: the only place where the process does so.
 struct tm local_time(std::time_t when);

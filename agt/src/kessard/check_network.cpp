@@ -1,7 +1,16 @@
 // The notify link.
+//
+// Three threads meet here. The main thread connects at start. The notifier alone sends on the
+// socket, under noti_socket_mutex for a whole exchange, and after a failure only marks the link
+// down (network_off). The watcher sees that within a second, closes the socket, which waits for an
+// exchange to end, and connects anew until that succeeds; only it opens a socket, and only while
+// the link is down, so nobody sends on a socket that is being replaced.
+//
+// The state is one enum, changed by compare-and-exchange: the watcher's start and a failure that
+// the notifier meets at the same moment must not undo each other.
 #include "check_network.h"
 
-#include <cstdlib>
+#include <atomic>
 
 #include "daemon_thread.h"
 #include "log_printf.h"
@@ -10,38 +19,126 @@
 #include "server_link.h"
 #include "settings.h"
 #include "tcp_base.h"
+#include "util.h"
 #include "wait.h"
 
 namespace kessard {
 
-std::atomic<int> noti_sockfd{-1};
-std::atomic<int> noti_send_flag{0};
-std::atomic<int> send_flag{0};
 agt::mutex noti_socket_mutex;
 
 namespace {
 
 constexpr int RETRY_SEC = 3;
+constexpr int LINK_POLL_SEC = 1;
+constexpr int FIRST_RETRY_USEC = 10000;
+constexpr int NEXT_RETRY_USEC = 999999;
 
-daemon_thread th("check_network", check_network);
+std::atomic<int> sockfd{-1};
+std::atomic<link_state> state{link_state::down};
+
+daemon_thread net_th("network_check", network_checker, "<!> network pthread_create error.");
+daemon_thread th("check_network", check_network, "<!> pthread_create error.");
+
+link_state when_up(link_state now) {
+    const bool watched = now != link_state::down && now != link_state::up_at_start;
+    return watched ? link_state::up : link_state::up_at_start;
+}
+
+link_state when_off(link_state now) {
+    if (now == link_state::up_at_start)
+        return link_state::down;
+    return now == link_state::up ? link_state::lost : now;
+}
+
+link_state when_watched(link_state now) {
+    if (now == link_state::down)
+        return link_state::lost;
+    return now == link_state::up_at_start ? link_state::up : now;
+}
+
+void change_state(link_state (*next)(link_state)) {
+    link_state now = state;
+    while (!state.compare_exchange_weak(now, next(now)))
+        continue;
+}
+
+// Tries to bring the link back; the microseconds to wait before the next try.
+int reconnect() {
+    close_noti_socket();
+    if (try_connect() != 1) {
+        state = link_state::retrying;
+        return NEXT_RETRY_USEC;
+    }
+    agt::log_printf("(I) notify socket reconnect success");
+    network_on();
+    return FIRST_RETRY_USEC;
+}
 
 } // namespace
 
+link_state noti_link_state() {
+    return state;
+}
+
+int noti_send_flag() {
+    const link_state now = state;
+    return now == link_state::up || now == link_state::up_at_start ? 1 : 0;
+}
+
+int send_flag() {
+    switch (state.load()) {
+    case link_state::down:
+    case link_state::up_at_start:
+        return 0;
+    case link_state::up:
+    case link_state::lost:
+        return 1;
+    case link_state::retrying:
+        return 2;
+    }
+    return 0;
+}
+
+int noti_sockfd() {
+    return sockfd;
+}
+
+void open_noti_link(int active_limit) {
+    if (active_limit <= 0) {
+        agt::log_printf("(I) Active Service Detail Monitoring OFF.(%dms)", active_limit);
+        return;
+    }
+    agt::log_printf("(I) Active Service Detail Monitoring ON.(%dms)", active_limit);
+    const server_address server = get_server_address();
+    sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
+    if (sockfd < 0) {
+        agt::log_printf("<!> server notify(cmd) port connect fail(ip : %s, port : %d)",
+                        server.srv_ipaddr, server.srv_cmd_port);
+        network_off();
+        return;
+    }
+    change_state(when_up);
+    agt::log_printf("(I) server notify(cmd) port connect ok!(ip : %s, port: %d)", server.srv_ipaddr,
+                    server.srv_cmd_port);
+}
+
 void network_off() {
-    noti_send_flag = 0;
+    change_state(when_off);
     agt::log_printf("<!> network error");
-    agt::log_printf("<!> network error : send_flag off [%d]", send_flag.load());
+    agt::log_printf("<!> network error : send_flag off [%d]", send_flag());
     agt::log_printf("<!> network error : socket close");
 }
 
+// The line shows how the link stood before: 2 behind a failed attempt.
 void network_on() {
-    noti_send_flag = 1;
-    agt::log_printf("<!> network error : send_flag on [%d]", send_flag.load());
+    const int shown = send_flag();
+    change_state(when_up);
+    agt::log_printf("<!> network error : send_flag on [%d]", shown);
 }
 
 void close_noti_socket() {
     const agt::lock_guard guard(noti_socket_mutex);
-    agt::close_tcp_session(noti_sockfd.exchange(-1));
+    agt::close_tcp_session(sockfd.exchange(-1));
 }
 
 int try_connect() {
@@ -54,13 +151,37 @@ int try_connect() {
         !read_cfg_number("TRAN_SERVER", "CMD_PORT", &port))
         return -1;
     set_server_address(ipaddr, port);
-    noti_sockfd = init_tcp_client(ipaddr, port);
-    if (noti_sockfd < 0) {
+    sockfd = init_tcp_client(ipaddr, port);
+    if (sockfd < 0) {
         agt::log_printf("<!> server notify(cmd) port connect fail[ip %s, port %d]", ipaddr, port);
         return -1;
     }
     agt::log_printf("(i) successfully, notify(cmd) port connect [ip %s, port %d]", ipaddr, port);
     return 1;
+}
+
+void network_check() {
+    start_thread(net_th);
+}
+
+void stop_network_check() {
+    stop_thread(net_th);
+}
+
+void* network_checker(void*) {
+    change_state(when_watched);
+    int retry_usec = FIRST_RETRY_USEC;
+    while (keep_running()) {
+        if (noti_send_flag() != 0) {
+            agt::set_idle(LINK_POLL_SEC, 0);
+            continue;
+        }
+        agt::set_idle(0, retry_usec);
+        if (keep_running())
+            retry_usec = reconnect();
+    }
+    close_noti_socket();
+    return nullptr;
 }
 
 void* check_network(void*) {
@@ -69,7 +190,7 @@ void* check_network(void*) {
         close_noti_socket();
         if (try_connect() == 1) {
             agt::log_printf("(i) successfully connected to notify(cmd) port..");
-            noti_send_flag = 1;
+            change_state(when_up);
             return nullptr;
         }
         agt::log_printf("(i) check network, sleep... %d", RETRY_SEC);
@@ -80,8 +201,7 @@ void* check_network(void*) {
 
 void th_start_check_network() {
     agt::log_printf("[th_start_check_network] notify network connection check start...");
-    if (!th.start())
-        agt::log_printf("<!> pthread_create error.");
+    start_thread(th);
 }
 
 void th_cancel_check_network() {

@@ -41,7 +41,7 @@ constexpr char EVENT_RANGE_ERROR[] = "2010";
 constexpr char EVENT_LOG_TYPE = 'V';
 constexpr std::size_t PROC_NM_SIZE = sizeof(PTRC_HASH_ARR::proc_nm);
 
-daemon_thread th("check_worker", check_worker);
+daemon_thread th("check_worker", check_worker, "<!> network pthread_create error.");
 
 struct ST_WORKER_LIST {
     pid_t pid;
@@ -276,13 +276,11 @@ bool check_worker_pass() {
 }
 
 void th_check_worker() {
-    if (!th.start())
-        agt::log_printf("<!> network pthread_create error.");
+    start_thread(th);
 }
 
 void stop_check_worker() {
-    th.cancel();
-    th.join(JOIN_LIMIT_MS);
+    stop_thread(th);
 }
 
 void* check_worker(void*) {

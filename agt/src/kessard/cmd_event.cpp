@@ -1,9 +1,8 @@
 // The command dispatcher.
 //
-// A table leads from the type code to a handler, which carries the request of `r_msg` out and sets
-// what it answers in `s_msg`; receiving, sending and the log lines around them are the same for
-// all. The two buffers live as long as the process and are never cleared: behind the fields that a
-// handler sets, an answer carries what earlier ones left.
+// A table leads from the type code to what shows a request in the log and the handler that carries
+// it out; receiving, sending and the log lines around them are the same for all. The lines of what
+// was received are in the file before the handler runs, the others leave once the answer is out.
 #include "cmd_event.h"
 
 #include <unistd.h>
@@ -36,30 +35,32 @@
 namespace kessard {
 namespace {
 
-TCP_CMD_MSG r_msg;
-TCP_CMD_MSG s_msg;
-
 // The last byte of every text field of a request becomes its terminator, whatever the sender put
 // there.
-template <std::size_t N> const char* terminate(char (&field)[N]) {
+template <std::size_t N> void terminate(char (&field)[N]) {
     field[N - 1] = '\0';
-    return field;
 }
 
-void renew_service_list(agt::log_batch&) {
-    s_msg.body.renew_service_list_rsp.result_code[0] = '0';
+template <std::size_t N> void show_field(const char* label, char (&field)[N]) {
+    terminate(field);
+    agt::log_line({"(i) -> ", label, " - '", field, "'"});
 }
 
-void log_config(agt::log_batch& log, BODY_SET_SYS_CONFIG_SET_REQ& body) {
-    log.line({"(i) -> IPADDR         - '", terminate(body.ipaddr), "'"});
-    log.line({"(i) -> LOG_FLAG_SET   - '", terminate(body.log_flag_set), "'"});
-    log.line({"(i) -> LOG_QCNT       - '", terminate(body.log_qcnt), "'"});
-    log.line({"(i) -> LOG_ONOFF      - '", terminate(body.log_onoff), "'"});
-    log.line({"(i) -> SFILTER_ONOFF  - '", terminate(body.sfilter_onoff), "'"});
-    log.line({"(i) -> CALL_TRC_DEPTH - '", terminate(body.call_trc_depth), "'"});
-    log.line({"(i) -> CALL_TRC_LIMIT - '", terminate(body.call_trc_limit), "'"});
-    log.line({"(i) -> DBIO_TRC_LIMIT - '", terminate(body.dbio_trc_limit), "'"});
-    log.line({"(i) -> SQL_TRC_LIMIT  - '", terminate(body.sql_trc_limit), "'"});
+void show_nothing(TCP_CMD_MSG&) {}
+
+void renew_service_list(TCP_CMD_MSG&, TCP_CMD_MSG&) {}
+
+void show_config(TCP_CMD_MSG& request) {
+    auto& body = request.body.set_sys_config_set_req;
+    show_field("IPADDR        ", body.ipaddr);
+    show_field("LOG_FLAG_SET  ", body.log_flag_set);
+    show_field("LOG_QCNT      ", body.log_qcnt);
+    show_field("LOG_ONOFF     ", body.log_onoff);
+    show_field("SFILTER_ONOFF ", body.sfilter_onoff);
+    show_field("CALL_TRC_DEPTH", body.call_trc_depth);
+    show_field("CALL_TRC_LIMIT", body.call_trc_limit);
+    show_field("DBIO_TRC_LIMIT", body.dbio_trc_limit);
+    show_field("SQL_TRC_LIMIT ", body.sql_trc_limit);
 }
 
 bool is_queue_count(int n) {
@@ -69,13 +70,10 @@ bool is_queue_count(int n) {
 // Everything else is applied even when the log flag set is refused. The magic code doubles as the
 // switch that the agent's other processes test: 1 stores the "on" code, any other number is stored
 // as it is.
-void set_sys_config(agt::log_batch& log) {
-    auto& body = r_msg.body.set_sys_config_set_req;
-    char& result = s_msg.body.set_sys_config_set_rsp.result_code[0];
-    result = '0';
-    log_config(log, body);
+void set_sys_config(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
+    const auto& body = request.body.set_sys_config_set_req;
     if (set_log_flag_set(get_log_flag_set_char(body.log_flag_set)) < 0)
-        result = '1';
+        answer.body.set_sys_config_set_rsp.result_code[0] = '1';
     const int qcnt = agt::get_number(body.log_qcnt);
     if (is_queue_count(qcnt))
         set_tran_logf_qcnt(qcnt);
@@ -115,28 +113,32 @@ int set_file_systems(char* list, int alert_pcnt) {
     return rows;
 }
 
-void log_file_systems(agt::log_batch& log, int rows) {
-    log.printf("## file_sys_num : %d", rows);
+void log_file_systems(int rows) {
+    const agt::log_batch batch;
+    agt::log_printf("## file_sys_num : %d", rows);
     for (int i = 0; i < rows; ++i) {
         const FILE_SYSTEM& row = tran_agt_shm->file_system[i];
-        log.printf("#%d# file_system : %.*s", i, static_cast<int>(sizeof row.file_system),
-                   row.file_system);
-        log.printf("#%d# alert_pcnt : %d", i, row.alert_pcnt);
-        log.printf("#%d# alert_cnt : %d", i, row.alert_cnt);
+        agt::log_printf("#%d# file_system : %.*s", i, static_cast<int>(sizeof row.file_system),
+                        row.file_system);
+        agt::log_printf("#%d# alert_pcnt : %d", i, row.alert_pcnt);
+        agt::log_printf("#%d# alert_cnt : %d", i, row.alert_cnt);
     }
 }
 
-void set_sys_resource(agt::log_batch& log) {
-    auto& body = r_msg.body.set_sys_resource_set_req;
-    s_msg.body.set_sys_resource_set_rsp.result_code[0] = '0';
-    log.line({"(i) -> CPU_ALERT_SEC       - '", terminate(body.cpu_alert_sec), "'"});
-    log.line({"(i) -> CPU_ALERT_PCNT      - '", terminate(body.cpu_alert_pcnt), "'"});
-    log.line({"(i) -> FILE_SYS_ALERT_PCNT - '", terminate(body.file_sys_alert_pcnt), "'"});
-    log.line({"(i) -> MAX_FILE_SYS_LIST   - '", terminate(body.file_sys_list), "'"});
+void show_resource(TCP_CMD_MSG& request) {
+    auto& body = request.body.set_sys_resource_set_req;
+    show_field("CPU_ALERT_SEC      ", body.cpu_alert_sec);
+    show_field("CPU_ALERT_PCNT     ", body.cpu_alert_pcnt);
+    show_field("FILE_SYS_ALERT_PCNT", body.file_sys_alert_pcnt);
+    show_field("MAX_FILE_SYS_LIST  ", body.file_sys_list);
+}
+
+void set_sys_resource(TCP_CMD_MSG& request, TCP_CMD_MSG&) {
+    auto& body = request.body.set_sys_resource_set_req;
     agt::shared_store(tran_agt_shm->cpu.alert_sec, agt::get_number(body.cpu_alert_sec));
     agt::shared_store(tran_agt_shm->cpu.alert_pcnt, agt::get_number(body.cpu_alert_pcnt));
     log_file_systems(
-        log, set_file_systems(body.file_sys_list, agt::get_number(body.file_sys_alert_pcnt)));
+        set_file_systems(body.file_sys_list, agt::get_number(body.file_sys_alert_pcnt)));
 }
 
 // Elements handled before the first that failed; one that asks to delete an unknown service has not
@@ -155,61 +157,77 @@ int set_services(const SERVICE_ELEMENT* elements, int n) {
 
 // The result code stays '0' even when an element failed: the server learns of it from the smaller
 // number.
-void set_modified_service(agt::log_batch& log) {
-    const auto& body = r_msg.body.set_modified_service_req;
-    auto& answer = s_msg.body.set_modified_service_rsp;
-    log.flush();
+void set_modified_service(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
+    const auto& body = request.body.set_modified_service_req;
+    auto& element_num = answer.body.set_modified_service_rsp.element_num;
     const int n = std::clamp(agt::get_number(body.element_num), 0, int{SERVICE_ELEMENT_MAX});
-    answer.result_code[0] = '0';
-    std::snprintf(answer.element_num, sizeof answer.element_num, "%0*d", 3,
-                  set_services(body.elements, n));
+    std::snprintf(element_num, sizeof element_num, "%0*d", 3, set_services(body.elements, n));
 }
 
 struct command {
     char type;
+    char answer_type;
     const char* request; // names in the log
     const char* response;
-    void (*handle)(agt::log_batch& log);
+    // Terminates the fields of the request and writes them to the log.
+    void (*show)(TCP_CMD_MSG& request);
+    // Does what the request asks for. The answer has its type and the result code '0'.
+    void (*handle)(TCP_CMD_MSG& request, TCP_CMD_MSG& answer);
     void (*afterwards)(); // once the answer is out, or null
 };
 
 constexpr command COMMANDS[] = {
-    {MSG_RENEW_SERVICE_LIST_REQ, "RENEW_SERVICE_LIST_REQ", "RENEW_SERVICE_LIST_RSP",
-     renew_service_list, th_start_get_service_list},
-    {MSG_SET_SYS_CONFIG_SET_REQ, "SET_SYS_CONFIG_SET_REQ", "SET_SYS_CONFIG_SET_RSP", set_sys_config,
-     nullptr},
-    {MSG_SET_SYS_RESOURCE_SET_REQ, "SET_SYS_RESOURCE_SET_REQ", "SET_SYS_RESOURCE_SET_RSP",
-     set_sys_resource, nullptr},
-    {MSG_SET_MODIFIED_SERVICE_REQ, "SET_MODIFIED_SERVICE_REQ", "SET_MODIFIED_SERVICE_RSP",
-     set_modified_service, nullptr},
+    {MSG_RENEW_SERVICE_LIST_REQ, MSG_RENEW_SERVICE_LIST_RSP, "RENEW_SERVICE_LIST_REQ",
+     "RENEW_SERVICE_LIST_RSP", show_nothing, renew_service_list, th_start_get_service_list},
+    {MSG_SET_SYS_CONFIG_SET_REQ, MSG_SET_SYS_CONFIG_SET_RSP, "SET_SYS_CONFIG_SET_REQ",
+     "SET_SYS_CONFIG_SET_RSP", show_config, set_sys_config, nullptr},
+    {MSG_SET_SYS_RESOURCE_SET_REQ, MSG_SET_SYS_RESOURCE_SET_RSP, "SET_SYS_RESOURCE_SET_REQ",
+     "SET_SYS_RESOURCE_SET_RSP", show_resource, set_sys_resource, nullptr},
+    {MSG_SET_MODIFIED_SERVICE_REQ, MSG_SET_MODIFIED_SERVICE_RSP, "SET_MODIFIED_SERVICE_REQ",
+     "SET_MODIFIED_SERVICE_RSP", show_nothing, set_modified_service, nullptr},
 };
 
-// A response takes the code that follows its request's in the sequence '0' to '9', 'A' to 'I'.
-constexpr char response_type(char request_type) {
-    return request_type == '9' ? 'A' : static_cast<char>(request_type + 1);
+// The result code of any of the answers: the first byte of their bodies.
+char& result_code_of(TCP_CMD_MSG& answer) {
+    static_assert(offsetof(BODY_RENEW_SERVICE_LIST_RSP, result_code) == 0 &&
+                  offsetof(BODY_SET_SYS_CONFIG_SET_RSP, result_code) == 0 &&
+                  offsetof(BODY_SET_SYS_RESOURCE_SET_RSP, result_code) == 0 &&
+                  offsetof(BODY_SET_MODIFIED_SERVICE_RSP, result_code) == 0);
+    return answer.body.renew_service_list_rsp.result_code[0];
 }
 
-// The lines leave the process once the answer is out: the server waits for one write less.
-void carry_out(const command& wanted, int sockfd) {
-    agt::log_batch log;
-    log.printf("(i) MSGRCV : [[ %s ]]", wanted.request);
-    s_msg.hdr.msg_type[0] = response_type(wanted.type);
-    wanted.handle(log);
-    const int slen = send_msg(sockfd, s_msg);
+const command* find_command(char type) {
+    const auto* found = std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
+                                     [type](const command& known) { return known.type == type; });
+    return found == std::end(COMMANDS) ? nullptr : found;
+}
+
+// What was asked for reaches the log before anything is changed.
+void carry_out(const command& wanted, TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
+    {
+        const agt::log_batch batch;
+        agt::log_printf("(i) MSGRCV : [[ %s ]]", wanted.request);
+        wanted.show(request);
+    }
+    answer.hdr.msg_type[0] = wanted.answer_type;
+    result_code_of(answer) = '0';
+    wanted.handle(request, answer);
+}
+
+void send_answer(const command& wanted, int sockfd, TCP_CMD_MSG& answer) {
+    const int slen = send_msg(sockfd, answer);
+    const agt::log_batch batch;
     if (slen < 0) {
-        log.printf("<!> tcp send error.. slen : %d", slen);
+        agt::log_printf("<!> tcp send error.. slen : %d", slen);
         drop_cmd_client(sockfd);
     }
-    log.printf("(i) MSGSND : [[ %s ]]", wanted.response);
-    log.printf("(i) -> RESULT_CODE - '%c'", s_msg.body.set_sys_config_set_rsp.result_code[0]);
-    log.flush();
-    if (wanted.afterwards != nullptr)
-        wanted.afterwards();
+    agt::log_printf("(i) MSGSND : [[ %s ]]", wanted.response);
+    agt::log_printf("(i) -> RESULT_CODE - '%c'", result_code_of(answer));
 }
 
 // What the child that serves an extended request inherits beyond its own connection.
 void close_inherited(int sockfd) {
-    for (const int fd : {agt_cmd_sockfd, svr_cmd_sockfd.load(), noti_sockfd.load()}) {
+    for (const int fd : {agt_cmd_sockfd, svr_cmd_sockfd.load(), noti_sockfd()}) {
         if (fd > 0 && fd != sockfd)
             close(fd);
     }
@@ -219,12 +237,12 @@ void close_inherited(int sockfd) {
     }
 }
 
-[[noreturn]] void serve_in_child(int sockfd, int rlen) {
+[[noreturn]] void serve_in_child(int sockfd, const TCP_CMD_MSG& request) {
     agt::set_cancel_fd(-1);
     agt::restore_signals();
     std::signal(SIGPIPE, SIG_IGN); // what it runs gets the default back
     close_inherited(sockfd);
-    serve_ext_request(sockfd, reinterpret_cast<const unsigned char*>(&r_msg), rlen);
+    serve_ext_request(sockfd, reinterpret_cast<const unsigned char*>(&request), TCP_CMD_MSG_SIZE);
     agt::close_tcp_session(sockfd);
     std::fflush(stdout);
     _exit(0);
@@ -232,11 +250,11 @@ void close_inherited(int sockfd) {
 
 // Hands an extended request to a child, so that no command and no transfer keeps the loop waiting.
 // The child is reaped by the SIGCHLD handler or, as a daemon, by the system.
-void hand_over(int sockfd, int rlen) {
+void hand_over(int sockfd, const TCP_CMD_MSG& request) {
     std::fflush(stdout);
     const pid_t pid = fork();
     if (pid == 0)
-        serve_in_child(sockfd, rlen);
+        serve_in_child(sockfd, request);
     if (pid < 0)
         agt::log_printf("<!> fork error. errno : %d", errno);
     close(sockfd);
@@ -244,9 +262,9 @@ void hand_over(int sockfd, int rlen) {
     del_cmd_client(sockfd);
 }
 
-// Receives one request into r_msg; false when the connection was dropped instead.
-bool receive_request(int sockfd) {
-    const int rlen = agt::recv_tcp_data_ready(sockfd, &r_msg, sizeof r_msg,
+// Receives one request; false when the connection was dropped instead.
+bool receive_request(int sockfd, TCP_CMD_MSG* request) {
+    const int rlen = agt::recv_tcp_data_ready(sockfd, request, sizeof *request,
                                               RECV_TIMEOUT_SEC); // all of it or nothing
     if (rlen < 1) {
         drop_cmd_client(sockfd);
@@ -254,7 +272,7 @@ bool receive_request(int sockfd) {
             agt::log_printf("<!> cmd_event receive timeout, sockfd : %d, rlen : %d", sockfd, rlen);
         return false;
     }
-    if (agt::magic_bit_check(sockfd, &r_msg) == 1)
+    if (agt::magic_bit_check(sockfd, request) == 1)
         return true;
     drop_cmd_client(sockfd);
     agt::log_printf("<!> magic bit mismatch. sockfd : %d, rlen : %d", sockfd, rlen);
@@ -263,27 +281,36 @@ bool receive_request(int sockfd) {
 
 } // namespace
 
+bool handle_command(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
+    const command* wanted = find_command(request.hdr.msg_type[0]);
+    if (wanted != nullptr)
+        carry_out(*wanted, request, answer);
+    return wanted != nullptr;
+}
+
+// The two buffers are never cleared: behind the fields that a handler sets, an answer carries what
+// earlier ones left.
 void cmd_event(const CMD_CLIENT* client) {
+    static TCP_CMD_MSG r_msg;
+    static TCP_CMD_MSG s_msg;
     const int sockfd = client->sockfd; // the entry moves when a connection is dropped
-    if (!receive_request(sockfd))
+    if (!receive_request(sockfd, &r_msg))
         return;
     const char type = r_msg.hdr.msg_type[0];
     set_header(&s_msg, s_msg.hdr.msg_type[0]);
-    if (type == MSG_EXT_REQ) {
-        if (admit_ext_request(client->sock_addr))
-            hand_over(sockfd, TCP_CMD_MSG_SIZE);
-        else
-            drop_cmd_client(sockfd);
-        return;
+    const command* wanted = find_command(type);
+    if (wanted != nullptr) {
+        carry_out(*wanted, r_msg, s_msg);
+        send_answer(*wanted, sockfd, s_msg);
+        if (wanted->afterwards != nullptr)
+            wanted->afterwards();
+    } else if (type == MSG_EXT_REQ && admit_ext_request(client->sock_addr)) {
+        hand_over(sockfd, r_msg);
+    } else {
+        if (type != MSG_EXT_REQ)
+            agt::log_printf("<!> error! unknown command type('%c')", type);
+        drop_cmd_client(sockfd);
     }
-    const command* wanted = std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
-                                         [type](const command& c) { return c.type == type; });
-    if (wanted != std::end(COMMANDS)) {
-        carry_out(*wanted, sockfd);
-        return;
-    }
-    agt::log_printf("<!> error! unknown command type('%c')", type);
-    drop_cmd_client(sockfd);
 }
 
 } // namespace kessard

@@ -93,6 +93,13 @@ bool keep_running() {
     return running != 0 && !agt::cancelled();
 }
 
+bool start_thread(daemon_thread& thread) {
+    const bool started = thread.start();
+    if (!started)
+        agt::log_printf("%s", thread.start_error());
+    return started;
+}
+
 void cancel_thread(daemon_thread& thread) {
     if (thread.started() && !thread.cancel())
         agt::log_printf("<!> cannot cancel %s.", thread.name());
@@ -103,6 +110,11 @@ void join_thread(daemon_thread& thread) {
         agt::log_printf(thread.join(JOIN_LIMIT_MS) ? "(I) completed join %s."
                                                    : "<!> cannot join %s.",
                         thread.name());
+}
+
+void stop_thread(daemon_thread& thread) {
+    thread.cancel();
+    thread.join(JOIN_LIMIT_MS);
 }
 
 } // namespace kessard

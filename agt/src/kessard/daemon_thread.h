@@ -22,16 +22,19 @@ inline constexpr int JOIN_LIMIT_MS =
 
 class daemon_thread {
   public:
-    constexpr daemon_thread(const char* name, void* (*entry)(void*)) : name_(name), entry_(entry) {}
+    // `start_error` is the log line of a thread that could not be created.
+    constexpr daemon_thread(const char* name, void* (*entry)(void*), const char* start_error)
+        : name_(name), entry_(entry), start_error_(start_error) {}
     daemon_thread(const daemon_thread&) = delete;
     daemon_thread& operator=(const daemon_thread&) = delete;
 
     const char* name() const { return name_; }
+    const char* start_error() const { return start_error_; }
 
     // Creates the thread, once a former one has ended: callers start a thread again when it is at
     // its end, and one that is not within JOIN_LIMIT_MS is not started. False then, and when the
     // thread could not be created.
-    bool start();
+    [[nodiscard]] bool start();
 
     // Whether there is a thread that was started and not joined.
     bool started() const { return started_; }
@@ -51,6 +54,7 @@ class daemon_thread {
 
     const char* name_;
     void* (*entry_)(void*);
+    const char* start_error_;
     agt::mutex mutex_;
     pthread_t handle_ AGT_GUARDED_BY(mutex_) = 0;
     std::atomic<bool> started_{false};
@@ -61,11 +65,17 @@ class daemon_thread {
 // Whether the calling thread's loop is to go on: the daemon runs and the thread was not cancelled.
 bool keep_running();
 
+// Starts a thread; false after its line in the log.
+bool start_thread(daemon_thread& thread);
+
 // Cancels a started thread; logs "<!> cannot cancel <name>." when that fails.
 void cancel_thread(daemon_thread& thread);
 
 // Joins a started thread within JOIN_LIMIT_MS; logs "(I) completed join <name>." or "<!> cannot
 // join <name>."
 void join_thread(daemon_thread& thread);
+
+// Cancels and joins a started thread without a word in the log.
+void stop_thread(daemon_thread& thread);
 
 } // namespace kessard

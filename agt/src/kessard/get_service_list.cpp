@@ -31,59 +31,44 @@ namespace {
 
 constexpr char LAST_BLOCK = '5';
 
+constexpr exchange_texts TEXTS = {
+    .not_sent = "<!> server send error.. slen : %d",
+    .no_answer = "<!> server recv error.. rlen : %d",
+    .no_magic = "<!> get_service_list->magic bit mismatch. sockfd : %d, rlen : %d"};
+
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
 std::atomic<bool> retrieving{false};
-daemon_thread th("get_service_list", get_service_list);
-
-bool send_to_server(int conn_sockfd) {
-    const int slen = send_msg(conn_sockfd, s_msg);
-    if (slen < 0)
-        agt::log_printf("<!> server send error.. slen : %d", slen);
-    return slen >= 0;
-}
+daemon_thread th("get_service_list", get_service_list, "pthread_create error");
 
 bool request_list(int conn_sockfd) {
     auto& body = s_msg.body.get_service_list_req;
     if (!put_host_name(body.host_name, sizeof body.host_name))
         return false;
-    set_header(&s_msg, MSG_GET_SERVICE_LIST_REQ);
-    return send_to_server(conn_sockfd);
-}
-
-bool receive_block(int conn_sockfd) {
-    const int rlen = recv_msg(conn_sockfd, &r_msg);
-    if (rlen < 1) {
-        agt::log_printf("<!> server recv error.. rlen : %d", rlen);
-        return false;
-    }
-    if (agt::magic_bit_check(conn_sockfd, &r_msg) == 1)
-        return true;
-    agt::log_printf("<!> %s->magic bit mismatch. sockfd : %d, rlen : %d", "get_service_list",
-                    conn_sockfd, rlen);
-    return false;
+    return send_request(conn_sockfd, MSG_GET_SERVICE_LIST_REQ, &s_msg, TEXTS);
 }
 
 void load_block() {
     const auto& block = r_msg.body.get_service_list_rsp;
-    agt::log_batch log;
-    log.printf("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]");
-    log.printf("(i) -> ELEMENT_NUM - '%s'", agt::field_text(block.element_num).text);
-    log.flush();
+    {
+        const agt::log_batch batch;
+        agt::log_printf("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]");
+        agt::log_printf("(i) -> ELEMENT_NUM - '%s'", agt::field_text(block.element_num).text);
+    }
     const int n = std::min(agt::get_number(block.element_num), int{SERVICE_ELEMENT_MAX});
     for (int i = 0; i < n; ++i)
         set_svc_hash_tbl(&block.elements[i]);
 }
 
 bool acknowledge(int conn_sockfd) {
-    set_header(&s_msg, MSG_GET_SERVICE_LIST_RSPACK);
     s_msg.body.get_service_list_rspack.result_code[0] = '0';
-    return send_to_server(conn_sockfd);
+    return send_request(conn_sockfd, MSG_GET_SERVICE_LIST_RSPACK, &s_msg, TEXTS);
 }
 
 // Receives blocks until the last one or the first failure.
 void receive_list(int conn_sockfd) {
-    for (bool first = true; !agt::cancelled() && receive_block(conn_sockfd); first = false) {
+    for (bool first = true; !agt::cancelled() && receive_answer(conn_sockfd, &r_msg, TEXTS);
+         first = false) {
         if (first)
             init_svc_hash_tbl();
         if (r_msg.hdr.msg_type[0] != MSG_GET_SERVICE_LIST_RSP)
@@ -120,10 +105,8 @@ void th_start_get_service_list() {
         return;
     }
     agt::log_printf("(i) get service list thread is starting..");
-    if (th.start())
-        return;
-    retrieving = false;
-    agt::log_printf("pthread_create error");
+    if (!start_thread(th))
+        retrieving = false;
 }
 
 void th_cancel_get_service_list() {

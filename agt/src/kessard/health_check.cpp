@@ -41,9 +41,12 @@ constexpr char RECONNECTED_LINE[] = "###########################################
 constexpr char PROCESS_TID[] = "000000000000000"; // in the tid of a process entry
 constexpr const char* OWN_PROGRAMS[] = {"trailsink", "pulsed", "beaconer"};
 
+constexpr exchange_texts TEXTS = {.not_sent = "<!> server send error.. slen : %d",
+                                  .no_answer = "<!> XXXX server recv error.. , rlen : %d"};
+
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
-daemon_thread th("health_check", health_check);
+daemon_thread th("health_check", health_check, "pthread_create error");
 
 // Fields of these messages end in a comma, so that the body reads as a comma-separated line.
 template <std::size_t N> void end_field(char (&field)[N]) {
@@ -76,23 +79,12 @@ bool connect_if_needed() {
     return svr_cmd_sockfd >= 0;
 }
 
-// Sends s_msg and receives the answer into r_msg; false after a log line and with the connection
-// closed.
-bool exchange(char type, int* slen, int* rlen) {
-    set_header(&s_msg, type);
-    *slen = send_msg(svr_cmd_sockfd, s_msg);
-    if (*slen <= 0) {
-        agt::log_printf("<!> server send error.. slen : %d", *slen);
-        close_connection();
-        return false;
-    }
-    *rlen = recv_msg(svr_cmd_sockfd, &r_msg);
-    if (*rlen <= 0) {
-        agt::log_printf("<!> XXXX server recv error.. , rlen : %d", *rlen);
-        close_connection();
-        return false;
-    }
-    return true;
+// Sends s_msg and receives the answer into r_msg; false with the connection closed.
+bool exchange_or_close(char type, exchange_lengths* lengths) {
+    if (exchange(svr_cmd_sockfd, type, &s_msg, &r_msg, TEXTS, lengths) == exchange_result::answered)
+        return true;
+    close_connection();
+    return false;
 }
 
 template <std::size_t N> bool report_host_name(char (&field)[N]) {
@@ -204,8 +196,7 @@ bool is_initial_process(const PTRC_HASH_ARR& entry) {
 } // namespace
 
 void th_start_health_check() {
-    if (!th.start())
-        agt::log_printf("pthread_create error");
+    start_thread(th);
 }
 
 void th_cancel_health_check() {
@@ -237,9 +228,8 @@ void health_check_cycle(bool* reconnect) {
         *reconnect = true;
         return;
     }
-    int slen = 0;
-    int rlen = 0;
-    if (!build_health_check() || !exchange(MSG_HEALTH_CHECK_REQ, &slen, &rlen))
+    exchange_lengths lengths;
+    if (!build_health_check() || !exchange_or_close(MSG_HEALTH_CHECK_REQ, &lengths))
         return;
     if (*reconnect) {
         *reconnect = false;
@@ -250,7 +240,8 @@ void health_check_cycle(bool* reconnect) {
     const auto& answer = r_msg.body.health_check_rsp;
     agt::log_printf("(i) ##### health check complete (slen : %d, rlen : %d), result_code : %c, "
                     "svr_gap_time : %s",
-                    slen, rlen, answer.result_code[0], agt::field_text(answer.svr_gap_time).text);
+                    lengths.slen, lengths.rlen, answer.result_code[0],
+                    agt::field_text(answer.svr_gap_time).text);
 }
 
 int transfer_device_info() {
@@ -258,9 +249,7 @@ int transfer_device_info() {
         if (!connect_if_needed() || !report_host_name(s_msg.body.device_info_req.host_name))
             return -1;
         build_device_info(s_msg.body.device_info_req);
-        int slen = 0;
-        int rlen = 0;
-        if (!exchange(MSG_DEVICE_INFO_REQ, &slen, &rlen))
+        if (!exchange_or_close(MSG_DEVICE_INFO_REQ, nullptr))
             return -1;
     }
     agt::log_printf("(i) ##### device info send complete");

@@ -86,26 +86,9 @@ bool take_srv_cmd_port(const char* word) {
     return true;
 }
 
-// Opens the notify link when the notifications are on; a server that is down does not stop the
-// start.
+// A server that is down does not stop the start.
 bool take_active_limit(const char* word) {
-    const int active_limit = to_number(word);
-    if (active_limit <= 0) {
-        agt::log_printf("(I) Active Service Detail Monitoring OFF.(%dms)", active_limit);
-        return true;
-    }
-    agt::log_printf("(I) Active Service Detail Monitoring ON.(%dms)", active_limit);
-    const server_address server = get_server_address();
-    noti_sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
-    if (noti_sockfd < 0) {
-        agt::log_printf("<!> server notify(cmd) port connect fail(ip : %s, port : %d)",
-                        server.srv_ipaddr, server.srv_cmd_port);
-        network_off();
-    } else {
-        noti_send_flag = 1;
-        agt::log_printf("(I) server notify(cmd) port connect ok!(ip : %s, port: %d)",
-                        server.srv_ipaddr, server.srv_cmd_port);
-    }
+    open_noti_link(to_number(word));
     return true;
 }
 

@@ -8,13 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "check_worker.h"
-#include "health_check.h"
 #include "init.h"
 #include "main_loop.h"
-#include "notify_active_service_detail.h"
 #include "process_globals.h"
-#include "st_log.h"
+#include "threads.h"
 
 namespace kessard {
 namespace {
@@ -90,14 +87,6 @@ bool parse_options(int argc, char** argv) {
 void keep_memory_small() {
     mallopt(M_MMAP_THRESHOLD, MMAP_THRESHOLD_BYTES);
     mallopt(M_ARENA_MAX, 2);
-}
-
-void start_threads() {
-    th_check_worker();
-    network_check();
-    th_start_st_log();
-    th_start_health_check();
-    th_start_notify_active_service_detail();
 }
 
 } // namespace

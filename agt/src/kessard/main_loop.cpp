@@ -1,4 +1,4 @@
-// Command loop, signals, notify-link watcher and shutdown.
+// Command loop, signals and shutdown.
 //
 // Signals stay blocked but at one place in the loop, its pselect and the end of a pass, so the
 // handler, which logs, never interrupts code that holds a lock. Until the loop gets there, a
@@ -15,37 +15,25 @@
 #include <csignal>
 #include <cstdio>
 
-#include "check_network.h"
-#include "check_worker.h"
 #include "client.h"
 #include "cmd_event.h"
-#include "daemon_thread.h"
-#include "get_service_list.h"
 #include "health_check.h"
 #include "log_printf.h"
-#include "notify_active_service_detail.h"
 #include "process_globals.h"
 #include "service_manager.h"
-#include "shcmd_service_list.h"
-#include "st_log.h"
 #include "tcp_base.h"
+#include "threads.h"
 #include "tran_agt.h"
-#include "util.h"
 #include "wait.h"
 
 namespace kessard {
 namespace {
 
 constexpr timespec SELECT_TIMEOUT = {3, 0};
-constexpr int LINK_POLL_SEC = 1;
-constexpr int FIRST_RETRY_USEC = 10000;
-constexpr int NEXT_RETRY_USEC = 999999;
-
 constexpr unsigned int SIGNAL_PASSES =
     16; // passes of a busy loop between two looks at pending signals
 
 sigset_t loop_mask; // the signal mask of the loop's wait
-daemon_thread net_th("network_check", network_checker);
 
 void handle(int signo, void (*handler)(int), int flags) {
     struct sigaction action {};
@@ -105,28 +93,6 @@ void close_fd() {
         agt::close_tcp_session(svr_cmd_sockfd);
 }
 
-// Tries to bring the link back; the microseconds to wait before the next try.
-int reconnect() {
-    close_noti_socket();
-    if (try_connect() != 1) {
-        send_flag = 2;
-        return NEXT_RETRY_USEC;
-    }
-    agt::log_printf("(I) notify socket reconnect success");
-    network_on();
-    send_flag = 1;
-    return FIRST_RETRY_USEC;
-}
-
-// The threads that are not joined with a log line have left their loops by now, or their waits are
-// ended here, so that none of them runs while the process goes.
-void stop_other_threads() {
-    stop_notify_active_service_detail();
-    net_th.cancel();
-    net_th.join(JOIN_LIMIT_MS);
-    stop_check_worker();
-}
-
 } // namespace
 
 void install_signals(bool daemon_mode) {
@@ -167,27 +133,6 @@ void sig_term(int signo) {
     errno = interrupted_errno;
 }
 
-void network_check() {
-    if (!net_th.start())
-        agt::log_printf("<!> network pthread_create error.");
-}
-
-void* network_checker(void*) {
-    send_flag = 1;
-    int retry_usec = FIRST_RETRY_USEC;
-    while (keep_running()) {
-        if (noti_send_flag != 0) {
-            agt::set_idle(LINK_POLL_SEC, 0);
-            continue;
-        }
-        agt::set_idle(0, retry_usec);
-        if (keep_running())
-            retry_usec = reconnect();
-    }
-    close_noti_socket();
-    return nullptr;
-}
-
 void start() {
     agt::log_printf("[ %s ] start... running : %d", PROGRAM_NAME, running.load());
     notify_service_manager("READY=1");
@@ -212,15 +157,7 @@ void end() {
     agt::log_printf("[ %s ] end.. resource clear.", PROGRAM_NAME);
     notify_service_manager("STOPPING=1");
     agt::sleep_ms(1000);
-    th_cancel_get_service_list();
-    th_cancel_health_check();
-    th_cancel_shcmd_service_list();
-    th_cancel_st_log();
-    th_join_st_log();
-    th_join_health_check();
-    th_join_get_service_list();
-    th_join_shcmd_service_list();
-    stop_other_threads();
+    end_threads();
     close_fd();
     deactivate_process(process_idx);
     agt::log_printf("[ %s ] end.. complete.", PROGRAM_NAME);

@@ -1,5 +1,4 @@
-// The daemon after start-up: signals, the command loop, the watcher of the notify link, the orderly
-// end.
+// The daemon after start-up: signals, the command loop, the orderly end.
 #pragma once
 
 namespace kessard {
@@ -11,12 +10,6 @@ void install_signals(bool daemon_mode);
 
 // The signal handler; runs only inside the command loop's wait, SIGSEGV apart.
 void sig_term(int signo);
-
-// Starts the watcher of the notify link; a failure is logged and the daemon runs without it.
-void network_check();
-
-// The watcher's entry.
-void* network_checker(void* arg);
 
 // The command loop; returns when `running` is 0 or the wait fails.
 void start();

@@ -7,11 +7,9 @@
 // (network_off) and the watcher brings it back.
 #include "notify_active_service_detail.h"
 
-#include <poll.h>
-
 #include <cstdio>
 #include <cstring>
-#include <mutex>
+#include <utility>
 
 #include "check_network.h"
 #include "daemon_thread.h"
@@ -20,7 +18,6 @@
 #include "noti_send_que.h"
 #include "process_globals.h"
 #include "server_link.h"
-#include "tcp_base.h"
 #include "util.h"
 #include "wait.h"
 
@@ -30,16 +27,22 @@ namespace {
 constexpr int EMPTY_POLL_USEC = 20000;
 constexpr int LINK_DOWN_USEC = 200000;
 constexpr long FLUSH_SEC = 2;
-constexpr int ANSWER_SOON_MS = 20;
+constexpr exchange_texts TEXTS = {.not_sent = "<!> noti_sockfd, send_tcp_data error. slen : %d",
+                                  .no_answer = "<!> noti_sockfd, recv_tcp_data error. rlen : %d",
+                                  .late = "<!> noti_sockfd, recv_tcp_data timeout error."};
+constexpr exchange_texts FLUSH_TEXTS = {
+    .not_sent = TEXTS.not_sent,
+    .no_answer = "<!> noti_sockfd, recv_tcp_data error. rlen : %d(FLUSH)",
+    .late = "<!> noti_sockfd, recv_tcp_data timeout error.(FLUSH)"};
 
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
-daemon_thread th("notify_active_service_detail", notify_active_service_detail);
+daemon_thread th("notify_active_service_detail", notify_active_service_detail,
+                 "pthread_create error");
 
 struct batch {
     int pending = 0;     // records in s_msg
     long batch_time = 0; // when the last message left, 0 before the first record
-    agt::log_batch log;  // empty whenever the thread waits for long
 };
 
 // Seconds of a clock that never steps; never 0.
@@ -47,59 +50,37 @@ long now_sec() {
     return static_cast<long>(agt::monotonic_ms() / 1000) + 1;
 }
 
-void take_link_down(batch* out) {
-    out->log.flush();
-    network_off();
-}
-
-// Waits for the answer, whose content does not matter; a failure takes the link down. `where` ends
-// the log line. The lines of a busy queue leave the process many at a time, unless the server lets
-// itself be waited for.
-void receive_answer(batch* out, const char* where) {
-    if (agt::wait_fd(noti_sockfd, POLLIN, ANSWER_SOON_MS) != agt::wait_result::ready)
-        out->log.flush();
-    const int rlen = agt::recv_tcp_data_ready(noti_sockfd, &r_msg, sizeof r_msg, RECV_TIMEOUT_SEC);
-    if (rlen >= 1)
-        return;
-    if (rlen == -2)
-        out->log.printf("<!> noti_sockfd, recv_tcp_data timeout error.%s", where);
-    else
-        out->log.printf("<!> noti_sockfd, recv_tcp_data error. rlen : %d%s", rlen, where);
-    take_link_down(out);
-}
-
-// Sends the pending records; false when they could not be sent, with the link down.
-bool send_batch(batch* out, int pending, const char* where) {
+// Sends the pending records and waits for the answer, whose content does not matter; a failure of
+// either takes the link down. False when they could not be sent, and at the end of the daemon.
+bool send_batch(int pending, const exchange_texts& texts) {
     const agt::lock_guard guard(noti_socket_mutex);
     auto& body = s_msg.body.notify_active_service_detail_req;
-    set_header(&s_msg, MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ);
     std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, pending);
-    const int slen = send_msg(noti_sockfd, s_msg);
-    if (slen >= 1) {
-        receive_answer(out, where);
+    const exchange_result result =
+        exchange(noti_sockfd(), MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, &s_msg, &r_msg, texts);
+    if (result == exchange_result::answered)
         return true;
-    }
-    out->log.printf("<!> noti_sockfd, send_tcp_data error. slen : %d", slen);
-    take_link_down(out);
-    return false;
+    if (agt::cancelled())
+        return false;
+    network_off();
+    return result == exchange_result::not_answered;
 }
 
 void send_full(batch* out) {
-    const int pending = out->pending;
-    out->log.printf("[notify_active_service_detail] socket send : %d elements, "
+    const int pending = std::exchange(out->pending, 0);
+    agt::log_printf("[notify_active_service_detail] socket send : %d elements, "
                     "ACTIVE_SERVICE_DETAIL size %d bytes",
                     pending, static_cast<int>(sizeof(ACTIVE_SERVICE_DETAIL)));
-    out->pending = 0;
-    if (noti_send_flag == 1 && !send_batch(out, pending, ""))
+    if (noti_send_flag() == 1 && !send_batch(pending, TEXTS))
         return;
-    out->log.printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
-                    pending, noti_send_flag.load());
+    agt::log_printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
+                    pending, noti_send_flag());
     out->batch_time = now_sec();
 }
 
 void take_record(batch* out, const NOTI_SEND_QUE_DATA& record) {
-    if (noti_send_flag == 0) {
-        out->log.flush();
+    if (noti_send_flag() == 0) {
+        agt::flush_log();
         agt::set_idle(0, LINK_DOWN_USEC);
         return;
     }
@@ -117,15 +98,15 @@ void flush(batch* out) {
     const long flush_time = now_sec() - out->batch_time;
     if (out->pending == 0 || flush_time < FLUSH_SEC)
         return;
-    if (noti_send_flag == 1) {
-        if (!send_batch(out, out->pending, "(FLUSH)"))
+    if (noti_send_flag() == 1) {
+        if (!send_batch(out->pending, FLUSH_TEXTS))
             return;
         agt::log_printf("(I) [notify_active_service_detail] flush sent %d elements, noti_send_flag "
                         ": %d, flush_time(%d sec)",
-                        out->pending, noti_send_flag.load(), static_cast<int>(flush_time));
+                        out->pending, noti_send_flag(), static_cast<int>(flush_time));
     } else {
         agt::log_printf("<!> [notify_active_service_detail] flush skip, noti_send_flag : %d",
-                        noti_send_flag.load());
+                        noti_send_flag());
     }
     out->batch_time = now_sec();
     out->pending = 0;
@@ -134,8 +115,7 @@ void flush(batch* out) {
 } // namespace
 
 void th_start_notify_active_service_detail() {
-    if (!th.start())
-        agt::log_printf("pthread_create error");
+    start_thread(th);
 }
 
 void th_cancel_notify_active_service_detail() {
@@ -147,13 +127,13 @@ void th_join_notify_active_service_detail() {
 }
 
 void stop_notify_active_service_detail() {
-    th.cancel();
-    th.join(JOIN_LIMIT_MS);
+    stop_thread(th);
 }
 
 void* notify_active_service_detail(void*) {
     agt::log_printf("(i) notify_active_service_detail thread start... running : %d",
                     running.load());
+    const agt::log_batch lines; // empty whenever the thread waits for long
     batch out;
     while (running != 0) {
         const NOTI_SEND_QUE_DATA* record = get_noti_send_que();
@@ -161,7 +141,7 @@ void* notify_active_service_detail(void*) {
             take_record(&out, *record);
             continue;
         }
-        out.log.flush();
+        agt::flush_log();
         if (agt::cancelled())
             break;
         agt::set_idle(0, EMPTY_POLL_USEC);

@@ -1,6 +1,7 @@
 // Exchanges with the central server.
 #include "server_link.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -8,8 +9,23 @@
 #include "log_printf.h"
 #include "settings.h"
 #include "tcp_base.h"
+#include "wait.h"
 
 namespace kessard {
+namespace {
+
+constexpr int ANSWER_SOON_MS = 20; // as long as lines may wait for the answer that belongs to them
+
+void log_no_answer(const exchange_texts& texts, int length) {
+    if (agt::cancelled())
+        return;
+    if (length == -2 && texts.late != nullptr)
+        agt::log_printf("%s", texts.late);
+    else
+        agt::log_printf(texts.no_answer, length);
+}
+
+} // namespace
 
 int init_tcp_client(const char* ipaddr, int port) {
     return agt::create_tcp_client_session(ipaddr, port, 0);
@@ -18,7 +34,7 @@ int init_tcp_client(const char* ipaddr, int port) {
 int connect_server() {
     const server_address server = get_server_address();
     const int sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
-    if (sockfd < 0)
+    if (sockfd < 0 && !agt::cancelled())
         agt::log_printf("<!> server connection fail. (ip %s, port %d) ", server.srv_ipaddr,
                         server.srv_cmd_port);
     return sockfd;
@@ -41,8 +57,43 @@ int send_msg(int sockfd, const TCP_CMD_MSG& msg) {
     return agt::send_tcp_data(sockfd, &msg, sizeof msg);
 }
 
-int recv_msg(int sockfd, TCP_CMD_MSG* msg) {
-    return agt::recv_tcp_data_timeout(sockfd, msg, sizeof *msg, RECV_TIMEOUT_SEC);
+bool send_request(int sockfd, char type, TCP_CMD_MSG* request, const exchange_texts& texts,
+                  int* slen) {
+    set_header(request, type);
+    const int length = send_msg(sockfd, *request);
+    if (slen != nullptr)
+        *slen = length;
+    if (length >= 1 && texts.sent != nullptr)
+        agt::log_printf("%s", texts.sent);
+    else if (length < 1 && !agt::cancelled())
+        agt::log_printf(texts.not_sent, length);
+    return length >= 1;
+}
+
+bool receive_answer(int sockfd, TCP_CMD_MSG* answer, const exchange_texts& texts, int* rlen) {
+    if (agt::wait_fd(sockfd, POLLIN, ANSWER_SOON_MS) != agt::wait_result::ready)
+        agt::flush_log();
+    const int length = agt::recv_tcp_data_ready(sockfd, answer, sizeof *answer, RECV_TIMEOUT_SEC);
+    if (rlen != nullptr)
+        *rlen = length;
+    if (length < 1) {
+        log_no_answer(texts, length);
+        return false;
+    }
+    if (texts.no_magic == nullptr || agt::magic_bit_check(sockfd, answer) == 1)
+        return true;
+    agt::log_printf(texts.no_magic, sockfd, length);
+    return false;
+}
+
+exchange_result exchange(int sockfd, char type, TCP_CMD_MSG* request, TCP_CMD_MSG* answer,
+                         const exchange_texts& texts, exchange_lengths* lengths) {
+    exchange_lengths unasked;
+    exchange_lengths& out = lengths == nullptr ? unasked : *lengths;
+    if (!send_request(sockfd, type, request, texts, &out.slen))
+        return exchange_result::not_sent;
+    return receive_answer(sockfd, answer, texts, &out.rlen) ? exchange_result::answered
+                                                            : exchange_result::not_answered;
 }
 
 } // namespace kessard

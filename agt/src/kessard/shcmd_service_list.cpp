@@ -37,14 +37,22 @@ constexpr std::size_t LINE_SIZE = 512;
 constexpr char NO_BLOCK_YET = '2';
 constexpr char FIRST_BLOCK = '3';
 constexpr char FURTHER_BLOCK = '4';
-constexpr char FULL_BLOCK_RECV_ERROR[] = "<!> shcmd_service_list2, server recv error.. rlen : %d";
-constexpr char LAST_BLOCK_RECV_ERROR[] = "<!> shcmd_service_list1, server recv error.. rlen : %d";
+constexpr exchange_texts texts_of(const char* no_answer) {
+    return {.not_sent = "<!> server send error.. slen : %d",
+            .no_answer = no_answer,
+            .no_magic = "<!> magic bit mismatch. sockfd : %d, rlen : %d",
+            .sent = "(I) Send Msg To Server (-> UPDATE_SERVICE_LIST_REQ )"};
+}
+constexpr exchange_texts FULL_BLOCK =
+    texts_of("<!> shcmd_service_list2, server recv error.. rlen : %d");
+constexpr exchange_texts LAST_BLOCK =
+    texts_of("<!> shcmd_service_list1, server recv error.. rlen : %d");
 constexpr std::string_view BLANKS = " \t\n\v\f\r";
 
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
 std::atomic<int> uploads{0};
-daemon_thread th("shcmd_service_list", shcmd_service_list);
+daemon_thread th("shcmd_service_list", shcmd_service_list, "pthread_create error");
 
 BODY_UPDATE_SERVICE_LIST_REQ& request() {
     return s_msg.body.update_service_list_req;
@@ -130,40 +138,20 @@ bool add_service(upload* up, const char* line) {
     return true;
 }
 
-// Reads the server's answer to a block; false after a log line when there is none or it is not one.
-bool receive_answer(int conn_sockfd, const char* recv_error) {
-    const int rlen = recv_msg(conn_sockfd, &r_msg);
-    if (rlen < 1) {
-        agt::log_printf(recv_error, rlen);
-        return false;
-    }
-    if (agt::magic_bit_check(conn_sockfd, &r_msg) != 1) {
-        agt::log_printf("<!> magic bit mismatch. sockfd : %d, rlen : %d", conn_sockfd, rlen);
-        return false;
-    }
-    if (r_msg.hdr.msg_type[0] != MSG_UPDATE_SERVICE_LIST_RSP) {
-        agt::log_printf("<!> Response Msg MisMatch Type : '%c'", r_msg.hdr.msg_type[0]);
-        return false;
-    }
-    return true;
-}
-
 // Sends the block and waits for its answer; false after a log line when the upload is over.
-bool send_block(upload* up, const char* recv_error) {
+bool send_block(upload* up, const exchange_texts& texts) {
     auto& body = request();
     std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, up->count);
     body.result_code[0] = body.result_code[0] == NO_BLOCK_YET ? FIRST_BLOCK : FURTHER_BLOCK;
     if (up->count == SERVICE_SMALL_MAX)
         agt::log_printf("######### element_num string : %s\n", body.element_num);
-    set_header(&s_msg, MSG_UPDATE_SERVICE_LIST_REQ);
-    const int slen = send_msg(up->conn_sockfd, s_msg);
-    if (slen < 0) {
-        agt::log_printf("<!> server send error.. slen : %d", slen);
+    if (exchange(up->conn_sockfd, MSG_UPDATE_SERVICE_LIST_REQ, &s_msg, &r_msg, texts) !=
+        exchange_result::answered)
+        return false;
+    if (r_msg.hdr.msg_type[0] != MSG_UPDATE_SERVICE_LIST_RSP) {
+        agt::log_printf("<!> Response Msg MisMatch Type : '%c'", r_msg.hdr.msg_type[0]);
         return false;
     }
-    agt::log_printf("(I) Send Msg To Server (-> UPDATE_SERVICE_LIST_REQ )");
-    if (!receive_answer(up->conn_sockfd, recv_error))
-        return false;
     agt::log_printf("(I) Receive Msg From Server (<- UPDATE_SERVICE_LIST_RSP )");
     const char result = r_msg.body.update_service_list_rsp.result_code[0];
     if (result == '0')
@@ -179,8 +167,7 @@ bool upload_lines(upload* up, int script_fd) {
     line_source source{script_fd};
     char line[LINE_SIZE];
     while (next_line(&source, line)) {
-        if (add_service(up, line) && up->count == SERVICE_SMALL_MAX &&
-            !send_block(up, FULL_BLOCK_RECV_ERROR))
+        if (add_service(up, line) && up->count == SERVICE_SMALL_MAX && !send_block(up, FULL_BLOCK))
             return false;
     }
     return !agt::cancelled();
@@ -205,7 +192,7 @@ bool run_script(upload* up) {
         up->conn_sockfd = -1;
     }
     end_script(&script);
-    return complete && (up->count == 0 || send_block(up, LAST_BLOCK_RECV_ERROR));
+    return complete && (up->count == 0 || send_block(up, LAST_BLOCK));
 }
 
 // The whole exchange on an open connection; whether it came to its end.
@@ -241,10 +228,8 @@ int connect_for_upload() {
 void th_start_shcmd_service_list() {
     agt::log_printf("(I) run shell-command get service list starting..");
     ++uploads;
-    if (th.start())
-        return;
-    --uploads;
-    agt::log_printf("pthread_create error");
+    if (!start_thread(th))
+        --uploads;
 }
 
 void th_cancel_shcmd_service_list() {

@@ -26,33 +26,32 @@ class slot_head {
     int length_;
 };
 
-void show_number(agt::log_batch& log, std::string_view head, std::string_view name, long value) {
+void show_number(std::string_view head, std::string_view name, long value) {
     char digits[16];
     const char* end = std::to_chars(digits, std::end(digits), static_cast<int>(value)).ptr;
-    log.line({head, name, " : ", {digits, end}});
+    agt::log_line({head, name, " : ", {digits, end}});
 }
 
 template <std::size_t N>
-void show_text(agt::log_batch& log, std::string_view head, std::string_view name,
-               const char (&text)[N]) {
-    log.line({head, name, " : |", {text, agt::text_length(text, N)}, "|"});
+void show_text(std::string_view head, std::string_view name, const char (&text)[N]) {
+    agt::log_line({head, name, " : |", {text, agt::text_length(text, N)}, "|"});
 }
 
-void show_slot(agt::log_batch& log, std::string_view head, const SVC_HASH_ARR_LIST& slot) {
-    show_number(log, head, "my_idx", slot.my_idx);
-    show_number(log, head, "hash_idx", slot.hash_idx);
-    show_number(log, head, "pre_idx", slot.pre_idx);
-    show_number(log, head, "next_idx", slot.next_idx);
-    log.line({"- - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - "});
-    show_text(log, head, "host_name", slot.param.host_name);
-    show_text(log, head, "server_id", slot.param.server_id);
-    show_text(log, head, "service_id", slot.param.service_id);
-    show_number(log, head, "limit", slot.param.limit);
-    show_number(log, head, "call_trc_limit", slot.param.call_trc_limit);
-    show_number(log, head, "dbio_trc_limit", slot.param.dbio_trc_limit);
-    show_number(log, head, "sql_trc_limit", slot.param.sql_trc_limit);
-    show_number(log, head, "uflag_set", slot.param.uflag_set);
-    show_number(log, head, "tflag", slot.param.tflag);
+void show_slot(std::string_view head, const SVC_HASH_ARR_LIST& slot) {
+    show_number(head, "my_idx", slot.my_idx);
+    show_number(head, "hash_idx", slot.hash_idx);
+    show_number(head, "pre_idx", slot.pre_idx);
+    show_number(head, "next_idx", slot.next_idx);
+    agt::log_line({"- - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - - "});
+    show_text(head, "host_name", slot.param.host_name);
+    show_text(head, "server_id", slot.param.server_id);
+    show_text(head, "service_id", slot.param.service_id);
+    show_number(head, "limit", slot.param.limit);
+    show_number(head, "call_trc_limit", slot.param.call_trc_limit);
+    show_number(head, "dbio_trc_limit", slot.param.dbio_trc_limit);
+    show_number(head, "sql_trc_limit", slot.param.sql_trc_limit);
+    show_number(head, "uflag_set", slot.param.uflag_set);
+    show_number(head, "tflag", slot.param.tflag);
 }
 
 } // namespace
@@ -74,16 +73,16 @@ svc_hash_tbl_copy copy_svc_hash_tbl(const SVC_HASH_TBL& table) {
 }
 
 void show_svc_hash_tbl(const SVC_HASH_TBL& table) {
-    agt::log_batch log;
-    log.printf("------------------------ SERVICE HASH TABLE ----------------------------");
-    log.printf("alloc_cnt : %d, used.top : %d\n",
-               static_cast<int>(agt::shared_load(table.alloc_cnt)),
-               static_cast<int>(agt::shared_load(table.used.top)));
+    const agt::log_batch batch;
+    agt::log_printf("------------------------ SERVICE HASH TABLE ----------------------------");
+    agt::log_printf("alloc_cnt : %d, used.top : %d\n",
+                    static_cast<int>(agt::shared_load(table.alloc_cnt)),
+                    static_cast<int>(agt::shared_load(table.used.top)));
     const unsigned int used = agt::stack_size(table.used);
     for (unsigned int i = 0; i < used; ++i) {
         const unsigned int s = table.used.idx[i];
         if (s < SVC_HASH_SLOTS)
-            show_slot(log, slot_head(static_cast<int>(i), static_cast<int>(s)), table.h_arr[s]);
+            show_slot(slot_head(static_cast<int>(i), static_cast<int>(s)), table.h_arr[s]);
     }
 }
 

@@ -31,7 +31,7 @@ constexpr int DAILY_PAUSE_MS = 5000;
 constexpr std::size_t DATE_SIZE = 8;
 constexpr std::size_t HHMI_SIZE = 4;
 
-daemon_thread th("st_log", st_log);
+daemon_thread th("st_log", st_log, "<!> pthread_create error");
 
 struct pass_state {
     int ptime = 0;           // passes to the next print
@@ -46,14 +46,14 @@ struct pass_state {
 pass_state state;
 
 void print_statistics() {
-    agt::log_batch log;
+    const agt::log_batch batch;
     const CMD_CLIENT_LIST clients = copy_cmd_client_list();
-    log.printf("%s", STATISTICS_LINE);
-    log.printf("clients %d/%d , total_logs %d, curr_logs %d", clients.client_num, MAX_CMD_CLIENT,
-               tot_logs.load(), state.curr_logs1);
-    log.printf("^^^ client send logs statistics ^^^");
+    agt::log_printf("%s", STATISTICS_LINE);
+    agt::log_printf("clients %d/%d , total_logs %d, curr_logs %d", clients.client_num,
+                    MAX_CMD_CLIENT, tot_logs.load(), state.curr_logs1);
+    agt::log_printf("^^^ client send logs statistics ^^^");
     for (int i = 0; i < clients.client_num; ++i)
-        log.printf(" > %d : %d", i, clients.client[i].send_logs);
+        agt::log_printf(" > %d : %d", i, clients.client[i].send_logs);
 }
 
 void count_down_print() {
@@ -125,8 +125,7 @@ void daily_update() {
 } // namespace
 
 void th_start_st_log() {
-    if (!th.start())
-        agt::log_printf("<!> pthread_create error");
+    start_thread(th);
 }
 
 void th_cancel_st_log() {
