@@ -78,11 +78,11 @@ void check_statistics(std::string_view input) {
 namespace agt {
 
 // The script has printed the input.
-int shell_reader_start(const char*, shell_reader* reader) {
+bool shell_reader_start(const char*, shell_reader* reader) {
     static const fuzz::memory_file output;
     output.set(script_output);
     *reader = {INT_MAX, dup(output.fd())};
-    return 0;
+    return true;
 }
 
 } // namespace agt
@@ -98,8 +98,8 @@ void fuzz::set_up() {
     std::snprintf(kessard::api_stat_out_fn, sizeof kessard::api_stat_out_fn, "%s",
                   statistics().path().c_str());
     agt::shell_reader opened{};
-    agt::shell_reader_start("", &opened);
-    close(opened.fd);
+    if (agt::shell_reader_start("", &opened))
+        close(opened.fd);
 }
 
 void fuzz::run(std::string_view input) {

@@ -102,10 +102,10 @@ constexpr void (*REQUESTS[])(std::string_view) = {retrieve_list, check_health, r
 
 namespace agt {
 
-int shell_reader_start(const char*, shell_reader* reader) {
+bool shell_reader_start(const char*, shell_reader* reader) {
     *reader = {INT_MAX, dup(script().fd())};
     lseek(reader->fd, 0, SEEK_SET);
-    return 0;
+    return true;
 }
 
 } // namespace agt

@@ -5,13 +5,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "field.h"
 #include "mutex.h"
+#include "util.h"
 
 namespace agt {
 namespace {
@@ -79,15 +79,8 @@ void check_day() AGT_REQUIRES(log_lock) {
 }
 
 void append(const char* text, std::size_t length) AGT_REQUIRES(log_lock) {
-    while (log_file >= 0 && length > 0) {
-        const ssize_t written = ::write(log_file, text, length);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return;
-        text += written;
-        length -= static_cast<std::size_t>(written);
-    }
+    if (log_file >= 0) [[maybe_unused]]
+        const bool whole = write_whole(log_file, text, length); // a full disk loses it
 }
 
 // Length of the message after cutting; 0 when nothing is to be written.

@@ -36,11 +36,13 @@ int find_line_in_file_section(const char* fname, const char* section, const char
 
 // Positions `fp` behind the header of `section`, searching from its start. The line number of the
 // header (from 1), or -1 with a line on standard error.
+// Nothing in the programs calls it.
 int seek_section(std::FILE* fp, const char* section);
 
 // Finds the entry of `keyword` from the current position to the end of the section and copies its
 // value text, line end included, into `string` (CFG_LINE_SIZE bytes). The number of lines read, or
 // -1 with a line on standard error.
+// Nothing in the programs calls it.
 int get_string_in_section(std::FILE* fp, const char* keyword, char* string);
 
 } // namespace agt

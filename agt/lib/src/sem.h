@@ -20,19 +20,20 @@ union semun {
 
 // Creates the set of `semkey` with `nsems` semaphores of value 1 and permissions 0666, or opens it
 // as it is when it exists. The set's id, or -1.
-int create_sem(key_t semkey, int nsems);
+[[nodiscard]] int create_sem(key_t semkey, int nsems);
 
 // Sets semaphore `nth_sem` to `val`; 1, or -1.
 int init_sem_val(int sem_id, int nth_sem, int val);
 
 // Takes semaphore `num` (operation -1). 0, or -1: EIDRM or EINVAL when the set is gone, ECANCELED
 // when the calling thread was cancelled while it waited (wait.h).
-int sem_lock(int sem_id, int num, int sem_flg);
+[[nodiscard]] int sem_lock(int sem_id, int num, int sem_flg);
 
 // Gives semaphore `num` back (operation +1); 0, or -1.
 int sem_unlock(int sem_id, int num, int sem_flg);
 
 // Waits until semaphore `num` is zero.
+// Nothing in the programs calls it.
 void sem_wait(int sem_id, int num);
 
 // Holds semaphore `num` of a set, with undo, for the life of the object. held() is false when it

@@ -12,10 +12,10 @@ namespace agt {
 // exists. The segment id, or -1. *q_eexist becomes 0 when it was created and 1 when it existed
 // (also when it then could not be opened, a smaller segment for example); any other failure leaves
 // it alone.
-int create_shm(key_t shm_key, std::size_t shm_size, int* q_eexist);
+[[nodiscard]] int create_shm(key_t shm_key, std::size_t shm_size, int* q_eexist);
 
 // Attaches a segment for reading and writing; null when that fails.
-void* attach_shm(int shm_id);
+[[nodiscard]] void* attach_shm(int shm_id);
 
 // Detaches; 0, or -1.
 int detach_shm(const void* shmptr);

@@ -354,23 +354,14 @@ void restore_signals() {
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
-int shell_reader_start(const char* command, shell_reader* reader) {
+bool shell_reader_start(const char* command, shell_reader* reader) {
     pipe_ends out;
     if (!open_pipe(out))
-        return -1;
+        return false;
     const pid_t pid = spawn_shell(command, out.write.get(), -1);
-    if (pid == -1)
-        return -1;
-    *reader = {pid, out.read.release()};
-    return 0;
-}
-
-int shell_reader_close(shell_reader* reader) {
-    close(reader->fd);
-    int status = 0;
-    const bool reaped = reap(reader->pid, status);
-    *reader = {-1, -1};
-    return reaped ? status : -1;
+    if (pid != -1)
+        *reader = {pid, out.read.release()};
+    return pid != -1;
 }
 
 } // namespace agt

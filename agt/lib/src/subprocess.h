@@ -60,16 +60,18 @@ subprocess_result_t* subprocess_call_output_timeout(subprocess_entry_t entry, vo
 subprocess_result_t* subprocess_call_output_timeout_ex(subprocess_entry_t entry, void* arg,
                                                        int seconds);
 
-// The four for a shell command line.
+// The four for a shell command line. The programs call only the last one.
 subprocess_result_t* subprocess_exec(const char* command);
 subprocess_result_t* subprocess_exec_output(const char* command);
 subprocess_result_t* subprocess_exec_output_timeout(const char* command, int seconds);
 subprocess_result_t* subprocess_exec_output_timeout_ex(const char* command, int seconds);
 
 // Whether there is a result and the child exited with status 0.
+// Nothing in the programs calls it.
 bool subprocess_completed_successfully(const subprocess_result_t* result);
 
 // Shows a result on standard output.
+// Nothing in the programs calls it.
 void subprocess_result_print(const subprocess_result_t* result);
 
 // Frees a result and its buffers; nothing for null.
@@ -84,12 +86,8 @@ struct shell_reader {
     int fd; // close-on-exec
 };
 
-// Starts "/bin/sh -c `command`", safely in a process with several threads. 0; -1 when a pipe or the
+// Starts "/bin/sh -c `command`", safely in a process with several threads. False when a pipe or the
 // process could not be made, with `reader` untouched.
-int shell_reader_start(const char* command, shell_reader* reader);
-
-// Closes the pipe and waits for the command to end. Its wait status, or -1 when somebody else has
-// reaped it.
-int shell_reader_close(shell_reader* reader);
+[[nodiscard]] bool shell_reader_start(const char* command, shell_reader* reader);
 
 } // namespace agt

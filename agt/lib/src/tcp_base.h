@@ -12,10 +12,11 @@ namespace agt {
 // Opens a listening socket on `port` of the dotted address `address` (null: any address), with a
 // receive time-out of one second that accepted connections inherit, and a backlog of 5. The
 // descriptor; -1 and errno on failure.
-int open_tcp_server_session(const char* address, int port);
+[[nodiscard]] int open_tcp_server_session(const char* address, int port);
 
 // The same; a failure ends the process with status 1 after a line on standard error.
-int create_tcp_server_session(const char* address, int port);
+// Nothing in the programs calls it.
+[[nodiscard]] int create_tcp_server_session(const char* address, int port);
 
 // IPv4 addresses that agree with `address` in the bits of `mask`; both in host byte order.
 struct address_block {
@@ -24,16 +25,16 @@ struct address_block {
 };
 
 // Takes "192.0.2.7" or "192.0.2.0/24"; false, and `out` is untouched, when it is neither.
-bool parse_address_block(const char* text, address_block* out);
+[[nodiscard]] bool parse_address_block(const char* text, address_block* out);
 
 // Accepts one connection on the listening `sockfd` and fills in the peer's address; the connection
 // has TCP_NODELAY set. The descriptor. A failing accept closes `sockfd` and ends the process with
 // status 1.
-int accept_tcpserver_connection(int sockfd, struct sockaddr_in* peer);
+[[nodiscard]] int accept_tcpserver_connection(int sockfd, struct sockaddr_in* peer);
 
 // Whether the first four bytes of `buffer` are the magic of a command message: 1 or 0. With a null
 // `buffer`, four bytes are read from `sockfd` first; -1 when that fails.
-int magic_bit_check(int sockfd, const void* buffer);
+[[nodiscard]] int magic_bit_check(int sockfd, const void* buffer);
 
 // Sends the whole of `buffer`. `length` on success, else 0 or -1. A peer that takes nothing for 10
 // seconds is an error, and one that lets itself be waited for more than 10 seconds and one more for
@@ -62,13 +63,14 @@ int recv_tcp_data(int sockfd, void* buffer, int length);
 // Connects to `port` of `host` (a name or a dotted address) with TCP_NODELAY set. With
 // `nonblocking` the descriptor is non-blocking, and a connection that does not complete at once
 // fails. The descriptor, or -1.
-int create_tcp_client_session(const char* host, int port, int nonblocking);
+[[nodiscard]] int create_tcp_client_session(const char* host, int port, int nonblocking);
 
 // Shuts a connection down and closes it; nothing for -1.
 void close_tcp_session(int sockfd);
 
 // Writes the first address of `host` in dotted form into `out` (20 bytes). 0; -1 for an empty name;
 // -2 when it cannot be resolved. Shows the addresses on standard output and standard error.
+// Nothing in the programs calls it.
 int url_to_ipaddr(const char* host, char* out);
 
 } // namespace agt

@@ -4,12 +4,18 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 
 #include "unique_fd.h"
 #include "wait.h"
 
 namespace agt {
+namespace {
+
+constexpr std::size_t WRITE_BYTES = 256UL * 1024;
+
+} // namespace
 
 void set_idle(int sec, int usec) {
     const long long ms = sec * 1000LL + (usec + 999) / 1000;
@@ -30,6 +36,20 @@ std::FILE* open_text_file(const char* path) {
     if (file != nullptr)
         fd.release();
     return file;
+}
+
+bool write_whole(int fd, const void* bytes, std::size_t length) {
+    const auto* next = static_cast<const char*>(bytes);
+    while (length > 0) {
+        const ssize_t written = ::write(fd, next, std::min(length, WRITE_BYTES));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 1)
+            return false;
+        next += written;
+        length -= static_cast<std::size_t>(written);
+    }
+    return true;
 }
 
 } // namespace agt

@@ -18,4 +18,8 @@ bool resolve_path(char* out, std::size_t size, const char* home, const char* pat
 // empty). Null and errno when it cannot be opened; the caller closes it.
 std::FILE* open_text_file(const char* path);
 
+// Writes all bytes, in pieces that the page cache takes without a search for large free runs. False
+// and errno when the system takes no more.
+[[nodiscard]] bool write_whole(int fd, const void* bytes, std::size_t length);
+
 } // namespace agt

@@ -22,11 +22,11 @@ enum class wait_result {
 void set_cancel_fd(int fd);
 
 // Whether the calling thread's cancel descriptor is readable now.
-bool cancelled();
+[[nodiscard]] bool cancelled();
 
 // Waits until `fd` reports one of the poll events `events` or an error, for at most `limit_ms`
 // milliseconds (-1: no limit). `fd` -1 waits for the limit alone.
-wait_result wait_fd(int fd, short events, int limit_ms);
+[[nodiscard]] wait_result wait_fd(int fd, short events, int limit_ms);
 
 // Sleeps for `ms` milliseconds; false when cancelled meanwhile.
 bool sleep_ms(int ms);

@@ -33,6 +33,14 @@ constexpr int LINK_POLL_SEC = 1;
 constexpr int FIRST_RETRY_USEC = 10000;
 constexpr int NEXT_RETRY_USEC = 999999;
 
+enum class link_state {
+    down,        // not up, and nobody watches it yet
+    up_at_start, // connected at start, before the watcher runs
+    up,
+    lost,     // the watcher is to bring it back
+    retrying, // its last attempt failed
+};
+
 std::atomic<int> sockfd{-1};
 std::atomic<link_state> state{link_state::down};
 
@@ -75,10 +83,6 @@ int reconnect() {
 }
 
 } // namespace
-
-link_state noti_link_state() {
-    return state;
-}
 
 int noti_send_flag() {
     const link_state now = state;

@@ -6,16 +6,6 @@
 
 namespace kessard {
 
-// Where the link stands: the notifier takes it down, the watcher brings it back.
-enum class link_state {
-    down,        // not up, and nobody watches it yet
-    up_at_start, // connected at start, before the watcher runs
-    up,
-    lost,     // the watcher is to bring it back
-    retrying, // its last attempt failed
-};
-link_state noti_link_state();
-
 // Whether the link is usable: 1 or 0. It gates all sending.
 int noti_send_flag();
 
@@ -57,8 +47,8 @@ void* network_checker(void* arg);
 // Ends the watcher without a word in the log, waiting for it like for any other thread.
 void stop_network_check();
 
-// A recovery thread that stands alone: it tries every 3 seconds until the link is up and ends. Kept
-// as an alternative to the watcher; the daemon does not start it.
+// A recovery thread that stands alone: it tries every 3 seconds until the link is up and ends. An
+// alternative to the watcher: nothing in the programs calls it.
 void* check_network(void* arg);
 void th_start_check_network();
 void th_cancel_check_network();

@@ -27,7 +27,7 @@ extern int maxFd;          // the highest descriptor in readFds
 extern int agt_cmd_sockfd; // the listening socket, -1 when none
 
 // Opens the listening socket and adds it to readFds; the socket, or a negative value with errno.
-int init_tcp_server(const char* ipaddr, int port);
+[[nodiscard]] int init_tcp_server(const char* ipaddr, int port);
 
 // A copy of the list, from any thread.
 CMD_CLIENT_LIST copy_cmd_client_list();
@@ -49,6 +49,7 @@ CMD_CLIENT* found_cmd_client(fd_set ready);
 void close_cmd_client();
 
 // Prints the list to standard output.
+// Nothing in the programs calls it.
 void show_cmd_client();
 
 // Accepts one connection and lists it; its descriptor, or -1 when the list is full and it was

@@ -28,13 +28,12 @@
 #include "tcp_base.h"
 #include "unique_fd.h"
 #include "usrutil.h"
+#include "util.h"
 
 namespace kessard {
 namespace {
 
 constexpr int PIECE_BYTES = 1048576;
-constexpr std::size_t WRITE_BYTES =
-    256UL * 1024; // larger ones make the page cache search for large free runs
 constexpr int PIECE_TIMEOUT_SEC = 10;
 constexpr timeval STALL_LIMIT = {
     5, 0}; // within a piece; it counts twice, because a failed receive starts over once
@@ -146,19 +145,6 @@ bool make_empty(int fd) {
     return fstat(fd, &info) == 0 && (info.st_size == 0 || ftruncate(fd, 0) == 0);
 }
 
-bool write_whole(int fd, const char* bytes, std::size_t length) {
-    while (length > 0) {
-        const ssize_t written = ::write(fd, bytes, std::min(length, WRITE_BYTES));
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 1)
-            return false;
-        bytes += written;
-        length -= static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
 // False with an empty `error` when the bytes did not come.
 bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
                      std::string& error) {
@@ -169,7 +155,7 @@ bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
             agt::log_printf("<!> recv_tcp_data_timeout error!! |%d|", rlen);
             return false;
         }
-        if (!write_whole(fd, buffer, static_cast<std::size_t>(piece))) {
+        if (!agt::write_whole(fd, buffer, static_cast<std::size_t>(piece))) {
             error = text_of("can't write file |%s|", file.path.c_str());
             return false;
         }

@@ -44,6 +44,7 @@ int send_cmd_response(int sockfd, ST_CMD_EXEC* exec);
 void free_outputs(ST_CMD_EXEC* exec);
 
 // Shows a record on standard output, for debugging.
+// Nothing in the programs calls it.
 void dump_cmd_exec(const ST_CMD_EXEC* exec);
 
 } // namespace kessard

@@ -260,7 +260,7 @@ int init_sock_client() {
 
 // The table is loaded from the server before the start-up goes on.
 int create_svc_hash_tbl() {
-    if (open_svc_hash_tbl() == 0)
+    if (!open_svc_hash_tbl())
         return 0;
     th_start_get_service_list();
     th_join_get_service_list();

@@ -10,15 +10,17 @@ extern JCACHE_HASH_TBL* jcache_hash_tbl;
 
 // Creates or opens the table and its semaphore under the configured keys and initialises a new one
 // under semaphore 0; logs each step. 1, or 0 on failure.
-int create_jcache_hash_tbl();
+[[nodiscard]] int create_jcache_hash_tbl();
 
 // Empties the attached table; the caller holds its semaphore. 1.
 int init_jcache_hash_tbl();
 
 // Puts `index` on top; the new `top`, or -1 when the stack holds 2,000,000 entries.
+// Nothing in the programs calls it.
 int jcache_hash_push(JCACHE_HASH_STK* stack, unsigned int index);
 
 // Takes the index on top; -1 when the stack is empty.
+// Nothing in the programs calls it.
 int jcache_hash_pop(JCACHE_HASH_STK* stack);
 
 // Fill level in per cent of its slots; -1.0 when the table is not attached.

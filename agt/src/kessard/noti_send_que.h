@@ -9,13 +9,15 @@ namespace kessard {
 
 // Creates or opens the pool of `key`, attaches it and chooses queue `index`; *existed tells which,
 // and a new queue starts empty. The segment's identifier, negative on failure.
-int create_noti_send_que(int key, int index, int* existed);
+[[nodiscard]] int create_noti_send_que(int key, int index, int* existed);
 
 // Detaches the pool; 0, or -1.
+// Nothing in the programs calls it.
 int detach_noti_send_que();
 
 // Copies a record of `length` bytes into the chosen queue. 1, or -1 when it is full. Producers
 // serialise among themselves with the queue's semaphore.
+// Nothing in the programs calls it.
 int put_noti_send_que(const void* record, std::size_t length);
 
 // Takes the next record; it stays valid in the queue until producers have gone round the ring. Null
@@ -23,6 +25,7 @@ int put_noti_send_que(const void* record, std::size_t length);
 NOTI_SEND_QUE_DATA* get_noti_send_que();
 
 // Records waiting.
+// Nothing in the programs calls it.
 int get_noti_send_queueing();
 
 } // namespace kessard

@@ -4,6 +4,8 @@
 namespace kessard {
 
 void th_start_notify_active_service_detail();
+// The daemon ends the notifier with stop_notify_active_service_detail; nothing in the programs
+// calls these two.
 void th_cancel_notify_active_service_detail();
 void th_join_notify_active_service_detail();
 

@@ -9,9 +9,10 @@ namespace kessard {
 
 // Creates or opens the pool of `key`, attaches it and chooses queue `index`; *existed tells which,
 // and a new queue starts empty. The segment's identifier, negative on failure.
-int create_parse_log_que(int key, int index, int* existed);
+[[nodiscard]] int create_parse_log_que(int key, int index, int* existed);
 
 // Detaches the pool; 0, or -1.
+// Nothing in the programs calls it.
 int detach_parse_log_que();
 
 // Copies a record of `length` bytes into the chosen queue. 1, or -1 when it is full. Producers
@@ -20,9 +21,11 @@ int put_parse_log_que(const void* record, std::size_t length);
 
 // Takes the next record; it stays valid in the queue until producers have gone round the ring. Null
 // when there is none. One consumer only.
+// Nothing in the programs calls it.
 PARSE_LOG_QUE_DATA* get_parse_log_que();
 
 // Records waiting.
+// Nothing in the programs calls it.
 int get_parse_log_queueing();
 
 } // namespace kessard

@@ -14,11 +14,11 @@ namespace kessard {
 inline constexpr int RECV_TIMEOUT_SEC = 10;
 
 // Connects to a command port, blocking; the socket, or a negative value.
-int init_tcp_client(const char* ipaddr, int port);
+[[nodiscard]] int init_tcp_client(const char* ipaddr, int port);
 
 // Connects to the server's command port; the socket, or a negative value after the log line "<!>
 // server connection fail. (ip %s, port %d) ".
-int connect_server();
+[[nodiscard]] int connect_server();
 
 // Writes the host name into a field of `size` bytes; false after the log line "<!> gethostname
 // error..".

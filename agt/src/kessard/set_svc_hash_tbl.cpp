@@ -86,17 +86,17 @@ SVC_HASH_ARR_LIST* change_slot(int index, const SERVICE_ELEMENT& element) {
 
 } // namespace
 
-int open_svc_hash_tbl() {
+bool open_svc_hash_tbl() {
     const table_objects objects = {agt::SERVICE_TABLE, agt::SERVICE_TABLE_SEM, svc_hash_tbl_shmkey,
                                    svc_hash_tbl_semkey};
     opened_table opened;
     if (!open_table(objects, &opened))
-        return 0;
+        return false;
     svc_hash_tbl = static_cast<SVC_HASH_TBL*>(opened.segment.address);
     svc_hash_tbl_semid = opened.semaphores.id;
     fill_new_table(objects, opened, init_svc_hash_tbl);
     log_object_complete(objects.segment, objects.shmkey, opened.segment.existed);
-    return 1;
+    return true;
 }
 
 int init_svc_hash_tbl() {

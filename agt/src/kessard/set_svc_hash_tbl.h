@@ -11,9 +11,9 @@ extern SVC_HASH_TBL* svc_hash_tbl;
 extern int svc_hash_tbl_semid;
 
 // Creates or opens the table and its semaphore under the configured keys and empties a new one
-// under semaphore 0; logs each step. 1, or 0 on failure. The first retrieval of the list is the
+// under semaphore 0; logs each step. False on failure. The first retrieval of the list is the
 // caller's.
-int open_svc_hash_tbl();
+[[nodiscard]] bool open_svc_hash_tbl();
 
 // Empties the table; the caller holds its semaphore. 1.
 int init_svc_hash_tbl();

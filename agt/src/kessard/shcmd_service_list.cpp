@@ -184,7 +184,7 @@ void end_script(agt::shell_reader* script) {
 bool run_script(upload* up) {
     agt::log_printf("(I) run script : %s", update_service_script);
     agt::shell_reader script{};
-    if (agt::shell_reader_start(update_service_script, &script) != 0)
+    if (!agt::shell_reader_start(update_service_script, &script))
         return false;
     const bool complete = upload_lines(up, script.fd);
     if (!complete) { // the server need not wait for the script's end

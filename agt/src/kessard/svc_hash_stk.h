@@ -16,6 +16,7 @@ int svc_hash_pop(SVC_HASH_STK* stack);
 int svc_hash_popv(SVC_HASH_STK* stack, unsigned int index);
 
 // Writes the entries to the log.
+// Nothing in the programs calls it.
 void svc_hash_show(const SVC_HASH_STK* stack);
 
 } // namespace kessard

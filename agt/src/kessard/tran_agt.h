@@ -11,12 +11,12 @@ extern PROCESS_INFO* proc_info;
 
 // Creates or opens the agent semaphore set (TRAN_AGT_SEM_COUNT semaphores); logs. 1, or 0 on
 // failure.
-int create_tran_agt_sem();
+[[nodiscard]] int create_tran_agt_sem();
 
 // Creates or opens the agent segment under semaphore 0 and attaches it; a new one stays all zero.
 // Runs after create_tran_agt_sem. 1, or 0 on failure, with the semaphore left taken for the kernel
 // to give back.
-int create_tran_agt_shm();
+[[nodiscard]] int create_tran_agt_shm();
 
 // Used rows of the process registry, at most PROCESS_INFO_MAX.
 int registry_rows();

@@ -34,7 +34,7 @@ int create_skip_hash(char** names);
 // a terminator.
 int find_skip_hash(const char* proc_nm);
 
-// Empties the skip list.
+// Empties the skip list. Nothing in the programs calls it.
 void delete_skip_hash();
 
 // Creates or opens the parse-log queues and their semaphores under the configured keys; logs. 1, or
