@@ -137,7 +137,7 @@ void break_poll_of_parent(void*) {
     prlimit(getppid(), RLIMIT_NOFILE, &none, nullptr);
     std::printf("now");
     std::fflush(stdout);
-    wait_fd(STDOUT_FILENO, 0, 20000));
+    wait_fd(STDOUT_FILENO, 0, 20000);
 }
 
 TEST(SubprocessDeath, AFailingPollEndsTheProcess) {

@@ -26,7 +26,7 @@ void set_cancel_fd(int fd);
 
 // Waits until `fd` reports one of the poll events `events` or an error, for at most `limit_ms`
 // milliseconds (-1: no limit). `fd` -1 waits for the limit alone.
-[[nodiscard]] wait_result wait_fd(int fd, short events, int limit_ms);
+wait_result wait_fd(int fd, short events, int limit_ms);
 
 // Sleeps for `ms` milliseconds; false when cancelled meanwhile.
 bool sleep_ms(int ms);
