@@ -8,7 +8,8 @@
 #include <cerrno>
 
 #include "harness.h"
-#include "host/agent_processes.h"
+#include "host/daemon_process.h"
+#include "host/listener.h"
 #include "host/shared_view.h"
 
 extern "C" int __wrap_bind(int sockfd, const sockaddr* address, socklen_t size);

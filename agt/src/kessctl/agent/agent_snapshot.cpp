@@ -33,16 +33,6 @@ std::string check_cfg(const std::string& cfg_file) {
     return names_one ? "" : cfg_file + " names none of the agent's shared objects";
 }
 
-semaphore_state read_semaphore(int id, int number) {
-    semaphore_state state;
-    state.value = semctl(id, number, GETVAL);
-    state.pid = semctl(id, number, GETPID);
-    state.waiting = semctl(id, number, GETNCNT);
-    state.process = process_name(state.pid);
-    state.alive = process_alive(state.pid);
-    return state;
-}
-
 semaphore_set read_semaphores(const object_state& object) {
     semaphore_set set{object, {}};
     if (!object.exists())
@@ -128,6 +118,16 @@ void read_agent_segment(agent_snapshot& now) {
 }
 
 } // namespace
+
+semaphore_state read_semaphore(int semid, int number) {
+    semaphore_state state;
+    state.value = semctl(semid, number, GETVAL);
+    state.pid = semctl(semid, number, GETPID);
+    state.waiting = semctl(semid, number, GETNCNT);
+    state.process = process_name(state.pid);
+    state.alive = process_alive(state.pid);
+    return state;
+}
 
 int agent_snapshot::object_count() const {
     const auto segments_there =

@@ -127,9 +127,15 @@ struct agent_snapshot {
     }
 };
 
+// Looks at the agent of a configuration. A configuration that cannot be read, or names none of the
+// shared objects, is a `cfg_fault` of the snapshot.
 agent_snapshot take_snapshot(const std::string& cfg_file);
 
-// Parts of it, each attaching what it reads.
+// One semaphore as it is; its value is -1 with errno when it is gone or not ours to read.
+semaphore_state read_semaphore(int semid, int number);
+
+// Parts of a snapshot whose `cfg_file` is set, each attaching what it reads: the tables with their
+// services and traces, and the queues.
 void read_tables(agent_snapshot& now);
 void read_queues(agent_snapshot& now);
 

@@ -1,22 +1,20 @@
 // Event records of the parse-log queue.
 #include "agent/event_record.h"
 
-#include <cstring>
+#include "wire/text.h"
 
 namespace kessctl {
 namespace {
 
 template <std::size_t N> field_value field(const char* name, const char (&bytes)[N]) {
-    std::string text(bytes, strnlen(bytes, N));
-    text.erase(text.find_last_not_of(' ') + 1);
-    return {name, text};
+    return {name, trimmed(bytes, N)};
 }
 
 } // namespace
 
-std::vector<field_value> decode_event(const LOG_HASH_ARR& record) {
-    const TRAN_LOG_HDR_FMT& head = record.keep_log.hdr;
-    const TRAN_EVENT_BDY_FMT& event = record.keep_log.bdy.evt_log;
+std::vector<field_value> decode_event(const TRAN_LOG_FMT& record) {
+    const TRAN_LOG_HDR_FMT& head = record.hdr;
+    const TRAN_EVENT_BDY_FMT& event = record.bdy.evt_log;
     return {field("log_type", head.log_type),
             field("log_interface", head.log_interface),
             field("tr_section", head.tr_section),
@@ -33,8 +31,7 @@ std::vector<field_value> decode_event(const LOG_HASH_ARR& record) {
             field("evt_id", event.evt_id),
             field("evt_tr_cd", event.evt_tr_cd),
             field("evt_info_fld", event.evt_info_fld),
-            field("evt_info_str", event.evt_info_str),
-            {"result_flag", std::string(1, record.result_flag)}};
+            field("evt_info_str", event.evt_info_str)};
 }
 
 } // namespace kessctl

@@ -10,6 +10,6 @@ namespace kessctl {
 
 // The text fields of an event record in their order, each up to its terminator or its end and
 // without trailing blanks.
-std::vector<field_value> decode_event(const LOG_HASH_ARR& record);
+std::vector<field_value> decode_event(const TRAN_LOG_FMT& record);
 
 } // namespace kessctl

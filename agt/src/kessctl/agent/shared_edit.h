@@ -17,9 +17,11 @@ class shared_edit {
 
     // Attaches an existing segment and finds the semaphore set that guards it. Empty on success,
     // else why not.
-    std::string open(const std::string& cfg_file, const agt::shared_object& segment,
-                     const agt::shared_object& semaphores);
+    [[nodiscard]] std::string open(const std::string& cfg_file, const agt::shared_object& segment,
+                                   const agt::shared_object& semaphores);
 
+    // The first byte of the segment and the identifier of the set; valid once open() succeeded, the
+    // former for the life of the object.
     void* address() const { return address_; }
     int semid() const { return semid_; }
 

@@ -163,10 +163,10 @@ json semaphores_json(const agent_snapshot& now) {
 
 } // namespace
 
-std::string status_json(const agent_snapshot& now, const agent_verdict& verdict,
+std::string status_json(const agent_snapshot& now, const agent_diagnosis& found,
                         const report_options& wanted) {
-    json out = {{"status", health_name(verdict.health)},
-                {"reasons", verdict.reasons},
+    json out = {{"status", health_name(found.health)},
+                {"reasons", found.reasons()},
                 {"time", now.taken},
                 {"config", printable(now.cfg_file)}};
     if (now.cfg_fault.empty()) {

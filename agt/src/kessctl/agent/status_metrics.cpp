@@ -236,13 +236,13 @@ void semaphore_metrics(std::string& out, const agent_snapshot& now) {
 
 } // namespace
 
-std::string status_metrics(const agent_snapshot& now, const agent_verdict& verdict) {
+std::string status_metrics(const agent_snapshot& now, const agent_diagnosis& found) {
     std::string out;
     single(out, "kessard_up", "gauge", "Whether the daemon runs.", now.daemon.running);
     single(out, "kessard_config_readable", "gauge", "Whether the configuration could be read.",
            now.cfg_fault.empty());
     single(out, "kessard_problems", "gauge",
-           "Number of things that are wrong; kessctl status lists them.", verdict.reasons.size());
+           "Number of things that are wrong; kessctl status lists them.", found.reasons().size());
     if (now.object_count() == 0 && !now.daemon.running)
         return out;
     daemon_metrics(out, now);

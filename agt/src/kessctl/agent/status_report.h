@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/agent_diagnosis.h"
 #include "agent/agent_snapshot.h"
-#include "agent/agent_verdict.h"
 
 namespace kessctl {
 
@@ -18,16 +18,18 @@ struct report_options {
     bool colour = false;     // in the text
 };
 
-// Ends with a line end, as the others.
-std::string status_text(const agent_snapshot& now, const agent_verdict& verdict,
+// For people: the health and the problems, then a section per kind of object. Ends with a line
+// end, as the others.
+std::string status_text(const agent_snapshot& now, const agent_diagnosis& found,
                         const report_options& wanted);
 
-std::string status_json(const agent_snapshot& now, const agent_verdict& verdict,
+// All of the snapshot as one JSON object; `reasons` are the problems that degrade the agent.
+std::string status_json(const agent_snapshot& now, const agent_diagnosis& found,
                         const report_options& wanted);
 
 // Text exposition format 0.0.4. Of an agent that is not there: kessard_up 0, and what is left of
 // it.
-std::string status_metrics(const agent_snapshot& now, const agent_verdict& verdict);
+std::string status_metrics(const agent_snapshot& now, const agent_diagnosis& found);
 
 // The services that the filter lets through, in the order wanted.
 std::vector<service_row> select_services(const agent_snapshot& now, const report_options& wanted);

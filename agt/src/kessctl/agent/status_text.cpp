@@ -70,11 +70,12 @@ std::string counts(const std::map<std::string, int>& states) {
     return text;
 }
 
-void add_headline(std::string& out, const agent_snapshot& now, const agent_verdict& verdict,
+void add_headline(std::string& out, const agent_snapshot& now, const agent_diagnosis& found,
                   bool colour) {
     const char* const colours[] = {"32", "33", "31"};
-    const char* code = colours[static_cast<int>(verdict.health)];
-    out += coloured(health_name(verdict.health), code, colour) + ": ";
+    const char* code = colours[static_cast<int>(found.health)];
+    const std::vector<std::string> reasons = found.reasons();
+    out += coloured(health_name(found.health), code, colour) + ": ";
     const daemon_state& daemon = now.daemon;
     if (daemon.running) {
         out += "kessard";
@@ -82,10 +83,10 @@ void add_headline(std::string& out, const agent_snapshot& now, const agent_verdi
             add(out, " pid %d, up %s", daemon.pid, duration(now.uptime_sec()).c_str());
         add(out, ", command port %s:%d\n", daemon.address.c_str(), daemon.port);
     } else {
-        out += verdict.reasons.front() + "\n";
+        out += reasons.front() + "\n";
     }
-    for (std::size_t i = daemon.running ? 0 : 1; i < verdict.reasons.size(); ++i)
-        out += "  " + coloured("!", code, colour) + " " + verdict.reasons[i] + "\n";
+    for (std::size_t i = daemon.running ? 0 : 1; i < reasons.size(); ++i)
+        out += "  " + coloured("!", code, colour) + " " + reasons[i] + "\n";
 }
 
 // A switch kept as a digit; "-" when it was never set.
@@ -244,10 +245,10 @@ void add_objects(std::string& out, const agent_snapshot& now) {
 
 } // namespace
 
-std::string status_text(const agent_snapshot& now, const agent_verdict& verdict,
+std::string status_text(const agent_snapshot& now, const agent_diagnosis& found,
                         const report_options& wanted) {
     std::string out;
-    add_headline(out, now, verdict, wanted.colour);
+    add_headline(out, now, found, wanted.colour);
     if (now.object_count() == 0)
         return out;
     add_settings(out, now);

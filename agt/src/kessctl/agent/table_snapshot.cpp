@@ -4,6 +4,7 @@
 #include <type_traits>
 
 #include "agent/agent_snapshot.h"
+#include "agent/ring_view.h"
 #include "log_flags.h"
 #include "wire/text.h"
 
@@ -104,15 +105,12 @@ void read_traces(agent_snapshot& now) {
 
 // `front` and `rear` of a queue at the byte `at`; one slot always stays empty.
 template <class Queue> void read_queue(const segment_view& view, std::size_t at, fill_level& fill) {
-    constexpr int slots = static_cast<int>(std::extent_v<decltype(Queue::data)>);
     decltype(Queue::info) ends{};
-    fill.slots = slots - 1;
+    fill.slots = agt::ring_slots<Queue> - 1;
     fill.known = view.copy(at, &ends);
-    if (ends.front < 0 || ends.front >= slots || ends.rear < 0 || ends.rear >= slots)
-        fill.fault = "front " + std::to_string(ends.front) + ", rear " + std::to_string(ends.rear) +
-                     " of " + std::to_string(slots);
-    else
-        fill.used = static_cast<unsigned long>((ends.rear - ends.front + slots) % slots);
+    fill.fault = index_fault<Queue>({ends.front, ends.rear});
+    if (fill.fault.empty())
+        fill.used = static_cast<unsigned long>(records_between<Queue>({ends.front, ends.rear}));
 }
 
 } // namespace

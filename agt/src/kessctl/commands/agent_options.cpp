@@ -28,6 +28,11 @@ void add_cfg_option(CLI::App& command, std::string& cfg_file) {
                        "Configuration file of the agent (default: TRAN_AGT_CFG_FILE)");
 }
 
+std::string open_cfg(const std::string& cfg_file, const std::string& give, config_file* out) {
+    return cfg_file.empty() ? "no file: " + give + ", or set TRAN_AGT_CFG_FILE"
+                            : out->open(cfg_file);
+}
+
 void add_look_options(CLI::App& command, look_options& look) {
     add_cfg_option(command, look.cfg_file);
     command
@@ -66,6 +71,22 @@ exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int li
         return complain(client.error());
     print_frame(stdout, "<- ", *answer);
     return field_text(*answer, "result_code") == "0" ? EXIT_OK : EXIT_REFUSED;
+}
+
+exit_status report(const ext_result& result) {
+    if (result.ok())
+        return EXIT_OK;
+    complain(result.text);
+    return result.outcome == ext_result::refused ? EXIT_REFUSED : EXIT_ERROR;
+}
+
+exit_status check_items(const std::vector<std::string>& items) {
+    for (const std::string& item : items) {
+        const std::string wrong = check_item(item);
+        if (!wrong.empty())
+            return complain(wrong);
+    }
+    return EXIT_OK;
 }
 
 exit_status complain(const std::string& what) {

@@ -53,10 +53,8 @@ void print_json(const std::string& path, const std::vector<finding>& found) {
 }
 
 exit_status check(const check_options& chosen) {
-    if (chosen.cfg_file.empty())
-        return complain("no file: name one, or set TRAN_AGT_CFG_FILE");
     config_file file;
-    const std::string wrong = file.open(chosen.cfg_file);
+    const std::string wrong = open_cfg(chosen.cfg_file, "name one", &file);
     if (!wrong.empty())
         return complain(wrong);
     const char* home = std::getenv("TRAN_AGT_HOME");

@@ -12,7 +12,7 @@
 #include <memory>
 
 #include "config/config_file.h"
-#include "host/agent_processes.h"
+#include "host/daemon_process.h"
 #include "host/shared_view.h"
 #include "shmem.h"
 
@@ -96,9 +96,7 @@ exit_status remove_all(const std::vector<object_state>& states) {
 // What may have changed while the operator thought is looked at again.
 exit_status clean(const clean_options& chosen) {
     config_file file;
-    const std::string wrong = chosen.cfg_file.empty()
-                                  ? "no file: give --config, or set TRAN_AGT_CFG_FILE"
-                                  : file.open(chosen.cfg_file);
+    const std::string wrong = open_cfg(chosen.cfg_file, "give --config", &file);
     if (!wrong.empty())
         return complain(wrong);
     std::vector<object_state> states = existing_objects(chosen.cfg_file);

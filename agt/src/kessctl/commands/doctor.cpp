@@ -2,7 +2,6 @@
 // takes no lock, changes nothing; the daemon sees one connection that closes at once.
 #include "commands/commands.h"
 
-#include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -18,10 +17,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include "agent/agent_diagnosis.h"
 #include "config/check_config.h"
-#include "host/agent_processes.h"
-#include "host/daemon_process.h"
-#include "host/shared_view.h"
+#include "host/listener.h"
 #include "server/command_client.h"
 #include "wait.h"
 
@@ -34,17 +32,13 @@ constexpr int HELD_LIMIT_MS =
 constexpr int LOOK_AGAIN_MS = 20;
 constexpr int TRIGGER_LIMIT_SEC = 60;
 constexpr double FREE_LIMIT_PCNT = 5.0;
-constexpr char CLEAN_AND_START[] =
-    "stop the daemon and the processes that use it, run kessctl clean, start the daemon";
 
 struct patient {
     const config_file& file;
     std::string home;
-    std::vector<pid_t> daemons;
-    bool watchdog = true;
+    agent_snapshot now;
     int found = 0;
 
-    bool running() const { return !daemons.empty(); }
     std::string value(const char* section, const char* keyword) const {
         return cfg_value(file.path(), section, keyword);
     }
@@ -77,39 +71,24 @@ bool answers(const patient& agent, std::string* why) {
     return false;
 }
 
-void examine_daemon(patient& agent) {
-    if (!agent.running()) {
-        const std::vector<pid_t> holders =
-            listeners_of(number_read(agent.value("TRAN_AGENT", "CMD_PORT")));
-        agent.report(
-            "daemon: no kessard can be seen that runs with " + agent.file.path() +
-                (holders.empty() ? "" : "; its port is held by " + process_texts(holders)),
-            holders.empty()
-                ? "start it: kessard -d; if it runs as another user, run the doctor as root"
-                : "end that process or change CMD_PORT, then start kessard -d");
-        return;
-    }
-    if (agent.daemons.size() > 1)
-        agent.report("daemon: several run with this configuration: " + process_texts(agent.daemons),
-                     "end all but one with SIGTERM");
+// Who holds the port of a daemon that does not run, and whether one that listens answers.
+void examine_port(patient& agent) {
+    const daemon_state& daemon = agent.now.daemon;
     std::string why;
-    if (!answers(agent, &why))
-        agent.report("daemon: " + process_texts(agent.daemons) + " does not answer, " + why,
+    if (!daemon.listening)
+        return;
+    if (daemon.seen.empty())
+        agent.report("daemon: port " + std::to_string(daemon.port) +
+                         " is held by another process: " + process_texts(listeners_of(daemon.port)),
+                     "end that process or change CMD_PORT, then start kessard -d");
+    else if (!answers(agent, &why))
+        agent.report("daemon: " + process_texts(daemon.seen) + " does not answer, " + why,
                      "look at the end of its log; end it with SIGTERM and start it again");
 }
 
-std::string name_of(const agt::shared_object& object) {
-    return std::string(object.keyword) + " (" + object.name + ")";
-}
-
-// The value of a semaphore and the process that changed it last.
-struct semaphore_state {
-    int value;
-    pid_t pid;
-};
-
-semaphore_state look_at_semaphore(int semid, int number) {
-    return {semctl(semid, number, GETVAL), semctl(semid, number, GETPID)};
+void examine_snapshot(patient& agent) {
+    for (const problem& one : diagnose(agent.now, look_options().full_percent).problems)
+        agent.report(one.what, one.advice);
 }
 
 // Whether a living process keeps a semaphore: it stays taken by the same one however often one
@@ -118,84 +97,23 @@ bool stays_held(int semid, int number, pid_t pid) {
     const long long until_ms = agt::monotonic_ms() + HELD_LIMIT_MS;
     while (agt::monotonic_ms() < until_ms) {
         agt::sleep_ms(LOOK_AGAIN_MS);
-        const semaphore_state now = look_at_semaphore(semid, number);
-        if (now.value != 0 || now.pid != pid)
+        const semaphore_state now = read_semaphore(semid, number);
+        if (!now.held() || now.pid != pid)
             return false;
     }
     return true;
 }
 
-void examine_semaphore(patient& agent, const object_state& state, int number) {
-    const semaphore_state now = look_at_semaphore(state.id, number);
-    const std::string which =
-        "semaphore " + std::to_string(number) + " of " + name_of(*state.object);
-    if (now.value > 1)
-        agent.report(which + ": value " + std::to_string(now.value) +
-                         ", so several processes can hold it at once",
-                     CLEAN_AND_START);
-    if (now.value != 0)
-        return;
-    if (!process_alive(now.pid))
-        agent.report(which + ": held by process " + process_text(now.pid) +
-                         "; nobody gives it back",
-                     CLEAN_AND_START);
-    else if (stays_held(state.id, number, now.pid))
-        agent.report(which + ": held by process " + process_text(now.pid) + " for more than " +
-                         std::to_string(HELD_LIMIT_MS / 1000) + " s",
-                     "look what that process does; if it hangs, end it");
-}
-
-// What the daemon has attached instead of the object is a segment that was removed.
-void examine_segment(patient& agent, const object_state& state) {
-    for (const pid_t pid : agent.daemons)
-        if (!may_have_attached(pid, state.id))
-            agent.report(name_of(*state.object) + ": the daemon " + process_text(pid) +
-                             " uses another segment than the one of key " + state.key,
-                         CLEAN_AND_START);
-    if (!agent.running() && state.attaches > 0)
-        agent.report(
-            name_of(*state.object) + ": attached " + std::to_string(state.attaches) +
-                " times without a daemon: " + process_texts(attached_to(state.id)),
-            "start the daemon, which takes the segment over; or end them before kessctl clean");
-}
-
-void examine_object(patient& agent, const object_state& state) {
-    const agt::shared_object& object = *state.object;
-    if (!state.exists()) {
-        if (agent.running() && (agent.watchdog || !object.watchdog_only))
-            agent.report(name_of(object) + ": missing while the daemon runs, key " + state.key +
-                             ": " + state.fault,
-                         "restart the daemon, then the processes that use it");
-        return;
-    }
-    if (state.size == 0)
-        return agent.report(describe_fault(state),
-                            "run the doctor as the daemon's user or as root");
-    if (state.size != object.size)
-        agent.report(name_of(object) + ": " +
-                         (state.size < object.size ? "too small, " : "of the wrong size, ") +
-                         std::to_string(state.size) + " instead of " + std::to_string(object.size) +
-                         " " + object.unit(),
-                     "another version or program made it: give it another key, or remove it with "
-                     "kessctl clean --force");
-    if (object.kind == agt::object_kind::segment)
-        return examine_segment(agent, state);
-    for (int i = 0; i < static_cast<int>(std::min(state.size, object.size)); ++i)
-        examine_semaphore(agent, state, i);
-}
-
-void examine_objects(patient& agent) {
-    std::string stale;
-    for (const agt::shared_object* object : agt::SHARED_OBJECTS) {
-        const object_state state = find_object(agent.file.path(), *object);
-        examine_object(agent, state);
-        if (state.exists() && state.attaches == 0)
-            stale += " " + std::string(object->keyword);
-    }
-    if (!agent.running() && !stale.empty())
-        agent.report(
-            "stale: left by a daemon that has ended:" + stale,
-            "the next start takes them over with their content; kessctl clean removes them");
+void examine_semaphores(patient& agent) {
+    for (const semaphore_set& set : agent.now.semaphores)
+        for (std::size_t i = 0; i < set.semaphores.size(); ++i) {
+            const semaphore_state& one = set.semaphores[i];
+            if (one.held() && one.alive && stays_held(set.object.id, static_cast<int>(i), one.pid))
+                agent.report(semaphore_name(*set.object.object, i) + " is held by process " +
+                                 process_text(one.pid) + " for more than " +
+                                 std::to_string(HELD_LIMIT_MS / 1000) + " s",
+                             "look what that process does; if it hangs, end it");
+        }
 }
 
 void examine_log(patient& agent) {
@@ -224,23 +142,20 @@ void examine_trigger(patient& agent) {
     if (stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode) &&
         std::time(nullptr) - about.st_mtime > TRIGGER_LIMIT_SEC)
         agent.report("leftover: " + path + ", which triggers a service update, has not been taken",
-                     agent.running()
+                     !agent.now.daemon.seen.empty()
                          ? "the daemon cannot remove it: look at the permissions of its directory"
                          : "remove it, or the next start updates the services at once");
 }
 
 exit_status examine(const std::string& cfg_file) {
     config_file file;
-    const std::string wrong =
-        cfg_file.empty() ? "no file: give --config, or set TRAN_AGT_CFG_FILE" : file.open(cfg_file);
+    const std::string wrong = open_cfg(cfg_file, "give --config", &file);
     if (!wrong.empty())
         return complain(wrong);
     const char* home = std::getenv("TRAN_AGT_HOME");
-    patient agent{file, home == nullptr ? "" : home, daemons_of(cfg_file)};
-    const std::string interval = agent.value("KESSARD", "WORKER_CHECK_INTERVAL");
-    agent.watchdog = !interval.empty() && number_read(interval) != 0;
-    for (const auto step :
-         {examine_config, examine_daemon, examine_objects, examine_log, examine_trigger})
+    patient agent{file, home == nullptr ? "" : home, take_snapshot(cfg_file)};
+    for (const auto step : {examine_config, examine_snapshot, examine_port, examine_semaphores,
+                            examine_log, examine_trigger})
         step(agent);
     std::printf("findings: %d\n", agent.found);
     return agent.found == 0 ? EXIT_OK : EXIT_REFUSED;

@@ -1,44 +1,25 @@
 // kessctl metrics: the figures of an agent for Prometheus, to standard output or to a textfile
 // collector's file.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "agent/status_report.h"
 #include "commands/commands.h"
-#include "unique_fd.h"
+#include "host/new_file.h"
 
 namespace kessctl {
 namespace {
 
-// Replaces the file in one step: whoever reads it sees the old text or the new. Empty, or what went
-// wrong.
+// Replaces the file in one step. Empty, or what went wrong.
 std::string replace_file(const std::string& path, const std::string& text) {
-    std::string unfinished = path + ".XXXXXX"; // in the same directory, and not *.prom
-    const agt::unique_fd file(mkostemp(unfinished.data(), O_CLOEXEC));
-    if (!file.valid())
-        return path + ": " + std::strerror(errno);
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t written = write(file.get(), text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR)
-            break;
-        done += written < 0 ? 0 : static_cast<std::size_t>(written);
-    }
     constexpr mode_t readable_by_all = 0644;
-    if (done == text.size() && fchmod(file.get(), readable_by_all) == 0 &&
-        std::rename(unfinished.c_str(), path.c_str()) == 0)
-        return {};
-    const std::string wrong = path + ": " + std::strerror(errno);
-    unlink(unfinished.c_str());
-    return wrong;
+    new_file file(path);
+    const bool done = file.valid() && file.write(text.data(), text.size()) &&
+                      file.finish(readable_by_all) && file.take_name();
+    return done ? "" : path + ": " + std::strerror(errno);
 }
 
 struct metrics_options {
@@ -48,7 +29,7 @@ struct metrics_options {
 
 exit_status write_metrics(const metrics_options& chosen) {
     const agent_snapshot now = take_snapshot(chosen.look.cfg_file);
-    const std::string text = status_metrics(now, judge(now, chosen.look.full_percent));
+    const std::string text = status_metrics(now, diagnose(now, chosen.look.full_percent));
     if (chosen.output.empty())
         std::fwrite(text.data(), 1, text.size(), stdout);
     const std::string wrong = chosen.output.empty() ? "" : replace_file(chosen.output, text);

@@ -1,6 +1,4 @@
-// kessctl put-notification, show-events: being a tracer, and being the log parser.
-#include "commands/commands.h"
-
+// kessctl put-notification: being a tracer that notifies the server.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -13,30 +11,18 @@
 #include <map>
 #include <memory>
 
-#include "agent/event_record.h"
+#include "agent/ring_view.h"
 #include "agent/shared_edit.h"
-#include "ring_queue.h"
+#include "commands/commands.h"
 #include "sem.h"
 #include "wait.h"
 #include "wire/frame.h"
-#include "wire/print_frame.h"
 #include "wire/text.h"
 
 namespace kessctl {
 namespace {
 
-constexpr int NO_LIMIT = -1;
-constexpr int FOLLOW_POLL_MS = 50;
 constexpr int CALL_SEQ_MODULUS = 1000000; // what the field holds
-
-// Empty, or which index of the queue is out of range.
-template <class Queue> std::string check_indexes(const Queue& queue) {
-    const agt::ring_indexes at = agt::ring_load(queue);
-    if (agt::ring_index_valid<Queue>(at.front) && agt::ring_index_valid<Queue>(at.rear))
-        return {};
-    return "the queue's indexes are out of range: front " + std::to_string(at.front) + ", rear " +
-           std::to_string(at.rear);
-}
 
 struct put_options {
     std::string cfg_file = default_cfg_file();
@@ -117,62 +103,13 @@ exit_status put_notifications(const put_options& chosen) {
         const agt::sem_hold hold(edit.semid(), 0);
         if (!hold.held())
             return complain(std::string("the queue's semaphore: ") + std::strerror(errno));
-        const std::string wrong = check_indexes(queue);
+        const std::string wrong = index_fault<NOTI_SEND_QUE>(agt::ring_load(queue));
         if (!wrong.empty())
-            return complain(wrong);
+            return complain("the queue's indexes are out of range: " + wrong);
         put += agt::ring_put(queue, &record, sizeof record) == 1 ? 1 : 0;
     }
     std::printf("%d records put, %d did not fit\n", put, chosen.count - put);
     return put == chosen.count ? EXIT_OK : EXIT_REFUSED;
-}
-
-struct events_options {
-    std::string cfg_file = default_cfg_file();
-    int count = NO_LIMIT; // events to show
-    bool follow = false;
-    bool peek = false;
-};
-
-// The record behind the position *front, which moves on; null when there is none. Taking goes
-// through the queue itself.
-const PARSE_LOG_QUE_DATA* next_event(PARSE_LOG_QUE& queue, bool peek, int* front) {
-    if (!peek)
-        return agt::ring_take(queue);
-    if (*front == agt::ring_load(queue).rear)
-        return nullptr;
-    *front = agt::ring_next<PARSE_LOG_QUE>(*front);
-    return &queue.data[*front];
-}
-
-void print_event(const PARSE_LOG_QUE& queue, const PARSE_LOG_QUE_DATA& data) {
-    const LOG_HASH_ARR record = data.parse_log;
-    std::printf("slot %td\n", &data - queue.data);
-    print_fields(stdout, decode_event(record));
-    std::fflush(stdout);
-}
-
-exit_status show_events(const events_options& chosen) {
-    shared_edit edit;
-    const std::string closed = edit.open(chosen.cfg_file, agt::PARSE_QUEUES, agt::PARSE_QUEUES_SEM);
-    if (!closed.empty())
-        return complain(closed);
-    PARSE_LOG_QUE& queue = static_cast<PARSE_LOG_QUE_POOL*>(edit.address())->que[0];
-    int front = agt::ring_load(queue).front;
-    for (int shown = 0; shown != chosen.count;) {
-        const std::string wrong = check_indexes(queue);
-        if (!wrong.empty())
-            return complain(wrong);
-        const PARSE_LOG_QUE_DATA* data = next_event(queue, chosen.peek, &front);
-        if (data != nullptr) {
-            print_event(queue, *data);
-            ++shown;
-        } else if (!chosen.follow) {
-            break;
-        } else {
-            agt::sleep_ms(FOLLOW_POLL_MS);
-        }
-    }
-    return EXIT_OK;
 }
 
 // "service_id" to "--service-id".
@@ -208,19 +145,6 @@ void add_put_notification(CLI::App& app, exit_status* status) {
         std::erase_if(chosen->fields, [](const auto& field) { return field.second.empty(); });
         *status = put_notifications(*chosen);
     });
-}
-
-void add_show_events(CLI::App& app, exit_status* status) {
-    const auto chosen = std::make_shared<events_options>();
-    CLI::App* command = app.add_subcommand(
-        "show-events", "Take the event records off parse-log queue 0 and show them, "
-                       "as the log parser would");
-    add_cfg_option(*command, chosen->cfg_file);
-    command->add_option("--count", chosen->count, "Stop after that many records")
-        ->check(CLI::Range(1, INT_MAX));
-    command->add_flag("--follow", chosen->follow, "Wait for more when there are none left");
-    command->add_flag("--peek", chosen->peek, "Leave the records in the queue");
-    command->callback([chosen, status] { *status = show_events(*chosen); });
 }
 
 } // namespace kessctl

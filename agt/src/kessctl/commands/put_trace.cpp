@@ -11,11 +11,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <memory>
 
 #include "agent/shared_edit.h"
 #include "hash_chain.h"
+#include "host/process.h"
 #include "sem.h"
 #include "wire/text.h"
 
@@ -48,12 +48,6 @@ struct trace_entry {
     int idle_sec;
 };
 
-std::string process_name(int pid) {
-    std::string name;
-    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);
-    return name;
-}
-
 // The entries that the options ask for, each process before its threads. Empty, or why there are
 // none.
 std::string list_entries(const trace_options& chosen, std::vector<trace_entry>* out) {
@@ -63,7 +57,7 @@ std::string list_entries(const trace_options& chosen, std::vector<trace_entry>* 
     for (const int pid : pids) {
         std::string name = chosen.name;
         if (name.empty())
-            name = chosen.pids.empty() ? "madeup" : process_name(pid);
+            name = chosen.pids.empty() ? "madeup" : process_comm(pid);
         if (name.empty())
             return "there is no process " + std::to_string(pid) + "; give its --name";
         out->push_back({pid, 0, name, chosen.idle_sec});

@@ -8,6 +8,8 @@
 #include <ctime>
 #include <memory>
 
+#include "agent/event_record.h"
+#include "agent/ring_view.h"
 #include "host/shared_view.h"
 #include "log_flags.h"
 #include "wire/frame.h"
@@ -135,14 +137,15 @@ exit_status show_registry(const show_options& chosen) {
 }
 
 // Prints the indexes of one ring and returns how many of its last records are worth a look.
-int print_ring(const char* name, int front, int rear, int slots, int wanted) {
-    if (front < 0 || front >= slots || rear < 0 || rear >= slots) {
-        std::printf("%s: front %d, rear %d: not indexes of this queue\n", name, front, rear);
+template <class Queue> int print_ring(const std::string& name, agt::ring_indexes at, int wanted) {
+    if (!index_fault<Queue>(at).empty()) {
+        std::printf("%s: front %d, rear %d: not indexes of this queue\n", name.c_str(), at.front,
+                    at.rear);
         return 0;
     }
-    std::printf("%s: front %d, rear %d, %d waiting\n", name, front, rear,
-                (rear - front + slots) % slots);
-    return std::min(wanted, slots);
+    std::printf("%s: front %d, rear %d, %d waiting\n", name.c_str(), at.front, at.rear,
+                records_between<Queue>(at));
+    return std::min(wanted, agt::ring_slots<Queue>);
 }
 
 std::string show_noti_queue(const show_options& chosen) {
@@ -151,7 +154,7 @@ std::string show_noti_queue(const show_options& chosen) {
     if (!wrong.empty())
         return wrong;
     const int count =
-        print_ring("noti_send_que", info.front, info.rear, NOTI_SEND_QUE_SLOTS, chosen.records);
+        print_ring<NOTI_SEND_QUE>("noti_send_que", {info.front, info.rear}, chosen.records);
     for (int i = 0; i < count && wrong.empty(); ++i) {
         const auto slot =
             static_cast<std::size_t>((info.rear - i + NOTI_SEND_QUE_SLOTS) % NOTI_SEND_QUE_SLOTS);
@@ -170,27 +173,6 @@ std::string show_noti_queue(const show_options& chosen) {
     return wrong;
 }
 
-void print_event(std::size_t slot, const TRAN_LOG_FMT& log) {
-    const TRAN_LOG_HDR_FMT& head = log.hdr;
-    const TRAN_EVENT_BDY_FMT& event = log.bdy.evt_log;
-    std::printf("  slot %zu\n", slot);
-    print_fields(stdout, {{"log_type", shown(head.log_type)},
-                          {"log_interface", shown(head.log_interface)},
-                          {"tr_section", shown(head.tr_section)},
-                          {"gid", shown(head.gid)},
-                          {"server_id", shown(head.server_id)},
-                          {"service_id", shown(head.service_id)},
-                          {"host_name", shown(head.host_name)},
-                          {"pid", shown(head.pid)},
-                          {"tid", shown(head.tid)},
-                          {"log_day", shown(head.log_day)},
-                          {"log_time", shown(head.log_time)},
-                          {"evt_id", shown(event.evt_id)},
-                          {"evt_tr_cd", shown(event.evt_tr_cd)},
-                          {"evt_info_fld", shown(event.evt_info_fld)},
-                          {"evt_info_str", shown(event.evt_info_str)}});
-}
-
 std::string show_parse_queue(const show_options& chosen, std::size_t que) {
     PARSE_LOG_QUE_INFO info{};
     const std::size_t start = que * sizeof(PARSE_LOG_QUE);
@@ -199,8 +181,7 @@ std::string show_parse_queue(const show_options& chosen, std::size_t que) {
         (que > 0 && info.front == 0 && info.rear == 0)) // a queue nobody has used yet
         return wrong;
     const std::string name = "parse_log_que " + std::to_string(que);
-    const int count =
-        print_ring(name.c_str(), info.front, info.rear, PARSE_LOG_QUE_SLOTS, chosen.records);
+    const int count = print_ring<PARSE_LOG_QUE>(name, {info.front, info.rear}, chosen.records);
     for (int i = 0; i < count && wrong.empty(); ++i) {
         const auto slot =
             static_cast<std::size_t>((info.rear - i + PARSE_LOG_QUE_SLOTS) % PARSE_LOG_QUE_SLOTS);
@@ -211,7 +192,8 @@ std::string show_parse_queue(const show_options& chosen, std::size_t que) {
                         &log, sizeof log);
         if (!wrong.empty() || log.hdr.log_type[0] == '\0')
             break; // never written
-        print_event(slot, log);
+        std::printf("  slot %zu\n", slot);
+        print_fields(stdout, decode_event(log));
     }
     return wrong;
 }

@@ -30,16 +30,12 @@ struct status_options {
     report_options report;
 };
 
-exit_status status_of(const agent_verdict& verdict) {
-    return static_cast<exit_status>(verdict.health);
-}
-
 exit_status look_once(const status_options& chosen, std::string* out) {
     const agent_snapshot now = take_snapshot(chosen.look.cfg_file);
-    const agent_verdict verdict = judge(now, chosen.look.full_percent);
-    *out = chosen.json ? status_json(now, verdict, chosen.report)
-                       : status_text(now, verdict, chosen.report);
-    return status_of(verdict);
+    const agent_diagnosis found = diagnose(now, chosen.look.full_percent);
+    *out = chosen.json ? status_json(now, found, chosen.report)
+                       : status_text(now, found, chosen.report);
+    return static_cast<exit_status>(found.health);
 }
 
 bool wants_colour() {

@@ -15,7 +15,8 @@
 #include <map>
 #include <set>
 
-#include "host/agent_processes.h"
+#include "host/daemon_process.h"
+#include "host/listener.h"
 #include "host/shared_view.h"
 #include "unique_fd.h"
 

@@ -1,172 +1,113 @@
 // Finding the daemon of a configuration among the processes of the host.
 #include "host/daemon_process.h"
 
-#include <arpa/inet.h>
-#include <unistd.h>
+#include <sys/ipc.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <iterator>
 #include <set>
 
 #include "host/cfg_value.h"
-#include "shared_objects.h"
+#include "host/listener.h"
+#include "host/shared_view.h"
 #include "wire/text.h"
 
 namespace kessctl {
 namespace {
 
 constexpr char DAEMON_NAME[] = "kessard";
-constexpr unsigned TCP_LISTENS = 0x0A;
-
-std::string proc_file(pid_t pid, const char* name) {
-    return "/proc/" + std::to_string(pid) + "/" + name;
-}
-
-struct process_stat {
-    char state = 'X'; // as of a process that is gone
-    pid_t parent = 0;
-    long long start_ticks = 0; // since the system started
-};
-
-process_stat read_stat(pid_t pid) {
-    process_stat stat;
-    std::string text;
-    std::getline(std::ifstream(proc_file(pid, "stat")), text, '\0');
-    const std::size_t name_end = text.rfind(')'); // the name may hold anything
-    if (name_end != text.npos)
-        std::sscanf(
-            text.c_str() + name_end + 1,
-            " %c %d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %lld",
-            &stat.state, &stat.parent, &stat.start_ticks);
-    return stat;
-}
-
-// When the system started, by its own clock.
-time_t boot_time() {
-    std::ifstream file("/proc/stat");
-    for (std::string line; std::getline(file, line);)
-        if (line.starts_with("btime "))
-            return std::atoll(line.c_str() + std::size("btime ") - 1);
-    return 0;
-}
 
 struct candidate {
     pid_t pid = 0;
-    process_stat stat;
     bool readable = false; // its memory map
-    std::vector<int> attached_ids;
-};
+    bool same_cfg = false; // started with the configuration file
+    std::vector<attached_segment> attached;
 
-// The identifiers of the segments of `keys` that a process has attached. False when its map cannot
-// be read.
-bool read_attached(pid_t pid, const std::set<unsigned>& keys, std::vector<int>* ids) {
-    std::ifstream maps(proc_file(pid, "maps"));
-    std::string line;
-    if (!std::getline(maps, line))
-        return false;
-    do {
-        unsigned long inode = 0;
-        unsigned key = 0;
-        const bool segment =
-            std::sscanf(line.c_str(), "%*s %*s %*s %*s %lu /SYSV%8x", &inode, &key) == 2;
-        if (segment && keys.contains(key))
-            ids->push_back(
-                static_cast<int>(inode)); // a segment's identifier is the inode number of its file
-    } while (std::getline(maps, line));
-    return true;
-}
+    bool may_run() const { return !readable || !attached.empty(); }
+};
 
 std::set<unsigned> segment_keys(const std::string& cfg_file) {
     std::set<unsigned> keys;
     for (const agt::shared_object* object : agt::SHARED_OBJECTS)
         if (object->kind == agt::object_kind::segment)
-            keys.insert(static_cast<unsigned>(std::strtol(
-                cfg_value(cfg_file, object->section(), object->keyword).c_str(), nullptr, 10)));
-    keys.erase(0);
+            keys.insert(static_cast<unsigned>(
+                object_key(cfg_value(cfg_file, object->section(), object->keyword))));
+    keys.erase(IPC_PRIVATE);
     return keys;
 }
 
-std::vector<candidate> list_candidates(const std::set<unsigned>& keys) {
-    std::vector<candidate> found;
+candidate look_at(pid_t pid, const std::string& cfg_file, const std::set<unsigned>& keys) {
+    candidate one;
     std::error_code error;
-    for (std::filesystem::directory_iterator at("/proc", error), end; !error && at != end;
-         at.increment(error)) {
-        candidate one;
-        one.pid = std::atoi(at->path().filename().c_str());
-        if (one.pid <= 0 || process_name(one.pid) != DAEMON_NAME || !process_alive(one.pid))
-            continue;
-        one.stat = read_stat(one.pid);
-        one.readable = read_attached(one.pid, keys, &one.attached_ids);
-        if (!one.readable || !one.attached_ids.empty())
-            found.push_back(one);
+    one.pid = pid;
+    one.same_cfg = std::filesystem::equivalent(cfg_file_of(pid), cfg_file, error);
+    if (const auto segments = segments_of(pid)) {
+        one.readable = true;
+        std::copy_if(segments->begin(), segments->end(), std::back_inserter(one.attached),
+                     [&](const attached_segment& segment) { return keys.contains(segment.key); });
     }
+    return one;
+}
+
+// The processes that may be the daemon; not those whose parent is one.
+std::vector<candidate> list_candidates(const std::string& cfg_file) {
+    const std::set<unsigned> keys = segment_keys(cfg_file);
+    std::vector<candidate> found;
+    std::set<pid_t> pids;
+    for (const pid_t pid : all_processes()) {
+        if (process_comm(pid) != DAEMON_NAME || !process_alive(pid))
+            continue;
+        const candidate one = look_at(pid, cfg_file, keys);
+        if (!one.may_run() && !one.same_cfg)
+            continue;
+        found.push_back(one);
+        pids.insert(pid);
+    }
+    std::erase_if(found, [&](const candidate& one) { return pids.contains(parent_of(one.pid)); });
     return found;
 }
 
-// Whether an IPv4 socket listens on the port, at the address or at all addresses.
-bool port_listens(const std::string& address, int port) {
-    in_addr wanted{};
-    const bool dotted = inet_aton(address.c_str(), &wanted) != 0;
-    std::ifstream table("/proc/net/tcp");
-    for (std::string line; std::getline(table, line);) {
-        unsigned local = 0;
-        unsigned local_port = 0;
-        unsigned state = 0;
-        if (std::sscanf(line.c_str(), " %*d: %8x:%4x %*8x:%*4x %2x", &local, &local_port, &state) ==
-                3 &&
-            state == TCP_LISTENS && static_cast<int>(local_port) == port &&
-            (!dotted || local == 0 || local == wanted.s_addr))
-            return true;
-    }
-    return false;
-}
-
-// Takes out the candidates whose parent is one too.
-void drop_children(std::vector<candidate>& candidates) {
-    std::set<pid_t> pids;
-    for (const candidate& one : candidates)
-        pids.insert(one.pid);
-    std::erase_if(candidates, [&](const candidate& one) { return pids.contains(one.stat.parent); });
+// The one that runs with the configuration: the first seen to have a segment attached, else the
+// only one of which that cannot be seen. Null when there is none or more than one.
+const candidate* choose(const std::vector<candidate>& candidates, bool listening) {
+    const auto sure = std::find_if(candidates.begin(), candidates.end(), [](const candidate& one) {
+        return one.readable && one.may_run();
+    });
+    if (sure != candidates.end())
+        return &*sure;
+    const auto hidden = [](const candidate& one) { return !one.readable; };
+    return listening && std::count_if(candidates.begin(), candidates.end(), hidden) == 1
+               ? &*std::find_if(candidates.begin(), candidates.end(), hidden)
+               : nullptr;
 }
 
 } // namespace
-
-bool process_alive(pid_t pid) {
-    if (pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH))
-        return false;
-    return read_stat(pid).state != 'Z';
-}
-
-std::string process_name(pid_t pid) {
-    std::string name;
-    std::getline(std::ifstream(proc_file(pid, "comm")), name);
-    return printable(name);
-}
 
 daemon_state find_daemon(const std::string& cfg_file) {
     daemon_state state;
     state.address = printable(cfg_value(cfg_file, "TRAN_AGENT", "IP_ADDRESS"));
     state.port = std::atoi(cfg_value(cfg_file, "TRAN_AGENT", "CMD_PORT").c_str());
     state.listening = port_listens(state.address, state.port);
-    std::vector<candidate> candidates = list_candidates(segment_keys(cfg_file));
-    drop_children(candidates);
-    const auto sure = std::find_if(candidates.begin(), candidates.end(),
-                                   [](const auto& one) { return one.readable; });
-    const bool only_one = candidates.size() == 1;
-    state.running = sure != candidates.end() || (!candidates.empty() && state.listening);
-    if (!state.running || (sure == candidates.end() && !only_one))
+    const std::vector<candidate> candidates = list_candidates(cfg_file);
+    const candidate* chosen = choose(candidates, state.listening);
+    for (const candidate& one : candidates) {
+        state.running = state.running || (one.may_run() && (one.readable || state.listening));
+        if (one.same_cfg || &one == chosen)
+            state.seen.push_back(one.pid);
+    }
+    if (chosen == nullptr)
         return state;
-    const candidate& chosen = sure != candidates.end() ? *sure : candidates.front();
-    state.pid = chosen.pid;
-    state.started = boot_time() + chosen.stat.start_ticks / sysconf(_SC_CLK_TCK);
-    state.attachments_known = chosen.readable;
-    state.attached_ids = chosen.attached_ids;
+    state.pid = chosen->pid;
+    state.started = start_time(chosen->pid);
+    state.attachments_known = chosen->readable;
+    state.attached = chosen->attached;
     return state;
+}
+
+std::vector<pid_t> daemons_of(const std::string& cfg_file) {
+    return find_daemon(cfg_file).seen;
 }
 
 } // namespace kessctl

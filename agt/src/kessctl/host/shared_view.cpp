@@ -38,11 +38,15 @@ void look_at_semaphores(object_state& state, key_t key) {
 
 } // namespace
 
+key_t object_key(const std::string& text) {
+    return static_cast<key_t>(std::strtol(text.c_str(), nullptr, 10));
+}
+
 object_state find_object(const std::string& cfg_file, const agt::shared_object& object) {
     object_state state;
     state.object = &object;
     state.key = cfg_value(cfg_file, object.section(), object.keyword);
-    const auto key = static_cast<key_t>(std::strtol(state.key.c_str(), nullptr, 10));
+    const key_t key = object_key(state.key);
     if (state.key.empty())
         state.fault = "the configuration file '" + cfg_file + "' has no such key";
     else if (key == IPC_PRIVATE)

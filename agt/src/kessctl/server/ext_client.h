@@ -2,7 +2,11 @@
 // agent's host.
 //
 // A request is one frame and needs a connection of its own, which the agent closes afterwards. The
-// agent cuts a request's items at a separator and has room for few of them, joining what is too
+// answer starts with a header (magic, status, length); an error's text or the results follow, each
+// result a code and a length before its output. Lengths are the agent's to say and are checked
+// against what is left of the answer.
+//
+// The agent cuts a request's items at a separator and has room for few of them, joining what is too
 // much to the last one; so what is to be sent is planned first, as several requests where one
 // cannot carry it.
 #pragma once
@@ -41,24 +45,26 @@ struct ext_form {
 
 // Spreads the items over requests, in their order. Empty on success, else which item no request can
 // carry.
-std::string plan_requests(const ext_form& form, const std::vector<std::string>& items,
-                          std::vector<ext_request>* out);
+[[nodiscard]] std::string plan_requests(const ext_form& form, const std::vector<std::string>& items,
+                                        std::vector<ext_request>* out);
 
 // The form of a request for commands; `time_value` 0 sends none. The agent makes at most that many
 // commands (ten without a value, never more than thirty) of a request's data.
 ext_form command_form(int time_value);
 
 // Empty when the text can be an item, else why not.
-std::string check_item(const std::string& text);
+[[nodiscard]] std::string check_item(const std::string& text);
 
 // The frame of a request; data that no plan made is cut to what the frame holds.
 TCP_CMD_MSG ext_frame(const ext_request& request);
 
-bool send_request(command_client& client, const ext_request& request, int limit_ms);
+// Sends the frame of a request; false when that failed, and the client's error() says why.
+[[nodiscard]] bool send_request(command_client& client, const ext_request& request, int limit_ms);
 
 // Receives the header that starts every answer; `length` is what follows. An error answer is
 // received whole.
-ext_result receive_header(command_client& client, int limit_ms, std::uint32_t* length);
+[[nodiscard]] ext_result receive_header(command_client& client, int limit_ms,
+                                        std::uint32_t* length);
 
 struct command_result {
     int exit_code;
@@ -72,7 +78,7 @@ command_end end_of(const command_result& result);
 
 // Runs the commands of one request on the agent's host, waiting for them and `limit_ms` more. What
 // came before a failure is appended to `results` too.
-ext_result run_commands(command_client& client, const ext_request& request, int limit_ms,
-                        std::vector<command_result>* results);
+[[nodiscard]] ext_result run_commands(command_client& client, const ext_request& request,
+                                      int limit_ms, std::vector<command_result>* results);
 
 } // namespace kessctl

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <limits>
 
+#include "host/new_file.h"
 #include "unique_fd.h"
 #include "wait.h"
 #include "wire/text.h"
@@ -86,54 +87,6 @@ ext_result send_file(command_client& client, const local_file& file, int limit_m
 
 // ---- download
 
-// A file that vanishes unless it gets its name.
-class temporary_file {
-  public:
-    temporary_file(const std::string& directory, const std::string& name)
-        : name_(directory + "/" + name), path_(directory + "/." + name + ".XXXXXX"),
-          fd_(mkostemp(path_.data(), O_CLOEXEC)) {}
-    temporary_file(temporary_file&& other) noexcept
-        : name_(std::move(other.name_)), path_(std::exchange(other.path_, {})),
-          fd_(std::move(other.fd_)) {}
-    temporary_file& operator=(temporary_file&&) = delete;
-    ~temporary_file() {
-        if (!path_.empty())
-            unlink(path_.c_str());
-    }
-
-    const std::string& name() const { return name_; }
-    bool valid() const { return fd_.valid(); }
-
-    bool write(const char* bytes, std::size_t length) {
-        while (length > 0) {
-            const ssize_t written = ::write(fd_.get(), bytes, length);
-            if (written < 0 && errno == EINTR)
-                continue;
-            if (written < 1)
-                return false;
-            bytes += written;
-            length -= static_cast<std::size_t>(written);
-        }
-        return true;
-    }
-
-    bool finish(mode_t permission) {
-        return fchmod(fd_.get(), permission & PERMISSION_BITS) == 0 && ::close(fd_.release()) == 0;
-    }
-
-    bool take_name() {
-        if (std::rename(path_.c_str(), name_.c_str()) != 0)
-            return false;
-        path_.clear();
-        return true;
-    }
-
-  private:
-    std::string name_;
-    std::string path_; // empty once it has its name
-    agt::unique_fd fd_;
-};
-
 std::string announced_name(const ST_FILE_INFO& info) {
     return std::string(info.name, strnlen(info.name, sizeof info.name));
 }
@@ -160,7 +113,7 @@ ext_result receive_announcement(command_client& client, std::size_t count, int l
     return {};
 }
 
-ext_result receive_file(command_client& client, const ST_FILE_INFO& info, temporary_file& file,
+ext_result receive_file(command_client& client, const ST_FILE_INFO& info, new_file& file,
                         int limit_ms, const transfer_observer& observe) {
     const std::string name = announced_name(info);
     const std::uint64_t size = ntohl(info.size);
@@ -172,11 +125,11 @@ ext_result receive_file(command_client& client, const ST_FILE_INFO& info, tempor
         if (!client.receive_bytes(piece.data(), length, limit_ms))
             return failed(printable(name) + " did not come whole: " + client.error());
         if (!file.write(piece.data(), length))
-            return failed_call(file.name());
+            return failed_call(file.path());
         done += length;
         observe(name, done, size);
     }
-    return file.finish(ntohl(info.perm)) ? ext_result{} : failed_call(file.name());
+    return file.finish(ntohl(info.perm)) ? ext_result{} : failed_call(file.path());
 }
 
 } // namespace
@@ -225,7 +178,7 @@ ext_result download_files(command_client& client, const ext_request& request,
                           const std::string& directory, int limit_ms,
                           const transfer_observer& observe, std::set<std::string>* taken) {
     std::vector<ST_FILE_INFO> infos;
-    std::vector<temporary_file> files;
+    std::vector<new_file> files;
     if (!send_request(client, request, limit_ms))
         return failed(client.error());
     const ext_result announced = receive_announcement(client, request.count, limit_ms, &infos);
@@ -237,9 +190,9 @@ ext_result download_files(command_client& client, const ext_request& request,
             return failed("the agent sends a file named '" + printable(name) + "'");
         if (!taken->insert(name).second)
             return failed("two of the files are named '" + printable(name) + "'");
-        files.emplace_back(directory, name);
+        files.emplace_back(directory + "/" + name);
         if (!files.back().valid())
-            return failed_call(files.back().name());
+            return failed_call(files.back().path());
         const ext_result received = receive_file(client, info, files.back(), limit_ms, observe);
         if (!received.ok())
             return received;
@@ -247,9 +200,9 @@ ext_result download_files(command_client& client, const ext_request& request,
     client.send_bytes(
         "", 1,
         limit_ms); // the agent waits for a byte; the files are here whether or not it gets one
-    for (temporary_file& file : files) {
+    for (new_file& file : files) {
         if (!file.take_name())
-            return failed_call(file.name());
+            return failed_call(file.path());
     }
     return {};
 }

@@ -19,11 +19,13 @@ SERVICE_ELEMENT make_service(std::string_view service_id);
 
 // Reads the words of one service. Empty on success, else what is wrong; `out` is not to be used
 // then.
-std::string parse_service(const std::vector<std::string>& words, SERVICE_ELEMENT* out);
+[[nodiscard]] std::string parse_service(const std::vector<std::string>& words,
+                                        SERVICE_ELEMENT* out);
 
 // Appends the services of the file at `path` to `out`. Empty on success, else "path:line: what is
 // wrong"; the services before the bad line have been appended then.
-std::string read_service_file(const std::string& path, std::vector<SERVICE_ELEMENT>* out);
+[[nodiscard]] std::string read_service_file(const std::string& path,
+                                            std::vector<SERVICE_ELEMENT>* out);
 
 // The words of `line` between blanks.
 std::vector<std::string> split_words(std::string_view line);

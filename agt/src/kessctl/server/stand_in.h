@@ -1,9 +1,16 @@
 // A stand-in for the central server: answers an agent as the server would, records what arrives,
 // and misbehaves on request.
 //
+// A message is answered by its type alone: a health check, device information, a notification or an
+// uploaded block with a result, a request for the service list with its first block and each
+// acknowledgement with the next; the list is taken from the services when it is asked for, so a
+// change in between does not tear it. Then a fault may spoil the answer, the hook may replace it,
+// and the observer hears of every piece that is sent.
+//
 // One thread accepts, one thread serves each connection. Everything public may be called from any
 // thread, also while connections are served. The address and port stay the same when the listener
-// is closed and opened again.
+// is closed and opened again. `mutex_` guards what calls and connections share and is held across
+// no send or receive; the observer has a mutex of its own, under which it is called.
 #pragma once
 
 #include <chrono>
@@ -78,31 +85,38 @@ class stand_in {
                       traffic_observer observer = {});
     // Closes everything and joins every thread; start() may follow.
     void stop();
+    // The port of the listener; it is kept while that is closed.
     int port() const { return port_; }
 
     // Refuses new connections until open_listener(); those that stand stay.
     void close_listener();
+    // Empty, also when it is open already, or why it could not be opened.
     std::string open_listener();
     // Closes every connection that stands.
     void drop_connections();
 
+    // The services of the lists that are asked for from here on.
     void set_services(std::vector<SERVICE_ELEMENT> services);
     // Changes the options under their lock.
     void change(const std::function<void(stand_in_options&)>& edit);
+    // A copy of the options.
     stand_in_options options() const;
 
+    // What has arrived and was kept, since the start or the last forget_messages(): all of it, or
+    // how many of a type.
     std::vector<received_message> messages() const;
     std::size_t count(char type) const;
     int connections() const; // accepted so far
+    // Drops what was kept; what the connections have sent still counts for exchange::nth.
     void forget_messages();
 
     // Waits for the `nth` message of `type` (from 1, since the start or the last
     // forget_messages()).
     std::optional<received_message> wait_for(char type, std::size_t nth = 1,
                                              int limit_ms = 10000) const;
-    // Waits until `count` connections were accepted.
+    // Waits until `count` connections were accepted; false when they were not in time.
     bool wait_connections(int count, int limit_ms = 10000) const;
-    // Waits until exactly `count` connections stand.
+    // Waits until exactly `count` connections stand; false when they did not in time.
     bool wait_open_connections(int count, int limit_ms = 10000) const;
 
   private:
@@ -116,9 +130,13 @@ class stand_in {
         std::thread thread;
     };
 
+    // Of the accepting thread: accepts until the listener is closed, starts a connection's thread,
+    // and takes back those of connections that have ended.
     void accept_loop();
     void add_connection(agt::unique_fd sockfd);
     void join_done();
+    // Of a connection's thread. The bools are false when the connection is to be closed; an empty
+    // answer is not sent.
     void serve(connection& peer);
     bool serve_message(connection& peer);
     bool wait_reading() const;
@@ -128,6 +146,7 @@ class stand_in {
     std::string next_block(connection& peer);
     bool deliver(connection& peer, std::string answer, const answer_fault& fault);
     bool send_part(connection& peer, const std::string& bytes);
+    // Tells the observer, if there is one.
     void observe(const connection& peer, bool sent, std::string bytes);
 
     mutable agt::mutex mutex_;
