@@ -166,19 +166,17 @@ problem absence(const agent_snapshot& now) {
             "start it: kessard -d; if it runs as another user, look as root"};
 }
 
-// What the next start would find, unless something is attached to it.
+// What the next start finds and nobody has attached.
 void judge_rest(const agent_snapshot& now, problem_list& problems) {
     std::string unused;
-    for (const agt::shared_object* object : agt::SHARED_OBJECTS) {
-        const auto of_object = [object](const object_state& one) {
-            return one.object == object && one.exists() && one.attaches == 0;
-        };
-        const bool set_left =
-            std::any_of(now.semaphores.begin(), now.semaphores.end(),
-                        [&](const semaphore_set& set) { return of_object(set.object); });
-        if (set_left || std::any_of(now.segments.begin(), now.segments.end(), of_object))
-            unused += " " + std::string(object->keyword);
-    }
+    const auto look_at = [&unused](const object_state& one) {
+        if (one.exists() && one.attaches == 0)
+            unused += " " + std::string(one.object->keyword);
+    };
+    for (const object_state& segment : now.segments)
+        look_at(segment);
+    for (const semaphore_set& set : now.semaphores)
+        look_at(set.object);
     if (!unused.empty())
         problems.push_back(
             {"stale: left by a daemon that has ended:" + unused,
