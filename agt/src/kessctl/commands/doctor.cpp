@@ -77,7 +77,7 @@ void examine_port(patient& agent) {
     std::string why;
     if (!daemon.listening)
         return;
-    if (daemon.seen.empty())
+    if (!daemon.running && daemon.seen.empty())
         agent.report("daemon: port " + std::to_string(daemon.port) +
                          " is held by another process: " + process_texts(listeners_of(daemon.port)),
                      "end that process or change CMD_PORT, then start kessard -d");
@@ -142,9 +142,9 @@ void examine_trigger(patient& agent) {
     if (stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode) &&
         std::time(nullptr) - about.st_mtime > TRIGGER_LIMIT_SEC)
         agent.report("leftover: " + path + ", which triggers a service update, has not been taken",
-                     !agent.now.daemon.seen.empty()
-                         ? "the daemon cannot remove it: look at the permissions of its directory"
-                         : "remove it, or the next start updates the services at once");
+                     agent.now.daemon.seen.empty()
+                         ? "remove it, or the next start updates the services at once"
+                         : "the daemon cannot remove it: look at the permissions of its directory");
 }
 
 exit_status examine(const std::string& cfg_file) {
