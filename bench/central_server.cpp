@@ -10,10 +10,10 @@
 #include <algorithm>
 #include <chrono>
 
-#include "frame.h"
 #include "measure.h"
 #include "process.h"
 #include "tcp_base.h"
+#include "wire/frame.h"
 
 namespace bench {
 namespace {

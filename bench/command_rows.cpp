@@ -1,10 +1,10 @@
 // Rows: a settings request, five of them at once, a remote command.
 #include <cstdint>
 
-#include "ext_client.h"
-#include "frame.h"
 #include "rows.h"
+#include "server/ext_client.h"
 #include "settings_request.h"
+#include "wire/frame.h"
 
 namespace bench {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "inprocess.h"
-#include "service_file.h"
+#include "server/service_file.h"
 #include "set_svc_hash_tbl.h"
 #include "show_logs.h"
 #include "unique_fd.h"

@@ -2,8 +2,9 @@
 #include <atomic>
 #include <cstdint>
 
-#include "frame.h"
 #include "rows.h"
+#include "wire/frame.h"
+#include "wire/text.h"
 
 namespace bench {
 namespace {

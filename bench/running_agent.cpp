@@ -9,9 +9,9 @@
 #include <ctime>
 #include <filesystem>
 
-#include "frame.h"
 #include "measure.h"
 #include "tcp_base.h"
+#include "wire/frame.h"
 
 namespace bench {
 namespace {

@@ -1,7 +1,7 @@
 // Row: a load of the service table, the dump to the log included.
-#include "frame.h"
 #include "rows.h"
-#include "service_file.h"
+#include "server/service_file.h"
+#include "wire/frame.h"
 
 namespace bench {
 namespace {

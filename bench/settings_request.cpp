@@ -1,7 +1,8 @@
 // The request that the command rows send.
 #include "settings_request.h"
 
-#include "frame.h"
+#include "wire/frame.h"
+#include "wire/text.h"
 
 namespace bench {
 

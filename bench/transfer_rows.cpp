@@ -9,8 +9,8 @@
 #include <fstream>
 
 #include "checks.h"
-#include "ext_transfer.h"
 #include "rows.h"
+#include "server/ext_transfer.h"
 
 namespace bench {
 namespace {

@@ -1,15 +1,16 @@
 // The console's check of a configuration file. The first byte of the input chooses the directory of
 // relative paths, the rest is the file. What the check would look for in the system is answered
 // here.
-#include "check_config.h"
+#include "config/check_config.h"
 
 #include <sys/socket.h>
 
 #include <cerrno>
 
-#include "agent_processes.h"
 #include "harness.h"
-#include "shared_view.h"
+#include "host/daemon_process.h"
+#include "host/listener.h"
+#include "host/shared_view.h"
 
 extern "C" int __wrap_bind(int sockfd, const sockaddr* address, socklen_t size);
 
@@ -26,7 +27,7 @@ const fuzz::memory_file& configuration() {
 
 namespace kessctl {
 
-object_state find_object(const std::string& cfg_file, const shared_object& object) {
+object_state find_object(const std::string& cfg_file, const agt::shared_object& object) {
     object_state state;
     state.object = &object;
     state.id = static_cast<int>(cfg_file.size() % 2);

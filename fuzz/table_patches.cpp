@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <iterator>
 
 #include "noti_send_que.h"

@@ -9,7 +9,7 @@
 #include <cstdint>
 
 #include "checks.h"
-#include "command_client.h"
+#include "server/command_client.h"
 
 namespace test_support {
 

@@ -5,10 +5,10 @@
 #include <gtest/gtest.h>
 
 #include "checks.h"
-#include "command_client.h"
-#include "frame.h"
-#include "service_file.h"
-#include "stand_in.h"
+#include "server/command_client.h"
+#include "server/service_file.h"
+#include "server/stand_in.h"
+#include "wire/frame.h"
 
 namespace test_support {
 

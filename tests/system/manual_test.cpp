@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "config_keys.h"
+#include "config/config_keys.h"
 #include "process.h"
 
 namespace {

@@ -91,7 +91,7 @@ TEST_F(Status, NamesWhatIsWrong) {
     if (holder == 0)
         _exit(agt::sem_lock(cache_sem, 0, 0)); // without undo, so it stays held
     ASSERT_EQ(waitpid(holder, nullptr, 0), holder);
-    expect_problem("JCACHE_HASH_TBL_SEMKEY[0] is held by the dead process " +
+    expect_problem("JCACHE_HASH_TBL_SEMKEY[0] (cache table) is held by the dead process " +
                    std::to_string(holder));
 }
 

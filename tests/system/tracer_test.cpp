@@ -2,7 +2,7 @@
 // watchdog finds; there the console plays the tracer and the log parser.
 #include "checks.h"
 #include "hash.h"
-#include "stand_in.h"
+#include "server/stand_in.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "checks.h"
 #include "hash.h"
-#include "service_file.h"
+#include "server/service_file.h"
 #include "settings.h"
 #include "show_logs.h"
 

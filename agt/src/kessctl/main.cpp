@@ -1,7 +1,7 @@
 // kessctl: the operator's console of kessard.
 #include <CLI/CLI.hpp>
 
-#include "commands.h"
+#include "commands/commands.h"
 
 // NOLINTNEXTLINE(bugprone-exception-escape): want of memory may end it
 int main(int argc, char** argv) {

@@ -1,0 +1,71 @@
+// What every subcommand that talks to an agent, or looks at its shared memory, has in common.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "config/config_file.h"
+#include "host/cfg_value.h"
+#include "kessard/cmd_msg.h"
+#include "server/command_client.h"
+#include "server/ext_client.h"
+
+namespace CLI {
+class App;
+class Validator;
+} // namespace CLI
+
+namespace kessctl {
+
+enum exit_status { EXIT_OK = 0, EXIT_REFUSED = 1, EXIT_ERROR = 2 };
+
+struct agent_address {
+    std::string host = "127.0.0.1";
+    int port = 0; // 0: CMD_PORT of the configuration file
+    int limit_ms = COMMAND_LIMIT_MS;
+};
+
+// Of a look at a whole agent.
+struct look_options {
+    std::string cfg_file = default_cfg_file();
+    double full_percent = 90; // fill level that is a problem
+};
+
+// Adds --host, --port and --timeout-ms.
+void add_agent_options(CLI::App& command, agent_address& agent);
+
+// Adds --config; `cfg_file` holds the default.
+void add_cfg_option(CLI::App& command, std::string& cfg_file);
+
+// Opens a configuration file that an option names, `give` saying how one does that. Empty on
+// success, else why not.
+[[nodiscard]] std::string open_cfg(const std::string& cfg_file, const std::string& give,
+                                   config_file* out);
+
+// Adds --config and --full.
+void add_look_options(CLI::App& command, look_options& look);
+
+// Accepts text that fits a field of `size` bytes, or a number that does.
+CLI::Validator fits(std::size_t size, bool number = false);
+
+// Connects, taking the port from the configuration file if none was given. False after a line on
+// standard error.
+[[nodiscard]] bool connect_agent(agent_address& agent, command_client& client);
+
+// Sends a request and prints the answer. EXIT_OK for result_code '0', EXIT_REFUSED for another,
+// EXIT_ERROR, after a line on standard error, when there is no answer.
+exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int limit_ms,
+                      TCP_CMD_MSG* answer);
+
+// What became of an extended request, as an exit status: EXIT_REFUSED when the agent refused it,
+// EXIT_ERROR when it failed, each after a line on standard error.
+exit_status report(const ext_result& result);
+
+// Whether each text can be an item of an extended request: EXIT_OK, or EXIT_ERROR after a line on
+// standard error.
+[[nodiscard]] exit_status check_items(const std::vector<std::string>& items);
+
+// Says on standard error what is wrong; EXIT_ERROR.
+exit_status complain(const std::string& what);
+
+} // namespace kessctl

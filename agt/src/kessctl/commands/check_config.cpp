@@ -1,0 +1,85 @@
+// kessctl check-config.
+#include "commands/commands.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "config/check_config.h"
+
+namespace kessctl {
+namespace {
+
+struct check_options {
+    std::string cfg_file = default_cfg_file();
+    bool strict = false;
+    bool json = false;
+};
+
+const char* name_of(severity level) {
+    return level == severity::error ? "error" : level == severity::warning ? "warning" : "note";
+}
+
+long count(const std::vector<finding>& found, severity level) {
+    return std::count_if(found.begin(), found.end(),
+                         [level](const finding& one) { return one.level == level; });
+}
+
+void print_text(const std::string& path, const std::vector<finding>& found) {
+    for (const finding& one : found)
+        std::printf("%s:%d: %s: %s: %s%s%s\n", path.c_str(), one.line, name_of(one.level),
+                    one.key.c_str(), one.what.c_str(),
+                    one.allowed.empty() ? "" : ", allowed: ", one.allowed.c_str());
+    std::printf("%s: %zu keys checked, errors: %ld, warnings: %ld\n", path.c_str(),
+                config_keys().size(), count(found, severity::error),
+                count(found, severity::warning));
+}
+
+void print_json(const std::string& path, const std::vector<finding>& found) {
+    nlohmann::ordered_json all = {{"file", path},
+                                  {"errors", count(found, severity::error)},
+                                  {"warnings", count(found, severity::warning)},
+                                  {"findings", nlohmann::ordered_json::array()}};
+    for (const finding& one : found)
+        all["findings"].push_back({{"line", one.line},
+                                   {"severity", name_of(one.level)},
+                                   {"key", one.key},
+                                   {"what", one.what},
+                                   {"allowed", one.allowed}});
+    std::puts(all.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace).c_str());
+}
+
+exit_status check(const check_options& chosen) {
+    config_file file;
+    const std::string wrong = open_cfg(chosen.cfg_file, "name one", &file);
+    if (!wrong.empty())
+        return complain(wrong);
+    const char* home = std::getenv("TRAN_AGT_HOME");
+    const std::vector<finding> found = check_config(file, home == nullptr ? "" : home);
+    (chosen.json ? print_json : print_text)(chosen.cfg_file, found);
+    const bool bad =
+        count(found, severity::error) > 0 || (chosen.strict && count(found, severity::warning) > 0);
+    return bad ? EXIT_REFUSED : EXIT_OK;
+}
+
+} // namespace
+
+void add_check_config(CLI::App& app, exit_status* status) {
+    const auto chosen = std::make_shared<check_options>();
+    CLI::App* command = app.add_subcommand(
+        "check-config", "Check everything that the daemon reads from its configuration");
+    command->add_option("FILE", chosen->cfg_file,
+                        "Configuration file (default: TRAN_AGT_CFG_FILE)");
+    command->add_flag("--strict", chosen->strict, "Count warnings as errors");
+    command->add_flag("--json", chosen->json, "Print the findings as JSON");
+    command->footer("A finding is FILE:LINE: error|warning|note: KEY: what, allowed: values. "
+                    "Relative paths are taken\n"
+                    "under TRAN_AGT_HOME. Exit status 0 without errors, 1 with errors, 2 when the "
+                    "file cannot be read.");
+    command->callback([chosen, status] { *status = check(*chosen); });
+}
+
+} // namespace kessctl

@@ -1,0 +1,177 @@
+// kessctl doctor: what is wrong with an agent on this host, and what to do about it. Only looks:
+// takes no lock, changes nothing; the daemon sees one connection that closes at once.
+#include "commands/commands.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+
+#include "agent/agent_diagnosis.h"
+#include "config/check_config.h"
+#include "host/listener.h"
+#include "server/command_client.h"
+#include "wait.h"
+
+namespace kessctl {
+namespace {
+
+constexpr int ANSWER_LIMIT_MS = 3000;
+constexpr int HELD_LIMIT_MS =
+    1000; // a semaphore that one living process holds for longer is reported
+constexpr int LOOK_AGAIN_MS = 20;
+constexpr int TRIGGER_LIMIT_SEC = 60;
+constexpr double FREE_LIMIT_PCNT = 5.0;
+
+struct patient {
+    const config_file& file;
+    std::string home;
+    agent_snapshot now;
+    int found = 0;
+
+    std::string value(const char* section, const char* keyword) const {
+        return cfg_value(file.path(), section, keyword);
+    }
+    void report(const std::string& what, const std::string& advice) {
+        std::printf("%s\n    %s\n", what.c_str(), advice.c_str());
+        ++found;
+    }
+};
+
+void examine_config(patient& agent) {
+    const std::vector<finding> all = check_config(agent.file, agent.home);
+    const long errors = std::count_if(
+        all.begin(), all.end(), [](const finding& one) { return one.level == severity::error; });
+    if (errors > 0)
+        agent.report("configuration: errors in " + agent.file.path() + ": " +
+                         std::to_string(errors),
+                     "run kessctl check-config " + agent.file.path());
+}
+
+// The daemon closes a connection whose other side has ended, without a word and without a line in
+// its log.
+bool answers(const patient& agent, std::string* why) {
+    const std::string address = agent.value("TRAN_AGENT", "IP_ADDRESS");
+    const int port = number_read(agent.value("TRAN_AGENT", "CMD_PORT"));
+    command_client client;
+    if (client.connect(address == "0.0.0.0" ? "127.0.0.1" : address, port, ANSWER_LIMIT_MS) &&
+        shutdown(client.fd(), SHUT_WR) == 0 && client.wait_closed(ANSWER_LIMIT_MS))
+        return true;
+    *why = "port " + std::to_string(port) + ": " + client.error();
+    return false;
+}
+
+// Who holds the port of a daemon that does not run, and whether one that listens answers.
+void examine_port(patient& agent) {
+    const daemon_state& daemon = agent.now.daemon;
+    std::string why;
+    if (!daemon.listening)
+        return;
+    if (!daemon.running && daemon.seen.empty())
+        agent.report("daemon: port " + std::to_string(daemon.port) +
+                         " is held by another process: " + process_texts(listeners_of(daemon.port)),
+                     "end that process or change CMD_PORT, then start kessard -d");
+    else if (!answers(agent, &why))
+        agent.report("daemon: " + process_texts(daemon.seen) + " does not answer, " + why,
+                     "look at the end of its log; end it with SIGTERM and start it again");
+}
+
+void examine_snapshot(patient& agent) {
+    for (const problem& one : diagnose(agent.now, look_options().full_percent).problems)
+        agent.report(one.what, one.advice);
+}
+
+// Whether a living process keeps a semaphore: it stays taken by the same one however often one
+// looks.
+bool stays_held(int semid, int number, pid_t pid) {
+    const long long until_ms = agt::monotonic_ms() + HELD_LIMIT_MS;
+    while (agt::monotonic_ms() < until_ms) {
+        agt::sleep_ms(LOOK_AGAIN_MS);
+        const semaphore_state now = read_semaphore(semid, number);
+        if (!now.held() || now.pid != pid)
+            return false;
+    }
+    return true;
+}
+
+void examine_semaphores(patient& agent) {
+    for (const semaphore_set& set : agent.now.semaphores)
+        for (std::size_t i = 0; i < set.semaphores.size(); ++i) {
+            const semaphore_state& one = set.semaphores[i];
+            if (one.held() && one.alive && stays_held(set.object.id, static_cast<int>(i), one.pid))
+                agent.report(semaphore_name(*set.object.object, i) + " is held by process " +
+                                 process_text(one.pid) + " for more than " +
+                                 std::to_string(HELD_LIMIT_MS / 1000) + " s",
+                             "look what that process does; if it hangs, end it");
+        }
+}
+
+void examine_log(patient& agent) {
+    const std::string directory =
+        full_path(agent.value("COMMON", "LOG_HOME"), agent.home) + "/proc/kessard";
+    struct statvfs disk {};
+    if (access(directory.c_str(), W_OK | X_OK) != 0 || statvfs(directory.c_str(), &disk) != 0)
+        return agent.report(
+            "log: " + directory + ": " + std::strerror(errno),
+            "make the directory and give it to the daemon's user, then restart the daemon");
+    const double free_pcnt = 100.0 * static_cast<double>(disk.f_bavail) /
+                             static_cast<double>(std::max<fsblkcnt_t>(disk.f_blocks, 1));
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", free_pcnt);
+    if (free_pcnt < FREE_LIMIT_PCNT)
+        agent.report("log: only " + std::string(text) + " % of the file system of " + directory +
+                         " are free",
+                     "remove old log files");
+}
+
+// The daemon looks for its trigger file every second and removes it.
+void examine_trigger(patient& agent) {
+    const std::string path =
+        full_path(agent.value("CHECK_FILES", "SVC_UPDATE_CHK_FILE"), agent.home);
+    struct stat about {};
+    if (stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode) &&
+        std::time(nullptr) - about.st_mtime > TRIGGER_LIMIT_SEC)
+        agent.report("leftover: " + path + ", which triggers a service update, has not been taken",
+                     agent.now.daemon.seen.empty()
+                         ? "remove it, or the next start updates the services at once"
+                         : "the daemon cannot remove it: look at the permissions of its directory");
+}
+
+exit_status examine(const std::string& cfg_file) {
+    config_file file;
+    const std::string wrong = open_cfg(cfg_file, "give --config", &file);
+    if (!wrong.empty())
+        return complain(wrong);
+    const char* home = std::getenv("TRAN_AGT_HOME");
+    patient agent{file, home == nullptr ? "" : home, take_snapshot(cfg_file)};
+    for (const auto step : {examine_config, examine_snapshot, examine_port, examine_semaphores,
+                            examine_log, examine_trigger})
+        step(agent);
+    std::printf("findings: %d\n", agent.found);
+    return agent.found == 0 ? EXIT_OK : EXIT_REFUSED;
+}
+
+} // namespace
+
+void add_doctor(CLI::App& app, exit_status* status) {
+    const auto cfg_file = std::make_shared<std::string>(default_cfg_file());
+    CLI::App* command = app.add_subcommand(
+        "doctor", "Say what is wrong with the agent on this host, and what to do");
+    add_cfg_option(*command, *cfg_file);
+    command->footer("Only looks. Relative paths are taken under TRAN_AGT_HOME. Exit status 0 "
+                    "without findings, 1 with\n"
+                    "findings, 2 when the configuration file cannot be read.");
+    command->callback([cfg_file, status] { *status = examine(*cfg_file); });
+}
+
+} // namespace kessctl

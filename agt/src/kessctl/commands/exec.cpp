@@ -1,0 +1,114 @@
+// kessctl exec.
+//
+// Each request takes a connection of its own, so what one request cannot carry costs one more
+// connection. The first request that fails is the last; a command that fails is not a failed
+// request.
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <cstdio>
+#include <memory>
+
+#include "commands/commands.h"
+#include "server/ext_client.h"
+
+namespace kessctl {
+namespace {
+
+struct exec_options {
+    agent_address agent;
+    std::vector<std::string> commands;
+    int time_value = 0; // 0: none is sent
+    bool strict = false;
+};
+
+std::string describe(const command_result& result) {
+    switch (end_of(result)) {
+    case command_end::timed_out:
+        return "time-out, the agent stopped it after " +
+               std::to_string(AGENT_COMMAND_LIMIT_MS / 1000) + " s";
+    case command_end::signalled:
+        return "ended by a signal";
+    case command_end::no_output:
+        return "no output, exit status unknown";
+    case command_end::not_started:
+        return "the agent could not run it";
+    default:
+        return "exit status " + std::to_string(result.exit_code);
+    }
+}
+
+bool succeeded(const command_result& result, bool strict) {
+    const command_end end = end_of(result);
+    return end == command_end::succeeded || (end == command_end::no_output && !strict);
+}
+
+// Shows a command as a terminal would, then how it ended.
+void print_result(const std::string& command, const command_result& result) {
+    std::printf("$ %s\n", command.c_str());
+    std::fwrite(result.output.data(), 1, result.output.size(), stdout);
+    if (!result.output.empty() && result.output.back() != '\n')
+        std::putchar('\n');
+    std::printf("-> %s\n", describe(result).c_str());
+    std::fflush(stdout);
+}
+
+// The results that came before a failure are shown too.
+exit_status run_request(exec_options& chosen, const ext_request& request) {
+    command_client client;
+    if (!connect_agent(chosen.agent, client))
+        return EXIT_ERROR;
+    std::vector<command_result> results;
+    const exit_status sent = report(run_commands(client, request, chosen.agent.limit_ms, &results));
+    exit_status status = sent;
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        print_result(chosen.commands[request.first + i], results[i]);
+        if (status == EXIT_OK && !succeeded(results[i], chosen.strict))
+            status = EXIT_REFUSED;
+    }
+    return status;
+}
+
+exit_status exec(exec_options& chosen) {
+    std::vector<ext_request> requests;
+    if (check_items(chosen.commands) != EXIT_OK)
+        return EXIT_ERROR;
+    const std::string wrong =
+        plan_requests(command_form(chosen.time_value), chosen.commands, &requests);
+    if (!wrong.empty())
+        return complain(wrong);
+    exit_status status = EXIT_OK;
+    for (const ext_request& request : requests) {
+        const exit_status ran = run_request(chosen, request);
+        if (ran != EXIT_OK)
+            status = ran;
+        if (ran == EXIT_ERROR)
+            break;
+    }
+    return status;
+}
+
+} // namespace
+
+void add_exec(CLI::App& app, exit_status* status) {
+    const auto chosen = std::make_shared<exec_options>();
+    CLI::App* command =
+        app.add_subcommand("exec", "Run shell commands on the agent's host, one after the other");
+    add_agent_options(*command, chosen->agent);
+    command
+        ->add_option("--timeout", chosen->time_value,
+                     "Time value of the request. The agent makes at most that many commands (10 "
+                     "without it, never more "
+                     "than 30) of one request, so more are sent as several; each command has 10 s "
+                     "whatever it is")
+        ->check(CLI::Range(1, INT_MAX));
+    command->add_flag("--strict", chosen->strict, "Count a command without output as failed");
+    command->add_option("command", chosen->commands, "Command lines, one per argument")->required();
+    command->footer("Exit status 1 when a command failed: its exit status is not 0, it ran into "
+                    "its limit, a signal\n"
+                    "ended it or it could not be run. Of a command that writes nothing the agent "
+                    "does not tell how it\n"
+                    "ended; that is no failure unless --strict is given.");
+    command->callback([chosen, status] { *status = exec(*chosen); });
+}
+
+} // namespace kessctl

@@ -1,0 +1,161 @@
+// kessctl status: one look at an agent, or one after another.
+#include <sys/ioctl.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <sstream>
+
+#include "agent/status_report.h"
+#include "commands/commands.h"
+#include "unique_fd.h"
+#include "wait.h"
+
+namespace kessctl {
+namespace {
+
+constexpr char HOME_AND_CLEAR[] = "\x1b[H\x1b[2J";
+
+struct status_options {
+    look_options look;
+    bool json = false;
+    double interval_sec = 0; // 0: one look
+    report_options report;
+};
+
+exit_status look_once(const status_options& chosen, std::string* out) {
+    const agent_snapshot now = take_snapshot(chosen.look.cfg_file);
+    const agent_diagnosis found = diagnose(now, chosen.look.full_percent);
+    *out = chosen.json ? status_json(now, found, chosen.report)
+                       : status_text(now, found, chosen.report);
+    return static_cast<exit_status>(found.health);
+}
+
+bool wants_colour() {
+    const char* terminal = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr &&
+           terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+std::string watch_head(const status_options& chosen) {
+    char time[32];
+    char head[96];
+    struct tm local {};
+    const time_t now = std::time(nullptr);
+    localtime_r(&now, &local);
+    std::strftime(time, sizeof time, "%F %T", &local);
+    std::snprintf(head, sizeof head, "%s, every %g s\n", time, chosen.interval_sec);
+    return head;
+}
+
+// A line cut to `columns`; colours, which take no column, stay whole.
+std::string cut_line(const std::string& line, std::size_t columns) {
+    std::string out;
+    for (std::size_t at = 0, column = 0; at < line.size(); ++at) {
+        const std::size_t colour_end = line[at] == '\x1b' ? line.find('m', at) : line.npos;
+        if (colour_end != line.npos) {
+            out.append(line, at, colour_end - at + 1);
+            at = colour_end;
+        } else if (column++ < columns) {
+            out += line[at];
+        }
+    }
+    return out;
+}
+
+// As many lines and columns as the terminal shows, so that redrawing does not scroll.
+std::string fit_to_terminal(const std::string& text) {
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row < 3 || size.ws_col == 0)
+        return text;
+    const auto total = std::count(text.begin(), text.end(), '\n');
+    const auto fitting = total < size.ws_row ? total : size.ws_row - 2;
+    std::string out;
+    std::istringstream lines(text);
+    std::string line;
+    for (auto i = fitting; i > 0 && std::getline(lines, line); --i)
+        out += cut_line(line, size.ws_col) + "\n";
+    return fitting == total ? out
+                            : out + "... " + std::to_string(total - fitting) + " more lines\n";
+}
+
+// Looks again and again until a signal asks for the end; on a terminal each picture replaces the
+// one before.
+exit_status watch(const status_options& chosen) {
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGINT);
+    sigaddset(&ending, SIGTERM);
+    sigprocmask(SIG_BLOCK, &ending, nullptr);
+    const agt::unique_fd signals(signalfd(-1, &ending, SFD_CLOEXEC));
+    agt::set_cancel_fd(signals.get());
+    const bool redraw = isatty(STDOUT_FILENO) == 1;
+    exit_status status = EXIT_OK;
+    do {
+        std::string text;
+        status = look_once(chosen, &text);
+        text = watch_head(chosen) + text;
+        const std::string picture = redraw ? HOME_AND_CLEAR + fit_to_terminal(text) : text + "\n";
+        std::fwrite(picture.data(), 1, picture.size(), stdout);
+        std::fflush(stdout);
+    } while (agt::sleep_ms(static_cast<int>(chosen.interval_sec * 1000)));
+    if (redraw)
+        std::putchar('\n'); // behind the terminal's ^C
+    return status;
+}
+
+exit_status show_status(status_options& chosen) {
+    chosen.report.services = chosen.report.services || !chosen.report.filter.empty();
+    chosen.report.colour = wants_colour();
+    if (chosen.interval_sec > 0)
+        return watch(chosen);
+    std::string text;
+    const exit_status status = look_once(chosen, &text);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    return status;
+}
+
+} // namespace
+
+void add_status(CLI::App& app, exit_status* status) {
+    const auto chosen = std::make_shared<status_options>();
+    CLI::App* command =
+        app.add_subcommand("status", "Show how an agent is doing, without touching it");
+    add_look_options(*command, chosen->look);
+    CLI::Option* json = command->add_flag("--json", chosen->json, "Everything as one JSON object");
+    command
+        ->add_option("--watch", chosen->interval_sec,
+                     "Look again every so many seconds (2 without a number)")
+        ->expected(0, 1)
+        ->default_str("2")
+        ->check(CLI::Range(0.1, 86400.0))
+        ->excludes(json);
+    command->add_flag("--services", chosen->report.services, "List the services");
+    command->add_option(
+        "--filter", chosen->report.filter,
+        "Only services with this text in their id, host or server; implies --services");
+    command
+        ->add_option("--sort", chosen->report.sort,
+                     "Order of the services: id, host, limit (highest first) or slot")
+        ->check(CLI::IsMember({"id", "host", "limit", "slot"}))
+        ->capture_default_str();
+    command->add_flag("--traces", chosen->report.all_traces,
+                      "List all traced processes, not only the first ten");
+    command->footer("Exit status: 0 all is well, 1 something is wrong (the output says what), 2 no "
+                    "daemon runs for this\n"
+                    "configuration, whatever it left behind, or the configuration cannot be read. "
+                    "With --watch, that\n"
+                    "of the last look. Output that is no terminal gets no colours; --watch then "
+                    "adds one block of\n"
+                    "lines after another.");
+    command->callback([chosen, status] { *status = show_status(*chosen); });
+}
+
+} // namespace kessctl

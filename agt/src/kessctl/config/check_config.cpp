@@ -1,0 +1,290 @@
+// The check of a configuration file.
+//
+// The reader decides what the daemon sees; what it passes over is looked for only to say so. First
+// the lines and the sections, then every key by itself, then what concerns several keys and the
+// running system.
+#include "config/check_config.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "host/daemon_process.h"
+#include "host/listener.h"
+#include "host/shared_view.h"
+#include "unique_fd.h"
+
+namespace kessctl {
+namespace {
+
+struct checker {
+    const config_file& file;
+    const std::string& home;
+    std::vector<finding> found;
+
+    void add(int line, severity level, const std::string& key, const std::string& what) {
+        found.push_back({line, level, key, what, ""});
+    }
+    void add(int line, severity level, const config_key& key, const std::string& what) {
+        found.push_back({line, level, key_name(key), what, allowed_text(key)});
+    }
+};
+
+const config_key& key_of(const char* section, const char* keyword) {
+    const auto keys = config_keys();
+    return *std::find_if(keys.begin(), keys.end(), [&](const config_key& key) {
+        return std::strcmp(key.section, section) == 0 && std::strcmp(key.keyword, keyword) == 0;
+    });
+}
+
+// The line of a key's entry, 0 without one.
+int line_of(const config_file& file, const config_key& key) {
+    const int entry = file.entry_of(key);
+    return entry < 0 ? 0 : file.at(entry).line;
+}
+
+// A comment counts too: its rest is no comment.
+void check_lines(checker& check) {
+    int last = 0;
+    for (const cfg_piece& piece : check.file.pieces()) {
+        if (piece.line == last)
+            check.add(piece.line, severity::warning, "line",
+                      "longer than 255 characters, the rest '" + first_word(piece.text) +
+                          " ...' is read as a line of its own");
+        last = piece.line;
+    }
+}
+
+void check_section(checker& check, const std::string& section) {
+    const std::string written = "[" + section + "]";
+    const int header = check.file.header_of(section.c_str());
+    for (int i = header + 1; header >= 0 && i < static_cast<int>(check.file.pieces().size()); ++i)
+        if (check.file.at(i).text.starts_with(written))
+            check.add(check.file.at(i).line,
+                      check.file.at(header).text.starts_with(written) ? severity::warning
+                                                                      : severity::error,
+                      written,
+                      "not read: line " + std::to_string(check.file.at(header).line) +
+                          " counts as its header");
+    if (header >= 0 && !check.file.at(header).text.starts_with(written))
+        check.add(check.file.at(header).line, severity::warning, written,
+                  "this line counts as its header: a name of the same length in the brackets, and "
+                  "the section's name "
+                  "anywhere in the line");
+}
+
+void check_sections(checker& check) {
+    std::set<std::string> sections;
+    for (const config_key& key : config_keys())
+        if (sections.insert(key.section).second)
+            check_section(check, key.section);
+}
+
+// Whether a line that the reader takes for something else was meant for the key.
+bool is_meant_for(const std::string& line, const config_key& key) {
+    std::string word = first_word(line);
+    const std::size_t equals = word.find('=');
+    if (equals != word.npos && word.substr(0, equals) == key.keyword)
+        return true;
+    return word != key.keyword && strcasecmp(word.c_str(), key.keyword) == 0;
+}
+
+std::string missing_text(const config_key& key) {
+    return key.need == key_need::never   ? ", the daemon goes on with " + std::string(key.otherwise)
+           : key.need == key_need::start ? ", the daemon does not start without it"
+                                         : ", the worker watchdog does not run without it";
+}
+
+// A key without an entry: one that may be absent is reported only when a line looks like it.
+void check_absent(checker& check, const config_key& key) {
+    const int header = check.file.header_of(key.section);
+    if (header < 0) {
+        if (key.need != key_need::never)
+            check.add(check.file.last_line(), severity::error, key,
+                      std::string("missing: there is no section [") + key.section + "]" +
+                          missing_text(key));
+        return;
+    }
+    const auto [first, end] = check.file.body_of(header);
+    for (int i = first; i < end; ++i)
+        if (is_meant_for(check.file.at(i).text, key)) {
+            check.add(
+                check.file.at(i).line, severity::error, key,
+                "missing: a blank must stand between the keyword and the '=', and capitals count" +
+                    missing_text(key));
+            return;
+        }
+    if (key.need != key_need::never)
+        check.add(check.file.at(header).line, severity::error, key,
+                  "missing in this section" + missing_text(key));
+}
+
+void check_repeated(checker& check, const config_key& key, int entry) {
+    const auto [first, end] = check.file.body_of(check.file.header_of(key.section));
+    for (int i = entry + 1; i < end; ++i)
+        if (first_word(check.file.at(i).text) == key.keyword)
+            check.add(check.file.at(i).line, severity::warning, key,
+                      "not read: the value of line " + std::to_string(check.file.at(entry).line) +
+                          " counts");
+}
+
+// A word behind the one that counts, unless it starts a remark.
+void check_rest(checker& check, const config_key& key, int line) {
+    const std::string next = check.file.word_of(key, key.word + 1);
+    if (!next.empty() && !next.starts_with('#') && key.word == 1 && key.kind != key_kind::addresses)
+        check.add(line, severity::warning, key,
+                  "'" + next + "' is not read, only the first word counts");
+}
+
+// What the daemon reads for a key: a word, or all of them.
+std::string value_of(const config_file& file, const config_key& key) {
+    std::string value = file.word_of(key, key.word);
+    for (int n = 2; key.kind == key_kind::addresses && !file.word_of(key, n).empty(); ++n)
+        value += "," + file.word_of(key, n);
+    return value;
+}
+
+void check_key(checker& check, const config_key& key) {
+    const int entry = check.file.entry_of(key);
+    if (entry < 0)
+        return check_absent(check, key);
+    const int line = check.file.at(entry).line;
+    const std::string word = value_of(check.file, key);
+    check_repeated(check, key, entry);
+    if (word.empty() && key.kind != key_kind::addresses) {
+        if (key.need != key_need::never)
+            check.add(line, severity::error, key,
+                      "missing: the value has no word " + std::to_string(key.word) +
+                          missing_text(key));
+        return;
+    }
+    check_rest(check, key, line);
+    const verdict judged = check_value(key, word, check.home);
+    if (!judged.what.empty())
+        check.add(line, judged.level, key, judged.what);
+}
+
+bool watchdog_is_off(const config_file& file) {
+    const std::string word = file.word_of(key_of("KESSARD", "WORKER_CHECK_INTERVAL"), 1);
+    return !word.empty() && number_read(word) == 0;
+}
+
+void check_keys(checker& check) {
+    const bool off = watchdog_is_off(check.file);
+    for (const config_key& key : config_keys())
+        if (!off || key.need != key_need::watchdog || check.file.entry_of(key) >= 0)
+            check_key(check, key);
+}
+
+// Keys of one kind that the daemon reads as the same number.
+void check_collisions(checker& check, key_kind kind) {
+    std::map<int, const config_key*> first;
+    for (const config_key& key : config_keys()) {
+        const std::string word = key.kind == kind ? check.file.word_of(key, key.word) : "";
+        if (word.empty())
+            continue;
+        const auto [other, is_new] = first.insert({number_read(word), &key});
+        if (!is_new)
+            check.add(line_of(check.file, key), severity::error, key,
+                      word + " is the key of " + other->second->keyword + " too, in line " +
+                          std::to_string(line_of(check.file, *other->second)));
+    }
+}
+
+void check_objects(checker& check) {
+    for (const agt::shared_object* object : agt::SHARED_OBJECTS) {
+        const object_state now = find_object(check.file.path(), *object);
+        const config_key& key = key_of(object->section(), object->keyword);
+        if (now.exists() && now.size != 0 && now.size != object->size)
+            check.add(line_of(check.file, key), severity::warning, key,
+                      "an object of that key exists with " + std::to_string(now.size) +
+                          " instead of " + std::to_string(object->size) + " " + object->unit() +
+                          (now.size < object->size ? ": the daemon cannot use it"
+                                                   : ": it may be another program's"));
+    }
+}
+
+// What a program that listens there would be told; a port that is bound without listening disturbs
+// nobody.
+int try_port(const char* address, int port) {
+    const agt::unique_fd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int reuse = 1;
+    setsockopt(probe.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = inet_addr(address);
+    own.sin_port = htons(static_cast<unsigned short>(port));
+    return bind(probe.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 ? 0 : errno;
+}
+
+void report_used_port(checker& check, int port) {
+    const config_key& key = key_of("TRAN_AGENT", "CMD_PORT");
+    const int line = line_of(check.file, key);
+    const std::vector<pid_t> holders = listeners_of(port);
+    const std::vector<pid_t> daemons = daemons_of(check.file.path());
+    const auto own =
+        std::find_first_of(daemons.begin(), daemons.end(), holders.begin(), holders.end());
+    const std::string number = "port " + std::to_string(port);
+    if (own != daemons.end())
+        check.add(line, severity::note, key_name(key),
+                  number + " is held by the running agent of this configuration, " +
+                      process_text(*own));
+    else
+        check.add(line, severity::warning, key_name(key),
+                  number + " is in use" + (holders.empty() ? "" : " by " + process_texts(holders)) +
+                      "; an agent with another configuration may be running");
+}
+
+void check_port(checker& check) {
+    const config_key& key = key_of("TRAN_AGENT", "CMD_PORT");
+    const std::string address = check.file.word_of(key_of("TRAN_AGENT", "IP_ADDRESS"), 1);
+    const int port = number_read(check.file.word_of(key, 1));
+    if (address.empty() || port < key.least || port > key.most)
+        return;
+    const int refused = try_port(address.c_str(), port);
+    if (refused == EADDRINUSE)
+        report_used_port(check, port);
+    else if (refused == EACCES)
+        check.add(line_of(check.file, key), severity::warning, key,
+                  "this user may not listen on that port");
+}
+
+// The script runs only when that is switched on. One with shell characters is more than a path.
+void check_script(checker& check) {
+    const config_key& key = key_of("SERVICE_HASH", "DAILY_UPDATE_SCRIPT");
+    const std::string word = check.file.word_of(key, 1);
+    if (check.file.word_of(key_of("SERVICE_HASH", "DAILY_UPDATE_YN"), 1) != "Y")
+        return;
+    const std::string path = full_path(word, check.home);
+    if (word.empty())
+        check.add(line_of(check.file, key_of("SERVICE_HASH", "DAILY_UPDATE_YN")), severity::error,
+                  key, "missing, and the daily update is on");
+    else if (word.find_first_of("$`'\"|&;<>()*?~") == word.npos && access(path.c_str(), X_OK) != 0)
+        check.add(line_of(check.file, key), severity::error, key,
+                  path + ": " + std::strerror(errno));
+}
+
+} // namespace
+
+std::vector<finding> check_config(const config_file& file, const std::string& home) {
+    checker check{file, home, {}};
+    check_lines(check);
+    check_sections(check);
+    check_keys(check);
+    check_collisions(check, key_kind::segment_key);
+    check_collisions(check, key_kind::semaphore_key);
+    check_objects(check);
+    check_port(check);
+    check_script(check);
+    std::stable_sort(check.found.begin(), check.found.end(),
+                     [](const finding& a, const finding& b) { return a.line < b.line; });
+    return check.found;
+}
+
+} // namespace kessctl

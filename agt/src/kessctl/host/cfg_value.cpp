@@ -1,0 +1,21 @@
+// Values of a configuration file.
+#include "host/cfg_value.h"
+
+#include <cstdlib>
+
+#include "read_cfg.h"
+
+namespace kessctl {
+
+std::string default_cfg_file() {
+    const char* path = std::getenv("TRAN_AGT_CFG_FILE");
+    return path == nullptr ? "" : path;
+}
+
+std::string cfg_value(const std::string& cfg_file, const char* section, const char* keyword) {
+    char word[agt::CFG_WORD_SIZE] = "";
+    agt::find_nth_token_in_file_section(cfg_file.c_str(), section, keyword, 1, word);
+    return word;
+}
+
+} // namespace kessctl

@@ -1,0 +1,15 @@
+// Values of a configuration file, word by word as the daemon reads them.
+#pragma once
+
+#include <string>
+
+namespace kessctl {
+
+// The value of TRAN_AGT_CFG_FILE; empty without it.
+std::string default_cfg_file();
+
+// Word 1 of the value of a key, as the file has it now; empty when the file, the key or the word is
+// not there.
+std::string cfg_value(const std::string& cfg_file, const char* section, const char* keyword);
+
+} // namespace kessctl

@@ -1,0 +1,210 @@
+// File transfer to and from the agent's host.
+#include "server/ext_transfer.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "host/new_file.h"
+#include "unique_fd.h"
+#include "wait.h"
+#include "wire/text.h"
+
+namespace kessctl {
+namespace {
+
+constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
+constexpr mode_t PERMISSION_BITS = 0777;
+constexpr char SEPARATOR = static_cast<char>(EXT_SEPARATOR);
+
+ext_result failed(const std::string& about) {
+    return {ext_result::failed, about};
+}
+
+ext_result failed_call(const std::string& path) {
+    return failed(path + ": " + std::strerror(errno));
+}
+
+std::string base_name(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// ---- upload
+
+enum class verdict { none, taken, spoken };
+
+// What the agent has done once something is to be read: closed the connection, which says that it
+// has everything, or sent another header.
+verdict look_at_answer(const command_client& client, int limit_ms) {
+    char byte = 0;
+    if (agt::wait_fd(client.fd(), POLLIN, limit_ms) != agt::wait_result::ready)
+        return verdict::none;
+    return recv(client.fd(), &byte, sizeof byte, MSG_PEEK) == 0 ? verdict::taken : verdict::spoken;
+}
+
+// Why an upload stopped: the agent's text when it has sent one, else `otherwise`.
+ext_result stopped(command_client& client, int limit_ms, const std::string& otherwise) {
+    std::uint32_t length = 0;
+    const ext_result answer = receive_header(client, limit_ms, &length);
+    return answer.outcome == ext_result::refused ? answer : failed(otherwise);
+}
+
+ext_result send_file(command_client& client, const local_file& file, int limit_ms,
+                     const transfer_observer& observe) {
+    const agt::unique_fd fd(open(file.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!fd.valid())
+        return failed_call(file.path);
+    std::vector<char> piece(std::min<std::size_t>(file.size, PIECE_BYTES));
+    observe(file.name, 0, file.size);
+    for (std::uint64_t done = 0; done < file.size;) {
+        const ssize_t got =
+            read(fd.get(), piece.data(), std::min<std::uint64_t>(file.size - done, piece.size()));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 1)
+            return got < 0 ? failed_call(file.path)
+                           : failed(file.path + ": became shorter while it was sent");
+        if (look_at_answer(client, 0) != verdict::none)
+            return stopped(client, limit_ms,
+                           "the agent closed the connection before it had " + file.path);
+        if (!client.send_bytes(piece.data(), static_cast<std::size_t>(got), limit_ms))
+            return stopped(client, limit_ms, client.error());
+        done += static_cast<std::uint64_t>(got);
+        observe(file.name, done, file.size);
+    }
+    return {};
+}
+
+// ---- download
+
+std::string announced_name(const ST_FILE_INFO& info) {
+    return std::string(info.name, strnlen(info.name, sizeof info.name));
+}
+
+bool is_plain_name(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+ext_result receive_announcement(command_client& client, std::size_t count, int limit_ms,
+                                std::vector<ST_FILE_INFO>* infos) {
+    std::uint32_t length = 0;
+    std::uint32_t announced = 0;
+    infos->resize(count);
+    const ext_result answer = receive_header(client, limit_ms, &length);
+    if (!answer.ok())
+        return answer;
+    if (length != sizeof announced + count * sizeof(ST_FILE_INFO))
+        return failed("the agent announces another number of files than were asked for");
+    if (!client.receive_bytes(&announced, sizeof announced, limit_ms) ||
+        !client.receive_bytes(infos->data(), count * sizeof(ST_FILE_INFO), limit_ms))
+        return failed(client.error());
+    if (ntohl(announced) != count)
+        return failed("the agent announces another number of files than were asked for");
+    return {};
+}
+
+ext_result receive_file(command_client& client, const ST_FILE_INFO& info, new_file& file,
+                        int limit_ms, const transfer_observer& observe) {
+    const std::string name = announced_name(info);
+    const std::uint64_t size = ntohl(info.size);
+    std::vector<char> piece(std::min<std::uint64_t>(size, PIECE_BYTES));
+    observe(name, 0, size);
+    for (std::uint64_t done = 0; done < size;) {
+        const auto length =
+            static_cast<std::size_t>(std::min<std::uint64_t>(size - done, piece.size()));
+        if (!client.receive_bytes(piece.data(), length, limit_ms))
+            return failed(printable(name) + " did not come whole: " + client.error());
+        if (!file.write(piece.data(), length))
+            return failed_call(file.path());
+        done += length;
+        observe(name, done, size);
+    }
+    return file.finish(ntohl(info.perm)) ? ext_result{} : failed_call(file.path());
+}
+
+} // namespace
+
+std::string describe_file(const std::string& path, local_file* out) {
+    const agt::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat info;
+    if (!fd.valid() || fstat(fd.get(), &info) != 0)
+        return path + ": " + std::strerror(errno);
+    if (!S_ISREG(info.st_mode))
+        return path + ": not a regular file";
+    if (info.st_size > std::numeric_limits<std::uint32_t>::max())
+        return path + ": too large, a transfer carries files of up to 4294967295 bytes";
+    *out = {path, base_name(path), static_cast<std::uint32_t>(info.st_size),
+            info.st_mode & PERMISSION_BITS};
+    return check_item(out->name);
+}
+
+std::string upload_item(const local_file& file) {
+    return file.name + SEPARATOR + std::to_string(file.size) + SEPARATOR +
+           std::to_string(file.permission);
+}
+
+ext_result upload_files(command_client& client, const ext_request& request,
+                        const std::vector<local_file>& files, int limit_ms,
+                        const transfer_observer& observe) {
+    std::uint32_t length = 0;
+    if (!send_request(client, request, limit_ms))
+        return failed(client.error());
+    ext_result result = receive_header(client, limit_ms, &length);
+    for (std::size_t i = request.first; result.ok() && i < request.first + request.count; ++i)
+        result = send_file(client, files[i], limit_ms, observe);
+    if (!result.ok())
+        return result;
+    switch (look_at_answer(client, limit_ms)) {
+    case verdict::taken:
+        return {};
+    case verdict::spoken:
+        return stopped(client, limit_ms, "the agent broke the connection off");
+    default:
+        return failed("the agent does not say that it has the files within the time limit");
+    }
+}
+
+ext_result download_files(command_client& client, const ext_request& request,
+                          const std::string& directory, int limit_ms,
+                          const transfer_observer& observe, std::set<std::string>* taken) {
+    std::vector<ST_FILE_INFO> infos;
+    std::vector<new_file> files;
+    if (!send_request(client, request, limit_ms))
+        return failed(client.error());
+    const ext_result announced = receive_announcement(client, request.count, limit_ms, &infos);
+    if (!announced.ok())
+        return announced;
+    for (const ST_FILE_INFO& info : infos) {
+        const std::string name = announced_name(info);
+        if (!is_plain_name(name))
+            return failed("the agent sends a file named '" + printable(name) + "'");
+        if (!taken->insert(name).second)
+            return failed("two of the files are named '" + printable(name) + "'");
+        files.emplace_back(directory + "/" + name);
+        if (!files.back().valid())
+            return failed_call(files.back().path());
+        const ext_result received = receive_file(client, info, files.back(), limit_ms, observe);
+        if (!received.ok())
+            return received;
+    }
+    client.send_bytes(
+        "", 1,
+        limit_ms); // the agent waits for a byte; the files are here whether or not it gets one
+    for (new_file& file : files) {
+        if (!file.take_name())
+            return failed_call(file.path());
+    }
+    return {};
+}
+
+} // namespace kessctl

@@ -1,0 +1,57 @@
+// File transfer to and from the agent's host, as the central server does it.
+//
+// An upload announces its files in the request; the agent answers with a header, takes their bytes
+// one after the other and closes the connection once it has them all, or sends an error header in
+// between. A download is answered with the names, sizes and permissions of the files, then their
+// bytes; the agent waits for one byte back.
+//
+// A download writes to temporary names, and the files take their own only when all of the request
+// have come: their bytes follow one another without a mark, so one that the agent sends short is
+// filled with the next one's, and only the end shows it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "server/ext_client.h"
+
+namespace kessctl {
+
+struct local_file {
+    std::string path;
+    std::string name; // its base name
+    std::uint32_t size = 0;
+    mode_t permission = 0; // the nine bits of reading, writing and executing
+};
+
+// Told how much of a file has gone over; never empty.
+using transfer_observer =
+    std::function<void(const std::string& name, std::uint64_t done, std::uint64_t size)>;
+
+// Looks at a file to upload. Empty on success, else why it cannot be uploaded.
+[[nodiscard]] std::string describe_file(const std::string& path, local_file* out);
+
+// The items of an upload request's plan; the request's head is the directory.
+std::string upload_item(const local_file& file);
+
+// Uploads the files of one planned request, `files` being those of the whole plan. The agent keeps
+// what it has got of a file when the transfer fails.
+[[nodiscard]] ext_result upload_files(command_client& client, const ext_request& request,
+                                      const std::vector<local_file>& files, int limit_ms,
+                                      const transfer_observer& observe);
+
+// Downloads the files of one planned request into `directory`, nothing outside it whatever their
+// names, and gives them the permission that the agent announces. Their names join `taken`, which
+// none of them may be in already: two files of one name would replace one another. When the
+// transfer fails, none of them is there.
+[[nodiscard]] ext_result download_files(command_client& client, const ext_request& request,
+                                        const std::string& directory, int limit_ms,
+                                        const transfer_observer& observe,
+                                        std::set<std::string>* taken);
+
+} // namespace kessctl

@@ -1,0 +1,37 @@
+// Messages as JSON lines.
+#include "wire/json_frame.h"
+
+#include <nlohmann/json.hpp>
+
+#include "wire/frame.h"
+
+namespace kessctl {
+namespace {
+
+// "elements[0].limit" as the path "/elements/0/limit".
+nlohmann::ordered_json::json_pointer path_of(const std::string& name) {
+    std::string path = "/";
+    for (const char c : name)
+        if (c != ']')
+            path += c == '[' || c == '.' ? '/' : c;
+    return nlohmann::ordered_json::json_pointer(path);
+}
+
+} // namespace
+
+std::string json_line(const std::string& time, const traffic& seen) {
+    nlohmann::ordered_json line = {{"time", time},
+                                   {"connection", seen.connection},
+                                   {"direction", seen.sent ? "sent" : "received"}};
+    if (const std::optional<TCP_CMD_MSG> frame = frame_of(seen.bytes)) {
+        line["message"] = message_name(frame->hdr.msg_type[0]);
+        line["fields"] = nlohmann::ordered_json::object();
+        for (const field_value& field : decode(*frame))
+            line["fields"][path_of(field.name)] = field.text;
+    } else {
+        line["bytes"] = seen.bytes.size();
+    }
+    return line.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+} // namespace kessctl

@@ -1,0 +1,14 @@
+// Messages as JSON lines.
+#pragma once
+
+#include <string>
+
+#include "wire/traffic.h"
+
+namespace kessctl {
+
+// One line without its end: time, connection, direction, the message's name and its fields, arrays
+// nested. Bytes that are no message give their number instead.
+std::string json_line(const std::string& time, const traffic& seen);
+
+} // namespace kessctl
