@@ -5,10 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
+
+#include "util.h"
 
 namespace kessctl {
 namespace {
@@ -36,16 +37,7 @@ new_file::~new_file() {
 }
 
 bool new_file::write(const char* bytes, std::size_t length) {
-    while (length > 0) {
-        const ssize_t written = ::write(fd_.get(), bytes, length);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 1)
-            return false;
-        bytes += written;
-        length -= static_cast<std::size_t>(written);
-    }
-    return true;
+    return agt::write_whole(fd_.get(), bytes, length);
 }
 
 bool new_file::finish(mode_t permission) {
