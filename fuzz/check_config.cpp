@@ -26,7 +26,7 @@ const fuzz::memory_file& configuration() {
 
 namespace kessctl {
 
-object_state find_object(const std::string& cfg_file, const shared_object& object) {
+object_state find_object(const std::string& cfg_file, const agt::shared_object& object) {
     object_state state;
     state.object = &object;
     state.id = static_cast<int>(cfg_file.size() % 2);

@@ -15,9 +15,9 @@ std::string default_cfg_file() {
     return path == nullptr ? "" : path;
 }
 
-std::string cfg_value(const std::string& cfg_file, const char* section, const char* keyword) {
+std::string cfg_value(const std::string& cfg_file, const agt::config_key& key) {
     char word[agt::CFG_WORD_SIZE] = "";
-    agt::find_nth_token_in_file_section(cfg_file.c_str(), section, keyword, 1, word);
+    agt::find_nth_token_in_file_section(cfg_file.c_str(), key.section, key.keyword, key.word, word);
     return word;
 }
 
@@ -46,7 +46,8 @@ void add_look_options(CLI::App& command, look_options& look) {
 
 bool connect_agent(agent_address& agent, command_client& client) {
     if (agent.port == 0)
-        agent.port = std::atoi(cfg_value(default_cfg_file(), "TRAN_AGENT", "CMD_PORT").c_str());
+        agent.port = std::atoi(
+            cfg_value(default_cfg_file(), agt::config_key_of("TRAN_AGENT", "CMD_PORT")).c_str());
     if (agent.port <= 0) {
         complain(
             "no port: give --port, or name the agent's configuration file in TRAN_AGT_CFG_FILE");

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "command_client.h"
+#include "config_keys.h"
 #include "kessard/cmd_msg.h"
 
 namespace CLI {
@@ -29,8 +30,8 @@ struct look_options {
     double full_percent = 90; // fill level that is a problem
 };
 
-// Word 1 of a configuration value; empty when it is not there.
-std::string cfg_value(const std::string& cfg_file, const char* section, const char* keyword);
+// The word of a key in a configuration file; empty when it is not there.
+std::string cfg_value(const std::string& cfg_file, const agt::config_key& key);
 
 // Adds --host, --port and --timeout-ms.
 void add_agent_options(CLI::App& command, agent_address& agent);

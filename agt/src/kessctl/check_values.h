@@ -7,6 +7,9 @@
 
 namespace kessctl {
 
+using agt::config_key;
+using agt::key_kind;
+
 enum class severity { note, warning, error };
 
 struct verdict {

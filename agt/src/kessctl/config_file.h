@@ -9,6 +9,9 @@
 
 namespace kessctl {
 
+using agt::config_key;
+using agt::key_kind;
+
 struct cfg_piece {
     std::string text; // with its line end
     int line;         // of the file, from 1

@@ -85,8 +85,8 @@ std::set<unsigned> segment_keys(const std::string& cfg_file) {
     std::set<unsigned> keys;
     for (const agt::shared_object* object : agt::SHARED_OBJECTS)
         if (object->kind == agt::object_kind::segment)
-            keys.insert(static_cast<unsigned>(std::strtol(
-                cfg_value(cfg_file, object->section(), object->keyword).c_str(), nullptr, 10)));
+            keys.insert(static_cast<unsigned>(
+                std::strtol(cfg_value(cfg_file, object->key()).c_str(), nullptr, 10)));
     keys.erase(0);
     return keys;
 }
@@ -150,8 +150,9 @@ std::string process_name(pid_t pid) {
 
 daemon_state find_daemon(const std::string& cfg_file) {
     daemon_state state;
-    state.address = printable(cfg_value(cfg_file, "TRAN_AGENT", "IP_ADDRESS"));
-    state.port = std::atoi(cfg_value(cfg_file, "TRAN_AGENT", "CMD_PORT").c_str());
+    state.address = printable(cfg_value(cfg_file, agt::config_key_of("TRAN_AGENT", "IP_ADDRESS")));
+    state.port =
+        std::atoi(cfg_value(cfg_file, agt::config_key_of("TRAN_AGENT", "CMD_PORT")).c_str());
     state.listening = port_listens(state.address, state.port);
     std::vector<candidate> candidates = list_candidates(segment_keys(cfg_file));
     drop_children(candidates);

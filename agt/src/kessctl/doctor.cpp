@@ -45,9 +45,7 @@ struct patient {
     int found = 0;
 
     bool running() const { return !daemons.empty(); }
-    std::string value(const char* section, const char* keyword) const {
-        return cfg_value(file.path(), section, keyword);
-    }
+    std::string value(const config_key& key) const { return cfg_value(file.path(), key); }
     void report(const std::string& what, const std::string& advice) {
         std::printf("%s\n    %s\n", what.c_str(), advice.c_str());
         ++found;
@@ -67,8 +65,8 @@ void examine_config(patient& agent) {
 // The daemon closes a connection whose other side has ended, without a word and without a line in
 // its log.
 bool answers(const patient& agent, std::string* why) {
-    const std::string address = agent.value("TRAN_AGENT", "IP_ADDRESS");
-    const int port = number_read(agent.value("TRAN_AGENT", "CMD_PORT"));
+    const std::string address = agent.value(agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
+    const int port = number_read(agent.value(agt::config_key_of("TRAN_AGENT", "CMD_PORT")));
     command_client client;
     if (client.connect(address == "0.0.0.0" ? "127.0.0.1" : address, port, ANSWER_LIMIT_MS) &&
         shutdown(client.fd(), SHUT_WR) == 0 && client.wait_closed(ANSWER_LIMIT_MS))
@@ -80,7 +78,7 @@ bool answers(const patient& agent, std::string* why) {
 void examine_daemon(patient& agent) {
     if (!agent.running()) {
         const std::vector<pid_t> holders =
-            listeners_of(number_read(agent.value("TRAN_AGENT", "CMD_PORT")));
+            listeners_of(number_read(agent.value(agt::config_key_of("TRAN_AGENT", "CMD_PORT"))));
         agent.report(
             "daemon: no kessard can be seen that runs with " + agent.file.path() +
                 (holders.empty() ? "" : "; its port is held by " + process_texts(holders)),
@@ -200,7 +198,8 @@ void examine_objects(patient& agent) {
 
 void examine_log(patient& agent) {
     const std::string directory =
-        full_path(agent.value("COMMON", "LOG_HOME"), agent.home) + "/proc/kessard";
+        full_path(agent.value(agt::config_key_of("COMMON", "LOG_HOME")), agent.home) +
+        agt::LOG_SUBDIRECTORY;
     struct statvfs disk {};
     if (access(directory.c_str(), W_OK | X_OK) != 0 || statvfs(directory.c_str(), &disk) != 0)
         return agent.report(
@@ -218,8 +217,8 @@ void examine_log(patient& agent) {
 
 // The daemon looks for its trigger file every second and removes it.
 void examine_trigger(patient& agent) {
-    const std::string path =
-        full_path(agent.value("CHECK_FILES", "SVC_UPDATE_CHK_FILE"), agent.home);
+    const std::string path = full_path(
+        agent.value(agt::config_key_of("CHECK_FILES", "SVC_UPDATE_CHK_FILE")), agent.home);
     struct stat about {};
     if (stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode) &&
         std::time(nullptr) - about.st_mtime > TRIGGER_LIMIT_SEC)
@@ -237,7 +236,8 @@ exit_status examine(const std::string& cfg_file) {
         return complain(wrong);
     const char* home = std::getenv("TRAN_AGT_HOME");
     patient agent{file, home == nullptr ? "" : home, daemons_of(cfg_file)};
-    const std::string interval = agent.value("KESSARD", "WORKER_CHECK_INTERVAL");
+    const std::string interval =
+        agent.value(agt::config_key_of("KESSARD", "WORKER_CHECK_INTERVAL"));
     agent.watchdog = !interval.empty() && number_read(interval) != 0;
     for (const auto step :
          {examine_config, examine_daemon, examine_objects, examine_log, examine_trigger})

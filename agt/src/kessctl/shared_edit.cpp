@@ -32,8 +32,8 @@ shared_edit::~shared_edit() {
 
 std::string shared_edit::open(const std::string& cfg_file, const agt::shared_object& segment,
                               const agt::shared_object& semaphores) {
-    const std::string shm_key = cfg_value(cfg_file, segment.section(), segment.keyword);
-    const std::string sem_key = cfg_value(cfg_file, semaphores.section(), semaphores.keyword);
+    const std::string shm_key = cfg_value(cfg_file, segment.key());
+    const std::string sem_key = cfg_value(cfg_file, semaphores.key());
     if (shm_key.empty() || sem_key.empty())
         return std::string("no key ") + (shm_key.empty() ? segment : semaphores).keyword +
                " in the configuration file '" + cfg_file + "'";

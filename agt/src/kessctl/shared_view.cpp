@@ -40,7 +40,7 @@ void look_at_semaphores(object_state& state, key_t key) {
 object_state find_object(const std::string& cfg_file, const agt::shared_object& object) {
     object_state state;
     state.object = &object;
-    state.key = cfg_value(cfg_file, object.section(), object.keyword);
+    state.key = cfg_value(cfg_file, object.key());
     const auto key = static_cast<key_t>(std::strtol(state.key.c_str(), nullptr, 10));
     if (state.key.empty())
         state.fault = "the configuration file '" + cfg_file + "' has no such key";
