@@ -175,9 +175,12 @@ constexpr cfg_step CFG_STEPS[] = {
     {config_key_of("TRAN_AGENT", "ALLOWED_ADDRESSES"), take_allowed_addresses},
     {config_key_of("TRAN_AGENT", "REMOTE_COMMANDS_YN"), take_remote_commands},
 };
-static_assert(are_all_steps(CFG_STEPS, [](const agt::config_key& key) {
+
+constexpr bool is_of_start(const agt::config_key& key) {
     return key.reader == agt::key_reader::start;
-}));
+}
+static_assert(are_all_steps(CFG_STEPS, is_of_start),
+              "the table has a key without a step in its place");
 
 // A file that cannot be read does not say that a key is absent.
 bool take_key(const cfg_step& step) {

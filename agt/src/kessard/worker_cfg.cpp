@@ -85,9 +85,14 @@ constexpr cfg_step CFG_STEPS[] = {
     {config_key_of("KESSARD", "WORKER_MODE"), take_mode},
     {config_key_of("KESSARD", "SKIP_PROC"), take_skip_list},
 };
-static_assert(are_all_steps(CFG_STEPS, [](const agt::config_key& key) {
-    return key.section == std::string_view("KESSARD");
-}));
+
+// The keys of the parse-log queues are read when these are created.
+constexpr bool is_setting(const agt::config_key& key) {
+    return key.reader == agt::key_reader::watchdog && key.kind != agt::key_kind::segment_key &&
+           key.kind != agt::key_kind::semaphore_key;
+}
+static_assert(are_all_steps(CFG_STEPS, is_setting),
+              "the table has a key without a step in its place");
 
 bool take_key(const cfg_step& step) {
     std::string value;
