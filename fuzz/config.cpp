@@ -98,7 +98,9 @@ void check_lookups(const place& wanted) {
 // The keys that are read again, or by modules of their own.
 void check_daemon() {
     using namespace kessard;
-    read_access_control();
+    std::string addresses;
+    static_cast<void>(read_cfg(agt::config_key_of("TRAN_AGENT", "ALLOWED_ADDRESSES"), &addresses));
+    static_cast<void>(take_allowed_addresses(addresses.c_str()));
     for (const char* address : {"127.0.0.1", "192.0.2.7", "255.255.255.255"}) {
         sockaddr_in peer{};
         peer.sin_addr.s_addr = inet_addr(address);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 
+#include "config_keys.h"
 #include "kessard/jcache_hash_tbl.h"
 #include "kessard/noti_send_que.h"
 #include "kessard/parse_log_que.h"
@@ -17,15 +18,16 @@ namespace agt {
 enum class object_kind { segment, semaphores };
 
 struct shared_object {
-    const char* keyword; // of its key, in the section of its kind
+    const char* keyword; // of its key
     object_kind kind;
     std::size_t size;           // bytes of a segment, semaphores of a set
     const char* log_name;       // in the log lines that say it was made
     const char* name;           // for people
     bool watchdog_only = false; // not there while the worker watchdog is off
 
-    constexpr const char* section() const {
-        return kind == object_kind::segment ? "IPC_SHARED_MEMORY" : "IPC_SEMAPHORE";
+    constexpr const config_key& key() const {
+        return *find_config_key(
+            kind == object_kind::segment ? "IPC_SHARED_MEMORY" : "IPC_SEMAPHORE", keyword);
     }
     constexpr const char* unit() const {
         return kind == object_kind::segment ? "bytes" : "semaphores";
@@ -74,5 +76,11 @@ inline constexpr const shared_object* SHARED_OBJECTS[] = {
     &TRACE_TABLE,      &TRACE_TABLE_SEM, &CACHE_TABLE,      &CACHE_TABLE_SEM, &AGENT_SEGMENT,
     &AGENT_SEMAPHORES, &PARSE_QUEUES,    &PARSE_QUEUES_SEM,
 };
+static_assert([] {
+    for (const shared_object* object : SHARED_OBJECTS)
+        if (object->keyword != std::string_view(object->key().keyword))
+            return false;
+    return true;
+}());
 
 } // namespace agt

@@ -9,10 +9,11 @@ namespace kessard {
 // TRAN_AGENT / REMOTE_COMMANDS_YN: N refuses extended requests. Written once at start.
 inline bool remote_commands_yn = true;
 
-// Takes TRAN_AGENT / ALLOWED_ADDRESSES and REMOTE_COMMANDS_YN from the configuration file. What
-// cannot be understood is said in the log and not taken for "everybody": false then. Absent keys
-// leave no trace.
-bool read_access_control();
+// Take the values of TRAN_AGENT / ALLOWED_ADDRESSES (all its words, with commas between them) and
+// REMOTE_COMMANDS_YN. What cannot be understood is said in the log and not taken for "everybody":
+// false then.
+[[nodiscard]] bool take_allowed_addresses(const char* value);
+[[nodiscard]] bool take_remote_commands(const char* value);
 
 // Whether a peer may connect to the command port. The port of a refused one is named in the log.
 bool admit_cmd_client(const sockaddr_in& peer);

@@ -15,7 +15,6 @@
 #include "daemon_thread.h"
 #include "log_printf.h"
 #include "process_globals.h"
-#include "read_cfg.h"
 #include "server_link.h"
 #include "settings.h"
 #include "tcp_base.h"
@@ -27,6 +26,8 @@ namespace kessard {
 agt::mutex noti_socket_mutex;
 
 namespace {
+
+using agt::config_key_of;
 
 constexpr int RETRY_SEC = 3;
 constexpr int LINK_POLL_SEC = 1;
@@ -148,19 +149,22 @@ void close_noti_socket() {
 int try_connect() {
     const agt::lock_guard guard(cfg_mutex);
     int active_limit = 0;
-    char ipaddr[agt::CFG_WORD_SIZE];
+    std::string ipaddr;
     int port = 0;
-    if (!read_cfg_number("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", &active_limit) ||
-        active_limit <= 0 || !read_cfg_word("TRAN_SERVER", "IP_ADDRESS", ipaddr) ||
-        !read_cfg_number("TRAN_SERVER", "CMD_PORT", &port))
+    if (!read_cfg_number(config_key_of("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT"), &active_limit) ||
+        active_limit <= 0 ||
+        read_cfg(config_key_of("TRAN_SERVER", "IP_ADDRESS"), &ipaddr) != cfg_answer::found ||
+        !read_cfg_number(config_key_of("TRAN_SERVER", "CMD_PORT"), &port))
         return -1;
-    set_server_address(ipaddr, port);
-    sockfd = init_tcp_client(ipaddr, port);
+    set_server_address(ipaddr.c_str(), port);
+    sockfd = init_tcp_client(ipaddr.c_str(), port);
     if (sockfd < 0) {
-        agt::log_printf("<!> server notify(cmd) port connect fail[ip %s, port %d]", ipaddr, port);
+        agt::log_printf("<!> server notify(cmd) port connect fail[ip %s, port %d]", ipaddr.c_str(),
+                        port);
         return -1;
     }
-    agt::log_printf("(i) successfully, notify(cmd) port connect [ip %s, port %d]", ipaddr, port);
+    agt::log_printf("(i) successfully, notify(cmd) port connect [ip %s, port %d]", ipaddr.c_str(),
+                    port);
     return 1;
 }
 

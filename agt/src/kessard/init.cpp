@@ -1,10 +1,10 @@
 // Start-up.
 //
-// The configuration is a table of keys, walked in order: each row says where the word stands, what
-// taking it does, and what is logged when the key may be absent. A step that does more than store
-// the word is a function of its own.
+// The configuration is read in steps, one for each key of the table that a start reads, in its
+// order. A step that does more than store the value is a function of its own.
 #include "init.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -22,7 +22,6 @@
 #include "open_object.h"
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
-#include "read_cfg.h"
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
@@ -33,9 +32,7 @@
 namespace kessard {
 namespace {
 
-int to_number(const char* word) {
-    return static_cast<int>(std::strtol(word, nullptr, 10));
-}
+using agt::config_key_of;
 
 // An absolute path as it is, a relative one under TRAN_AGT_HOME. One that does not fit is cut,
 // which is said.
@@ -57,8 +54,8 @@ template <auto& Target> bool take_text(const char* word) {
 // A log that cannot be opened does not stop the start: its lines are dropped.
 bool take_log_home(const char* word) {
     take_path(log_home_dir, word);
-    char dir[128];
-    const int length = std::snprintf(dir, sizeof dir, "%s/proc/%s", log_home_dir, PROGRAM_NAME);
+    agt::log_directory_text dir;
+    const int length = std::snprintf(dir, sizeof dir, "%s%s", log_home_dir, agt::LOG_SUBDIRECTORY);
     if (length >= static_cast<int>(sizeof dir))
         std::fprintf(stderr, "<!> path is too long and was cut : %s\n", dir);
     if (agt::open_log(dir, PROGRAM_NAME, 1) != 0)
@@ -94,7 +91,7 @@ bool take_active_limit(const char* word) {
 
 bool take_daily_update_hhmi(const char* word) {
     std::memset(update_service_hhmi, 0, sizeof update_service_hhmi);
-    std::memcpy(update_service_hhmi, word, agt::text_length(word, 4));
+    std::memcpy(update_service_hhmi, word, agt::text_length(word, agt::HHMI_SIZE));
     agt::log_printf(">> Update DAILY_UPDATE_HHMI(4DIGIT) : %s", update_service_hhmi);
     return true;
 }
@@ -129,70 +126,59 @@ bool take_api_stat_out(const char* word) {
     return true;
 }
 
-constexpr char PASS_DAILY_UPDATE[] = ">> Pass DAILY_UPDATE_HHMI";
-constexpr char SILENT[] = ""; // an absent key leaves no trace, on standard error neither
-
-struct cfg_row {
-    const char* section;
-    const char* keyword;
-    int word;
-    bool (*take)(const char* word); // false ends the start-up
-    const char* if_absent;          // the log line of a key that may be absent; null: required
+constexpr cfg_step CFG_STEPS[] = {
+    {config_key_of("COMMON", "LOG_HOME"), take_log_home},
+    {config_key_of("TRAN_AGENT", "IP_ADDRESS"), take_text<agt_ipaddr>},
+    {config_key_of("TRAN_AGENT", "CMD_PORT"), take_agt_cmd_port},
+    {config_key_of("TRAN_SERVER", "IP_ADDRESS"), take_srv_ipaddr},
+    {config_key_of("TRAN_SERVER", "CMD_PORT"), take_srv_cmd_port},
+    {config_key_of("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT"), take_active_limit},
+    {config_key_of("IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY"),
+     take_number<tran_logf_que_info_shmkey>},
+    {config_key_of("IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY"), take_number<svc_hash_tbl_shmkey>},
+    {config_key_of("IPC_SHARED_MEMORY", "NOTI_SEND_QUE_SHMKEY"), take_number<noti_send_que_shmkey>},
+    {config_key_of("IPC_SEMAPHORE", "SVC_HASH_TBL_SEMKEY"), take_number<svc_hash_tbl_semkey>},
+    {config_key_of("IPC_SEMAPHORE", "NOTI_SEND_QUE_SEMKEY"), take_number<noti_send_que_semkey>},
+    {config_key_of("SERVICE_HASH", "DAILY_UPDATE_HHMI"), take_daily_update_hhmi},
+    {config_key_of("SERVICE_HASH", "DAILY_UPDATE_SCRIPT"), take_daily_update_script},
+    {config_key_of("SERVICE_HASH", "DAILY_UPDATE_YN"), take_daily_update_yn},
+    {config_key_of("TRAN_LOGF", "LOG_INTERFACE"), take_text<log_interface>},
+    {config_key_of("TRAN_LOGF", "TR_SECTION"), take_text<tr_section>},
+    {config_key_of("CHECK_FILES", "SVC_UPDATE_CHK_FILE"), take_svc_update_chk_file},
+    {config_key_of("PTRC_HASH", "TRC_STS_CHECK_PERIOD"), take_trc_sts_check_period},
+    {config_key_of("IPC_SHARED_MEMORY", "PTRC_HASH_TBL_SHMKEY"), take_number<ptrc_hash_tbl_shmkey>},
+    {config_key_of("IPC_SEMAPHORE", "PTRC_HASH_TBL_SEMKEY"), take_number<ptrc_hash_tbl_semkey>},
+    {config_key_of("IPC_SHARED_MEMORY", "JCACHE_HASH_TBL_SHMKEY"),
+     take_number<jcache_hash_tbl_shmkey>},
+    {config_key_of("IPC_SEMAPHORE", "JCACHE_HASH_TBL_SEMKEY"), take_number<jcache_hash_tbl_semkey>},
+    {config_key_of("SERVICE_HASH", "DEFAULT_TIMEOUT_SEC"), take_number<default_timeout_sec>},
+    {config_key_of("IPC_SHARED_MEMORY", "TRAN_AGT_SHMKEY"), take_number<tran_agt_shmkey>},
+    {config_key_of("IPC_SEMAPHORE", "TRAN_AGT_SEMKEY"), take_number<tran_agt_semkey>},
+    {config_key_of("CHECK_API_STAT", "ACT"), take_api_stat_out},
+    {config_key_of("TRAN_AGENT", "ALLOWED_ADDRESSES"), take_allowed_addresses},
+    {config_key_of("TRAN_AGENT", "REMOTE_COMMANDS_YN"), take_remote_commands},
 };
 
-constexpr cfg_row CFG_ROWS[] = {
-    {"COMMON", "LOG_HOME", 1, take_log_home, nullptr},
-    {"TRAN_AGENT", "IP_ADDRESS", 1, take_text<agt_ipaddr>, nullptr},
-    {"TRAN_AGENT", "CMD_PORT", 1, take_agt_cmd_port, nullptr},
-    {"TRAN_SERVER", "IP_ADDRESS", 1, take_srv_ipaddr, nullptr},
-    {"TRAN_SERVER", "CMD_PORT", 1, take_srv_cmd_port, nullptr},
-    {"ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1, take_active_limit, nullptr},
-    {"IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", 1, take_number<tran_logf_que_info_shmkey>,
-     nullptr},
-    {"IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY", 1, take_number<svc_hash_tbl_shmkey>, nullptr},
-    {"IPC_SHARED_MEMORY", "NOTI_SEND_QUE_SHMKEY", 1, take_number<noti_send_que_shmkey>, nullptr},
-    {"IPC_SEMAPHORE", "SVC_HASH_TBL_SEMKEY", 1, take_number<svc_hash_tbl_semkey>, nullptr},
-    {"IPC_SEMAPHORE", "NOTI_SEND_QUE_SEMKEY", 1, take_number<noti_send_que_semkey>, nullptr},
-    {"SERVICE_HASH", "DAILY_UPDATE_HHMI", 1, take_daily_update_hhmi, PASS_DAILY_UPDATE},
-    {"SERVICE_HASH", "DAILY_UPDATE_SCRIPT", 1, take_daily_update_script, PASS_DAILY_UPDATE},
-    {"SERVICE_HASH", "DAILY_UPDATE_YN", 1, take_daily_update_yn, SILENT},
-    {"TRAN_LOGF", "LOG_INTERFACE", 1, take_text<log_interface>, nullptr},
-    {"TRAN_LOGF", "TR_SECTION", 1, take_text<tr_section>, nullptr},
-    {"CHECK_FILES", "SVC_UPDATE_CHK_FILE", 1, take_svc_update_chk_file, nullptr},
-    {"PTRC_HASH", "TRC_STS_CHECK_PERIOD", 1, take_trc_sts_check_period, nullptr},
-    {"IPC_SHARED_MEMORY", "PTRC_HASH_TBL_SHMKEY", 1, take_number<ptrc_hash_tbl_shmkey>, nullptr},
-    {"IPC_SEMAPHORE", "PTRC_HASH_TBL_SEMKEY", 1, take_number<ptrc_hash_tbl_semkey>, nullptr},
-    {"IPC_SHARED_MEMORY", "JCACHE_HASH_TBL_SHMKEY", 1, take_number<jcache_hash_tbl_shmkey>,
-     nullptr},
-    {"IPC_SEMAPHORE", "JCACHE_HASH_TBL_SEMKEY", 1, take_number<jcache_hash_tbl_semkey>, nullptr},
-    {"SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", 1, take_number<default_timeout_sec>, nullptr},
-    {"IPC_SHARED_MEMORY", "TRAN_AGT_SHMKEY", 1, take_number<tran_agt_shmkey>, nullptr},
-    {"IPC_SEMAPHORE", "TRAN_AGT_SEMKEY", 1, take_number<tran_agt_semkey>, nullptr},
-    {"CHECK_API_STAT", "ACT", 4, take_api_stat_out, nullptr},
-};
-
-bool take_key(const cfg_row& row) {
-    char word[agt::CFG_WORD_SIZE];
-    const auto look_up = row.if_absent == SILENT ? agt::find_nth_token_in_file_section
-                                                 : agt::get_nth_token_in_file_section;
-    errno = 0;
-    if (look_up(cfg_file(), row.section, row.keyword, row.word, word) > 0)
-        return row.take(word);
-    const int error = errno;
-    if (error != 0) // a file that cannot be read does not say that a key is absent
-        agt::log_printf("<!> %s %s : cannot be read, errno : %d", row.section, row.keyword, error);
-    if (row.if_absent == nullptr || error != 0)
-        return false;
-    agt::log_printf("%s", row.if_absent);
-    return true;
+constexpr bool is_of_start(const agt::config_key& key) {
+    return key.reader == agt::key_reader::start;
 }
+static_assert(are_all_steps(CFG_STEPS, is_of_start),
+              "the table has a key without a step in its place");
 
-bool take_all_keys() {
-    for (const cfg_row& row : CFG_ROWS) {
-        if (!take_key(row))
-            return false;
+// A file that cannot be read does not say that a key is absent.
+bool take_key(const cfg_step& step) {
+    std::string value;
+    const cfg_answer answer = read_cfg(step.key, &value);
+    if (answer == cfg_answer::found)
+        return step.take(value.c_str());
+    if (answer == cfg_answer::unreadable) {
+        agt::log_printf("<!> %s %s : cannot be read, errno : %d", step.key.section,
+                        step.key.keyword, errno);
+        return false;
     }
-    return true;
+    if (step.key.absence == agt::key_absence::passes_daily_update)
+        agt::log_printf(">> Pass DAILY_UPDATE_HHMI");
+    return step.key.may_be_absent();
 }
 
 bool check_variable(const char* name) {
@@ -211,7 +197,7 @@ int check_env_var() {
 
 int init_config() {
     const agt::lock_guard guard(cfg_mutex);
-    if (!take_all_keys() || !read_access_control())
+    if (!std::all_of(std::begin(CFG_STEPS), std::end(CFG_STEPS), take_key))
         return 0;
     agt::log_printf("(i) config-file(%s) read complete. TCP_CMD_MSG size %d bytes", cfg_file(),
                     TCP_CMD_MSG_SIZE);
@@ -228,7 +214,7 @@ bool create_settings() {
     }
     if (existed == 0) {
         int qcnt = 0;
-        if (!read_cfg_number("TRAN_LOGF", "QUE_CNT", &qcnt))
+        if (!read_cfg_number(config_key_of("TRAN_LOGF", "QUE_CNT"), &qcnt))
             return false;
         set_tran_logf_qcnt(qcnt);
     }

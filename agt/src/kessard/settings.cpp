@@ -1,6 +1,7 @@
 // Access to the settings that change, and to single keys.
 #include "settings.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "field.h"
@@ -12,6 +13,26 @@ namespace {
 
 agt::mutex server_mutex; // never held across a connect
 server_address server AGT_GUARDED_BY(server_mutex);
+
+bool read_word(const agt::config_key& key, std::string* value) {
+    char word[agt::CFG_WORD_SIZE];
+    const auto look_up = key.absence == agt::key_absence::is_silent
+                             ? agt::find_nth_token_in_file_section
+                             : agt::get_nth_token_in_file_section;
+    if (look_up(cfg_file(), key.section, key.keyword, key.word, word) < 0)
+        return false;
+    *value = word;
+    return true;
+}
+
+// An entry without a word is found: its value is empty. What was read in part only is not.
+bool read_all_words(const agt::config_key& key, std::string* value) {
+    const std::string words = agt::all_words_of(cfg_file(), key);
+    if (errno != 0 || agt::find_line_in_file_section(cfg_file(), key.section, key.keyword) < 0)
+        return false;
+    *value = words;
+    return true;
+}
 
 } // namespace
 
@@ -31,15 +52,22 @@ const char* cfg_file() {
     return path == nullptr ? "" : path;
 }
 
-bool read_cfg_word(const char* section, const char* keyword, char* word) {
-    return agt::get_nth_token_in_file_section(cfg_file(), section, keyword, 1, word) > 0;
+cfg_answer read_cfg(const agt::config_key& key, std::string* value) {
+    errno = 0;
+    if (key.word == agt::ALL_WORDS ? read_all_words(key, value) : read_word(key, value))
+        return cfg_answer::found;
+    return errno == 0 ? cfg_answer::absent : cfg_answer::unreadable;
 }
 
-bool read_cfg_number(const char* section, const char* keyword, int* number) {
-    char word[agt::CFG_WORD_SIZE];
-    if (!read_cfg_word(section, keyword, word))
+int to_number(const char* value) {
+    return static_cast<int>(std::strtol(value, nullptr, 10));
+}
+
+bool read_cfg_number(const agt::config_key& key, int* number) {
+    std::string value;
+    if (read_cfg(key, &value) != cfg_answer::found)
         return false;
-    *number = static_cast<int>(std::strtol(word, nullptr, 10));
+    *number = to_number(value.c_str());
     return true;
 }
 

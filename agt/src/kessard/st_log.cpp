@@ -29,7 +29,6 @@ constexpr char STATISTICS_LINE[] =
 constexpr char NO_DAILY_UPDATE[] = "----";
 constexpr int DAILY_PAUSE_MS = 5000;
 constexpr std::size_t DATE_SIZE = 8;
-constexpr std::size_t HHMI_SIZE = 4;
 
 daemon_thread th("st_log", st_log, "<!> pthread_create error");
 
@@ -110,7 +109,7 @@ bool daily_time_reached() {
     return update_service_hhmi[0] != '\0' &&
            std::strcmp(update_service_hhmi, NO_DAILY_UPDATE) != 0 &&
            std::memcmp(state.cur_date, state.tmp_date, DATE_SIZE) != 0 &&
-           std::memcmp(state.cur_date + DATE_SIZE, update_service_hhmi, HHMI_SIZE) >= 0;
+           std::memcmp(state.cur_date + DATE_SIZE, update_service_hhmi, agt::HHMI_SIZE) >= 0;
 }
 
 void daily_update() {

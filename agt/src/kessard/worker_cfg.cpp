@@ -1,17 +1,16 @@
 // Set-up of the worker watchdog.
 #include "worker_cfg.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 #include "hash_without_exit.h"
 
 #include "field.h"
-#include "kessard/ptrc_hash_tbl.h"
 #include "log_printf.h"
 #include "open_object.h"
 #include "parse_log_que.h"
-#include "read_cfg.h"
 #include "settings.h"
 #include "str_util.h"
 
@@ -22,23 +21,24 @@ int parse_log_que_semid = -1;
 
 namespace {
 
-constexpr int LOWEST_REST_SEC = 60;
-constexpr int SKIP_NAME_MAX = 20;
-constexpr char SECTION[] = "KESSARD";
+using agt::config_key_of;
 
 struct ST_PROC_NAME {
-    char proc_nm[sizeof(PTRC_HASH_ARR::proc_nm)];
+    agt::skipped_name_text proc_nm;
     UT_hash_handle hh;
 };
 ST_PROC_NAME* skip_proc_list = nullptr;
 
 bool read_tr_section() {
-    return read_cfg_word("TRAN_LOGF", "TR_SECTION", worker_cfg.tr_section);
+    std::string value;
+    if (read_cfg(config_key_of("TRAN_LOGF", "TR_SECTION"), &value) != cfg_answer::found)
+        return false;
+    agt::copy_text(worker_cfg.tr_section, value.c_str());
+    return true;
 }
 
-bool read_check_interval() {
-    if (!read_cfg_number(SECTION, "WORKER_CHECK_INTERVAL", &worker_cfg.worker_check_interval))
-        return false;
+bool take_check_interval(const char* value) {
+    worker_cfg.worker_check_interval = to_number(value);
     if (worker_cfg.worker_check_interval <= 0) {
         agt::log_printf("<!> WORKER_CHECK_INTERVAL is %d. finished job.",
                         worker_cfg.worker_check_interval);
@@ -48,23 +48,19 @@ bool read_check_interval() {
     return true;
 }
 
-bool read_rest_interval() {
-    if (!read_cfg_number(SECTION, "WORKER_REST_INTERVAL", &worker_cfg.worker_rest_interval))
-        return false;
-    if (worker_cfg.worker_rest_interval < LOWEST_REST_SEC) {
+bool take_rest_interval(const char* value) {
+    worker_cfg.worker_rest_interval = to_number(value);
+    if (worker_cfg.worker_rest_interval < agt::LOWEST_REST_SEC) {
         agt::log_printf("<!> WORKER_REST_INTERVAL too low. default setting(60sec)");
-        worker_cfg.worker_rest_interval = LOWEST_REST_SEC;
+        worker_cfg.worker_rest_interval = agt::LOWEST_REST_SEC;
     }
     return true;
 }
 
-bool read_mode() {
-    char word[agt::CFG_WORD_SIZE];
-    if (!read_cfg_word(SECTION, "WORKER_MODE", word))
-        return false;
-    if (std::strcmp(word, "THREAD") == 0 || std::strcmp(word, "thread") == 0) {
+bool take_mode(const char* value) {
+    if (std::strcmp(value, "THREAD") == 0 || std::strcmp(value, "thread") == 0) {
         worker_cfg.worker_mode = WORKER_MODE_THREAD;
-    } else if (std::strcmp(word, "PROCESS") == 0 || std::strcmp(word, "process") == 0) {
+    } else if (std::strcmp(value, "PROCESS") == 0 || std::strcmp(value, "process") == 0) {
         worker_cfg.worker_mode = WORKER_MODE_PROCESS;
     } else {
         agt::log_printf("<!> WORKER_MODE init fail");
@@ -74,21 +70,41 @@ bool read_mode() {
 }
 
 // An empty name between two commas ends the list.
-bool read_skip_list() {
-    char word[agt::CFG_WORD_SIZE];
-    if (!read_cfg_word(SECTION, "SKIP_PROC", word))
-        return false;
-    char* names[SKIP_NAME_MAX + 1] = {};
-    agt::tran_str_n_token_single(word, ",", names, SKIP_NAME_MAX);
+bool take_skip_list(const char* value) {
+    char list[agt::CFG_WORD_SIZE];
+    agt::copy_text(list, value);
+    char* names[agt::SKIPPED_NAMES + 1] = {};
+    agt::tran_str_n_token_single(list, ",", names, agt::SKIPPED_NAMES);
     create_skip_hash(names);
     return true;
+}
+
+constexpr cfg_step CFG_STEPS[] = {
+    {config_key_of("KESSARD", "WORKER_CHECK_INTERVAL"), take_check_interval},
+    {config_key_of("KESSARD", "WORKER_REST_INTERVAL"), take_rest_interval},
+    {config_key_of("KESSARD", "WORKER_MODE"), take_mode},
+    {config_key_of("KESSARD", "SKIP_PROC"), take_skip_list},
+};
+
+// The keys of the parse-log queues are read when these are created.
+constexpr bool is_setting(const agt::config_key& key) {
+    return key.reader == agt::key_reader::watchdog && key.kind != agt::key_kind::segment_key &&
+           key.kind != agt::key_kind::semaphore_key;
+}
+static_assert(are_all_steps(CFG_STEPS, is_setting),
+              "the table has a key without a step in its place");
+
+bool take_key(const cfg_step& step) {
+    std::string value;
+    const cfg_answer answer = read_cfg(step.key, &value);
+    return answer == cfg_answer::found ? step.take(value.c_str())
+                                       : answer == cfg_answer::absent && step.key.may_be_absent();
 }
 
 } // namespace
 
 int init_is_working() {
-    return read_tr_section() && read_check_interval() && read_rest_interval() && read_mode() &&
-                   read_skip_list()
+    return read_tr_section() && std::all_of(std::begin(CFG_STEPS), std::end(CFG_STEPS), take_key)
                ? create_parser_queue()
                : 0;
 }
@@ -126,8 +142,8 @@ void delete_skip_hash() {
 int create_parser_queue() {
     int semkey = 0;
     int shmkey = 0;
-    if (!read_cfg_number("IPC_SEMAPHORE", "PARSE_LOG_QUE_SEMKEY", &semkey) ||
-        !read_cfg_number("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY", &shmkey))
+    if (!read_cfg_number(config_key_of("IPC_SEMAPHORE", "PARSE_LOG_QUE_SEMKEY"), &semkey) ||
+        !read_cfg_number(config_key_of("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY"), &shmkey))
         return 0;
     int existed = 0;
     if (create_parse_log_que(shmkey, 0, &existed) < 0) {

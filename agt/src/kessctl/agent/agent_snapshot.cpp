@@ -27,9 +27,8 @@ std::string check_cfg(const std::string& cfg_file) {
         return cfg_file + ": " + std::strerror(errno);
     std::fclose(file);
     const bool names_one = std::any_of(
-        std::begin(agt::SHARED_OBJECTS), std::end(agt::SHARED_OBJECTS), [&](const auto* object) {
-            return !cfg_value(cfg_file, object->section(), object->keyword).empty();
-        });
+        std::begin(agt::SHARED_OBJECTS), std::end(agt::SHARED_OBJECTS),
+        [&](const auto* object) { return !cfg_value(cfg_file, object->key()).empty(); });
     return names_one ? "" : cfg_file + " names none of the agent's shared objects";
 }
 
@@ -145,7 +144,9 @@ agent_snapshot take_snapshot(const std::string& cfg_file) {
     if (!now.cfg_fault.empty())
         return now;
     now.watchdog_on =
-        std::atoi(cfg_value(cfg_file, "KESSARD", "WORKER_CHECK_INTERVAL").c_str()) != 0;
+        std::atoi(
+            cfg_value(cfg_file, agt::config_key_of("KESSARD", "WORKER_CHECK_INTERVAL")).c_str()) !=
+        0;
     now.daemon = find_daemon(cfg_file);
     read_objects(now);
     TRAN_LOGF_QUE_INFO settings;

@@ -53,7 +53,8 @@ CLI::Validator fits(std::size_t size, bool number) {
 
 bool connect_agent(agent_address& agent, command_client& client) {
     if (agent.port == 0)
-        agent.port = std::atoi(cfg_value(default_cfg_file(), "TRAN_AGENT", "CMD_PORT").c_str());
+        agent.port = std::atoi(
+            cfg_value(default_cfg_file(), agt::config_key_of("TRAN_AGENT", "CMD_PORT")).c_str());
     if (agent.port <= 0) {
         complain(
             "no port: give --port, or name the agent's configuration file in TRAN_AGT_CFG_FILE");

@@ -34,7 +34,7 @@ void print_text(const std::string& path, const std::vector<finding>& found) {
                     one.key.c_str(), one.what.c_str(),
                     one.allowed.empty() ? "" : ", allowed: ", one.allowed.c_str());
     std::printf("%s: %zu keys checked, errors: %ld, warnings: %ld\n", path.c_str(),
-                config_keys().size(), count(found, severity::error),
+                agt::CONFIG_KEYS.size(), count(found, severity::error),
                 count(found, severity::warning));
 }
 

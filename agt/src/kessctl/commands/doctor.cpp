@@ -39,9 +39,7 @@ struct patient {
     agent_snapshot now;
     int found = 0;
 
-    std::string value(const char* section, const char* keyword) const {
-        return cfg_value(file.path(), section, keyword);
-    }
+    std::string value(const agt::config_key& key) const { return cfg_value(file.path(), key); }
     void report(const std::string& what, const std::string& advice) {
         std::printf("%s\n    %s\n", what.c_str(), advice.c_str());
         ++found;
@@ -61,8 +59,8 @@ void examine_config(patient& agent) {
 // The daemon closes a connection whose other side has ended, without a word and without a line in
 // its log.
 bool answers(const patient& agent, std::string* why) {
-    const std::string address = agent.value("TRAN_AGENT", "IP_ADDRESS");
-    const int port = number_read(agent.value("TRAN_AGENT", "CMD_PORT"));
+    const std::string address = agent.value(agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
+    const int port = number_read(agent.value(agt::config_key_of("TRAN_AGENT", "CMD_PORT")));
     command_client client;
     if (client.connect(address == "0.0.0.0" ? "127.0.0.1" : address, port, ANSWER_LIMIT_MS) &&
         shutdown(client.fd(), SHUT_WR) == 0 && client.wait_closed(ANSWER_LIMIT_MS))
@@ -118,7 +116,8 @@ void examine_semaphores(patient& agent) {
 
 void examine_log(patient& agent) {
     const std::string directory =
-        full_path(agent.value("COMMON", "LOG_HOME"), agent.home) + "/proc/kessard";
+        full_path(agent.value(agt::config_key_of("COMMON", "LOG_HOME")), agent.home) +
+        agt::LOG_SUBDIRECTORY;
     struct statvfs disk {};
     if (access(directory.c_str(), W_OK | X_OK) != 0 || statvfs(directory.c_str(), &disk) != 0)
         return agent.report(
@@ -136,8 +135,8 @@ void examine_log(patient& agent) {
 
 // The daemon looks for its trigger file every second and removes it.
 void examine_trigger(patient& agent) {
-    const std::string path =
-        full_path(agent.value("CHECK_FILES", "SVC_UPDATE_CHK_FILE"), agent.home);
+    const std::string path = full_path(
+        agent.value(agt::config_key_of("CHECK_FILES", "SVC_UPDATE_CHK_FILE")), agent.home);
     struct stat about {};
     if (stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode) &&
         std::time(nullptr) - about.st_mtime > TRIGGER_LIMIT_SEC)

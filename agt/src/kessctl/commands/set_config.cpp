@@ -67,9 +67,10 @@ struct config_options {
 // this host.
 bool is_agent_of_cfg(const agent_address& agent) {
     const std::string cfg = default_cfg_file();
-    return std::to_string(agent.port) == cfg_value(cfg, "TRAN_AGENT", "CMD_PORT") &&
+    return std::to_string(agent.port) ==
+               cfg_value(cfg, agt::config_key_of("TRAN_AGENT", "CMD_PORT")) &&
            (agent.host == "127.0.0.1" || agent.host == "localhost" ||
-            agent.host == cfg_value(cfg, "TRAN_AGENT", "IP_ADDRESS"));
+            agent.host == cfg_value(cfg, agt::config_key_of("TRAN_AGENT", "IP_ADDRESS")));
 }
 
 // Fills in the settings that were not given; empty, or why that cannot be done.

@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <set>
 
 #include "host/daemon_process.h"
 #include "host/listener.h"
@@ -22,6 +21,9 @@
 
 namespace kessctl {
 namespace {
+
+using agt::config_key_of;
+using agt::key_reader;
 
 struct checker {
     const config_file& file;
@@ -35,13 +37,6 @@ struct checker {
         found.push_back({line, level, key_name(key), what, allowed_text(key)});
     }
 };
-
-const config_key& key_of(const char* section, const char* keyword) {
-    const auto keys = config_keys();
-    return *std::find_if(keys.begin(), keys.end(), [&](const config_key& key) {
-        return std::strcmp(key.section, section) == 0 && std::strcmp(key.keyword, keyword) == 0;
-    });
-}
 
 // The line of a key's entry, 0 without one.
 int line_of(const config_file& file, const config_key& key) {
@@ -79,11 +74,13 @@ void check_section(checker& check, const std::string& section) {
                   "anywhere in the line");
 }
 
-void check_sections(checker& check) {
-    std::set<std::string> sections;
-    for (const config_key& key : config_keys())
-        if (sections.insert(key.section).second)
-            check_section(check, key.section);
+// Those of the table, each once.
+std::vector<std::string> sections() {
+    std::vector<std::string> all;
+    for (const config_key& key : agt::CONFIG_KEYS)
+        if (std::find(all.begin(), all.end(), key.section) == all.end())
+            all.push_back(key.section);
+    return all;
 }
 
 // Whether a line that the reader takes for something else was meant for the key.
@@ -96,16 +93,16 @@ bool is_meant_for(const std::string& line, const config_key& key) {
 }
 
 std::string missing_text(const config_key& key) {
-    return key.need == key_need::never   ? ", the daemon goes on with " + std::string(key.otherwise)
-           : key.need == key_need::start ? ", the daemon does not start without it"
-                                         : ", the worker watchdog does not run without it";
+    return key.may_be_absent() ? ", the daemon goes on with " + std::string(key.otherwise)
+           : key.reader == key_reader::watchdog ? ", the worker watchdog does not run without it"
+                                                : ", the daemon does not start without it";
 }
 
 // A key without an entry: one that may be absent is reported only when a line looks like it.
 void check_absent(checker& check, const config_key& key) {
     const int header = check.file.header_of(key.section);
     if (header < 0) {
-        if (key.need != key_need::never)
+        if (!key.may_be_absent())
             check.add(check.file.last_line(), severity::error, key,
                       std::string("missing: there is no section [") + key.section + "]" +
                           missing_text(key));
@@ -120,7 +117,7 @@ void check_absent(checker& check, const config_key& key) {
                     missing_text(key));
             return;
         }
-    if (key.need != key_need::never)
+    if (!key.may_be_absent())
         check.add(check.file.at(header).line, severity::error, key,
                   "missing in this section" + missing_text(key));
 }
@@ -137,17 +134,15 @@ void check_repeated(checker& check, const config_key& key, int entry) {
 // A word behind the one that counts, unless it starts a remark.
 void check_rest(checker& check, const config_key& key, int line) {
     const std::string next = check.file.word_of(key, key.word + 1);
-    if (!next.empty() && !next.starts_with('#') && key.word == 1 && key.kind != key_kind::addresses)
+    if (!next.empty() && !next.starts_with('#') && key.word == 1)
         check.add(line, severity::warning, key,
                   "'" + next + "' is not read, only the first word counts");
 }
 
 // What the daemon reads for a key: a word, or all of them.
 std::string value_of(const config_file& file, const config_key& key) {
-    std::string value = file.word_of(key, key.word);
-    for (int n = 2; key.kind == key_kind::addresses && !file.word_of(key, n).empty(); ++n)
-        value += "," + file.word_of(key, n);
-    return value;
+    return key.word == agt::ALL_WORDS ? agt::all_words_of(file.path().c_str(), key)
+                                      : file.word_of(key, key.word);
 }
 
 void check_key(checker& check, const config_key& key) {
@@ -157,8 +152,8 @@ void check_key(checker& check, const config_key& key) {
     const int line = check.file.at(entry).line;
     const std::string word = value_of(check.file, key);
     check_repeated(check, key, entry);
-    if (word.empty() && key.kind != key_kind::addresses) {
-        if (key.need != key_need::never)
+    if (word.empty() && key.word != agt::ALL_WORDS) {
+        if (!key.may_be_absent())
             check.add(line, severity::error, key,
                       "missing: the value has no word " + std::to_string(key.word) +
                           missing_text(key));
@@ -171,21 +166,23 @@ void check_key(checker& check, const config_key& key) {
 }
 
 bool watchdog_is_off(const config_file& file) {
-    const std::string word = file.word_of(key_of("KESSARD", "WORKER_CHECK_INTERVAL"), 1);
+    const std::string word = file.word_of(config_key_of("KESSARD", "WORKER_CHECK_INTERVAL"), 1);
     return !word.empty() && number_read(word) == 0;
 }
 
 void check_keys(checker& check) {
     const bool off = watchdog_is_off(check.file);
-    for (const config_key& key : config_keys())
-        if (!off || key.need != key_need::watchdog || check.file.entry_of(key) >= 0)
-            check_key(check, key);
+    for (const std::string& section : sections())
+        for (const config_key& key : agt::CONFIG_KEYS)
+            if (key.section == section &&
+                (!off || key.reader != key_reader::watchdog || check.file.entry_of(key) >= 0))
+                check_key(check, key);
 }
 
 // Keys of one kind that the daemon reads as the same number.
 void check_collisions(checker& check, key_kind kind) {
     std::map<int, const config_key*> first;
-    for (const config_key& key : config_keys()) {
+    for (const config_key& key : agt::CONFIG_KEYS) {
         const std::string word = key.kind == kind ? check.file.word_of(key, key.word) : "";
         if (word.empty())
             continue;
@@ -200,7 +197,7 @@ void check_collisions(checker& check, key_kind kind) {
 void check_objects(checker& check) {
     for (const agt::shared_object* object : agt::SHARED_OBJECTS) {
         const object_state now = find_object(check.file.path(), *object);
-        const config_key& key = key_of(object->section(), object->keyword);
+        const config_key& key = object->key();
         if (now.exists() && now.size != 0 && now.size != object->size)
             check.add(line_of(check.file, key), severity::warning, key,
                       "an object of that key exists with " + std::to_string(now.size) +
@@ -224,7 +221,7 @@ int try_port(const char* address, int port) {
 }
 
 void report_used_port(checker& check, int port) {
-    const config_key& key = key_of("TRAN_AGENT", "CMD_PORT");
+    const config_key& key = config_key_of("TRAN_AGENT", "CMD_PORT");
     const int line = line_of(check.file, key);
     const std::vector<pid_t> holders = listeners_of(port);
     const std::vector<pid_t> daemons = daemons_of(check.file.path());
@@ -242,8 +239,8 @@ void report_used_port(checker& check, int port) {
 }
 
 void check_port(checker& check) {
-    const config_key& key = key_of("TRAN_AGENT", "CMD_PORT");
-    const std::string address = check.file.word_of(key_of("TRAN_AGENT", "IP_ADDRESS"), 1);
+    const config_key& key = config_key_of("TRAN_AGENT", "CMD_PORT");
+    const std::string address = check.file.word_of(config_key_of("TRAN_AGENT", "IP_ADDRESS"), 1);
     const int port = number_read(check.file.word_of(key, 1));
     if (address.empty() || port < key.least || port > key.most)
         return;
@@ -257,14 +254,14 @@ void check_port(checker& check) {
 
 // The script runs only when that is switched on. One with shell characters is more than a path.
 void check_script(checker& check) {
-    const config_key& key = key_of("SERVICE_HASH", "DAILY_UPDATE_SCRIPT");
+    const config_key& key = config_key_of("SERVICE_HASH", "DAILY_UPDATE_SCRIPT");
     const std::string word = check.file.word_of(key, 1);
-    if (check.file.word_of(key_of("SERVICE_HASH", "DAILY_UPDATE_YN"), 1) != "Y")
+    if (check.file.word_of(config_key_of("SERVICE_HASH", "DAILY_UPDATE_YN"), 1) != "Y")
         return;
     const std::string path = full_path(word, check.home);
     if (word.empty())
-        check.add(line_of(check.file, key_of("SERVICE_HASH", "DAILY_UPDATE_YN")), severity::error,
-                  key, "missing, and the daily update is on");
+        check.add(line_of(check.file, config_key_of("SERVICE_HASH", "DAILY_UPDATE_YN")),
+                  severity::error, key, "missing, and the daily update is on");
     else if (word.find_first_of("$`'\"|&;<>()*?~") == word.npos && access(path.c_str(), X_OK) != 0)
         check.add(line_of(check.file, key), severity::error, key,
                   path + ": " + std::strerror(errno));
@@ -275,7 +272,8 @@ void check_script(checker& check) {
 std::vector<finding> check_config(const config_file& file, const std::string& home) {
     checker check{file, home, {}};
     check_lines(check);
-    check_sections(check);
+    for (const std::string& section : sections())
+        check_section(check, section);
     check_keys(check);
     check_collisions(check, key_kind::segment_key);
     check_collisions(check, key_kind::semaphore_key);

@@ -131,7 +131,7 @@ verdict check_names(const config_key& key, const std::string& word) {
         return {"an empty name ends the list in front of " + in_quotes(*lost)};
     all.erase(empty, all.end());
     for (const std::string& name : all)
-        if (name.size() > SKIPPED_NAME_MAX)
+        if (name.size() > agt::LENGTH_OF<agt::skipped_name_text>)
             return {in_quotes(name) + " is too long; it never matches a program"};
     return {static_cast<long>(all.size()) > key.most
                 ? std::to_string(all.size()) + " names are too many"
@@ -155,7 +155,7 @@ verdict check_path(const config_key& key, const std::string& word, const std::st
     if (static_cast<long>(path.size()) > key.most)
         return {in_quotes(path) + " is too long"};
     if (key.kind == key_kind::log_directory)
-        return {directory_fault(path + "/proc/kessard")};
+        return {directory_fault(path + agt::LOG_SUBDIRECTORY)};
     if (key.kind == key_kind::file)
         return {directory_fault(path.substr(0, path.rfind('/') + 1)), severity::warning};
     return {};

@@ -3,9 +3,12 @@
 
 #include <string>
 
-#include "config/config_keys.h"
+#include "config_keys.h"
 
 namespace kessctl {
+
+using agt::config_key;
+using agt::key_kind;
 
 enum class severity { note, warning, error };
 

@@ -5,9 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "config/config_keys.h"
+#include "config_keys.h"
 
 namespace kessctl {
+
+using agt::config_key;
+using agt::key_kind;
 
 struct cfg_piece {
     std::string text; // with its line end

@@ -12,9 +12,9 @@ std::string default_cfg_file() {
     return path == nullptr ? "" : path;
 }
 
-std::string cfg_value(const std::string& cfg_file, const char* section, const char* keyword) {
+std::string cfg_value(const std::string& cfg_file, const agt::config_key& key) {
     char word[agt::CFG_WORD_SIZE] = "";
-    agt::find_nth_token_in_file_section(cfg_file.c_str(), section, keyword, 1, word);
+    agt::find_nth_token_in_file_section(cfg_file.c_str(), key.section, key.keyword, key.word, word);
     return word;
 }
 

@@ -3,13 +3,14 @@
 
 #include <string>
 
+#include "config_keys.h"
+
 namespace kessctl {
 
 // The value of TRAN_AGT_CFG_FILE; empty without it.
 std::string default_cfg_file();
 
-// Word 1 of the value of a key, as the file has it now; empty when the file, the key or the word is
-// not there.
-std::string cfg_value(const std::string& cfg_file, const char* section, const char* keyword);
+// The word of a key, as the file has it now; empty when the file, the key or the word is not there.
+std::string cfg_value(const std::string& cfg_file, const agt::config_key& key);
 
 } // namespace kessctl

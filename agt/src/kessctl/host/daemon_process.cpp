@@ -32,8 +32,7 @@ std::set<unsigned> segment_keys(const std::string& cfg_file) {
     std::set<unsigned> keys;
     for (const agt::shared_object* object : agt::SHARED_OBJECTS)
         if (object->kind == agt::object_kind::segment)
-            keys.insert(static_cast<unsigned>(
-                object_key(cfg_value(cfg_file, object->section(), object->keyword))));
+            keys.insert(static_cast<unsigned>(object_key(cfg_value(cfg_file, object->key()))));
     keys.erase(IPC_PRIVATE);
     return keys;
 }
@@ -87,8 +86,9 @@ const candidate* choose(const std::vector<candidate>& candidates, bool listening
 
 daemon_state find_daemon(const std::string& cfg_file) {
     daemon_state state;
-    state.address = printable(cfg_value(cfg_file, "TRAN_AGENT", "IP_ADDRESS"));
-    state.port = std::atoi(cfg_value(cfg_file, "TRAN_AGENT", "CMD_PORT").c_str());
+    state.address = printable(cfg_value(cfg_file, agt::config_key_of("TRAN_AGENT", "IP_ADDRESS")));
+    state.port =
+        std::atoi(cfg_value(cfg_file, agt::config_key_of("TRAN_AGENT", "CMD_PORT")).c_str());
     state.listening = port_listens(state.address, state.port);
     const std::vector<candidate> candidates = list_candidates(cfg_file);
     const candidate* chosen = choose(candidates, state.listening);

@@ -45,7 +45,7 @@ key_t object_key(const std::string& text) {
 object_state find_object(const std::string& cfg_file, const agt::shared_object& object) {
     object_state state;
     state.object = &object;
-    state.key = cfg_value(cfg_file, object.section(), object.keyword);
+    state.key = cfg_value(cfg_file, object.key());
     const key_t key = object_key(state.key);
     if (state.key.empty())
         state.fault = "the configuration file '" + cfg_file + "' has no such key";
