@@ -9,23 +9,8 @@ int main(int argc, char** argv) {
     CLI::App app("Console of the kessard agent, and a stand-in for its central server.", "kessctl");
     exit_status status = EXIT_OK;
     app.require_subcommand(1);
-    add_serve(app, &status);
-    add_renew(app, &status);
-    add_set_config(app, &status);
-    add_set_resource(app, &status);
-    add_services(app, &status);
-    add_show(app, &status);
-    add_status(app, &status);
-    add_metrics(app, &status);
-    add_put_notification(app, &status);
-    add_put_trace(app, &status);
-    add_show_events(app, &status);
-    add_exec(app, &status);
-    add_put(app, &status);
-    add_get(app, &status);
-    add_check_config(app, &status);
-    add_doctor(app, &status);
-    add_clean(app, &status);
+    for (subcommand* const add : SUBCOMMANDS)
+        add(app, &status);
     app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage or no "
                "connection.");
     try {

@@ -5,24 +5,30 @@
 
 namespace kessctl {
 
-// Each adds its subcommand to `app`, which stores its outcome in *status when it was the one
-// chosen.
-void add_serve(CLI::App& app, exit_status* status);
-void add_renew(CLI::App& app, exit_status* status);
-void add_set_config(CLI::App& app, exit_status* status);
-void add_set_resource(CLI::App& app, exit_status* status);
-void add_services(CLI::App& app, exit_status* status);
-void add_show(CLI::App& app, exit_status* status);
-void add_status(CLI::App& app, exit_status* status);
-void add_metrics(CLI::App& app, exit_status* status);
-void add_put_notification(CLI::App& app, exit_status* status);
-void add_put_trace(CLI::App& app, exit_status* status);
-void add_show_events(CLI::App& app, exit_status* status);
-void add_exec(CLI::App& app, exit_status* status);
-void add_put(CLI::App& app, exit_status* status);
-void add_get(CLI::App& app, exit_status* status);
-void add_check_config(CLI::App& app, exit_status* status);
-void add_doctor(CLI::App& app, exit_status* status);
-void add_clean(CLI::App& app, exit_status* status);
+// Adds its subcommand to `app`, which stores its outcome in *status when it was the one chosen.
+using subcommand = void(CLI::App& app, exit_status* status);
+subcommand add_serve;
+subcommand add_renew;
+subcommand add_set_config;
+subcommand add_set_resource;
+subcommand add_services;
+subcommand add_show;
+subcommand add_status;
+subcommand add_metrics;
+subcommand add_put_notification;
+subcommand add_put_trace;
+subcommand add_show_events;
+subcommand add_exec;
+subcommand add_put;
+subcommand add_get;
+subcommand add_check_config;
+subcommand add_doctor;
+subcommand add_clean;
+
+// All of them, in the order of the help text.
+inline constexpr subcommand* SUBCOMMANDS[] = {
+    add_serve,  add_renew,   add_set_config,       add_set_resource, add_services,    add_show,
+    add_status, add_metrics, add_put_notification, add_put_trace,    add_show_events, add_exec,
+    add_put,    add_get,     add_check_config,     add_doctor,       add_clean};
 
 } // namespace kessctl
