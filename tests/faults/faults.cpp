@@ -1,6 +1,5 @@
-// A library to preload: wraps what the daemon calls of the C library (it sends with sendmsg alone,
-// waits for semaphores with semtimedop alone, and so on) and fails as the table in the file
-// KESSARD_FAULTS says. What the daemon starts is left alone.
+// A library to preload: wraps what the daemon calls of the C library and fails as the table in the
+// file KESSARD_FAULTS says. What the daemon starts is left alone.
 #include "faults.h"
 
 #include <dlfcn.h>

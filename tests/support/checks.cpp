@@ -1,10 +1,6 @@
 // What several tests look at.
 #include "checks.h"
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 namespace test_support {
 namespace {
 
@@ -53,8 +49,7 @@ testing::AssertionResult in_order(const agent& one, const texts& wanted) {
 }
 
 void start_running(agent& one, const texts& options) {
-    const char* const started =
-        "start... running : 1"; // said by the command loop and by two threads
+    const char* const started = "start... running : 1"; // the command loop and two threads say so
     const std::size_t before = one.count_log(started);
     one.start(options);
     ASSERT_TRUE(one.wait_log(started, before + 3));
@@ -75,8 +70,8 @@ std::string table_fault(const SVC_HASH_TBL& table) {
         return "the used stack differs from the chains";
     for (unsigned i = 0; i < table.available.top; ++i)
         ++stacked.at(table.available.idx[i]);
-    return stacked == std::vector<int>(SVC_HASH_SLOTS, 1) ? ""
-                                                          : "a slot is not in exactly one stack";
+    const bool once = stacked == std::vector<int>(SVC_HASH_SLOTS, 1);
+    return once ? "" : "a slot is not in exactly one stack";
 }
 
 std::string status_of(pid_t pid, const std::string& name) {
@@ -87,22 +82,25 @@ std::string status_of(pid_t pid, const std::string& name) {
     return {};
 }
 
+std::string host_name() {
+    char name[65] = "";
+    gethostname(name, sizeof name);
+    return name;
+}
+
 texts open_files(pid_t pid) {
     texts found;
     std::error_code error;
-    for (const auto& one :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error))
+    const std::string directory = "/proc/" + std::to_string(pid) + "/fd";
+    for (const auto& one : std::filesystem::directory_iterator(directory, error))
         found.push_back(std::filesystem::read_symlink(one.path(), error));
     return found;
 }
 
 texts children(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) +
-                       "/children");
-    texts found;
-    for (std::string child; file >> child;)
-        found.push_back(child);
-    return found;
+    const std::string id = std::to_string(pid);
+    std::ifstream file("/proc/" + id + "/task/" + id + "/children");
+    return {std::istream_iterator<std::string>(file), {}};
 }
 
 } // namespace test_support

@@ -1,12 +1,9 @@
-// What several tests look at: log lines without their time, the order of a service table, the state
-// of a process. And the headers of the system and of the library that most tests use.
+// What several tests look at, and the headers of the system and the library that most tests use.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -17,14 +14,11 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "agent_fixture.h"
 #include "field.h"
@@ -50,11 +44,41 @@ std::string table_fault(const SVC_HASH_TBL& table);
 // The value of a line of /proc/<pid>/status.
 std::string status_of(pid_t pid, const std::string& name);
 
+// The host's name.
+std::string host_name();
+
 // What each open descriptor of a process refers to.
 texts open_files(pid_t pid);
 
-// The ids of the children of a process's first thread; one that has ended counts until it is waited
-// for.
+// The ids of the children of a process's first thread, those not yet waited for among them.
 texts children(pid_t pid);
+
+// Makes a socket's close a reset.
+inline void reset_at_close(int sockfd) {
+    const linger at_once = {1, 0};
+    setsockopt(sockfd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+}
+
+// Runs `pass` after `prepare(now)` until both fall into one second, which it returns.
+template <class Prepare, class Pass> time_t within_one_second(Prepare prepare, Pass pass) {
+    time_t now = 0;
+    do {
+        now = time(nullptr);
+        prepare(now);
+        pass();
+    } while (time(nullptr) != now);
+    return now;
+}
+
+template <class T> std::string bytes_of(const T& record) {
+    return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+// A zeroed record; pages that nobody touches cost nothing.
+template <class T> struct zeroed : std::unique_ptr<T, void (*)(void*)> {
+    zeroed()
+        : std::unique_ptr<T, void (*)(void*)>(static_cast<T*>(std::calloc(1, sizeof(T))),
+                                              std::free) {}
+};
 
 } // namespace test_support

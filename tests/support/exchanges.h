@@ -24,8 +24,7 @@ class exchanges : public served_agent {
     bool remote_command();
     bool transfer(); // a file goes there and comes back
     bool notify();
-    bool reload(); // the table holds the server's services then, another number than before, and is
-                   // in order
+    bool reload(); // the table is in order then and holds the server's services, another number
     bool update(); // the script's services go up
     bool sweep();  // a traced process lives and dies
 
@@ -34,6 +33,7 @@ class exchanges : public served_agent {
     void empty_log() const;
 
   private:
+    template <class Attempt> bool repeat(Attempt attempt) { return wait_until(attempt, limit_ms); }
     int isalive(pid_t pid); // of a process's entry in the trace table, -1 without one
 
     int lists_ = 0;

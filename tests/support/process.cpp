@@ -16,6 +16,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 namespace test_support {
 namespace {
@@ -55,8 +56,7 @@ std::vector<proc_stat> processes_of(pid_t session) {
     return found;
 }
 
-// Becomes the program: in a session of its own, with an empty signal mask and every signal at its
-// default.
+// Becomes the program, in a session of its own, with an empty signal mask and default signals.
 [[noreturn]] void become(std::vector<char*> argv, const environment& variables, int out, int err) {
     setsid();
     sigset_t none;
@@ -79,19 +79,14 @@ agt::unique_fd make_capture() {
 }
 
 std::string captured(const agt::unique_fd& file) {
-    std::string text;
-    char piece[4096];
-    for (ssize_t got = 0;
-         (got = pread(file.get(), piece, sizeof piece, static_cast<off_t>(text.size()))) > 0;)
-        text.append(piece, static_cast<std::size_t>(got));
-    return text;
-}
-
-int exit_code(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return content("/proc/self/fd/" + std::to_string(file.get()));
 }
 
 } // namespace
+
+std::string content(const std::string& file) {
+    return (std::ostringstream() << std::ifstream(file, std::ios::binary).rdbuf()).str();
+}
 
 process::process(const std::vector<std::string>& argv, const environment& variables)
     : out_(make_capture()), err_(make_capture()) {
@@ -113,9 +108,8 @@ process::~process() {
     if (pid_ > 0 && getsid(pid_) != session_) { // just forked: the session is not there yet
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
-    } else if (pid_ > 0 &&
-               std::getenv("KESSARD_COVERAGE") != nullptr) { // a killed program leaves no counters
-        kill(pid_, SIGTERM);
+    } else if (pid_ > 0 && std::getenv("KESSARD_COVERAGE") != nullptr) {
+        kill(pid_, SIGTERM); // a killed program leaves no counters
         kill(pid_, SIGCONT);
         wait_exit();
     }
@@ -130,13 +124,6 @@ process::~process() {
     });
 }
 
-std::string process::out() const {
-    return captured(out_);
-}
-std::string process::err() const {
-    return captured(err_);
-}
-
 int process::wait_exit(int limit_ms) {
     int status = 0;
     if (pid_ <= 0)
@@ -148,7 +135,14 @@ int process::wait_exit(int limit_ms) {
         waitpid(pid_, &status, 0);
     }
     pid_ = -1;
-    return exit_code(status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string process::out() const {
+    return captured(out_);
+}
+std::string process::err() const {
+    return captured(err_);
 }
 
 bool process::follow_background() {

@@ -1,5 +1,4 @@
-// The manual pages and the shell completion against the programs and the table of configuration
-// keys.
+// The manual pages and the shell completion against the programs and the table of keys.
 #include <gtest/gtest.h>
 
 #include <regex>

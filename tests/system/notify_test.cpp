@@ -1,5 +1,4 @@
-// Active-service notifications through the real program: batches, the link going down and coming
-// back.
+// Active-service notifications through the real program: batches, the link, its going and coming.
 #include "check_network.h"
 #include "full_listener.h"
 #include "process_globals.h"
@@ -13,10 +12,7 @@ using namespace test_support;
 constexpr char NOTIFY = MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ;
 constexpr char LINK_UP[] = "(I) notify socket reconnect success";
 constexpr char BATCH_SENT[] = "sent 2 elements, noti_send_flag : 1";
-constexpr kessctl::answer_fault NONE = {};
 constexpr kessctl::answer_fault CLOSED = {.close_after_bytes = 0};
-constexpr kessctl::answer_fault RESET_BEHIND = {.close_after_bytes = TCP_CMD_MSG_SIZE,
-                                                .reset = true};
 
 ACTIVE_SERVICE_DETAIL make_record(int number) {
     ACTIVE_SERVICE_DETAIL record;
@@ -25,8 +21,7 @@ ACTIVE_SERVICE_DETAIL make_record(int number) {
     return record;
 }
 
-// The frame that carries `count` records from `first` on; `tail` is what the second element still
-// holds.
+// The frame that carries `count` records from `first` on; the second element may still hold `tail`.
 TCP_CMD_MSG notify_frame(int first, int count, int tail = 0) {
     TCP_CMD_MSG frame = kessctl::start_frame(NOTIFY);
     auto& body = frame.body.notify_active_service_detail_req;
@@ -35,11 +30,6 @@ TCP_CMD_MSG notify_frame(int first, int count, int tail = 0) {
     if (count == 2 || tail != 0)
         body.elements[1] = make_record(count == 2 ? first + 1 : tail);
     return frame;
-}
-
-void pass_time(long long ms) {
-    const long long from_ms = agt::monotonic_ms();
-    EXPECT_TRUE(wait_until([&] { return agt::monotonic_ms() - from_ms >= ms; }));
 }
 
 // An agent whose notify link is on.
@@ -52,8 +42,7 @@ class Notify : public served_agent {
         start_running(a);
         queue = a.noti_que();
     }
-    // Puts the records first..last on the queue with one store of `rear`, so that the notifier
-    // finds them together.
+    // Puts the records first..last on the queue in one step, so that the notifier finds them all.
     void put(int first, int last) const {
         int rear = queue->info.rear;
         for (int number = first; number <= last; ++number) {
@@ -84,8 +73,7 @@ TEST_F(Notify, SendsTwoTogetherAndALoneOneLater) {
     EXPECT_GE(agt::monotonic_ms() - start_ms, 1000);
     put(2, 3);
     expect_message(2, notify_frame(2, 2));
-    EXPECT_TRUE(
-        a.wait_log("(I) [notify_active_service_detail] sent 2 elements, noti_send_flag : 1"));
+    EXPECT_TRUE(a.wait_log(std::string("(I) [notify_active_service_detail] ") + BATCH_SENT));
     EXPECT_EQ(a.count_log("socket send : 2 elements, ACTIVE_SERVICE_DETAIL size 614 bytes"), 1u);
     pass_time(3100);
     start_ms = agt::monotonic_ms();
@@ -106,9 +94,8 @@ TEST_F(Notify, SendsTwoTogetherAndALoneOneLater) {
 
 TEST_F(Notify, ForwardsManyRecordsInTheirOrder) {
     ASSERT_NO_FATAL_FAILURE(start());
-    const program_result put =
-        a.console({"put-notification", "--count", "1001", "--service", "PAY", "--pid", "77"});
-    EXPECT_EQ(put.out + std::to_string(put.status), "1001 records put, 0 did not fit\n0");
+    EXPECT_EQ(a.run({"put-notification", "--count", "1001", "--service", "PAY", "--pid", "77"}),
+              "0\n1001 records put, 0 did not fit\n");
     ASSERT_TRUE(server.wait_for(NOTIFY, 501));
     int next = 1;
     for (const kessctl::received_message& message : server.messages())
@@ -126,10 +113,9 @@ TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
     set_fault(NOTIFY, CLOSED);
     put(1, 2);
     EXPECT_TRUE(a.wait_log(LINK_UP));
-    set_fault(NOTIFY, NONE);
+    set_fault(NOTIFY, {});
     put(3, 4); // the next batch starts empty
     expect_message(2, notify_frame(3, 2));
-    EXPECT_TRUE(a.wait_log("sent 2 elements, noti_send_flag : 1"));
     EXPECT_TRUE(in_order(
         a, {"<!> noti_sockfd, recv_tcp_data error. rlen : 0\n", "<!> network error\n",
             "<!> network error : send_flag off [1]\n", "<!> network error : socket close\n",
@@ -143,37 +129,32 @@ TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
                              "flush sent 1 elements, noti_send_flag : 0, flush_time("}));
 }
 
-class MuteServer : public Notify, public testing::WithParamInterface<int> {};
-
-TEST_P(MuteServer, IsGivenUpAfterTenSeconds) {
+TEST_F(Notify, GivesAMuteServerUpAfterTenSeconds) {
     ASSERT_NO_FATAL_FAILURE(start());
-    set_fault(NOTIFY, {.silent = true});
-    const long long start_ms = agt::monotonic_ms();
-    put(1, GetParam());
-    EXPECT_TRUE(a.wait_log(GetParam() == 1
-                               ? "<!> noti_sockfd, recv_tcp_data timeout error.(FLUSH)\n"
-                               : "<!> noti_sockfd, recv_tcp_data timeout error.\n"));
-    EXPECT_GE(agt::monotonic_ms() - start_ms, 9000);
-    EXPECT_TRUE(a.wait_log("sent " + std::to_string(GetParam()) + " elements, noti_send_flag : 0"));
-    EXPECT_TRUE(a.wait_log(LINK_UP));
-    set_fault(NOTIFY, NONE);
-    put(11, 12);
-    expect_message(2, notify_frame(11, 2));
+    for (const auto& [count, path] : {std::pair(1, "(FLUSH)"), {2, ""}}) {
+        a.mark_log();
+        server.forget_messages();
+        set_fault(NOTIFY, {.silent = true});
+        const long long start_ms = agt::monotonic_ms();
+        put(1, count);
+        EXPECT_TRUE(
+            in_order(a, {std::string("recv_tcp_data timeout error.") + path + "\n",
+                         std::to_string(count) + " elements, noti_send_flag : 0", LINK_UP}));
+        EXPECT_GE(agt::monotonic_ms() - start_ms, 9000);
+        set_fault(NOTIFY, {});
+        put(11, 12);
+        expect_message(2, notify_frame(11, 2));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Paths, MuteServer, testing::Values(1, 2), [](const auto& one) {
-    return std::string(one.param == 1 ? "flush" : "full");
-});
 
 TEST_F(Notify, DropsRecordsWhileTheServerIsDown) {
     server.stop();
     ASSERT_NO_FATAL_FAILURE(start());
     const std::string port = std::to_string(server.port());
     EXPECT_TRUE(
-        a.wait_log("<!> server notify(cmd) port connect fail[ip 127.0.0.1, port " + port + "]"));
-    EXPECT_TRUE(
         in_order(a, {"<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + port,
-                     "<!> network error\n", "<!> network error : send_flag off [0]\n"}));
+                     "<!> network error\n", "<!> network error : send_flag off [0]\n",
+                     "<!> server notify(cmd) port connect fail[ip 127.0.0.1, port " + port + "]"}));
     const long long start_ms = agt::monotonic_ms();
     put(1, 6);
     EXPECT_TRUE(wait_empty());
@@ -216,8 +197,7 @@ TEST_F(Notify, TakesAChangedServerFromTheFile) {
     const auto message = other.wait_for(NOTIFY);
     ASSERT_TRUE(message);
     EXPECT_EQ(kessctl::field_text(message->frame, "elements[0].call_seq"), "000003");
-    reconnect();
-    EXPECT_TRUE(renew()) << client.error(); // makes the agent fetch the service list
+    EXPECT_TRUE(answers(a, kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ)));
     EXPECT_TRUE(other.wait_for(MSG_GET_SERVICE_LIST_REQ));
 }
 
@@ -240,7 +220,7 @@ TEST_F(Notify, SurvivesIndexesOutOfRange) {
 
 TEST_F(Notify, LosesABatchThatCannotBeSent) {
     ASSERT_NO_FATAL_FAILURE(start());
-    set_fault(NOTIFY, RESET_BEHIND);
+    set_fault(NOTIFY, {.close_after_bytes = TCP_CMD_MSG_SIZE, .reset = true});
     put(1, 2);
     EXPECT_TRUE(a.wait_log(BATCH_SENT));
     a.mark_log();
@@ -270,8 +250,7 @@ TEST_F(Notify, EndsInTheMiddleOfAnAnswer) {
 }
 
 TEST_F(Notify, EndsWhileTheServerTakesNoConnection) {
-    full_listener full;
-    full.fill_up();
+    const full_listener full;
     ASSERT_NO_FATAL_FAILURE(start());
     a.set("TRAN_SERVER", "CMD_PORT", full.port());
     a.write_cfg();
@@ -283,27 +262,9 @@ TEST_F(Notify, EndsWhileTheServerTakesNoConnection) {
     expect_orderly_end();
 }
 
-// The link and the thread that stands alone, in this process.
-TEST_F(Notify, LinkLeaksNothingInAThousandReconnections) {
-    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
-    a.write_cfg();
-    setenv("TRAN_AGT_CFG_FILE", a.cfg_file().c_str(), 1);
-    std::size_t files = 0;
-    for (int i = 1; i <= 1000; ++i) {
-        ASSERT_EQ(kessard::try_connect(), 1);
-        kessard::network_on();
-        kessard::network_off();
-        kessard::close_noti_socket();
-        ASSERT_TRUE(server.wait_connections(i) && server.wait_open_connections(0));
-        EXPECT_TRUE(i == 1 || open_files(getpid()).size() == files);
-        files = open_files(getpid()).size();
-    }
-}
-
 // The consumer never pauses; the producer's first use of each page gives it time to come too early.
 TEST(NotifyQueue, ShowsARecordOnlyWhenItIsWhole) {
-    const std::unique_ptr<NOTI_SEND_QUE, decltype(&std::free)> queue(
-        static_cast<NOTI_SEND_QUE*>(std::calloc(1, sizeof(NOTI_SEND_QUE))), std::free);
+    const zeroed<NOTI_SEND_QUE> queue;
     constexpr int COUNT = NOTI_SEND_QUE_SLOTS - 1;
     std::thread producer([&] {
         const std::string record(sizeof(NOTI_SEND_QUE_DATA), 'r');
@@ -322,6 +283,7 @@ TEST(NotifyQueue, ShowsARecordOnlyWhenItIsWhole) {
     EXPECT_EQ(wrong, 0);
 }
 
+// In this process: a thread that the daemon does not start.
 TEST_F(Notify, LinkComesBackThroughItsOwnThread) {
     a.write_cfg(); // ACTIVE_LIMIT is 0
     setenv("TRAN_AGT_CFG_FILE", a.cfg_file().c_str(), 1);
@@ -329,8 +291,7 @@ TEST_F(Notify, LinkComesBackThroughItsOwnThread) {
     kessard::th_start_check_network();
     a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
     a.write_cfg();
-    EXPECT_TRUE(wait_until(
-        [] { return kessard::noti_send_flag == 1; })); // at once, or in its second attempt
+    EXPECT_TRUE(wait_until([] { return kessard::noti_send_flag == 1; })); // or in a second attempt
     EXPECT_TRUE(server.wait_connections(1));
     kessard::th_join_check_network();
     kessard::close_noti_socket();

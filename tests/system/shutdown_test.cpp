@@ -1,5 +1,4 @@
-// The end of the real program: in order and soon, whatever it is doing, and what it does to its
-// registry row.
+// The end of the real program: in order and soon whatever it does, and what becomes of its row.
 #include "full_listener.h"
 #include "served_agent.h"
 
@@ -15,6 +14,7 @@ constexpr char COMPLETE[] = "[ kessard ] end.. complete.";
 class Shutdown : public served_agent {
   protected:
     void mute(char type) { set_fault(type, {.silent = true}); }
+    int table_semaphore(int what) const { return semctl(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0, what); }
     // Ends the daemon; what else it logs depends on what it was doing.
     void expect_orderly_end(int signo = SIGTERM) {
         a.mark_log();
@@ -68,8 +68,7 @@ TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {
     EXPECT_TRUE(server.wait_for('4'));
     expect_orderly_end();
 
-    full_listener full; // accepts nobody
-    full.fill_up();
+    const full_listener full; // accepts nobody
     a.set("TRAN_SERVER", "CMD_PORT", full.port());
     a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "1000");
     a.mark_log();
@@ -79,14 +78,12 @@ TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {
 }
 
 TEST_F(Shutdown, DuringAStartThatWaitsForTheTable) {
-    const int semid =
-        semget(a.sem_key("SVC_HASH_TBL_SEMKEY"), 1, IPC_CREAT | 0666); // value 0: held
+    semget(a.sem_key("SVC_HASH_TBL_SEMKEY"), 1, IPC_CREAT | 0666); // value 0: held
     a.start();
-    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
+    EXPECT_TRUE(wait_until([&] { return table_semaphore(GETNCNT) == 1; }));
     expect_orderly_end();
-    EXPECT_EQ(semctl(semid, 0, GETVAL), 0);
-    EXPECT_EQ(shmget(a.shm_key("SVC_HASH_TBL_SHMKEY"), 0, 0),
-              -1); // the next start makes a table in order
+    EXPECT_EQ(table_semaphore(GETVAL), 0);
+    EXPECT_EQ(a.shm_id("SVC_HASH_TBL_SHMKEY"), -1); // the next start makes a table in order
 }
 
 TEST_F(Shutdown, DuringARetrieval) {
@@ -96,7 +93,7 @@ TEST_F(Shutdown, DuringARetrieval) {
     EXPECT_TRUE(renew() && server.wait_for('6', 2));
     expect_orderly_end();
     EXPECT_EQ(a.count_log("(I) completed join get_service_list.\n"), 1u);
-    EXPECT_EQ(semctl(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0, GETVAL), 1);
+    EXPECT_EQ(table_semaphore(GETVAL), 1);
 }
 
 TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
@@ -106,11 +103,10 @@ TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
     expect_orderly_end();
 
     start();
-    const int semid = a.sem_id("SVC_HASH_TBL_SEMKEY");
     sembuf take = {0, -1, SEM_UNDO};
-    ASSERT_EQ(semop(semid, &take, 1), 0);
+    ASSERT_EQ(semop(a.sem_id("SVC_HASH_TBL_SEMKEY"), &take, 1), 0);
     EXPECT_TRUE(client.send(start_frame('B')));
-    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
+    EXPECT_TRUE(wait_until([&] { return table_semaphore(GETNCNT) == 1; }));
     expect_orderly_end();
 }
 
@@ -140,38 +136,34 @@ TEST_F(Shutdown, TakesASignalWhileRequestsPourIn) {
 }
 
 TEST_F(Shutdown, MarksNoRowButItsOwn) {
-    const struct {
-        texts options;
-        int own_row; // the row that belongs to the daemon
-        std::string
-            mismatch; // what the log has in the place of the daemon's pid; empty: it marks its row
-    } cases[] = {{{}, 0, "no line"},
-                 {{"-i", "-1"}, 0, "no line"},
-                 {{"-i", "3"}, 3, ""},
-                 {{"-i", "67"}, 67, ""},
-                 {{"-i", "3"}, 4, "7003"},
-                 {{"-i", "68"}, 0, "-1"},
-                 {{"-i", "2147483647"}, 0, "-1"}};
+    // The options, the row that belongs to the daemon, and what the log has in the place of its
+    // pid; empty: it marks its row.
+    const std::tuple<texts, int, std::string> cases[] = {{{}, 0, "no line"},
+                                                         {{"-i", "-1"}, 0, "no line"},
+                                                         {{"-i", "3"}, 3, ""},
+                                                         {{"-i", "67"}, 67, ""},
+                                                         {{"-i", "3"}, 4, "7003"},
+                                                         {{"-i", "68"}, 0, "-1"},
+                                                         {{"-i", "2147483647"}, 0, "-1"}};
     mute('H'); // a report waits for its answer meanwhile
-    for (const auto& one : cases) {
+    for (const auto& [options, own_row, mismatch] : cases) {
         a.mark_log();
-        start(one.options);
+        start(options);
         const std::string pid = std::to_string(a.pid());
         PROCESS_INFO* rows = a.segment()->proc_info;
         PROCESS_INFO wanted[PROCESS_INFO_MAX];
         for (int i = 0; i < PROCESS_INFO_MAX; ++i) {
             std::memset(&rows[i], 'r', sizeof rows[i]);
-            rows[i].proc_pid = i == one.own_row ? a.pid() : 7000 + i;
+            rows[i].proc_pid = i == own_row ? a.pid() : 7000 + i;
         }
         std::memcpy(wanted, rows, sizeof wanted);
         std::string line = "(I) pid : " + pid + ",  cur_sts set PROCESS_DEACT... ok";
-        if (one.mismatch.empty())
-            wanted[one.own_row].cur_sts = 0;
+        if (mismatch.empty())
+            wanted[own_row].cur_sts = 0;
         else
-            line = one.mismatch == "no line"
-                       ? "(I) completed join health_check."
-                       : "<!> proc_info pid mismatch (" + one.mismatch + " <> " + pid +
-                             "), process_idx : " + one.options[1];
+            line = mismatch == "no line" ? "(I) completed join health_check."
+                                         : "<!> proc_info pid mismatch (" + mismatch + " <> " +
+                                               pid + "), process_idx : " + options[1];
         expect_orderly_end();
         EXPECT_EQ(std::memcmp(rows, wanted, sizeof wanted), 0);
         EXPECT_EQ(messages(a.log()).end()[-2], line);
