@@ -82,6 +82,11 @@ std::string status_of(pid_t pid, const std::string& name) {
     return {};
 }
 
+std::string local_text(const char* format, std::time_t when) {
+    char text[128];
+    return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
+}
+
 std::string host_name() {
     char name[65] = "";
     gethostname(name, sizeof name);

@@ -44,6 +44,9 @@ std::string table_fault(const SVC_HASH_TBL& table);
 // The value of a line of /proc/<pid>/status.
 std::string status_of(pid_t pid, const std::string& name);
 
+// A local time in the words of strftime().
+std::string local_text(const char* format, std::time_t when);
+
 // The host's name.
 std::string host_name();
 

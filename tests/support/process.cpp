@@ -21,38 +21,12 @@
 namespace test_support {
 namespace {
 
-struct proc_stat {
-    pid_t pid = -1;
-    char state = '?';
-    pid_t parent = -1;
-    pid_t session = -1;
-};
-
-proc_stat read_stat(const std::string& pid) {
-    std::ifstream file("/proc/" + pid + "/stat");
-    std::string line;
-    std::getline(file, line);
-    proc_stat stat;
-    const std::size_t name_end = line.rfind(')');
-    pid_t group = -1;
-    if (name_end != std::string::npos &&
-        std::sscanf(line.c_str() + name_end + 1, " %c %d %d %d", &stat.state, &stat.parent, &group,
-                    &stat.session) == 4)
-        stat.pid = std::stoi(pid);
-    return stat;
-}
-
-std::vector<proc_stat> processes_of(pid_t session) {
-    std::vector<proc_stat> found;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        const proc_stat stat = read_stat(name);
-        if (stat.pid > 0 && stat.session == session)
-            found.push_back(stat);
-    }
+std::vector<pid_t> processes_of(pid_t session) {
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc"))
+        if (const pid_t pid = std::atoi(entry.path().filename().c_str());
+            pid > 0 && getsid(pid) == session)
+            found.push_back(pid);
     return found;
 }
 
@@ -114,11 +88,10 @@ process::~process() {
         wait_exit();
     }
     wait_until([this] {
-        const std::vector<proc_stat> left = processes_of(session_);
-        for (const proc_stat& one : left) {
-            kill(one.pid, SIGKILL);
-            if (one.parent == getpid())
-                waitpid(one.pid, nullptr, WNOHANG);
+        const std::vector<pid_t> left = processes_of(session_);
+        for (const pid_t pid : left) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, WNOHANG); // fails when it is another's child
         }
         return left.empty();
     });
@@ -146,17 +119,16 @@ std::string process::err() const {
 }
 
 bool process::follow_background() {
-    for (const proc_stat& one : processes_of(session_))
-        if (one.parent == getpid())
-            pid_ = one.pid;
+    siginfo_t info;
+    for (const pid_t pid : processes_of(session_))
+        if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0)
+            pid_ = pid; // a child of this process
     return pid_ > 0;
 }
 
 std::vector<pid_t> process::running() const {
-    std::vector<pid_t> found;
-    for (const proc_stat& one : processes_of(session_))
-        if (one.state != 'Z')
-            found.push_back(one.pid);
+    std::vector<pid_t> found = processes_of(session_);
+    std::erase_if(found, [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == pid; });
     return found;
 }
 

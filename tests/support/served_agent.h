@@ -13,6 +13,9 @@ namespace test_support {
 // Of a retrieval.
 inline constexpr char THREAD_END[] = "### get_service_list() ### thread function END...";
 
+inline constexpr char COMPLETE[] = "[ kessard ] end.. complete.";
+inline constexpr int END_LIMIT_MS = 8000;
+
 // So many services: SERVICE0, SERVICE1, ...
 inline std::vector<SERVICE_ELEMENT> services(int count) {
     std::vector<SERVICE_ELEMENT> made;
@@ -51,6 +54,13 @@ class served_agent : public testing::Test {
     void reconnect() { ASSERT_TRUE(client.connect("127.0.0.1", a.port())) << client.error(); }
     bool ask(const TCP_CMD_MSG& request) { return client.request(request, &answer); }
     bool renew() { return ask(kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ)); }
+    // Ends the agent, which must succeed in order and soon.
+    void expect_end(int signo = SIGTERM) {
+        a.signal(signo);
+        EXPECT_EQ(a.wait_exit(END_LIMIT_MS), 0);
+        EXPECT_EQ(messages(a.log()).back(), COMPLETE);
+        EXPECT_EQ(a.count_log("<!> cannot"), 0u);
+    }
     // What goes wrong with the answers to a type of message, from now on.
     void set_fault(char type, const kessctl::answer_fault& fault) {
         server.change([&](auto& options) { options.faults[type] = fault; });

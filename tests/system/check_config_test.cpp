@@ -1,5 +1,6 @@
 // kessctl check-config, doctor and clean, with the real daemon as the judge of what they say.
 #include "checks.h"
+#include "sem.h"
 
 namespace {
 
@@ -122,15 +123,15 @@ TEST_F(Console, CallsFineWhatTheDaemonStartsWith) {
     start_running(daemon);
     const std::string port = "TRAN_AGENT/CMD_PORT: port " + std::to_string(daemon.port());
     const std::string holder = std::to_string(daemon.pid()) + " (kessard)";
+    const std::string held = " is held by the running agent of this configuration, " + holder;
     EXPECT_TRUE(in_order(run({"check-config", "--strict"}),
-                         {"0\n", "note: " + port + " is held by the running agent of this " +
-                                     "configuration, " + holder + "\n" + clean}));
+                         {"0\n", "note: " + port + held + "\n" + clean}));
     agent other;
     other.set("TRAN_AGENT", "CMD_PORT", daemon.port());
     other.write_cfg();
     EXPECT_TRUE(in_order(run({"check-config", "--strict", other.cfg_file()}),
-                         {"1\n", "warning: " + port + " is in use by " + holder +
-                                     "; an agent with another configuration may be"}));
+                         {"1\n", "warning: " + port + " is in use by " + holder,
+                          "; an agent with another configuration may be"}));
 }
 
 TEST_F(Console, DoctorFindsWhatADeadDaemonLeftAndCleanRemovesIt) {
@@ -145,10 +146,8 @@ TEST_F(Console, DoctorFindsWhatADeadDaemonLeftAndCleanRemovesIt) {
     EXPECT_EQ(daemon.wait_exit(), 128 + SIGKILL);
 
     const pid_t holder = fork();
-    if (holder == 0) {
-        sembuf take = {0, -1, 0}; // without undo
-        _exit(semop(daemon.sem_id("PTRC_HASH_TBL_SEMKEY"), &take, 1));
-    }
+    if (holder == 0) // ends with it: without undo
+        _exit(agt::sem_lock(daemon.sem_id("PTRC_HASH_TBL_SEMKEY"), 0, 0));
     waitpid(holder, nullptr, 0);
     const void* attached = shmat(daemon.shm_id("TRAN_AGT_SHMKEY"), nullptr, SHM_RDONLY);
     const std::string ill = run({"doctor", "--config", daemon.cfg_file()});
@@ -175,8 +174,7 @@ TEST_F(Console, DoctorNamesWhatIsWrongWithARunningAgent) {
     ASSERT_TRUE(daemon.wait_log("=== [CHECK_WORKER]") &&
                 daemon.wait_log("clients 0/5 , total_logs 0, curr_logs 0"));
     ASSERT_EQ(semctl(daemon.sem_id("SVC_HASH_TBL_SEMKEY"), 0, SETVAL, 2), 0);
-    sembuf take = {0, -1, SEM_UNDO};
-    ASSERT_EQ(semop(daemon.sem_id("JCACHE_HASH_TBL_SEMKEY"), &take, 1), 0);
+    const agt::sem_hold hold(daemon.sem_id("JCACHE_HASH_TBL_SEMKEY"), 0);
     for (const char* gone : {"NOTI_SEND_QUE_SHMKEY", "TRAN_AGT_SHMKEY"})
         shmctl(daemon.shm_id(gone), IPC_RMID, nullptr);
     daemon.create_shm("TRAN_AGT_SHMKEY", 10); // removed with the agent's other objects
@@ -189,8 +187,6 @@ TEST_F(Console, DoctorNamesWhatIsWrongWithARunningAgent) {
                "uses another segment than the one of key ",
                "log: " + daemon.path("logs/proc/kessard") + ": No such file or directory",
                "\nfindings: 7\n"});
-    take.sem_op = 1;
-    EXPECT_EQ(semop(daemon.sem_id("JCACHE_HASH_TBL_SEMKEY"), &take, 1), 0);
 }
 
 } // namespace

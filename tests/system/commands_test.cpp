@@ -34,50 +34,32 @@ class Commands : public served_agent {
 };
 
 TEST_F(Commands, SetTheRuntimeSettings) {
-    // dbio_trc_limit has a '1' in front of the limit, sql_trc_limit a '2'.
-    const std::tuple<std::string, const char*, const char*, const char*, const char*, std::string,
-                     TRAN_LOGF_QUE_INFO>
-        cases[] = {
-            {"SEVBCIXQ",
-             "16",
-             "1",
-             "1",
-             "5",
-             "100",
-             {16, 15, 0xAAAAAAAA, 0xff, {}, 5, 100, 1100, 2100, 1, 0, 0, {}}},
-            {"sevb SQ",
-             "3",
-             "0",
-             "0",
-             "-1",
-             "-7",
-             {16, 15, 0, 0x81, {}, -1, -7, 1, 2, 0, 0, 0, {}}},
-            {"", "1", "2", "9", "00042", " 8 ", {1, 0, 2, 0, {}, 42, 8, 1, 2, 9, 0, 0, {}}},
-            {"Q",
-             "08",
-             "x",
-             "y",
-             "9",
-             "9999999999",
-             {8, 7, 0, 128, {}, 9, 9999999999, 1999999999, 2999999999, 0, 0, 0, {}}},
-            {"S,S", "2x", "-", "-", "", "", {2, 1, 0, 0x01, {}, 0, 0, 1, 2, 0, 0, 0, {}}},
-            {"", "17", "1", "1", "1", "1", {2, 1, 0xAAAAAAAA, 0, {}, 1, 1, 11, 21, 1, 0, 0, {}}},
-            {"", "-8", "1", "1", "1", "1", {2, 1, 0xAAAAAAAA, 0, {}, 1, 1, 11, 21, 1, 0, 0, {}}}};
-    for (const auto& [flags, qcnt, onoff, filter, depth, limit, wanted] : cases)
+    // DBIO_TRC_LIMIT has a '1' in front of CALL_TRC_LIMIT, SQL_TRC_LIMIT a '2'.
+    const std::pair<texts, TRAN_LOGF_QUE_INFO> cases[] = {
+        {{"SEVBCIXQ", "16", "1", "1", "5", "100"},
+         {16, 15, 0xAAAAAAAA, 0xff, {}, 5, 100, 1100, 2100, 1, 0, 0, {}}},
+        {{"sevb SQ", "3", "0", "0", "-1", "-7"}, {16, 15, 0, 0x81, {}, -1, -7, 1, 2, 0, 0, 0, {}}},
+        {{"", "1", "2", "9", "00042", " 8 "}, {1, 0, 2, 0, {}, 42, 8, 1, 2, 9, 0, 0, {}}},
+        {{"Q", "08", "x", "y", "9", "9999999999"},
+         {8, 7, 0, 128, {}, 9, 9999999999, 1999999999, 2999999999, 0, 0, 0, {}}},
+        {{"S,S", "2x", "-", "-", "", ""}, {2, 1, 0, 0x01, {}, 0, 0, 1, 2, 0, 0, 0, {}}},
+        {{"", "17", "1", "1", "1", "1"}, {2, 1, 0xAAAAAAAA, 0, {}, 1, 1, 11, 21, 1, 0, 0, {}}},
+        {{"", "-8", "1", "1", "1", "1"}, {2, 1, 0xAAAAAAAA, 0, {}, 1, 1, 11, 21, 1, 0, 0, {}}}};
+    for (const auto& [fields, wanted] : cases)
         for (const char pad : {' ', ','}) { // stands in the last byte of every field
-            SCOPED_TRACE(flags + "/" + qcnt + pad);
+            SCOPED_TRACE(testing::PrintToString(fields) + pad);
             TCP_CMD_MSG request = start_frame('7');
             request.hdr.msg_type[1] = 'x';
             auto& body = request.body.set_sys_config_set_req;
             fill(body.ipaddr, "10.0.0.1", pad);
-            fill(body.log_flag_set, flags, pad);
-            fill(body.log_qcnt, qcnt, pad);
-            fill(body.log_onoff, onoff, pad);
-            fill(body.sfilter_onoff, filter, pad);
-            fill(body.call_trc_depth, depth, pad);
-            fill(body.call_trc_limit, limit, pad);
-            fill(body.dbio_trc_limit, "1" + limit, pad);
-            fill(body.sql_trc_limit, "2" + limit, pad);
+            fill(body.log_flag_set, fields[0], pad);
+            fill(body.log_qcnt, fields[1], pad);
+            fill(body.log_onoff, fields[2], pad);
+            fill(body.sfilter_onoff, fields[3], pad);
+            fill(body.call_trc_depth, fields[4], pad);
+            fill(body.call_trc_limit, fields[5], pad);
+            fill(body.dbio_trc_limit, "1" + fields[5], pad);
+            fill(body.sql_trc_limit, "2" + fields[5], pad);
             expect_answer(request, '8', "0");
             EXPECT_EQ(std::memcmp(a.settings(), &wanted, sizeof wanted), 0);
         }
@@ -159,8 +141,8 @@ TEST_F(Commands, ChangeServices) {
         std::vector<SERVICE_ELEMENT> before = services(8);
         std::vector<SERVICE_ELEMENT> sent = before;
         for (std::size_t i = 0; i < 8; ++i) {
-            before[i].update_mode[0] =
-                known.find(static_cast<char>('1' + i)) == known.npos ? 'D' : 'A';
+            const char number = static_cast<char>('1' + i);
+            before[i].update_mode[0] = known.find(number) == known.npos ? 'D' : 'A';
             sent[i].update_mode[0] = modes[i];
         }
         EXPECT_TRUE(ask(kessctl::modified_services_frame(before.data(), before.size())));
@@ -180,9 +162,9 @@ TEST_F(Commands, ChangeServices) {
     expect_answer(request, 'C', NONE_WRONG + "001");
     expect_answer(request, 'C', NONE_WRONG + "000"); // a mode that does not change what is there
     const SVC_HASH_ARR& param = a.services()->h_arr[a.services()->used.idx[3]].param;
-    EXPECT_EQ(std::string(param.host_name) + param.server_id + param.service_id,
-              std::string(64 + 15 + 16, '5'));
     const std::string id(16, '5');
+    EXPECT_EQ(param.host_name + (param.server_id + id), std::string(64 + 15 + 16, '5'));
+    EXPECT_EQ(param.service_id, id);
     EXPECT_TRUE(in_order(
         a, {"(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]\n", "(I) SERVICE_ID : " + id + "\n",
             "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]\n", "(i) -> RESULT_CODE - '0'\n",
@@ -192,8 +174,7 @@ TEST_F(Commands, ChangeServices) {
 TEST_F(Commands, AreRefusedWhenTheyBreakTheProtocol) {
     a.mark_log();
     for (const char type : std::string("0134568 9ACEFGHIz\0\1\xff", 20)) {
-        EXPECT_TRUE(client.send(start_frame(type)) && client.wait_closed())
-            << type << client.error();
+        EXPECT_TRUE(client.send(start_frame(type)) && client.wait_closed()) << client.error();
         const std::string name = type > ' ' ? std::string(1, type) + "')\n" : "";
         EXPECT_TRUE(a.wait_log("<!> error! unknown command type('" + name));
         reconnect();

@@ -83,9 +83,8 @@ TEST_F(FileTransfer, RefusesAnUploadThatCannotBe) {
 
     ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600) + mkfifo(path("nobody").c_str(), 0600), 0);
     const agt::unique_fd reader(open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK));
-    expect_refusal("0002R" + ext_items({"/dev", "null", "5", "420"}), "can't open file |/dev/null|",
-                   ACCEPTED);
-    for (const std::string& name : {"fifo"s, "nobody"s, ""s, std::string(256, 'n'), "none/x"s})
+    for (const std::string& name :
+         {"fifo"s, "nobody"s, ""s, std::string(256, 'n'), "none/x"s, "../../dev/null"s})
         expect_refusal("0002R" + ext_items({dir, name, "5", "420"}),
                        "can't open file |" + path(name) + "|", ACCEPTED);
 }
@@ -145,10 +144,8 @@ TEST_F(FileTransfer, SendsFilesExactly) {
                       number + "ok    send file=|" + files[i] + "|, size=|" + size + "|\n"});
     }
     EXPECT_TRUE(in_order(a, lines));
-    EXPECT_TRUE(wait_until([&] {
-        return a.out().find("read_len = 5\nread_len = 0\nread_len = 1500000\n") !=
-               std::string::npos;
-    }));
+    EXPECT_TRUE(wait_until(
+        [&] { return in_order(a.out(), {"read_len = 5\nread_len = 0\nread_len = 1500000\n"}); }));
 }
 
 TEST_F(FileTransfer, RefusesADownloadOfWhatIsNoRegularFile) {
@@ -250,16 +247,6 @@ TEST(ConsoleGet, WritesInItsDirectoryOnly) {
     EXPECT_EQ(std::distance(begin(found), end(found)), 4); // side/good
     EXPECT_EQ(content(inside + "/good"), "abc");
     EXPECT_EQ(permission(inside + "/good"), 0755U) << "no more than the permission bits";
-}
-
-TEST_F(FileTransfer, TellsTheLogWhenTheAnswerFindsNobody) {
-    ext_peer peer(a);
-    a.signal(SIGSTOP); // the request and the reset are there when it goes on
-    peer.ask("0002R" + dir);
-    reset_at_close(peer.client.fd());
-    peer.client.close();
-    a.signal(SIGCONT);
-    EXPECT_TRUE(a.wait_log("<!> send_tcp_data for response\n"));
 }
 
 } // namespace

@@ -69,9 +69,8 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
         EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 1u);
         EXPECT_FALSE(std::filesystem::exists(a.path("svc_update")));
     }
-    const auto last = server.wait_for(UPDATE, 3);
-    ASSERT_TRUE(last);
-    EXPECT_EQ(kessctl::field_text(last->frame, "elements[0].service_id"), "SVC31");
+    const TCP_CMD_MSG last = server.wait_for(UPDATE, 3).value().frame;
+    EXPECT_EQ(kessctl::field_text(last, "elements[0].service_id"), "SVC31");
     EXPECT_TRUE(in_order(
         a.log(), {STARTED, "###(I) call thread-function(cmd_service_list)...",
                   "###(I) service block-elements(max 15).",
@@ -98,24 +97,20 @@ TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
     write_script("cat " + a.path("list"));
     start();
     upload();
-    const auto message = server.wait_for(UPDATE);
-    ASSERT_TRUE(message);
+    const TCP_CMD_MSG got = server.wait_for(UPDATE).value().frame;
     TCP_CMD_MSG wanted = kessctl::start_frame(UPDATE);
     auto& body = wanted.body.update_service_list_req;
     body.result_code[0] = '3';
     std::memcpy(body.element_num, "006", 4);
-    const std::pair<const char*, const char*> services[] = {{"first", "1"},
-                                                            {"tabs", "22"},
-                                                            {"a_service_id_bey", "1234567890"},
-                                                            {"xxxxxxxxxxxxxxxx", "9"},
-                                                            {"late", "5"},
-                                                            {"unended", "7"}};
-    for (std::size_t i = 0; i < 6; ++i) {
+    const char* const ids[] = {"first", "tabs",   "a_service_id_bey", "xxxxxxxxxxxxxxxx",
+                               "late",  "unended"};
+    const char* const limits[] = {"1", "22", "1234567890", "9", "5", "7"};
+    for (std::size_t i = 0; i < std::size(ids); ++i) {
         std::strcpy(body.elements[i].host_name, host_name().c_str());
-        std::strcpy(body.elements[i].service_id, services[i].first);
-        std::strcpy(body.elements[i].limit, services[i].second);
+        std::strcpy(body.elements[i].service_id, ids[i]);
+        std::strcpy(body.elements[i].limit, limits[i]);
     }
-    EXPECT_EQ(std::memcmp(&message->frame, &wanted, sizeof wanted), 0);
+    EXPECT_EQ(std::memcmp(&got, &wanted, sizeof wanted), 0);
     const std::string skipped = "<!> SKIP.. DATA -> fail get service, format string : ";
     EXPECT_EQ(a.count_log(skipped), 4u);
     EXPECT_TRUE(

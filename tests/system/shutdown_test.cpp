@@ -1,5 +1,6 @@
 // The end of the real program: in order and soon whatever it does, and what becomes of its row.
 #include "full_listener.h"
+#include "sem.h"
 #include "served_agent.h"
 
 namespace {
@@ -7,9 +8,7 @@ namespace {
 using namespace test_support;
 using kessctl::start_frame;
 
-constexpr int END_LIMIT_MS = 8000;
 constexpr char CLEAR[] = "[ kessard ] end.. resource clear.";
-constexpr char COMPLETE[] = "[ kessard ] end.. complete.";
 
 class Shutdown : public served_agent {
   protected:
@@ -18,13 +17,10 @@ class Shutdown : public served_agent {
     // Ends the daemon; what else it logs depends on what it was doing.
     void expect_orderly_end(int signo = SIGTERM) {
         a.mark_log();
-        a.signal(signo);
-        EXPECT_EQ(a.wait_exit(END_LIMIT_MS), 0);
         const std::string name = signo == SIGINT ? "SIGINT" : "SIGTERM";
+        expect_end(signo);
         EXPECT_TRUE(in_order(a, {">> received " + name + " signal to terminate!\n",
                                  "<!> termination start\n", CLEAR, COMPLETE}));
-        EXPECT_EQ(messages(a.log()).back(), COMPLETE);
-        EXPECT_EQ(a.count_log("cannot"), 0u);
         EXPECT_TRUE(a.running().empty());
     }
 };
@@ -103,36 +99,10 @@ TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
     expect_orderly_end();
 
     start();
-    sembuf take = {0, -1, SEM_UNDO};
-    ASSERT_EQ(semop(a.sem_id("SVC_HASH_TBL_SEMKEY"), &take, 1), 0);
+    const agt::sem_hold hold(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0);
     EXPECT_TRUE(client.send(start_frame('B')));
     EXPECT_TRUE(wait_until([&] { return table_semaphore(GETNCNT) == 1; }));
     expect_orderly_end();
-}
-
-TEST_F(Shutdown, TakesASignalWhileRequestsPourIn) {
-    start();
-    std::atomic<bool> over{false};
-    std::thread flood([&] {
-        kessctl::command_client clients[4]; // one of them always has a request there
-        std::size_t left[4] = {};           // bytes of answers to come
-        const std::vector<SERVICE_ELEMENT> some = services(8);
-        const std::vector<TCP_CMD_MSG> requests(32,
-                                                kessctl::modified_services_frame(some.data(), 8));
-        char taken[32 * TCP_CMD_MSG_SIZE];
-        for (auto& one : clients)
-            EXPECT_TRUE(one.connect("127.0.0.1", a.port()));
-        for (std::size_t i = 0; !over; i = (i + 1) % 4) {
-            const ssize_t got = recv(clients[i].fd(), taken, sizeof taken, MSG_DONTWAIT);
-            left[i] -= got > 0 ? static_cast<std::size_t>(got) : 0;
-            if (left[i] < sizeof taken && clients[i].send_bytes(requests.data(), sizeof taken))
-                left[i] += sizeof taken;
-        }
-    });
-    EXPECT_TRUE(a.wait_log("(i) -> RESULT_CODE", 500));
-    expect_orderly_end();
-    over = true;
-    flood.join();
 }
 
 TEST_F(Shutdown, MarksNoRowButItsOwn) {

@@ -221,11 +221,6 @@ TEST_F(Startup, TakesOptionalAndOddValues) {
                                   ">> Update DAILY_UPDATE_HHMI(4DIGIT) : 2359\n",
                                   ">> Update DAILY_UPDATE_SCRIPT : /bin/true\n"}));
     EXPECT_EQ(daemon.stop(), 0);
-
-    daemon.set("COMMON", "LOG_HOME", "no/such/directory"); // the lines are dropped
-    daemon.start();
-    EXPECT_TRUE(wait_until([&] { return answers(daemon); }));
-    EXPECT_EQ(daemon.stop(), 0);
 }
 
 TEST_F(Startup, PrintsUsageAndVersion) {

@@ -31,8 +31,8 @@ class Status : public testing::Test {
     }
     void expect_problem(const std::string& reason, int wanted_status = 1) const {
         const program_result done = console({"status"});
-        EXPECT_TRUE(done.status == wanted_status && in_order(done.out, {reason}))
-            << done.status << ", " << done.out;
+        EXPECT_EQ(done.status, wanted_status);
+        EXPECT_TRUE(in_order(done.out, {reason})) << done.out;
     }
     void add_process(const char* name, pid_t pid, char state, char wanted) {
         PROCESS_INFO& row = daemon.segment()->proc_info[daemon.segment()->proc_num++];

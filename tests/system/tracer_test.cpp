@@ -87,16 +87,14 @@ TEST(TracerExample, ReportsToTheServerWhileTracingIsOn) {
     a.set("TRAN_SERVER", "CMD_PORT", server.port());
     a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 3000);
     EXPECT_EQ(run_tracer(a), 1); // no shared memory yet
-    ASSERT_NO_FATAL_FAILURE(start_running(a));
-    ASSERT_NE(a.settings(), nullptr);
+    start_running(a);
     EXPECT_EQ(run_tracer(a), 2);
     EXPECT_EQ(a.noti_que()->info.rear, 0);
 
     a.settings()->magic_code = TRACE_ON_MAGIC_CODE;
     EXPECT_EQ(run_tracer(a), 0);
-    const auto message = server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ);
-    ASSERT_TRUE(message);
-    const auto& body = message->frame.body.notify_active_service_detail_req;
+    const auto message = server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ).value();
+    const auto& body = message.frame.body.notify_active_service_detail_req;
     EXPECT_STREQ(body.element_num, "001");
     EXPECT_STREQ(body.elements[0].service_id, "TRACED          ");
     EXPECT_STREQ(body.elements[0].svc_elapsed_time, "0004321");

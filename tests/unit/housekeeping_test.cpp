@@ -120,10 +120,10 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
                   own ? getpid() : DEAD_PID + i % 5);
     }
     check_ptrc_hash_tbl();
-    for (unsigned i = 0; i < table->used.top; ++i)
-        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive,
-                  i >= 1000 && (i - 1000) % 3 == 0 ? 1 : 0)
-            << i;
+    for (unsigned i = 0; i < table->used.top; ++i) {
+        const int wanted = i >= 1000 && (i - 1000) % 3 == 0 ? 1 : 0;
+        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, wanted) << i;
+    }
 }
 
 TEST_F(Housekeeping, TakesAFullTableAndSwitchesTracingOffForACorruptOne) {
@@ -163,9 +163,8 @@ TEST_F(Housekeeping, PrintsEveryPrintTimePasses) {
 }
 
 TEST_F(Housekeeping, PrintsAndSweepsInTheirPeriods) {
-    const std::pair<int, std::size_t> times_in_seven_passes[] = {{3, 2}, {1, 7}, {7, 1},
-                                                                 {8, 0}, {0, 0}, {-3, 0}};
-    for (const auto& [period, times] : times_in_seven_passes) {
+    const std::pair<int, std::size_t> cases[] = {{3, 2}, {1, 7}, {7, 1}, {8, 0}, {0, 0}, {-3, 0}};
+    for (const auto& [period, times] : cases) { // in seven passes
         trc_sts_check_period = print_time = period;
         start_st_log_passes();
         run_passes(7);
@@ -210,10 +209,8 @@ TEST_F(Housekeeping, AnnouncesAForcedUpdateOncePerFileAndTheDailyOneOncePerDate)
         set_daily_time(never);
         EXPECT_EQ(run_passes(2), texts()) << never;
     }
-    char hhmi[8];
-    const std::time_t now = std::time(nullptr);
-    std::strftime(hhmi, sizeof hhmi, "%H%M", std::localtime(&now));
-    set_daily_time(hhmi); // a restart forgets the day
+    const std::string hhmi = local_text("%H%M", std::time(nullptr));
+    set_daily_time(hhmi.c_str()); // a restart forgets the day
     EXPECT_EQ(run_passes(2), texts{line + hhmi + ")"});
 }
 

@@ -184,23 +184,16 @@ TEST(ReadCfg, FindsTheWordOrSaysWhyNot) {
         EXPECT_EQ(ret, said.empty() ? 1 : -1) << keyword;
         EXPECT_EQ(word, said.empty() ? wanted : "untouched");
     }
-}
-
-// Callers tell an absent key from an unreadable file by errno.
-TEST(ReadCfg, LeavesErrnoAloneWhenItCannotComplain) {
-    agent directory;
-    directory.write_file("cfg", CFG);
+    // When it cannot complain errno stays: callers tell an absent key from an unreadable file by
+    // it.
+    char word[agt::CFG_WORD_SIZE];
     const agt::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     const agt::unique_fd usual(dup(STDERR_FILENO));
-    char word[agt::CFG_WORD_SIZE];
     dup2(full.get(), STDERR_FILENO);
     errno = 0;
-    const int ret = agt::get_nth_token_in_file_section(directory.path("cfg").c_str(), "FIRST",
-                                                       "ABSENT", 1, word);
-    const int error = errno;
+    EXPECT_EQ(agt::get_nth_token_in_file_section(file.c_str(), "FIRST", "ABSENT", 1, word), -1);
+    EXPECT_EQ(errno, 0);
     dup2(usual.get(), STDERR_FILENO);
-    EXPECT_EQ(ret, -1);
-    EXPECT_EQ(error, 0);
 }
 
 } // namespace

@@ -120,8 +120,8 @@ TEST_F(SvcHash, SurvivesACorruptTable) {
         for (const std::string& id : ids)
             set(element(id));
         for (int s = 9995; s <= 9999; ++s) {
-            table.h_arr[s].next_idx =
-                random() % 3 == 0 ? index() : 9995 + static_cast<int>(random() % 5); // a loop
+            const int loop = 9995 + static_cast<int>(random() % 5);
+            table.h_arr[s].next_idx = random() % 3 == 0 ? index() : loop;
             table.h_arr[s].pre_idx = index();
             table.h_arr[s].hash_idx = random() % 2 == 0 ? index() : 65536;
         }

@@ -100,8 +100,7 @@ TEST_F(Watchdog, CreatesOrOpensItsQueue) {
     semget(a.sem_key("PARSE_LOG_QUE_SEMKEY"), 1, IPC_CREAT | IPC_EXCL | 0600); // not 16
     EXPECT_EQ(set_up(), 0);
     EXPECT_EQ(a.count_log("<!> parse_log_que semaphore create error.[key:0x"), 1u);
-    a.set("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY",
-          a.value("IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY"));
+    a.set("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY", a.shm_key("SVC_HASH_TBL_SHMKEY"));
     a.create_shm("SVC_HASH_TBL_SHMKEY", 100); // too small
     EXPECT_EQ(set_up(), 0);
     EXPECT_EQ(a.count_log("<!> parse_log_que create error.[key:0x"), 1u);
@@ -110,8 +109,8 @@ TEST_F(Watchdog, CreatesOrOpensItsQueue) {
 TEST_F(Watchdog, SkipsTheFirstTwentyNames) {
     const std::string longest(30, 'n'); // what is longer is cut
     EXPECT_EQ(find_skip_hash("a"), 0);  // the list is empty
-    a.set("KESSARD", "SKIP_PROC",
-          "a,b,c,d,twice,twice,g,h,i,j,k,l,m,n,o,p,q,r," + longest + "cut,t,u,v,w,x,y");
+    const std::string names = "a,b,c,d,twice,twice,g,h,i,j,k,l,m,n,o,p,q,r,";
+    a.set("KESSARD", "SKIP_PROC", names + longest + "cut,t,u,v,w,x,y");
     ASSERT_EQ(set_up(), 1);
     for (const auto& name : {"a"s, "j"s, "t"s, "twice"s, longest})
         EXPECT_EQ(find_skip_hash(name.c_str()), 1) << name;
@@ -166,11 +165,6 @@ TEST_F(Watchdog, ReportsThreadsAndProcessesWithoutActiveThreadsInThreadMode) {
                   "send event. early(23)\n", "[CHECK_WORKER] Delete worker list. [count:3]\n"}));
     stuck.lasted_access += 1000; // the list is made anew by every pass
     EXPECT_EQ(pass(), others);
-}
-
-std::string local_text(const char* format, time_t when) {
-    char text[64];
-    return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
 }
 
 // Compares a record of the second `now` with the bytes that it must have: blanks but for the texts
