@@ -86,8 +86,7 @@ int cut_sleep(const pollfd* fds, int limit_ms) {
 
 } // namespace
 
-// A wrapped call: its type, its parameters, the condition under which it can fail, what it returns
-// then, its arguments.
+// A wrapped call: type, parameters, the condition of a failure, what it returns then, arguments.
 #define NUMBER(name) std::integral_constant<std::size_t, number_of(#name)>::value
 #define REAL(type, name, parameters) reinterpret_cast<type(*) parameters>(wrapped[NUMBER(name)])
 #define WRAP(type, name, parameters, condition, failed, ...)                                       \

@@ -92,8 +92,7 @@ class agent {
         return wait_until([&] { return count_log(text) >= times; }, limit_ms);
     }
 
-    // The shared objects, attached for reading and writing; null, and a failure, when there is
-    // none.
+    // The shared objects, attached for reading and writing; null and a failure when there is none.
     TRAN_LOGF_QUE_INFO* settings() { return attach<TRAN_LOGF_QUE_INFO>("TRAN_LOGF_QUE_INFO"); }
     SVC_HASH_TBL* services() { return attach<SVC_HASH_TBL>("SVC_HASH_TBL"); }
     PTRC_HASH_TBL* traces() { return attach<PTRC_HASH_TBL>("PTRC_HASH_TBL"); }

@@ -22,16 +22,9 @@ exchanges::exchanges() {
     std::filesystem::create_directory(a.path("down"));
 }
 
-bool exchanges::run(const std::string& name) {
-    bool (exchanges::*const all[])() = {
-        &exchanges::command, &exchanges::remote_command, &exchanges::transfer, &exchanges::notify,
-        &exchanges::reload,  &exchanges::update,         &exchanges::sweep};
-    return (this->*all[std::find(std::begin(EXCHANGES), std::end(EXCHANGES), name) - EXCHANGES])();
-}
-
 void exchanges::expect_all() {
-    for (const char* name : EXCHANGES)
-        EXPECT_TRUE(run(name)) << name;
+    for (const auto& [name, exchange] : ALL)
+        EXPECT_TRUE((this->*exchange)()) << name;
 }
 
 void exchanges::empty_log() const {

@@ -1,13 +1,9 @@
-// An agent, its server, and every kind of exchange that there is with the two, each seen through to
-// its effect.
+// An agent, its server, and every kind of exchange with the two, each seen through to its effect.
 #pragma once
 
 #include "served_agent.h"
 
 namespace test_support {
-
-inline constexpr const char* EXCHANGES[] = {"command", "remote_command", "transfer", "notify",
-                                            "reload",  "update",         "sweep"};
 
 inline constexpr unsigned LEAST_SERVICES = 200; // in the table when no list is coming in
 
@@ -18,15 +14,20 @@ class exchanges : public served_agent {
     exchanges(); // the agent is configured for all of them, and not started
 
     // Each tries until it has succeeded or its limit is over. They may run at once, one of a kind.
-    bool run(const std::string& name); // one of EXCHANGES
-    void expect_all();                 // each succeeds, in turn
-    bool command();                    // deletes a service that is not there
+    void expect_all(); // each succeeds, in turn
+    bool command();    // deletes a service that is not there
     bool remote_command();
     bool transfer(); // a file goes there and comes back
     bool notify();
     bool reload(); // the table is in order then and holds the server's services, another number
     bool update(); // the script's services go up
     bool sweep();  // a traced process lives and dies
+
+    static inline const std::map<std::string, bool (exchanges::*)()> ALL = {
+        {"command", &exchanges::command},   {"remote_command", &exchanges::remote_command},
+        {"transfer", &exchanges::transfer}, {"notify", &exchanges::notify},
+        {"reload", &exchanges::reload},     {"update", &exchanges::update},
+        {"sweep", &exchanges::sweep}};
 
     bool renew() const;       // asks for one list
     void put_notifications(); // two, which leave together

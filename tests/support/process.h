@@ -48,8 +48,7 @@ class process {
     std::string out() const; // what it wrote to standard output so far
     std::string err() const;
 
-    // Waits for the end: the exit status, or 128 + the signal. One that is late is killed and
-    // fails.
+    // Waits for the end: the exit status, or 128 + the signal. One that is late is killed.
     int wait_exit(int limit_ms = LIMIT_MS);
 
     // After wait_exit(): takes the process that the program left in its session, having put itself

@@ -1,5 +1,4 @@
-// An agent, the server that it reports to, and a client of its command port: where most tests of
-// the program begin.
+// An agent, the server that it reports to, and a client of its command port.
 #pragma once
 
 #include "checks.h"
@@ -42,8 +41,7 @@ class served_agent : public testing::Test {
 
     // On a port that nobody takes while the server is away.
     served_agent() { EXPECT_EQ(server.start("127.0.0.1", a.server_port()), ""); }
-    // Starts the agent; the first retrieval and the device information are over then, and the
-    // client is connected.
+    // Starts the agent, waits for the first retrieval and the device information, and connects.
     void start(const texts& options = {}) {
         a.mark_log();
         server.forget_messages();

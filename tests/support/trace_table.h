@@ -1,5 +1,4 @@
-// What the tests of the sweep, the watchdog and the statistics need inside one process: a trace
-// table, and the log of an agent.
+// A trace table and the log of an agent, for tests of the sweep and the watchdog in one process.
 #pragma once
 
 #include <sys/mman.h>

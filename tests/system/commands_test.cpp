@@ -63,9 +63,6 @@ TEST_F(Commands, SetTheRuntimeSettings) {
             expect_answer(request, '8', "0");
             EXPECT_EQ(std::memcmp(a.settings(), &wanted, sizeof wanted), 0);
         }
-}
-
-TEST_F(Commands, LogEveryFieldOfTheSettings) {
     TCP_CMD_MSG request = start_frame('7');
     std::memset(&request.body, '8', sizeof request.body); // no terminator anywhere
     a.mark_log();

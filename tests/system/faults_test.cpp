@@ -1,5 +1,4 @@
-// The real program while calls fail, peers reset, neighbours spoil what it shares, and it is
-// killed.
+// The real program while calls fail, peers reset, neighbours spoil its tables, and it is killed.
 #include "faults.h"
 
 #include <sys/mman.h>
@@ -70,8 +69,7 @@ class FaultCases : public Faults, public testing::WithParamInterface<fault_case>
 };
 const auto name_of = [](const auto& one) { return one.param.call + "_" + one.param.exchange; };
 
-// The first, the second, ... call of the start fails. A file that cannot be read never allows what
-// it forbids.
+// The first, the second, ... call of the start fails; what the file forbids is never allowed.
 class StartFaults : public FaultCases {};
 TEST_P(StartFaults, AreNamedOrHarmless) {
     a.set("TRAN_AGENT", "REMOTE_COMMANDS_YN", "N");
@@ -117,7 +115,7 @@ TEST_P(RunningFaults, PassAndLeaveNothing) {
     set(one.call, one.error);
     if (one.call == "connect")
         server.drop_connections();
-    EXPECT_EQ(run(one.exchange), one.works);
+    EXPECT_EQ((this->*ALL.at(one.exchange))(), one.works);
     EXPECT_TRUE(wait_until([&] { return hits(one.call) > 0 && is_named(); }));
     clear();
     // A list may be coming in.
@@ -194,10 +192,10 @@ TEST_F(Faults, TheClockStepsAndTheLogIsRemoved) {
 
 // KESSARD_RESET_STEP says how many bytes lie between two offsets, but for the first, 97 otherwise.
 TEST_F(Faults, ResetsAtAnyByteLeaveNothing) {
-    const char* step = std::getenv("KESSARD_RESET_STEP");
+    const char* wanted = std::getenv("KESSARD_RESET_STEP");
+    const int step = wanted == nullptr ? 97 : std::atoi(wanted);
     std::vector<int> offsets;
-    for (int at = 0; at < TCP_CMD_MSG_SIZE;
-         at += at < 30 ? 1 : std::atoi(step == nullptr ? "97" : step))
+    for (int at = 0; at < TCP_CMD_MSG_SIZE; at += at < 30 ? 1 : step)
         offsets.push_back(at);
     const std::pair<char, std::function<void()>> answers[] = {
         {MSG_HEALTH_CHECK_REQ, [] {}},
@@ -240,8 +238,10 @@ TEST_F(Faults, ResetsAtAnyByteLeaveNothing) {
             server.forget_messages();
             server.change([](auto& options) { options.faults.clear(); });
             set_fault(type, {.close_after_bytes = at, .reset = true});
-            EXPECT_TRUE(wait_until(
-                [&, key = type, &act = provoke] { return act(), server.wait_for(key, 1, 50); }));
+            EXPECT_TRUE(wait_until([&, key = type, &act = provoke] {
+                act();
+                return server.wait_for(key, 1, 50).has_value();
+            }));
         }
     server.change([](auto& options) { options.faults.clear(); });
     expect_all();
@@ -327,52 +327,38 @@ TEST_F(Neighbours, OneThatHoldsATableForLongCostsNothing) {
     EXPECT_EQ(a.stop(), 0);
 }
 
-struct spoilt {
-    SVC_HASH_TBL& svc;
-    PTRC_HASH_TBL& ptrc;
-    JCACHE_HASH_TBL& cache;
-    NOTI_SEND_QUE_INFO& noti;
-    TRAN_AGT_SHM& segment;
-};
+template <class... Fields> std::array<void*, sizeof...(Fields)> places_of(Fields&... fields) {
+    return {&fields...};
+}
 
 // Writes anything anywhere, but leaves the watchdog its trace table: out of range, that ends it.
-void spoil(const spoilt& in, unsigned seed) {
+void spoil(SVC_HASH_TBL& svc, PTRC_HASH_TBL& ptrc, JCACHE_HASH_TBL& cache, NOTI_SEND_QUE_INFO& noti,
+           TRAN_AGT_SHM& segment, unsigned seed) {
     std::mt19937 random(seed);
     const int values[] = {0, -1, 9999, 10000, INT_MAX, INT_MIN, static_cast<int>(random() % 10000)};
-    SVC_HASH_ARR_LIST& slot = in.svc.h_arr[9999 - random() % 300];
-    PTRC_HASH_ARR& entry = in.ptrc.h_arr[random() % 100].param;
-    unsigned& free_slot = in.svc.available.idx[9999 - random() % 300];
-    void* const places[] = {&in.svc.h_idx[slot.hash_idx & 0xffff],
-                            &slot.next_idx,
-                            &slot.pre_idx,
-                            &slot.hash_idx,
-                            &in.svc.used.top,
-                            &in.svc.used.idx[random() % 300],
-                            &in.svc.available.top,
-                            &free_slot,
-                            &in.svc.alloc_cnt,
-                            &in.ptrc.used.idx[random() % 300],
-                            &in.ptrc.alloc_cnt,
-                            &in.cache.used.top,
-                            &in.segment.proc_num,
-                            &in.noti.front,
-                            &in.noti.rear};
-    std::memcpy(places[random() % std::size(places)], &values[random() % std::size(values)],
-                sizeof values[0]);
+    SVC_HASH_ARR_LIST& slot = svc.h_arr[9999 - random() % 300];
+    PTRC_HASH_ARR& entry = ptrc.h_arr[random() % 100].param;
+    const auto places =
+        places_of(svc.h_idx[slot.hash_idx & 0xffff], slot.next_idx, slot.pre_idx, slot.hash_idx,
+                  svc.used.top, svc.available.top, svc.alloc_cnt, svc.used.idx[random() % 300],
+                  svc.available.idx[9999 - random() % 300], ptrc.used.idx[random() % 300],
+                  ptrc.alloc_cnt, cache.used.top, segment.proc_num, noti.front, noti.rear);
+    const int& value = values[random() % std::size(values)];
+    std::memcpy(places[random() % places.size()], &value, sizeof value);
     std::memset(entry.proc_nm, values[random() % std::size(values)], sizeof entry.proc_nm);
     std::memset(entry.pid, '0' + values[6] % 12, sizeof entry.pid);
-    in.ptrc.used.top = 300;
+    ptrc.used.top = 300;
 }
 
 TEST_F(Neighbours, OneThatSpoilsTheTablesIsSurvived) {
     start_running(a);
     EXPECT_TRUE(reload());
     NOTI_SEND_QUE_INFO& noti = a.noti_que()->info;
-    const spoilt shared = {*a.services(), *a.traces(), *a.cache(), noti, *a.segment()};
     std::atomic<bool> over{false};
-    std::thread vandal([&] {
+    std::thread vandal([&, &svc = *a.services(), &ptrc = *a.traces(), &cache = *a.cache(),
+                        &segment = *a.segment()] {
         for (unsigned seed = 0; !over; ++seed)
-            spoil(shared, seed);
+            spoil(svc, ptrc, cache, noti, segment, seed);
     });
     const long long from_ms = agt::monotonic_ms();
     for (int i = 0; agt::monotonic_ms() - from_ms < 4000; ++i) {
@@ -381,8 +367,8 @@ TEST_F(Neighbours, OneThatSpoilsTheTablesIsSurvived) {
             one = kessctl::make_service("SERVICE" + std::to_string(i % 400));
             one.update_mode[0] = "ADYX"[i++ % 4];
         }
-        EXPECT_TRUE(answers(a, kessctl::modified_services_frame(sent, 8)) &&
-                    (i % 64 != 8 || renew()));
+        EXPECT_TRUE(answers(a, kessctl::modified_services_frame(sent, 8)));
+        EXPECT_TRUE(i % 64 != 8 || renew());
     }
     over = true;
     vandal.join();

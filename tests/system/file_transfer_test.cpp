@@ -89,8 +89,7 @@ TEST_F(FileTransfer, RefusesAnUploadThatCannotBe) {
                        "can't open file |" + path(name) + "|", ACCEPTED);
 }
 
-// Peers that vanish are noticed at once, those that stall after some seconds; nobody waits for
-// them.
+// Peers that vanish are noticed at once, those that stall after seconds; nobody waits for them.
 TEST_F(FileTransfer, EndsAnUploadWhoseBytesDoNotCome) {
     std::vector<ext_peer> peers;
     for (const std::size_t bytes : {0, 1, 1500000}) {

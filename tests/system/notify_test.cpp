@@ -1,7 +1,5 @@
 // Active-service notifications through the real program: batches, the link, its going and coming.
-#include "check_network.h"
 #include "full_listener.h"
-#include "process_globals.h"
 #include "ring_queue.h"
 #include "served_agent.h"
 
@@ -32,8 +30,8 @@ TCP_CMD_MSG notify_frame(int first, int count, int tail = 0) {
     return frame;
 }
 
-// An agent whose notify link is on.
-class Notify : public served_agent {
+// An agent that is to be started.
+class NotifyLink : public served_agent {
   protected:
     NOTI_SEND_QUE* queue = nullptr;
 
@@ -60,8 +58,13 @@ class Notify : public served_agent {
     }
 };
 
+// One whose link is on.
+class Notify : public NotifyLink {
+  protected:
+    Notify() { start(); }
+};
+
 TEST_F(Notify, SendsTwoTogetherAndALoneOneLater) {
-    ASSERT_NO_FATAL_FAILURE(start());
     long long start_ms = agt::monotonic_ms();
     put(1, 1); // the very first waits too
     expect_message(1, notify_frame(1, 1));
@@ -88,7 +91,6 @@ TEST_F(Notify, SendsTwoTogetherAndALoneOneLater) {
 }
 
 TEST_F(Notify, ForwardsManyRecordsInTheirOrder) {
-    ASSERT_NO_FATAL_FAILURE(start());
     EXPECT_EQ(a.run({"put-notification", "--count", "1001", "--service", "PAY", "--pid", "77"}),
               "0\n1001 records put, 0 did not fit\n");
     ASSERT_TRUE(server.wait_for(NOTIFY, 501));
@@ -104,7 +106,6 @@ TEST_F(Notify, ForwardsManyRecordsInTheirOrder) {
 }
 
 TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
-    ASSERT_NO_FATAL_FAILURE(start());
     set_fault(NOTIFY, CLOSED);
     put(1, 2);
     EXPECT_TRUE(a.wait_log(LINK_UP));
@@ -125,7 +126,6 @@ TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
 }
 
 TEST_F(Notify, GivesAMuteServerUpAfterTenSeconds) {
-    ASSERT_NO_FATAL_FAILURE(start());
     for (const auto& [count, path] : {std::pair(1, "(FLUSH)"), {2, ""}}) {
         a.mark_log();
         server.forget_messages();
@@ -142,9 +142,9 @@ TEST_F(Notify, GivesAMuteServerUpAfterTenSeconds) {
     }
 }
 
-TEST_F(Notify, DropsRecordsWhileTheServerIsDown) {
+TEST_F(NotifyLink, DropsRecordsWhileTheServerIsDown) {
     server.stop();
-    ASSERT_NO_FATAL_FAILURE(start());
+    start();
     const std::string port = std::to_string(server.port());
     EXPECT_TRUE(
         in_order(a, {"<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + port,
@@ -165,8 +165,8 @@ TEST_F(Notify, DropsRecordsWhileTheServerIsDown) {
     expect_end();
 }
 
-TEST_F(Notify, StaysOffUntilTheFileSaysOtherwise) {
-    ASSERT_NO_FATAL_FAILURE(start(0));
+TEST_F(NotifyLink, StaysOffUntilTheFileSaysOtherwise) {
+    start(0);
     EXPECT_EQ(a.count_log("(I) Active Service Detail Monitoring OFF.(0ms)"), 1u);
     put(1, 3);
     EXPECT_TRUE(wait_empty());
@@ -181,7 +181,6 @@ TEST_F(Notify, StaysOffUntilTheFileSaysOtherwise) {
 TEST_F(Notify, TakesAChangedServerFromTheFile) {
     kessctl::stand_in other;
     ASSERT_EQ(other.start(), "");
-    ASSERT_NO_FATAL_FAILURE(start());
     ASSERT_TRUE(server.wait_for(MSG_DEVICE_INFO_REQ));
     a.set("TRAN_SERVER", "CMD_PORT", other.port());
     a.write_cfg();
@@ -196,7 +195,6 @@ TEST_F(Notify, TakesAChangedServerFromTheFile) {
 }
 
 TEST_F(Notify, SurvivesIndexesOutOfRange) {
-    ASSERT_NO_FATAL_FAILURE(start());
     std::size_t sent = 0;
     for (const auto& [front, rear] :
          {std::pair(32768, 5), {-1, 5}, {INT_MAX, 0}, {5, 32768}, {5, -1}, {INT_MIN, INT_MAX}}) {
@@ -213,7 +211,6 @@ TEST_F(Notify, SurvivesIndexesOutOfRange) {
 }
 
 TEST_F(Notify, LosesABatchThatCannotBeSent) {
-    ASSERT_NO_FATAL_FAILURE(start());
     set_fault(NOTIFY, {.close_after_bytes = TCP_CMD_MSG_SIZE, .reset = true});
     put(1, 2);
     EXPECT_TRUE(a.wait_log(BATCH_SENT));
@@ -235,7 +232,6 @@ TEST_F(Notify, LosesABatchThatCannotBeSent) {
 }
 
 TEST_F(Notify, EndsInTheMiddleOfAnAnswer) {
-    ASSERT_NO_FATAL_FAILURE(start());
     set_fault(NOTIFY, {.split_after_bytes = 2, .pause_ms = 3000});
     put(1, 2);
     EXPECT_TRUE(server.wait_for(NOTIFY));
@@ -245,7 +241,6 @@ TEST_F(Notify, EndsInTheMiddleOfAnAnswer) {
 
 TEST_F(Notify, EndsWhileTheServerTakesNoConnection) {
     const full_listener full;
-    ASSERT_NO_FATAL_FAILURE(start());
     a.set("TRAN_SERVER", "CMD_PORT", full.port());
     a.write_cfg();
     set_fault(NOTIFY, CLOSED);
@@ -275,20 +270,6 @@ TEST(NotifyQueue, ShowsARecordOnlyWhenItIsWhole) {
     }
     producer.join();
     EXPECT_EQ(wrong, 0);
-}
-
-// In this process: a thread that the daemon does not start.
-TEST_F(Notify, LinkComesBackThroughItsOwnThread) {
-    a.write_cfg(); // ACTIVE_LIMIT is 0
-    setenv("TRAN_AGT_CFG_FILE", a.cfg_file().c_str(), 1);
-    kessard::running = 1;
-    kessard::th_start_check_network();
-    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
-    a.write_cfg();
-    EXPECT_TRUE(wait_until([] { return kessard::noti_send_flag == 1; })); // or in a second attempt
-    EXPECT_TRUE(server.wait_connections(1));
-    kessard::th_join_check_network();
-    kessard::close_noti_socket();
 }
 
 } // namespace

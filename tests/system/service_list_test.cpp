@@ -1,5 +1,4 @@
-// Retrieval of the service list through the real program: lists of every size, servers of all
-// kinds.
+// Retrieval of the service list through the real program: lists of all sizes, servers of all kinds.
 #include <future>
 
 #include "served_agent.h"

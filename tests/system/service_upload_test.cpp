@@ -173,10 +173,8 @@ TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
                      "[ kessard ] end.. complete."}));
     EXPECT_EQ(a.count_log(ENDED), 0u);
     EXPECT_EQ(server.count(UPDATE), 0u);
-}
 
-TEST_F(ServiceUpload, LetsGoOfABrokenServerBeforeTheScriptEnds) {
-    set_fault(UPDATE, {.wrong_type = 'B'});
+    set_fault(UPDATE, {.wrong_type = 'B'}); // it lets go of the server before the script ends
     write_script(lines(15) + "; exec sleep 300");
     start();
     trigger();

@@ -106,8 +106,7 @@ TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
 }
 
 TEST_F(Shutdown, MarksNoRowButItsOwn) {
-    // The options, the row that belongs to the daemon, and what the log has in the place of its
-    // pid; empty: it marks its row.
+    // Options, the daemon's row, what the log has in the place of its pid; empty: it marks the row.
     const std::tuple<texts, int, std::string> cases[] = {{{}, 0, "no line"},
                                                          {{"-i", "-1"}, 0, "no line"},
                                                          {{"-i", "3"}, 3, ""},

@@ -91,8 +91,7 @@ TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
     daemon.mark_log();
     start_running(daemon);
     EXPECT_EQ(logged(start_lines("open")), start_lines("open"));
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(daemon.settings()), sizeof(TRAN_LOGF_QUE_INFO)),
-              std::string(sizeof(TRAN_LOGF_QUE_INFO), 0x33));
+    EXPECT_EQ(bytes_of(*daemon.settings()), std::string(sizeof(TRAN_LOGF_QUE_INFO), 0x33));
     for (const int kept :
          {daemon.segment()->proc_num, daemon.services()->h_idx[5], daemon.noti_que()->info.rear,
           static_cast<int>(daemon.traces()->used.top), static_cast<int>(daemon.cache()->used.top)})
@@ -101,10 +100,8 @@ TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
 
 TEST_F(Startup, LeavesNewObjectsInitialised) {
     start_running(daemon);
-    TRAN_LOGF_QUE_INFO settings{};
-    settings.qcnt = 8;
-    settings.qcnt_mask = 7;
-    EXPECT_EQ(std::memcmp(daemon.settings(), &settings, sizeof settings), 0);
+    const TRAN_LOGF_QUE_INFO settings = {8, 7, 0, 0, {}, 0, 0, 0, 0, 0, 0, 0, {}};
+    EXPECT_EQ(bytes_of(*daemon.settings()), bytes_of(settings));
     EXPECT_EQ(table_fault(*daemon.services()), "");
     EXPECT_EQ(daemon.services()->available.idx[9999], 9999u); // the first to be taken
     const auto all_zero = [](const void* at, std::size_t size) {
@@ -118,8 +115,8 @@ TEST_F(Startup, LeavesNewObjectsInitialised) {
                std::ranges::count(table.h_idx, -1) == std::ssize(table.h_idx) &&
                all_zero(table.h_arr, bytes) && all_zero(&table.h_arr[slots - looked_at], bytes);
     };
-    EXPECT_TRUE(empty(*daemon.services(), 10000) && empty(*daemon.traces(), 50) &&
-                empty(*daemon.cache(), 50));
+    EXPECT_TRUE(empty(*daemon.services(), 10000));
+    EXPECT_TRUE(empty(*daemon.traces(), 50) && empty(*daemon.cache(), 50));
     EXPECT_TRUE(all_zero(daemon.segment(), sizeof(TRAN_AGT_SHM)));
     EXPECT_EQ(daemon.noti_que()->info.front + daemon.noti_que()->info.rear, 0);
     for (const std::string name :
@@ -193,10 +190,10 @@ TEST_F(Startup, StopsAtAnObjectItCannotHave) {
         EXPECT_EQ(last_line_of_a_failed_start(), shm("<!> " + logged + " create error", name));
         shmctl(daemon.shm_id(name + "_SHMKEY"), IPC_RMID, nullptr);
     }
+    const key_t key = daemon.sem_key("TRAN_AGT_SEMKEY");
     semctl(daemon.sem_id("TRAN_AGT_SEMKEY"), 0, IPC_RMID);
-    semget(daemon.sem_key("TRAN_AGT_SEMKEY"), 1, IPC_CREAT | 0666); // fewer than it needs
-    EXPECT_EQ(last_line_of_a_failed_start(),
-              keyed("<!> tran agent semaphore create error", daemon.sem_key("TRAN_AGT_SEMKEY")));
+    semget(key, 1, IPC_CREAT | 0666); // fewer than it needs
+    EXPECT_EQ(last_line_of_a_failed_start(), keyed("<!> tran agent semaphore create error", key));
     const agt::unique_fd listener(agt::open_tcp_server_session("127.0.0.1", daemon.port()));
     const std::string port = std::to_string(daemon.port());
     EXPECT_EQ(last_line_of_a_failed_start(),

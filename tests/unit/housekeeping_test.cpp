@@ -160,9 +160,6 @@ TEST_F(Housekeeping, PrintsEveryPrintTimePasses) {
     client_list.client_num = 0;
     EXPECT_EQ(run_passes(9, 1), texts());
     EXPECT_EQ(run_passes(1), (texts{line, "clients 0/5 , total_logs 39, curr_logs 9", clients}));
-}
-
-TEST_F(Housekeeping, PrintsAndSweepsInTheirPeriods) {
     const std::pair<int, std::size_t> cases[] = {{3, 2}, {1, 7}, {7, 1}, {8, 0}, {0, 0}, {-3, 0}};
     for (const auto& [period, times] : cases) { // in seven passes
         trc_sts_check_period = print_time = period;
@@ -194,8 +191,8 @@ TEST_F(Housekeeping, AnnouncesAForcedUpdateOncePerFileAndTheDailyOneOncePerDate)
     set_daily_time("0000");
     for (int i = 0; i < 2; ++i) { // the file comes first
         a.write_file("trigger", "now\n");
-        EXPECT_EQ(run_passes(1),
-                  (texts{">> Check OK, [" + trigger + "] ..", "(I) start forced update service"}));
+        const std::string found = ">> Check OK, [" + trigger + "] ..";
+        EXPECT_EQ(run_passes(1), (texts{found, "(I) start forced update service"}));
         EXPECT_FALSE(std::filesystem::exists(trigger));
     }
     for (const char* zone : {"EAST-14", "WEST+12", "EAST-14"}) { // never the same date

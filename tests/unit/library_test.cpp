@@ -131,8 +131,7 @@ std::string repeat(std::size_t n, char c) {
     return std::string(n, c);
 }
 
-// The comment of 300 characters is read as two lines; behind 255 characters of the other one an
-// entry begins.
+// A comment of 300 characters is read as two lines; behind 255 of the other an entry begins.
 const std::string CFG =
     "ONE = early\n[FIRST]\nONE = 1 2 3\nTIGHT=1\n\t INDENTED\t=  1\r\n#COMMENT = 1\n"
     "NOTE = a # note\n   \n\nEMPTY =\nBARE\n#" + // lines 7 to 11
@@ -184,8 +183,7 @@ TEST(ReadCfg, FindsTheWordOrSaysWhyNot) {
         EXPECT_EQ(ret, said.empty() ? 1 : -1) << keyword;
         EXPECT_EQ(word, said.empty() ? wanted : "untouched");
     }
-    // When it cannot complain errno stays: callers tell an absent key from an unreadable file by
-    // it.
+    // When it cannot complain errno stays, by which callers know a file that cannot be read.
     char word[agt::CFG_WORD_SIZE];
     const agt::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     const agt::unique_fd usual(dup(STDERR_FILENO));

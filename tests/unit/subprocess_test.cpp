@@ -82,8 +82,8 @@ TEST(Subprocess, CutsAtTheLimit) {
     EXPECT_EQ(silent->exit_code, -1);
     EXPECT_TRUE(silent->signal_number == SIGTERM || silent->signal_number == SIGKILL);
     EXPECT_STREQ(silent->stdout_.buf_p, "a");
-    const result ignoring(
-        subprocess_exec_output_timeout("trap '' TERM; while :; do sleep 1; done", 2));
+    const char* stubborn = "trap '' TERM; while :; do sleep 1; done";
+    const result ignoring(subprocess_exec_output_timeout(stubborn, 2));
     EXPECT_EQ(ignoring->signal_number, SIGKILL);
     const result flood(subprocess_exec_output_timeout_ex("exec cat /dev/zero", 2)); // never pauses
     ASSERT_NE(flood, nullptr);

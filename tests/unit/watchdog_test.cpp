@@ -167,8 +167,7 @@ TEST_F(Watchdog, ReportsThreadsAndProcessesWithoutActiveThreadsInThreadMode) {
     EXPECT_EQ(pass(), others);
 }
 
-// Compares a record of the second `now` with the bytes that it must have: blanks but for the texts
-// at their places.
+// Compares a record of the second `now` with blanks but for the texts at their places.
 void expect_record(const PARSE_LOG_QUE_DATA& record, time_t now,
                    std::vector<std::pair<std::size_t, std::string>> at) {
     const std::string bytes = bytes_of(record);
