@@ -65,10 +65,9 @@ agent::agent() {
 
 agent::~agent() {
     if (testing::Test::HasFailure())
-        std::cerr << "---- log\n"
-                  << whole_log() << "---- stdout\n"
-                  << out() << "\n---- stderr\n"
-                  << err() << "\n----\n";
+        std::cerr << whole_log() << "---- stdout\n"
+                  << out() << "---- stderr\n"
+                  << err() << "----\n";
     program_.reset();
     earlier_.clear();
     for (void* object : attached_)
@@ -99,16 +98,14 @@ void agent::add_defaults() {
             {"TRAN_AGENT", {{"IP_ADDRESS", "127.0.0.1"}, {"CMD_PORT", std::to_string(port())}}},
             {"TRAN_SERVER", {{"IP_ADDRESS", "127.0.0.1"}}},
             {"ACTIVE_SERVICE_EVENT", {{"ACTIVE_LIMIT", "0"}}},
-            {"SERVICE_HASH",
-             {{"DAILY_UPDATE_HHMI", "----"},
-              {"DAILY_UPDATE_SCRIPT", "services.sh"},
-              {"DEFAULT_TIMEOUT_SEC", "30"}}},
+            {"SERVICE_HASH", {{"DAILY_UPDATE_HHMI", "----"}, {"DEFAULT_TIMEOUT_SEC", "30"}}},
             {"TRAN_LOGF", {{"LOG_INTERFACE", "01"}, {"TR_SECTION", "T"}, {"QUE_CNT", "8"}}},
             {"CHECK_FILES", {{"SVC_UPDATE_CHK_FILE", "svc_update"}}},
             {"PTRC_HASH", {{"TRC_STS_CHECK_PERIOD", "10"}}},
             {"CHECK_API_STAT", {{"ACT", "1 60 api_stat api_stat.out"}}},
             {"KESSARD", {{"WORKER_MODE", "THREAD"}, {"SKIP_PROC", "skipped"}}}};
     set("TRAN_SERVER", "CMD_PORT", server_port());
+    set("SERVICE_HASH", "DAILY_UPDATE_SCRIPT", "services.sh");
     for (const char* keyword : {"WORKER_CHECK_INTERVAL", "WORKER_REST_INTERVAL"})
         set("KESSARD", keyword, 60);
     key_t key = first_key_;
@@ -152,22 +149,6 @@ void agent::start(std::vector<std::string> options) {
     program_.emplace(options, variables);
 }
 
-void agent::start_daemon() {
-    start({"-d"});
-    EXPECT_EQ(program_->wait_exit(), 0) << "the parent of the daemon";
-    EXPECT_TRUE(program_->follow_background()) << "there is no daemon";
-}
-
-void agent::signal(int signo) const {
-    if (pid() <= 0 || kill(pid(), signo) != 0)
-        ADD_FAILURE() << "no program to send the signal " << signo << " to";
-}
-
-program_result agent::console(std::vector<std::string> words) const {
-    words.insert(words.begin(), KESSCTL_PROGRAM);
-    return run_program(words, variables, 2 * LIMIT_MS);
-}
-
 std::string agent::whole_log() const {
     const std::string base = value("COMMON", "LOG_HOME");
     const std::string directory = (base.starts_with('/') ? base : path(base)) + "/proc/kessard";
@@ -181,25 +162,12 @@ std::string agent::whole_log() const {
     return text;
 }
 
-std::string agent::log() const {
-    const std::string text = whole_log();
-    return text.substr(std::min(log_mark_, text.size()));
-}
-
 std::size_t agent::count_log(const std::string& text) const {
     const std::string lines = log();
     std::size_t count = 0;
     for (std::size_t at = lines.find(text); at != std::string::npos; at = lines.find(text, at + 1))
         ++count;
     return count;
-}
-
-key_t agent::shm_key(const std::string& keyword) const {
-    return static_cast<key_t>(std::atol(value("IPC_SHARED_MEMORY", keyword).c_str()));
-}
-
-key_t agent::sem_key(const std::string& keyword) const {
-    return static_cast<key_t>(std::atol(value("IPC_SEMAPHORE", keyword).c_str()));
 }
 
 void* agent::attach(const std::string& keyword, std::size_t size, int flags) {

@@ -1,16 +1,9 @@
 // The agent under test: the real program with its own directory, ports and System V keys.
-//
-//     agent a;
-//     a.set("TRAN_SERVER", "CMD_PORT", server.port());
-//     a.start();
-//     ASSERT_TRUE(a.wait_log("start... running : 1"));
-//     a.signal(SIGTERM);
-//     EXPECT_EQ(a.wait_exit(), 0);
-//
 // Whatever happened, the destructor ends the program and all that it started and removes its shared
 // objects and its directory. A test that failed gets the log on standard error first.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -22,14 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "kessard/jcache_hash_tbl.h"
-#include "kessard/noti_send_que.h"
-#include "kessard/parse_log_que.h"
-#include "kessard/ptrc_hash_tbl.h"
-#include "kessard/svc_hash_tbl.h"
-#include "kessard/tran_agt_shm.h"
-#include "kessard/tran_logf_que_info.h"
 #include "process.h"
+#include "shared_objects.h"
 #include "unique_fd.h"
 
 namespace test_support {
@@ -37,8 +24,6 @@ namespace test_support {
 class agent {
   public:
     agent();
-    agent(const agent&) = delete;
-    agent& operator=(const agent&) = delete;
     ~agent();
 
     // The configuration: complete from the start, with nobody at TRAN_SERVER CMD_PORT, ACTIVE_LIMIT
@@ -66,9 +51,13 @@ class agent {
     // Starts the program in the foreground, or with -d; then pid() is the daemon's. A program that
     // does not start as it should fails the test.
     void start(std::vector<std::string> options = {});
-    void start_daemon();
+    void start_daemon() {
+        start({"-d"});
+        EXPECT_EQ(program_->wait_exit(), 0) << "the parent of the daemon";
+        EXPECT_TRUE(program_->follow_background()) << "there is no daemon";
+    }
     pid_t pid() const { return program_ ? program_->pid() : -1; }
-    void signal(int signo) const;
+    void signal(int signo) const { EXPECT_EQ(pid() > 0 ? kill(pid(), signo) : -1, 0) << signo; }
     int wait_exit(int limit_ms = LIMIT_MS) { return program_ ? program_->wait_exit(limit_ms) : -1; }
     int stop(int limit_ms = LIMIT_MS) {
         signal(SIGTERM);
@@ -78,14 +67,20 @@ class agent {
     std::string err() const { return program_ ? program_->err() : ""; }
     std::vector<pid_t> running() const { return program_->running(); }
     // Runs kessctl on this agent's configuration.
-    program_result console(std::vector<std::string> words) const;
+    program_result console(std::vector<std::string> words) const {
+        words.insert(words.begin(), KESSCTL_PROGRAM);
+        return run_program(words, variables, 2 * LIMIT_MS);
+    }
     std::string run(const std::vector<std::string>& words) const { // as STATUS, a line end, texts
         const program_result done = console(words);
         return std::to_string(done.status) + "\n" + done.out + done.err;
     }
 
     // The log: all its files behind the mark, which is at their start until mark_log().
-    std::string log() const;
+    std::string log() const {
+        const std::string text = whole_log();
+        return text.substr(std::min(log_mark_, text.size()));
+    }
     void mark_log() { log_mark_ = whole_log().size(); }
     std::size_t count_log(const std::string& text) const;
     bool wait_log(const std::string& text, std::size_t times = 1, int limit_ms = LIMIT_MS) const {
@@ -100,8 +95,8 @@ class agent {
     TRAN_AGT_SHM* segment() { return attach<TRAN_AGT_SHM>("TRAN_AGT"); }
     NOTI_SEND_QUE* noti_que() { return attach<NOTI_SEND_QUE>("NOTI_SEND_QUE"); }
     PARSE_LOG_QUE_POOL* parse_log_que() { return attach<PARSE_LOG_QUE_POOL>("PARSE_LOG_QUE"); }
-    key_t shm_key(const std::string& keyword) const; // keys of the configuration as it stands
-    key_t sem_key(const std::string& keyword) const;
+    key_t shm_key(const std::string& keyword) const { return key("IPC_SHARED_MEMORY", keyword); }
+    key_t sem_key(const std::string& keyword) const { return key("IPC_SEMAPHORE", keyword); }
     // The id of a segment or of a set of semaphores; -1 when it does not exist.
     int shm_id(const std::string& keyword) const { return shmget(shm_key(keyword), 0, 0); }
     int sem_id(const std::string& keyword) const { return semget(sem_key(keyword), 0, 0); }
@@ -111,6 +106,9 @@ class agent {
     }
 
   private:
+    key_t key(const std::string& section, const std::string& keyword) const {
+        return static_cast<key_t>(std::atol(value(section, keyword).c_str()));
+    }
     template <class T> T* attach(const std::string& object) {
         return static_cast<T*>(attach(object + "_SHMKEY", sizeof(T), 0));
     }

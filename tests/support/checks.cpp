@@ -4,8 +4,6 @@
 namespace test_support {
 namespace {
 
-constexpr std::size_t TIME_PREFIX = 16; // "MM-DD HH:MM:SS  "
-
 // Walks one chain and counts its slots in `seen`.
 std::string chain_fault(const SVC_HASH_TBL& table, int bucket, std::vector<int>& seen) {
     int before = -1;
@@ -22,14 +20,6 @@ std::string chain_fault(const SVC_HASH_TBL& table, int bucket, std::vector<int>&
 }
 
 } // namespace
-
-texts messages(const std::string& log) {
-    texts found;
-    std::istringstream lines(log);
-    for (std::string line; std::getline(lines, line);)
-        found.push_back(line.size() > TIME_PREFIX ? line.substr(TIME_PREFIX) : line);
-    return found;
-}
 
 testing::AssertionResult in_order(const std::string& log, const texts& wanted) {
     std::size_t at = 0;
@@ -72,40 +62,6 @@ std::string table_fault(const SVC_HASH_TBL& table) {
         ++stacked.at(table.available.idx[i]);
     const bool once = stacked == std::vector<int>(SVC_HASH_SLOTS, 1);
     return once ? "" : "a slot is not in exactly one stack";
-}
-
-std::string status_of(pid_t pid, const std::string& name) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(file, line);)
-        if (line.starts_with(name + ":"))
-            return line.substr(line.find_first_not_of(" \t", name.size() + 1));
-    return {};
-}
-
-std::string local_text(const char* format, std::time_t when) {
-    char text[128];
-    return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
-}
-
-std::string host_name() {
-    char name[65] = "";
-    gethostname(name, sizeof name);
-    return name;
-}
-
-texts open_files(pid_t pid) {
-    texts found;
-    std::error_code error;
-    const std::string directory = "/proc/" + std::to_string(pid) + "/fd";
-    for (const auto& one : std::filesystem::directory_iterator(directory, error))
-        found.push_back(std::filesystem::read_symlink(one.path(), error));
-    return found;
-}
-
-texts children(pid_t pid) {
-    const std::string id = std::to_string(pid);
-    std::ifstream file("/proc/" + id + "/task/" + id + "/children");
-    return {std::istream_iterator<std::string>(file), {}};
 }
 
 } // namespace test_support

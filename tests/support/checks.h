@@ -28,8 +28,14 @@ namespace test_support {
 
 using texts = std::vector<std::string>;
 
-// The messages of a log: its lines without their time.
-texts messages(const std::string& log);
+// The messages of a log: its lines without their time, "MM-DD HH:MM:SS  ".
+inline texts messages(const std::string& log) {
+    texts found;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);)
+        found.push_back(line.size() > 16 ? line.substr(16) : line);
+    return found;
+}
 
 // Whether the texts occur in the log in this order.
 testing::AssertionResult in_order(const std::string& log, const texts& wanted);
@@ -42,19 +48,42 @@ void start_running(agent& one, const texts& options = {});
 std::string table_fault(const SVC_HASH_TBL& table);
 
 // The value of a line of /proc/<pid>/status.
-std::string status_of(pid_t pid, const std::string& name);
+inline std::string status_of(pid_t pid, const std::string& name) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with(name + ":"))
+            return line.substr(line.find_first_not_of(" \t", name.size() + 1));
+    return {};
+}
 
 // A local time in the words of strftime().
-std::string local_text(const char* format, std::time_t when);
+inline std::string local_text(const char* format, std::time_t when) {
+    char text[128];
+    return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
+}
 
-// The host's name.
-std::string host_name();
+inline std::string host_name() {
+    char name[65] = "";
+    gethostname(name, sizeof name);
+    return name;
+}
 
 // What each open descriptor of a process refers to.
-texts open_files(pid_t pid);
+inline texts open_files(pid_t pid) {
+    texts found;
+    std::error_code error;
+    const std::string directory = "/proc/" + std::to_string(pid) + "/fd";
+    for (const auto& one : std::filesystem::directory_iterator(directory, error))
+        found.push_back(std::filesystem::read_symlink(one.path(), error));
+    return found;
+}
 
 // The ids of the children of a process's first thread, those not yet waited for among them.
-texts children(pid_t pid);
+inline texts children(pid_t pid) {
+    const std::string id = std::to_string(pid);
+    std::ifstream file("/proc/" + id + "/task/" + id + "/children");
+    return {std::istream_iterator<std::string>(file), {}};
+}
 
 // Makes a socket's close a reset.
 inline void reset_at_close(int sockfd) {

@@ -5,11 +5,6 @@
 #include "sem.h"
 
 namespace test_support {
-namespace {
-
-constexpr int TRY_MS = 1000; // of a step that what else happens may have spoilt
-
-} // namespace
 
 exchanges::exchanges() {
     server.set_services(services(1));
@@ -68,8 +63,7 @@ bool exchanges::notify() {
     const std::size_t before = server.count(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ);
     return repeat([&] { // what comes while the link is down is dropped
         put_notifications();
-        return server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, before + 1, TRY_MS)
-            .has_value();
+        return bool(server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, before + 1, TRY_MS));
     });
 }
 

@@ -5,6 +5,7 @@
 
 namespace test_support {
 
+inline constexpr int TRY_MS = 1000;             // of a step that what else happens may have spoilt
 inline constexpr unsigned LEAST_SERVICES = 200; // in the table when no list is coming in
 
 class exchanges : public served_agent {
@@ -19,11 +20,11 @@ class exchanges : public served_agent {
     bool remote_command();
     bool transfer(); // a file goes there and comes back
     bool notify();
-    bool reload(); // the table is in order then and holds the server's services, another number
+    bool reload(); // the table is in order then and holds another number of services
     bool update(); // the script's services go up
     bool sweep();  // a traced process lives and dies
 
-    static inline const std::map<std::string, bool (exchanges::*)()> ALL = {
+    static inline const std::pair<std::string, bool (exchanges::*)()> ALL[] = {
         {"command", &exchanges::command},   {"remote_command", &exchanges::remote_command},
         {"transfer", &exchanges::transfer}, {"notify", &exchanges::notify},
         {"reload", &exchanges::reload},     {"update", &exchanges::update},

@@ -1,8 +1,5 @@
-// Programs that a test starts.
-//
 // The test process makes itself the reaper of orphans, so that a daemon whose parent has gone can
-// be waited for. What belongs to a program is found by its session: it stays the same over fork,
-// exec and a change of the process group.
+// be waited for. What belongs to a program is found by its session, which it cannot leave.
 #include "process.h"
 
 #include <fcntl.h>
@@ -15,8 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace test_support {
 namespace {
@@ -52,15 +47,7 @@ agt::unique_fd make_capture() {
     return agt::unique_fd(memfd_create("kessard-test", MFD_CLOEXEC));
 }
 
-std::string captured(const agt::unique_fd& file) {
-    return content("/proc/self/fd/" + std::to_string(file.get()));
-}
-
 } // namespace
-
-std::string content(const std::string& file) {
-    return (std::ostringstream() << std::ifstream(file, std::ios::binary).rdbuf()).str();
-}
 
 process::process(const std::vector<std::string>& argv, const environment& variables)
     : out_(make_capture()), err_(make_capture()) {
@@ -111,13 +98,6 @@ int process::wait_exit(int limit_ms) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-std::string process::out() const {
-    return captured(out_);
-}
-std::string process::err() const {
-    return captured(err_);
-}
-
 bool process::follow_background() {
     siginfo_t info;
     for (const pid_t pid : processes_of(session_))
@@ -130,13 +110,6 @@ std::vector<pid_t> process::running() const {
     std::vector<pid_t> found = processes_of(session_);
     std::erase_if(found, [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == pid; });
     return found;
-}
-
-program_result run_program(const std::vector<std::string>& argv, const environment& variables,
-                           int limit_ms) {
-    process program(argv, variables);
-    const int status = program.wait_exit(limit_ms);
-    return {status, program.out(), program.err()};
 }
 
 } // namespace test_support

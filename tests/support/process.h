@@ -3,7 +3,9 @@
 
 #include <sys/types.h>
 
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -31,7 +33,9 @@ inline void pass_time(long long ms) {
 }
 
 // What a file holds; empty when it cannot be read.
-std::string content(const std::string& file);
+inline std::string content(const std::string& file) {
+    return (std::ostringstream() << std::ifstream(file, std::ios::binary).rdbuf()).str();
+}
 
 using environment = std::map<std::string, std::string>; // added to the test's own
 
@@ -45,8 +49,9 @@ class process {
     ~process();
 
     pid_t pid() const { return pid_; }
-    std::string out() const; // what it wrote to standard output so far
-    std::string err() const;
+    // What it wrote so far.
+    std::string out() const { return content("/proc/self/fd/" + std::to_string(out_.get())); }
+    std::string err() const { return content("/proc/self/fd/" + std::to_string(err_.get())); }
 
     // Waits for the end: the exit status, or 128 + the signal. One that is late is killed.
     int wait_exit(int limit_ms = LIMIT_MS);
@@ -67,12 +72,15 @@ class process {
 
 struct program_result {
     int status;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // Runs a program to its end.
-program_result run_program(const std::vector<std::string>& argv, const environment& variables = {},
-                           int limit_ms = LIMIT_MS);
+inline program_result run_program(const std::vector<std::string>& argv,
+                                  const environment& variables = {}, int limit_ms = LIMIT_MS) {
+    process program(argv, variables);
+    const int status = program.wait_exit(limit_ms);
+    return {status, program.out(), program.err()};
+}
 
 } // namespace test_support

@@ -25,12 +25,11 @@ class trace_table {
     PTRC_HASH_TBL* operator->() const { return table_; }
 
     // Puts an entry last on the used stack, in state 'a', alive and last accessed so long ago.
-    PTRC_HASH_ARR& add(const std::string& proc_nm, int pid, unsigned long tid = 0,
-                       int idle_sec = 0) {
+    PTRC_HASH_ARR& add(const std::string& name, int pid, unsigned long tid = 0, int idle_sec = 0) {
         const unsigned slot = PTRC_HASH_SLOTS - 1 - table_->alloc_cnt++;
         table_->used.idx[table_->used.top++] = slot;
         PTRC_HASH_ARR& entry = table_->h_arr[slot].param;
-        agt::copy_text(entry.proc_nm, proc_nm.c_str());
+        agt::copy_text(entry.proc_nm, name.c_str());
         std::snprintf(entry.pid, sizeof entry.pid, "%d", pid);
         std::snprintf(entry.tid, sizeof entry.tid, "%015lu", tid);
         entry._pid = pid;

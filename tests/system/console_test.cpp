@@ -15,12 +15,12 @@ class ConsoleCommands : public testing::Test {
 
     void serve(const std::string& services) {
         a.write_file("services", services);
-        server.emplace(texts{KESSCTL_PROGRAM, "serve", "--port", std::to_string(a.server_port()),
-                             "--services", a.path("services"), "--json-log", a.path("messages"),
-                             "--port-file", a.path("port")},
-                       environment{});
-        ASSERT_TRUE(wait_until([&] { return access(a.path("port").c_str(), F_OK) == 0; }))
-            << server->err();
+        const std::string port = std::to_string(a.server_port());
+        const texts words = {
+            KESSCTL_PROGRAM,    "serve",      "--port",           port,          "--services",
+            a.path("services"), "--json-log", a.path("messages"), "--port-file", a.path("port")};
+        server.emplace(words, environment());
+        ASSERT_TRUE(wait_until([&] { return content(a.path("port")) != ""; })) << server->err();
     }
     // Runs a command, which must end with `status` and write the texts in this order.
     void expect(const texts& words, texts wanted, int status = 0) const {

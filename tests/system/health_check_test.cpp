@@ -206,8 +206,8 @@ TEST_F(HealthCheck, SendsTheDeviceInformationOnce) {
         EXPECT_EQ(server.messages().size(), 1u);
         const auto frame = server.wait_for('H')->frame;
         EXPECT_EQ(std::memcmp(&frame, "\x90\x85\x20\x83H\0", 6), 0);
-        EXPECT_EQ(bytes_of(frame.body).substr(0, 303),
-                  host_field() + std::string(200, 'o') + ",00008," + text + ",");
+        const std::string wanted = host_field() + std::string(200, 'o') + ",00008," + text + ",";
+        EXPECT_EQ(bytes_of(frame.body).substr(0, 303), wanted);
         agt::close_tcp_session(svr_cmd_sockfd.exchange(-1));
     }
     EXPECT_EQ(a.count_log("(i) ##### device info send complete\n"), 6u);

@@ -72,11 +72,11 @@ class RemoteCommandOnce : public testing::Test {
 
 TEST_F(RemoteCommandOnce, TheTimeValueBoundsTheNumberOfCommands) {
     const std::string a_line = result(0, "a\n");
+    texts many(29, "echo");
+    many.insert(many.end(), {"echo x", "echo y"});
     std::string thirty;
     for (int i = 0; i < 29; ++i)
         thirty += result(0, "\n");
-    texts many(29, "echo");
-    many.insert(many.end(), {"echo x", "echo y"});
     const std::string separator = "\x1f";
     const std::tuple<std::string, std::string, const char*> cases[] = {
         {ext_items({"2", "echo a", "echo b", "echo c"}),
@@ -99,13 +99,12 @@ TEST_F(RemoteCommandOnce, TheTimeValueBoundsTheNumberOfCommands) {
 
 TEST_F(RemoteCommandOnce, TellsTheLogWhenThePeerIsGoneOrAsksForAnotherThing) {
     EXPECT_EQ(ask_ext(a, "0001Xecho a") + ask_ext(a, "7777Recho a"), "");
-    EXPECT_TRUE(a.wait_log("<!> unsupported  EXT_PDU = |X|\n") &&
-                a.wait_log("<!> unsupported EXT_REQ = |7777|\n"));
-    {
-        const ext_peer gone(a, "0001Rsleep 0.3; echo a");
-        EXPECT_TRUE(a.wait_log("[[ EXT_REQ - SVC_CMD ]]"));
-        reset_at_close(gone.client.fd());
-    }
+    EXPECT_TRUE(a.wait_log("<!> unsupported  EXT_PDU = |X|\n"));
+    EXPECT_TRUE(a.wait_log("<!> unsupported EXT_REQ = |7777|\n"));
+    ext_peer gone(a, "0001Rsleep 0.3; echo a");
+    EXPECT_TRUE(a.wait_log("[[ EXT_REQ - SVC_CMD ]]"));
+    reset_at_close(gone.client.fd());
+    gone.client.close();
     EXPECT_TRUE(a.wait_log("<!> send_cmd_response() error.. len=-1\n"));
     EXPECT_EQ(a.count_log("<!> tcp error.. for header: -1\n"), 1U);
     const std::string much = "0001R" + ext_items({"echo a", "head -c 9000000 /dev/zero"});

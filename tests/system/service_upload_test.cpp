@@ -40,21 +40,18 @@ std::string lines(int count) {
 }
 
 // The blocks of an upload: result_code and element_num of each.
-texts blocks(const kessctl::stand_in& server) {
-    texts found;
+std::string blocks(const kessctl::stand_in& server) {
+    std::string found;
     for (const kessctl::received_message& message : server.messages())
         if (message.frame.hdr.msg_type[0] == UPDATE)
-            found.push_back(kessctl::field_text(message.frame, "result_code") + " " +
-                            kessctl::field_text(message.frame, "element_num"));
+            found += kessctl::field_text(message.frame, "result_code") + " " +
+                     kessctl::field_text(message.frame, "element_num") + ",";
     return found;
 }
 
 TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
-    const std::pair<int, texts> cases[] = {{0, {}},
-                                           {1, {"3 001"}},
-                                           {15, {"3 015"}},
-                                           {16, {"3 015", "4 001"}},
-                                           {31, {"3 015", "4 015", "4 001"}}};
+    const std::pair<int, std::string> cases[] = {
+        {0, ""}, {1, "3 001,"}, {15, "3 015,"}, {16, "3 015,4 001,"}, {31, "3 015,4 015,4 001,"}};
     start();
     for (const auto& [count, wanted] : cases) {
         SCOPED_TRACE(count);
@@ -62,7 +59,7 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
         upload();
         EXPECT_EQ(blocks(server), wanted);
         EXPECT_EQ(a.count_log("\t[#"), static_cast<std::size_t>(count));
-        EXPECT_EQ(a.count_log("(I) Update Service List Complete."), wanted.size());
+        EXPECT_EQ(a.count_log("(I) Update Service List Complete."), wanted.size() / 6);
         const std::string total = "(I) Total [" + std::to_string(count);
         EXPECT_TRUE(in_order(a, {total + "] Services Server Update, Success..", ENDED,
                                  "(i) get service list thread is starting.."}));
@@ -84,7 +81,7 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
                   "(I) Update Service List Complete.", "\t[#016] host_name : "}));
     server.change([](auto& options) { options.update_result = '7'; });
     upload();
-    EXPECT_EQ(blocks(server).size(), 3u); // it goes on when they are refused
+    EXPECT_EQ(server.count(UPDATE), 3u); // it goes on when they are refused
     EXPECT_EQ(a.count_log("<!> Update Service List Fail. Result Code : '7'"), 3u);
     EXPECT_EQ(a.count_log("(I) Total [31] Services Server Update, Success.."), 1u);
 }
@@ -140,7 +137,7 @@ TEST_F(ServiceUpload, StopsAtABrokenServer) {
         EXPECT_TRUE(a.wait_log(line));
         EXPECT_EQ(a.count_log("(I) Send Msg To Server"), 1u);
     }
-    EXPECT_EQ(blocks(server).size(), std::size(cases));
+    EXPECT_EQ(server.count(UPDATE), std::size(cases));
     EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 0u); // no retrieval followed
     set_fault(UPDATE, {});
     upload();
@@ -193,10 +190,8 @@ TEST_F(ServiceUpload, RunsAtTheDailyTimeToo) {
 TEST_F(ServiceUpload, OnlyAnnouncesWithoutTheKey) {
     a.unset("SERVICE_HASH", "DAILY_UPDATE_YN");
     start();
-    EXPECT_EQ(a.err(), "");
     a.write_file("svc_update", "");
     EXPECT_TRUE(a.wait_log("(I) start forced update service"));
-    EXPECT_TRUE(wait_until([&] { return !std::filesystem::exists(a.path("svc_update")); }));
     EXPECT_EQ(a.stop(), 0);
     EXPECT_EQ(a.count_log(STARTED), 0u);
 }

@@ -78,8 +78,8 @@ TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
     EXPECT_TRUE(daemon.wait_log("(i) statics log print start... running : 1"));
     EXPECT_TRUE(daemon.wait_log("(i) notify_active_service_detail thread start... running : 1"));
     const std::string got = "ok, get environment-variable (TRAN_AGT_";
-    EXPECT_EQ(daemon.out(), got + "HOME : " + daemon.home() + ")\n" + got +
-                                "CFG_FILE : " + daemon.cfg_file() + ")\n");
+    const std::string home = got + "HOME : " + daemon.home() + ")\n";
+    EXPECT_EQ(daemon.out(), home + got + "CFG_FILE : " + daemon.cfg_file() + ")\n");
     EXPECT_EQ(daemon.err(), "");
     EXPECT_EQ(daemon.stop(), 0);
 

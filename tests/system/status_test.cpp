@@ -18,8 +18,8 @@ class Status : public testing::Test {
     void start() {
         daemon.set("KESSARD", "WORKER_CHECK_INTERVAL", 0); // else objects come seconds later
         start_running(daemon);
-        ASSERT_TRUE(kill(daemon.pid(), SIGSTOP) == 0 &&
-                    waitpid(daemon.pid(), nullptr, WUNTRACED) == daemon.pid());
+        daemon.signal(SIGSTOP);
+        ASSERT_EQ(waitpid(daemon.pid(), nullptr, WUNTRACED), daemon.pid());
     }
     program_result console(const texts& words) const { return daemon.console(words); }
     json look(int wanted_status, texts words = {}) const {

@@ -59,8 +59,8 @@ TEST(Workers, ConsoleSaysWhatDoesNotFit) {
                          {"1\n", "the table is full: 4000 entries did not fit\n"}));
     const PTRC_HASH_TBL& table = *a.traces();
     EXPECT_EQ(table.alloc_cnt + table.used.top, 20000u);
-    EXPECT_TRUE(find_entry(table, 4194305 + 3999, 1) != nullptr &&
-                find_entry(table, 4194305 + 5999, 0) != nullptr);
+    EXPECT_NE(find_entry(table, 4194305 + 3999, 1), nullptr);
+    EXPECT_NE(find_entry(table, 4194305 + 5999, 0), nullptr);
     a.signal(SIGSTOP); // the reader of the notification queue
     ASSERT_EQ(waitpid(a.pid(), nullptr, WUNTRACED), a.pid());
     const int rear = a.noti_que()->info.rear;

@@ -102,8 +102,7 @@ TEST_F(Housekeeping, MarksLiveRenamedAndDeadProcesses) {
     wanted.push_back("@@@ process down: " + std::string(31, 'x') + "(999999999)");
     check_ptrc_hash_tbl();
     for (std::size_t i = 0; i < std::size(cases); ++i)
-        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, std::get<3>(cases[i]))
-            << "entry " << i;
+        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, std::get<3>(cases[i])) << i;
     EXPECT_EQ(messages(a.log()), wanted);
 }
 
@@ -116,8 +115,8 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
     }
     for (int i = 0; i < 600; ++i) { // the cache may miss a record that it holds
         const bool own = i % 3 == 0;
-        table.add(own ? OWN_NAME : "worker" + std::to_string(i % 7),
-                  own ? getpid() : DEAD_PID + i % 5);
+        const std::string name = own ? OWN_NAME : "worker" + std::to_string(i % 7);
+        table.add(name, own ? getpid() : DEAD_PID + i % 5);
     }
     check_ptrc_hash_tbl();
     for (unsigned i = 0; i < table->used.top; ++i) {

@@ -10,8 +10,7 @@
 namespace {
 
 using namespace kessard;
-using test_support::table_fault;
-using test_support::texts;
+using namespace test_support;
 
 constexpr int BUCKET = 77;
 

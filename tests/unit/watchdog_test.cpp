@@ -167,18 +167,19 @@ TEST_F(Watchdog, ReportsThreadsAndProcessesWithoutActiveThreadsInThreadMode) {
     EXPECT_EQ(pass(), others);
 }
 
-// Compares a record of the second `now` with blanks but for the texts at their places.
-void expect_record(const PARSE_LOG_QUE_DATA& record, time_t now,
-                   std::vector<std::pair<std::size_t, std::string>> at) {
+// Compares a record of the second `now` with blanks but for its constant texts and its name, pid,
+// tid, event and message.
+void expect_record(const PARSE_LOG_QUE_DATA& record, time_t now, const texts& own) {
     const std::string bytes = bytes_of(record);
     const std::string usec = bytes.substr(190, 6);
     EXPECT_EQ(usec.find_first_not_of("0123456789"), std::string::npos);
-    at.insert(at.end(), {{0, "V"}, {2, "01"}, {5, "T"}, {73, host_name()}, {932, "V"}});
-    at.insert(at.end(), {{175, local_text("%Y%m%d", now) + '\0'},
-                         {184, local_text("%H%M%S", now) + usec + '\0'}});
+    const std::size_t places[] = {40, 138, 147, 197, 220, 0, 2, 5, 73, 175, 184, 932};
+    texts parts = own;
+    parts.insert(parts.end(), {"V", "01", "T", host_name(), local_text("%Y%m%d", now) + '\0',
+                               local_text("%H%M%S", now) + usec + '\0', "V"});
     std::string wanted(944, ' ');
-    for (const auto& [place, text] : at)
-        wanted.replace(place, text.size(), text);
+    for (std::size_t i = 0; i < parts.size(); ++i)
+        wanted.replace(places[i], parts[i].size(), parts[i]);
     EXPECT_EQ(bytes, wanted);
 }
 
@@ -195,21 +196,14 @@ TEST_F(Watchdog, WritesEveryByteOfAnEvent) {
     const auto last_access = [](const PTRC_HASH_ARR& entry) {
         return local_text(" (Last access tm : %Y-%m-%d %H:%M:%S)", entry.lasted_access) + '\0';
     };
-    expect_record(
-        queue->data[1], now,
-        {{40, "worker"},
-         {138, "4194305\0"s},
-         {147, "000000000000000"},
-         {197, "1710"},
-         {220, "Process not running. [worker / pid:4194305 / tid:0]" + last_access(plain)}});
+    expect_record(queue->data[1], now,
+                  {"worker", "4194305\0"s, "000000000000000", "1710",
+                   "Process not running. [worker / pid:4194305 / tid:0]" + last_access(plain)});
     const std::string name(30, 'x');
+    const std::string ids = " / pid:77 / tid:140737488355327]";
     expect_record(queue->data[2], now,
-                  {{40, name},
-                   {138, "88888888"},
-                   {147, "999999999999999"},
-                   {197, "1710"},
-                   {220, "Thread not running. [" + name + " / pid:77 / tid:140737488355327]" +
-                             last_access(full)}});
+                  {name, "88888888", "999999999999999", "1710",
+                   "Thread not running. [" + name + ids + last_access(full)});
 }
 
 TEST_F(Watchdog, ReportsACorruptTableAndStops) {
@@ -221,8 +215,8 @@ TEST_F(Watchdog, ReportsACorruptTableAndStops) {
             table->used.top = static_cast<unsigned>(std::stoi(top));
         };
         const time_t now = within_one_second(spoil, [] { EXPECT_FALSE(check_worker_pass()); });
-        expect_record(queue->data[1], now,
-                      {{197, "2010"}, {220, "PTRC range error. [A:1/T:" + top + "/10000]" + '\0'}});
+        const std::string message = "PTRC range error. [A:1/T:" + top + "/10000]" + '\0';
+        expect_record(queue->data[1], now, {"", "", "", "2010", message});
         EXPECT_GE(a.count_log("<!> PTRC hash range error (A:1/T:" + top + "/10000)n"), 1u);
         const std::string examined = top == "-1" ? "worker, pid:41, tid:5" : ", pid:0, tid:0";
         EXPECT_GE(a.count_log("send_event [" + examined + "] [ret:1]"), 1u);
