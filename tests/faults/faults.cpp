@@ -1,6 +1,5 @@
-// A library to preload: wraps what the daemon calls of the C library (it sends with sendmsg alone,
-// waits for semaphores with semtimedop alone, and so on) and fails as the table in the file
-// KESSARD_FAULTS says. What the daemon starts is left alone.
+// A library to preload: wraps what the daemon calls of the C library and fails as the table in the
+// file KESSARD_FAULTS says. What the daemon starts is left alone.
 #include "faults.h"
 
 #include <dlfcn.h>
@@ -87,55 +86,57 @@ int cut_sleep(const pollfd* fds, int limit_ms) {
 
 } // namespace
 
-// A wrapped call: its type, its parameters, the condition under which it can fail, what it returns
-// then, its arguments.
+// A wrapped call: type, parameters, what it returns when it fails, arguments; and when it can fail.
 #define NUMBER(name) std::integral_constant<std::size_t, number_of(#name)>::value
 #define REAL(type, name, parameters) reinterpret_cast<type(*) parameters>(wrapped[NUMBER(name)])
-#define WRAP(type, name, parameters, condition, failed, ...)                                       \
+#define WRAP_IF(condition, type, name, parameters, failed, ...)                                    \
     type name parameters {                                                                         \
         return condition && fails(NUMBER(name)) ? failed                                           \
                                                 : REAL(type, name, parameters)(__VA_ARGS__);       \
     }
+#define WRAP(...) WRAP_IF(true, __VA_ARGS__)
 
 extern "C" {
 // clang-format off
-WRAP(int, socket, (int domain, int type, int protocol) noexcept, true, -1, domain, type, protocol)
-WRAP(int, connect, (int fd, const sockaddr* peer, socklen_t size), true, -1, fd, peer, size)
-WRAP(int, accept4, (int fd, sockaddr* peer, socklen_t* size, int flags), true, -1, fd, peer, size, flags)
-WRAP(int, pipe2, (int* fds, int flags) noexcept, true, -1, fds, flags)
-WRAP(int, eventfd, (unsigned count, int flags) noexcept, true, -1, count, flags)
-WRAP(int, shmget, (key_t key, std::size_t size, int flags) noexcept, true, -1, key, size, flags)
-WRAP(void*, shmat, (int id, const void* at, int flags) noexcept, true, reinterpret_cast<void*>(-1), id, at, flags)
-WRAP(int, semget, (key_t key, int count, int flags) noexcept, true, -1, key, count, flags)
-WRAP(int, semtimedop, (int id, sembuf* op, std::size_t count, const timespec* limit) noexcept,
-     (op->sem_op < 0 || error_of(NUMBER(semtimedop)) == EINTR), -1, id, op, count, limit) // what is held is given back
-WRAP(pid_t, fork, () noexcept, true, -1)
+WRAP(int, socket, (int domain, int type, int protocol) noexcept, -1, domain, type, protocol)
+WRAP(int, connect, (int fd, const sockaddr* peer, socklen_t size), -1, fd, peer, size)
+WRAP(int, accept4, (int fd, sockaddr* peer, socklen_t* size, int flags), -1, fd, peer, size, flags)
+WRAP(int, pipe2, (int* fds, int flags) noexcept, -1, fds, flags)
+WRAP(int, eventfd, (unsigned count, int flags) noexcept, -1, count, flags)
+WRAP(int, shmget, (key_t key, std::size_t size, int flags) noexcept, -1, key, size, flags)
+WRAP(void*, shmat, (int id, const void* at, int flags) noexcept, reinterpret_cast<void*>(-1),
+     id, at, flags)
+WRAP(int, semget, (key_t key, int count, int flags) noexcept, -1, key, count, flags)
+WRAP_IF((op->sem_op < 0 || error_of(NUMBER(semtimedop)) == EINTR), // what is held is given back
+        int, semtimedop, (int id, sembuf* op, std::size_t count, const timespec* limit) noexcept,
+        -1, id, op, count, limit)
+WRAP(pid_t, fork, () noexcept, -1)
 WRAP(int, posix_spawn, (pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
-     const posix_spawnattr_t* how, char* const* argv, char* const* env), true, errno, pid, path, actions, how, argv, env)
-WRAP(int, pthread_create, (pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*), void* arg) noexcept,
-     true, errno, thread, how, entry, arg)
-WRAP(int, pselect, (int count, fd_set* in, fd_set* out, fd_set* other, const timespec* limit, const sigset_t* mask),
-     true, -1, count, in, out, other, limit, mask)
-WRAP(ssize_t, recv, (int fd, void* to, std::size_t size, int flags), true, -1, fd, to, cut(NUMBER(recv), fd, size), flags)
-WRAP(ssize_t, read, (int fd, void* to, std::size_t size), concerns(NUMBER(read), fd), -1,
-     fd, to, cut(NUMBER(read), fd, size))
-WRAP(ssize_t, write, (int fd, const void* from, std::size_t size), concerns(NUMBER(write), fd), -1,
-     fd, from, cut(NUMBER(write), fd, size))
+     const posix_spawnattr_t* how, char* const* argv, char* const* env),
+     errno, pid, path, actions, how, argv, env)
+WRAP(int, pthread_create, (pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
+     void* arg) noexcept, errno, thread, how, entry, arg)
+WRAP(int, pselect, (int count, fd_set* in, fd_set* out, fd_set* other, const timespec* limit,
+     const sigset_t* mask), -1, count, in, out, other, limit, mask)
+WRAP(ssize_t, recv, (int fd, void* to, std::size_t size, int flags), -1,
+     fd, to, cut(NUMBER(recv), fd, size), flags)
+WRAP_IF(concerns(NUMBER(read), fd), ssize_t, read, (int fd, void* to, std::size_t size), -1,
+        fd, to, cut(NUMBER(read), fd, size))
+WRAP_IF(concerns(NUMBER(write), fd), ssize_t, write, (int fd, const void* from, std::size_t size),
+        -1, fd, from, cut(NUMBER(write), fd, size))
 // clang-format on
 
 int open(const char* path, int flags, ...) {
     va_list mode;
     va_start(mode, flags);
-    const int ret =
-        fails(NUMBER(open))
-            ? -1
-            : REAL(int, open, (const char*, int, ...))(path, flags, va_arg(mode, mode_t));
+    const auto real = REAL(int, open, (const char*, int, ...));
+    const int ret = fails(NUMBER(open)) ? -1 : real(path, flags, va_arg(mode, mode_t));
     va_end(mode);
     return ret;
 }
 
-int poll_or_sleep(pollfd* fds, nfds_t count,
-                  int limit_ms) asm("poll"); // under its name its table is not to be read
+// Under its name its table is not to be read.
+int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) asm("poll");
 int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) {
     if (fails(NUMBER(poll)))
         return -1;
@@ -157,9 +158,8 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* malloc(std::size_t size) noexcept {
-    return now != nullptr && size >= now->smallest_bytes && fails(NUMBER(malloc))
-               ? nullptr
-               : __libc_malloc(size);
+    const bool failing = now != nullptr && size >= now->smallest_bytes && fails(NUMBER(malloc));
+    return failing ? nullptr : __libc_malloc(size);
 }
 void* calloc(std::size_t count, std::size_t size) noexcept {
     return fails(NUMBER(calloc)) ? nullptr : __libc_calloc(count, size);

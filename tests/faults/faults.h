@@ -1,5 +1,4 @@
-// The faults of a program under test: a table in a file that the test and the program both map. The
-// library of faults.cpp, preloaded into the program, looks into it at every call that it wraps.
+// The faults of a program under test: a table in a file that the test and the program both map.
 #pragma once
 
 #include <atomic>

@@ -1,14 +1,8 @@
 // What several tests look at.
 #include "checks.h"
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 namespace test_support {
 namespace {
-
-constexpr std::size_t TIME_PREFIX = 16; // "MM-DD HH:MM:SS  "
 
 // Walks one chain and counts its slots in `seen`.
 std::string chain_fault(const SVC_HASH_TBL& table, int bucket, std::vector<int>& seen) {
@@ -26,14 +20,6 @@ std::string chain_fault(const SVC_HASH_TBL& table, int bucket, std::vector<int>&
 }
 
 } // namespace
-
-texts messages(const std::string& log) {
-    texts found;
-    std::istringstream lines(log);
-    for (std::string line; std::getline(lines, line);)
-        found.push_back(line.size() > TIME_PREFIX ? line.substr(TIME_PREFIX) : line);
-    return found;
-}
 
 testing::AssertionResult in_order(const std::string& log, const texts& wanted) {
     std::size_t at = 0;
@@ -53,8 +39,7 @@ testing::AssertionResult in_order(const agent& one, const texts& wanted) {
 }
 
 void start_running(agent& one, const texts& options) {
-    const char* const started =
-        "start... running : 1"; // said by the command loop and by two threads
+    const char* const started = "start... running : 1"; // the command loop and two threads say so
     const std::size_t before = one.count_log(started);
     one.start(options);
     ASSERT_TRUE(one.wait_log(started, before + 3));
@@ -75,34 +60,8 @@ std::string table_fault(const SVC_HASH_TBL& table) {
         return "the used stack differs from the chains";
     for (unsigned i = 0; i < table.available.top; ++i)
         ++stacked.at(table.available.idx[i]);
-    return stacked == std::vector<int>(SVC_HASH_SLOTS, 1) ? ""
-                                                          : "a slot is not in exactly one stack";
-}
-
-std::string status_of(pid_t pid, const std::string& name) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(file, line);)
-        if (line.starts_with(name + ":"))
-            return line.substr(line.find_first_not_of(" \t", name.size() + 1));
-    return {};
-}
-
-texts open_files(pid_t pid) {
-    texts found;
-    std::error_code error;
-    for (const auto& one :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error))
-        found.push_back(std::filesystem::read_symlink(one.path(), error));
-    return found;
-}
-
-texts children(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) +
-                       "/children");
-    texts found;
-    for (std::string child; file >> child;)
-        found.push_back(child);
-    return found;
+    const bool once = stacked == std::vector<int>(SVC_HASH_SLOTS, 1);
+    return once ? "" : "a slot is not in exactly one stack";
 }
 
 } // namespace test_support

@@ -1,19 +1,10 @@
 // Every kind of exchange with an agent.
 #include "exchanges.h"
 
-#include <algorithm>
-#include <csignal>
-#include <filesystem>
-
 #include "ring_queue.h"
 #include "sem.h"
 
 namespace test_support {
-namespace {
-
-constexpr int TRY_MS = 1000; // of a step that what else happens may have spoilt
-
-} // namespace
 
 exchanges::exchanges() {
     server.set_services(services(1));
@@ -26,17 +17,9 @@ exchanges::exchanges() {
     std::filesystem::create_directory(a.path("down"));
 }
 
-bool exchanges::run(const std::string& name) {
-    bool (exchanges::*const all[])() = {
-        &exchanges::command, &exchanges::remote_command, &exchanges::transfer, &exchanges::notify,
-        &exchanges::reload,  &exchanges::update,         &exchanges::sweep};
-    return (this->*all[std::find(std::begin(EXCHANGES), std::end(EXCHANGES), name) -
-                       std::begin(EXCHANGES)])();
-}
-
 void exchanges::expect_all() {
-    for (const char* name : EXCHANGES)
-        EXPECT_TRUE(run(name)) << name;
+    for (const auto& [name, exchange] : ALL)
+        EXPECT_TRUE((this->*exchange)()) << name;
 }
 
 void exchanges::empty_log() const {
@@ -48,31 +31,25 @@ bool exchanges::command() {
     SERVICE_ELEMENT gone = kessctl::make_service("NOT THERE");
     gone.update_mode[0] = 'D';
     TCP_CMD_MSG got;
-    return wait_until(
-        [&] {
-            return answers(a, kessctl::modified_services_frame(&gone, 1), &got) &&
-                   kessctl::field_text(got, "element_num") == "001";
-        },
-        limit_ms);
+    return repeat([&] {
+        return answers(a, kessctl::modified_services_frame(&gone, 1), &got) &&
+               kessctl::field_text(got, "element_num") == "001";
+    });
 }
 
 bool exchanges::remote_command() {
-    return wait_until(
-        [&] {
-            return a.console({"exec", "echo ran"}).out == "$ echo ran\nran\n-> exit status 0\n";
-        },
-        limit_ms);
+    return repeat([&] {
+        return a.console({"exec", "echo ran"}).out == "$ echo ran\nran\n-> exit status 0\n";
+    });
 }
 
 bool exchanges::transfer() {
     std::filesystem::remove(a.path("down/sent"));
-    return wait_until(
-        [&] {
-            return a.console({"put", a.path("sent"), a.path("up")}).status == 0 &&
-                   a.console({"get", a.path("up/sent"), a.path("down")}).status == 0 &&
-                   run_program({"/usr/bin/cmp", a.path("sent"), a.path("down/sent")}).status == 0;
-        },
-        limit_ms);
+    return repeat([&] {
+        return a.console({"put", a.path("sent"), a.path("up")}).status == 0 &&
+               a.console({"get", a.path("up/sent"), a.path("down")}).status == 0 &&
+               content(a.path("sent")) == content(a.path("down/sent"));
+    });
 }
 
 void exchanges::put_notifications() {
@@ -84,13 +61,10 @@ void exchanges::put_notifications() {
 
 bool exchanges::notify() {
     const std::size_t before = server.count(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ);
-    return wait_until(
-        [&] { // what comes while the link is down is dropped
-            put_notifications();
-            return server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, before + 1, TRY_MS)
-                .has_value();
-        },
-        limit_ms);
+    return repeat([&] { // what comes while the link is down is dropped
+        put_notifications();
+        return bool(server.wait_for(MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, before + 1, TRY_MS));
+    });
 }
 
 bool exchanges::renew() const {
@@ -106,18 +80,16 @@ bool exchanges::reload() {
         const agt::sem_hold hold(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0);
         return table.alloc_cnt == static_cast<unsigned>(wanted) && table_fault(table).empty();
     };
-    return wait_until([&] { return renew() && wait_until(loaded, 2 * TRY_MS); }, limit_ms);
+    return repeat([&] { return renew() && wait_until(loaded, 2 * TRY_MS); });
 }
 
 bool exchanges::update() {
     const std::size_t before = server.count(MSG_UPDATE_SERVICE_LIST_REQ);
-    return wait_until(
-        [&] {
-            if (!std::filesystem::exists(a.path("svc_update")))
-                a.write_file("svc_update", "");
-            return server.wait_for(MSG_UPDATE_SERVICE_LIST_REQ, before + 2, TRY_MS).has_value();
-        },
-        limit_ms);
+    return repeat([&] {
+        if (!std::filesystem::exists(a.path("svc_update")))
+            a.write_file("svc_update", "");
+        return server.wait_for(MSG_UPDATE_SERVICE_LIST_REQ, before + 2, TRY_MS).has_value();
+    });
 }
 
 int exchanges::isalive(pid_t pid) {
@@ -134,17 +106,14 @@ bool exchanges::sweep() {
     a.console({"put-trace", "--clear"});
     process traced({"/bin/sleep", "100"}, {});
     const pid_t pid = traced.pid();
-    const bool found = wait_until(
-        [&] {
-            return a.console({"put-trace", "--pid", std::to_string(pid), "--name", "sleep",
-                              "--state", "h", "--alive", "0"})
-                           .status == 0 &&
-                   wait_until([&] { return isalive(pid) == 1; }, TRY_MS);
-        },
-        limit_ms);
+    const texts put = {"put-trace", "--pid", std::to_string(pid), "--name", "sleep",
+                       "--state",   "h",     "--alive",           "0"};
+    const bool found = repeat([&] {
+        return a.console(put).status == 0 && wait_until([&] { return isalive(pid) == 1; }, TRY_MS);
+    });
     kill(pid, SIGKILL);
     traced.wait_exit();
-    return found && wait_until([&] { return isalive(pid) == 0; }, limit_ms);
+    return found && repeat([&] { return isalive(pid) == 0; });
 }
 
 } // namespace test_support

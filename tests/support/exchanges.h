@@ -1,14 +1,11 @@
-// An agent, its server, and every kind of exchange that there is with the two, each seen through to
-// its effect.
+// An agent, its server, and every kind of exchange with the two, each seen through to its effect.
 #pragma once
 
 #include "served_agent.h"
 
 namespace test_support {
 
-inline constexpr const char* EXCHANGES[] = {"command", "remote_command", "transfer", "notify",
-                                            "reload",  "update",         "sweep"};
-
+inline constexpr int TRY_MS = 1000;             // of a step that what else happens may have spoilt
 inline constexpr unsigned LEAST_SERVICES = 200; // in the table when no list is coming in
 
 class exchanges : public served_agent {
@@ -18,22 +15,27 @@ class exchanges : public served_agent {
     exchanges(); // the agent is configured for all of them, and not started
 
     // Each tries until it has succeeded or its limit is over. They may run at once, one of a kind.
-    bool run(const std::string& name); // one of EXCHANGES
-    void expect_all();                 // each succeeds, in turn
-    bool command();                    // deletes a service that is not there
+    void expect_all(); // each succeeds, in turn
+    bool command();    // deletes a service that is not there
     bool remote_command();
     bool transfer(); // a file goes there and comes back
     bool notify();
-    bool reload(); // the table holds the server's services then, another number than before, and is
-                   // in order
+    bool reload(); // the table is in order then and holds another number of services
     bool update(); // the script's services go up
     bool sweep();  // a traced process lives and dies
+
+    static inline const std::pair<std::string, bool (exchanges::*)()> ALL[] = {
+        {"command", &exchanges::command},   {"remote_command", &exchanges::remote_command},
+        {"transfer", &exchanges::transfer}, {"notify", &exchanges::notify},
+        {"reload", &exchanges::reload},     {"update", &exchanges::update},
+        {"sweep", &exchanges::sweep}};
 
     bool renew() const;       // asks for one list
     void put_notifications(); // two, which leave together
     void empty_log() const;
 
   private:
+    template <class Attempt> bool repeat(Attempt attempt) { return wait_until(attempt, limit_ms); }
     int isalive(pid_t pid); // of a process's entry in the trace table, -1 without one
 
     int lists_ = 0;

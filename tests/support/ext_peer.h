@@ -1,12 +1,7 @@
 // The server's side of an extended request, byte by byte.
 #pragma once
 
-#include <arpa/inet.h>
 #include <poll.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdint>
 
 #include "checks.h"
 #include "server/command_client.h"
@@ -20,9 +15,9 @@ inline std::string on_wire(std::int64_t value) {
 
 // An answer: its header, then the bytes that the header counts.
 inline std::string ext_answer(char status, const std::string& body) {
-    char host[64] = {};
-    gethostname(host, sizeof host);
-    return std::string("\x90\x85\x20\x83") + status + std::string(host, sizeof host) +
+    std::string host = host_name();
+    host.resize(64);
+    return std::string("\x90\x85\x20\x83") + status + host +
            on_wire(static_cast<std::int64_t>(body.size())) + body;
 }
 
@@ -52,12 +47,11 @@ struct ext_peer {
     std::string receive(std::size_t most = SIZE_MAX) const {
         std::string all;
         char piece[65536];
-        while (all.size() < most &&
+        ssize_t got = 1;
+        while (got > 0 && all.size() < most &&
                agt::wait_fd(client.fd(), POLLIN, LIMIT_MS) == agt::wait_result::ready) {
-            const ssize_t got = read(client.fd(), piece, std::min(sizeof piece, most - all.size()));
-            if (got < 1)
-                break;
-            all.append(piece, static_cast<std::size_t>(got));
+            got = read(client.fd(), piece, std::min(sizeof piece, most - all.size()));
+            all.append(piece, got > 0 ? static_cast<std::size_t>(got) : 0);
         }
         return all;
     }

@@ -1,41 +1,27 @@
-// A listening socket whose queue can be filled up: connections to it then neither succeed nor fail.
+// A listening socket whose queue is full: connections to it neither succeed nor fail.
 #pragma once
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
-#include <vector>
-
-#include "tcp_base.h"
-#include "unique_fd.h"
+#include "checks.h"
 
 namespace test_support {
 
 class full_listener {
   public:
-    int fd() const { return listener_.get(); }
-    int port() const { return ntohs(address().sin_port); }
-
-    void fill_up() {
-        const sockaddr_in own = address();
-        listen(fd(), 0);
-        for (int i = 0; i < 4; ++i) {
-            waiting_.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            connect(waiting_.back().get(), reinterpret_cast<const sockaddr*>(&own), sizeof own);
+    full_listener() {
+        getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&own_), &size_);
+        listen(listener_.get(), 0);
+        for (agt::unique_fd& one : waiting_) {
+            one.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            connect(one.get(), reinterpret_cast<const sockaddr*>(&own_), sizeof own_);
         }
     }
-    void close() { listener_.reset(); }
+    int port() const { return ntohs(own_.sin_port); }
 
   private:
-    sockaddr_in address() const {
-        sockaddr_in own{};
-        socklen_t size = sizeof own;
-        getsockname(fd(), reinterpret_cast<sockaddr*>(&own), &size);
-        return own;
-    }
-
     agt::unique_fd listener_{agt::open_tcp_server_session("127.0.0.1", 0)};
-    std::vector<agt::unique_fd> waiting_;
+    sockaddr_in own_{};
+    socklen_t size_ = sizeof own_;
+    agt::unique_fd waiting_[4];
 };
 
 } // namespace test_support

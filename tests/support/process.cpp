@@ -1,8 +1,5 @@
-// Programs that a test starts.
-//
 // The test process makes itself the reaper of orphans, so that a daemon whose parent has gone can
-// be waited for. What belongs to a program is found by its session: it stays the same over fork,
-// exec and a change of the process group.
+// be waited for. What belongs to a program is found by its session, which it cannot leave.
 #include "process.h"
 
 #include <fcntl.h>
@@ -15,48 +12,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
 namespace test_support {
 namespace {
 
-struct proc_stat {
-    pid_t pid = -1;
-    char state = '?';
-    pid_t parent = -1;
-    pid_t session = -1;
-};
-
-proc_stat read_stat(const std::string& pid) {
-    std::ifstream file("/proc/" + pid + "/stat");
-    std::string line;
-    std::getline(file, line);
-    proc_stat stat;
-    const std::size_t name_end = line.rfind(')');
-    pid_t group = -1;
-    if (name_end != std::string::npos &&
-        std::sscanf(line.c_str() + name_end + 1, " %c %d %d %d", &stat.state, &stat.parent, &group,
-                    &stat.session) == 4)
-        stat.pid = std::stoi(pid);
-    return stat;
-}
-
-std::vector<proc_stat> processes_of(pid_t session) {
-    std::vector<proc_stat> found;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        const proc_stat stat = read_stat(name);
-        if (stat.pid > 0 && stat.session == session)
-            found.push_back(stat);
-    }
+std::vector<pid_t> processes_of(pid_t session) {
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc"))
+        if (const pid_t pid = std::atoi(entry.path().filename().c_str());
+            pid > 0 && getsid(pid) == session)
+            found.push_back(pid);
     return found;
 }
 
-// Becomes the program: in a session of its own, with an empty signal mask and every signal at its
-// default.
+// Becomes the program, in a session of its own, with an empty signal mask and default signals.
 [[noreturn]] void become(std::vector<char*> argv, const environment& variables, int out, int err) {
     setsid();
     sigset_t none;
@@ -76,19 +45,6 @@ std::vector<proc_stat> processes_of(pid_t session) {
 
 agt::unique_fd make_capture() {
     return agt::unique_fd(memfd_create("kessard-test", MFD_CLOEXEC));
-}
-
-std::string captured(const agt::unique_fd& file) {
-    std::string text;
-    char piece[4096];
-    for (ssize_t got = 0;
-         (got = pread(file.get(), piece, sizeof piece, static_cast<off_t>(text.size()))) > 0;)
-        text.append(piece, static_cast<std::size_t>(got));
-    return text;
-}
-
-int exit_code(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 } // namespace
@@ -113,28 +69,19 @@ process::~process() {
     if (pid_ > 0 && getsid(pid_) != session_) { // just forked: the session is not there yet
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
-    } else if (pid_ > 0 &&
-               std::getenv("KESSARD_COVERAGE") != nullptr) { // a killed program leaves no counters
-        kill(pid_, SIGTERM);
+    } else if (pid_ > 0 && std::getenv("KESSARD_COVERAGE") != nullptr) {
+        kill(pid_, SIGTERM); // a killed program leaves no counters
         kill(pid_, SIGCONT);
         wait_exit();
     }
     wait_until([this] {
-        const std::vector<proc_stat> left = processes_of(session_);
-        for (const proc_stat& one : left) {
-            kill(one.pid, SIGKILL);
-            if (one.parent == getpid())
-                waitpid(one.pid, nullptr, WNOHANG);
+        const std::vector<pid_t> left = processes_of(session_);
+        for (const pid_t pid : left) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, WNOHANG); // fails when it is another's child
         }
         return left.empty();
     });
-}
-
-std::string process::out() const {
-    return captured(out_);
-}
-std::string process::err() const {
-    return captured(err_);
 }
 
 int process::wait_exit(int limit_ms) {
@@ -148,29 +95,21 @@ int process::wait_exit(int limit_ms) {
         waitpid(pid_, &status, 0);
     }
     pid_ = -1;
-    return exit_code(status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 bool process::follow_background() {
-    for (const proc_stat& one : processes_of(session_))
-        if (one.parent == getpid())
-            pid_ = one.pid;
+    siginfo_t info;
+    for (const pid_t pid : processes_of(session_))
+        if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0)
+            pid_ = pid; // a child of this process
     return pid_ > 0;
 }
 
 std::vector<pid_t> process::running() const {
-    std::vector<pid_t> found;
-    for (const proc_stat& one : processes_of(session_))
-        if (one.state != 'Z')
-            found.push_back(one.pid);
+    std::vector<pid_t> found = processes_of(session_);
+    std::erase_if(found, [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == pid; });
     return found;
-}
-
-program_result run_program(const std::vector<std::string>& argv, const environment& variables,
-                           int limit_ms) {
-    process program(argv, variables);
-    const int status = program.wait_exit(limit_ms);
-    return {status, program.out(), program.err()};
 }
 
 } // namespace test_support

@@ -1,10 +1,11 @@
-// Programs that a test starts: output captured in memory, every wait with a limit, nothing left
-// behind.
+// Programs that a test starts: output in memory, waits with a limit, nothing left behind.
 #pragma once
 
 #include <sys/types.h>
 
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,10 +27,19 @@ template <class Condition> bool wait_until(Condition condition, int limit_ms = L
     return true;
 }
 
+inline void pass_time(long long ms) {
+    const long long from_ms = agt::monotonic_ms();
+    wait_until([&] { return agt::monotonic_ms() - from_ms >= ms; });
+}
+
+// What a file holds; empty when it cannot be read.
+inline std::string content(const std::string& file) {
+    return (std::ostringstream() << std::ifstream(file, std::ios::binary).rdbuf()).str();
+}
+
 using environment = std::map<std::string, std::string>; // added to the test's own
 
-// A started program, in a session of its own. Whatever runs in that session when the object goes is
-// killed.
+// A started program, in a session of its own. What runs there when the object goes is killed.
 class process {
   public:
     // Starts argv[0], a path; one that cannot be executed ends with status 127.
@@ -39,15 +49,15 @@ class process {
     ~process();
 
     pid_t pid() const { return pid_; }
-    std::string out() const; // what it wrote to standard output so far
-    std::string err() const;
+    // What it wrote so far.
+    std::string out() const { return content("/proc/self/fd/" + std::to_string(out_.get())); }
+    std::string err() const { return content("/proc/self/fd/" + std::to_string(err_.get())); }
 
-    // Waits for the end: the exit status, or 128 + the signal that ended it. A program that does
-    // not end in time is killed and fails the test.
+    // Waits for the end: the exit status, or 128 + the signal. One that is late is killed.
     int wait_exit(int limit_ms = LIMIT_MS);
 
-    // After wait_exit(): takes the process that the program left in its session as the one this
-    // object stands for (a program that put itself into the background). False when there is none.
+    // After wait_exit(): takes the process that the program left in its session, having put itself
+    // into the background, as the one this object stands for. False when there is none.
     bool follow_background();
 
     // Processes of the session that have not ended.
@@ -62,12 +72,15 @@ class process {
 
 struct program_result {
     int status;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // Runs a program to its end.
-program_result run_program(const std::vector<std::string>& argv, const environment& variables = {},
-                           int limit_ms = LIMIT_MS);
+inline program_result run_program(const std::vector<std::string>& argv,
+                                  const environment& variables = {}, int limit_ms = LIMIT_MS) {
+    process program(argv, variables);
+    const int status = program.wait_exit(limit_ms);
+    return {status, program.out(), program.err()};
+}
 
 } // namespace test_support

@@ -1,5 +1,4 @@
-// The commands of the console that change and show an agent, and the stand-in server as a program
-// that it serves.
+// The commands of the console that change and show an agent, and the stand-in server as a program.
 #include <nlohmann/json.hpp>
 
 #include "checks.h"
@@ -16,19 +15,18 @@ class ConsoleCommands : public testing::Test {
 
     void serve(const std::string& services) {
         a.write_file("services", services);
-        server.emplace(texts{KESSCTL_PROGRAM, "serve", "--port", std::to_string(a.server_port()),
-                             "--services", a.path("services"), "--json-log", a.path("messages"),
-                             "--port-file", a.path("port")},
-                       environment{});
-        ASSERT_TRUE(wait_until([&] { return access(a.path("port").c_str(), F_OK) == 0; }))
-            << server->err();
+        const std::string port = std::to_string(a.server_port());
+        const texts words = {
+            KESSCTL_PROGRAM,    "serve",      "--port",           port,          "--services",
+            a.path("services"), "--json-log", a.path("messages"), "--port-file", a.path("port")};
+        server.emplace(words, environment());
+        ASSERT_TRUE(wait_until([&] { return content(a.path("port")) != ""; })) << server->err();
     }
-    // Runs a command, which must end with `status` and write the texts in this order, to standard
-    // error if it failed.
-    void expect(const texts& words, const texts& wanted, int status = 0) const {
-        const program_result done = a.console(words);
-        EXPECT_EQ(done.status, status) << words[0] << ": " << done.out << done.err;
-        EXPECT_TRUE(in_order(status == 0 ? done.out : done.err, wanted)) << words[0];
+    // Runs a command, which must end with `status` and write the texts in this order.
+    void expect(const texts& words, texts wanted, int status = 0) const {
+        wanted.insert(wanted.begin(), std::to_string(status) + "\n");
+        const std::string shown = a.run(words);
+        EXPECT_TRUE(shown.starts_with(wanted[0]) && in_order(shown, wanted)) << shown;
     }
     // The messages of a kind that the server has logged, as JSON.
     std::vector<json> messages_of(const std::string& kind) const {
@@ -65,11 +63,8 @@ TEST_F(ConsoleCommands, ChangeAndShowAnAgentBehindItsServer) {
     expect({"services", "add", "THIRD", "limit=9", "FIRST", "limit=8"}, {"2 services sent"});
     expect({"services", "update", "SECOND", "limit=10"}, {"1 services sent"});
     expect({"services", "delete", "NOWHERE", "FIRST"}, {"2 services sent"});
-    const std::string table = a.console({"show", "services"}).out;
-    EXPECT_TRUE(in_order(table, {"2 services, 2 slots"}) &&
-                table.find("FIRST") == std::string::npos)
-        << table;
-    EXPECT_TRUE(in_order(table, {"SECOND", " 10 "}) && in_order(table, {"THIRD", " 9 "})) << table;
+    expect({"show", "services"}, {"2 services, 2 slots", "SECOND", " 10 "});
+    expect({"show", "services"}, {"2 services, 2 slots", "THIRD", " 9 "});
     expect({"put-notification", "--service", "SECOND"}, {});
     expect({"show", "queues", "--records", "1"}, {"noti_send_que: front ", ", rear 1, ", "SECOND"});
 }
@@ -84,15 +79,12 @@ TEST_F(ConsoleCommands, ServeLogsEveryMessageAndReadsItsServicesAgain) {
     EXPECT_TRUE(wait_until([&] { return messages_of("DEVICE_INFO_REQ").size() == 1; }));
     a.write_file("services", "FIRST limit=7\nNEW limit=x\n");
     kill(server->pid(), SIGHUP);
-    EXPECT_TRUE(wait_until([&] { return server->err().find("services:2: ") != std::string::npos; }))
-        << server->err();
+    EXPECT_TRUE(wait_until([&] { return in_order(server->err(), {"services:2: "}); }));
     a.write_file("services", "FIRST limit=7\nNEW\n");
     kill(server->pid(), SIGHUP);
     EXPECT_TRUE(wait_until([&] { return in_order(server->out(), {" 2 services from "}); }));
     expect({"renew"}, {"RENEW_SERVICE_LIST_RSP"});
-    EXPECT_TRUE(wait_until([&] {
-        return a.console({"show", "services"}).out.find("NEW") != std::string::npos;
-    }));
+    EXPECT_TRUE(wait_until([&] { return in_order(a.run({"show", "services"}), {"NEW"}); }));
     kill(server->pid(), SIGTERM);
     EXPECT_EQ(server->wait_exit(), 0);
     EXPECT_TRUE(in_order(server->out(),

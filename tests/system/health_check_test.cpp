@@ -1,6 +1,5 @@
 // Reports to the server: every byte of a health check and of the device information, and what a bad
-// server does to the connection. Cycles run in this process, on memory of its own; one test sees
-// the real program report.
+// server does to the connection. Cycles run in this process, on memory of its own.
 #include "health_check.h"
 
 #include "get_service_list.h"
@@ -21,19 +20,14 @@ namespace {
 using namespace test_support;
 using namespace kessard;
 
-// A zeroed record; pages that nobody touches cost nothing.
-template <class T> std::unique_ptr<T, void (*)(void*)> zeroed() {
-    return {static_cast<T*>(std::calloc(1, sizeof(T))), std::free};
-}
-
 // Nothing of the agent but its directory and its keys.
 class HealthCheck : public served_agent {
   protected:
     TRAN_LOGF_QUE_INFO settings{};
-    std::unique_ptr<SVC_HASH_TBL, void (*)(void*)> service_table = zeroed<SVC_HASH_TBL>();
-    std::unique_ptr<PTRC_HASH_TBL, void (*)(void*)> traces = zeroed<PTRC_HASH_TBL>();
-    std::unique_ptr<JCACHE_HASH_TBL, void (*)(void*)> cache = zeroed<JCACHE_HASH_TBL>();
-    std::unique_ptr<TRAN_AGT_SHM, void (*)(void*)> segment = zeroed<TRAN_AGT_SHM>();
+    zeroed<SVC_HASH_TBL> service_table;
+    zeroed<PTRC_HASH_TBL> traces;
+    zeroed<JCACHE_HASH_TBL> cache;
+    zeroed<TRAN_AGT_SHM> segment;
     bool reconnect = false;
 
     HealthCheck() {
@@ -59,9 +53,7 @@ class HealthCheck : public served_agent {
         server.forget_messages();
         health_check_cycle(&reconnect);
         const auto got = server.wait_for('0', 1, 0);
-        return got ? std::string(reinterpret_cast<const char*>(&got->frame.body),
-                                 sizeof(BODY_HEALTH_CHECK_REQ))
-                   : "";
+        return got ? bytes_of(got->frame.body.health_check_req) : "";
     }
     void add_process(const char* name, bool off) {
         PROCESS_INFO& row = proc_info[tran_agt_shm->proc_num++];
@@ -71,33 +63,25 @@ class HealthCheck : public served_agent {
     }
     void add_trace(unsigned slot, const char* tid, const char* proc_nm) {
         ptrc_hash_tbl->used.idx[ptrc_hash_tbl->used.top++] = slot;
-        if (slot < PTRC_HASH_SLOTS) {
-            agt::copy_text(ptrc_hash_tbl->h_arr[slot].param.tid, tid);
-            agt::copy_text(ptrc_hash_tbl->h_arr[slot].param.proc_nm, proc_nm);
-        }
+        PTRC_HASH_ARR& entry = ptrc_hash_tbl->h_arr[slot].param;
+        agt::copy_text(entry.tid, tid);
+        agt::copy_text(entry.proc_nm, proc_nm);
     }
 };
 
-std::string host_name() {
-    char name[65] = "";
-    gethostname(name, sizeof name);
-    return std::string(name, sizeof name);
+// As a field of 65 bytes.
+std::string host_field() {
+    std::string name = host_name();
+    name.resize(65);
+    return name;
 }
 
 TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
     agt::copy_text(agt_ipaddr, "10.1.2.3");
     agt_cmd_port = 7000;
     agt::copy_text(log_interface, "01");
-    settings.log_flag_set = 0x81;
-    settings.qcnt = 16;
-    settings.magic_code = TRACE_ON_MAGIC_CODE;
-    settings.svc_filtering = -1;
-    settings.call_trc_depth = 123456;
-    settings.call_trc_limit = -5;
-    settings.dbio_trc_limit = 2147483648;
-    settings.sql_trc_limit = 98765432109;
-    settings.save_apilog_yn = '1';
-    settings.save_relllog_yn = '-';
+    settings = {16,  0, TRACE_ON_MAGIC_CODE, 0x81, {}, 123456, -5, 2147483648, 98765432109, -1, '1',
+                '-', {}};
     int existed = 0;
     tran_logf_que_info_shmkey = a.shm_key("TRAN_LOGF_QUE_INFO_SHMKEY");
     svc_hash_tbl_shmkey = a.shm_key("SVC_HASH_TBL_SHMKEY"); // no such segment
@@ -117,38 +101,24 @@ TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
     for (int i = 1; i < 15; ++i)
         rows += zeros + "0.00  ,";
     const std::string head =
-        host_name() + "10.1.2.3       ,07000,01,SQ      ,016,1,-,12345,-000000000,2147483648," +
+        host_field() + "10.1.2.3       ,07000,01,SQ      ,016,1,-,12345,-000000000,2147483648," +
         "9876543210,00000002,-0000000,00000042,1,0,1,00001,12.34 ,100.00," +
         "12345,00007,-0000,00003,00003,99.50 ," + rows + zeros + "-1.25 ,";
     ASSERT_EQ(head.size(), offsetof(BODY_HEALTH_CHECK_REQ, api_stat));
-    const std::string zero_records(210, '\0');
-    const std::time_t before = std::time(nullptr);
-    const std::string body = cycle();
+    std::string body;
+    const std::time_t now = within_one_second([](time_t) {}, [&] { body = cycle(); });
     EXPECT_EQ(body.substr(0, head.size()), head);
-    EXPECT_EQ(body.substr(791, 210), zero_records); // no file was read yet
+    EXPECT_EQ(body.substr(791, 210), std::string(210, '\0')); // no file was read yet
     EXPECT_EQ(body.substr(1014), "pulsed 1" + std::string(301 - 8, '\0'));
-    const auto frame = server.wait_for('0')->frame;
-    EXPECT_EQ(std::memcmp(&frame, "\x90\x85\x20\x83\x30\0", 6), 0);
-
-    EXPECT_EQ(body.find_first_not_of("0123456789", 1001),
-              1013u); // hour, minute, second, microseconds
+    EXPECT_EQ(std::memcmp(&server.wait_for('0')->frame, "\x90\x85\x20\x83\x30\0", 6), 0);
+    EXPECT_EQ(body.substr(1001, 6), local_text("%H%M%S", now));
+    EXPECT_EQ(body.find_first_not_of("0123456789", 1007), 1013u); // microseconds
     EXPECT_EQ(body[1013], ',');
-    char clock[8] = "";
-    const std::time_t now = std::time(nullptr);
-    const struct tm local = agt::local_time(now);
-    std::strftime(clock, sizeof clock, "%H%M%S", &local);
-    EXPECT_TRUE(now - before > 1 ||
-                std::abs(std::stoi(body.substr(1001, 6)) - std::stoi(clock)) < 2 ||
-                local.tm_sec < 2)
-        << body.substr(1001, 6);
-
-    const std::string start = "(i) ##### health check start, ip : 127.0.0.1(" +
-                              std::to_string(server.port()) + ") every 30(sec) send 1407 bytes.";
-    const texts lines = {
-        start, "(i) ##### health check complete (slen : 1407, rlen : 1407), result_code : 0, "
-               "svr_gap_time : 0         "};
-    EXPECT_EQ(messages(a.log()), lines);
-
+    const std::string port = std::to_string(server.port());
+    EXPECT_TRUE(in_order(a, {"(i) ##### health check start, ip : 127.0.0.1(" + port +
+                                 ") every 30(sec) send 1407 bytes.\n",
+                             "(i) ##### health check complete (slen : 1407, rlen : 1407), "
+                             "result_code : 0, svr_gap_time : 0         \n"}));
     ptrc_hash_tbl = nullptr;
     jcache_hash_tbl = nullptr;
     EXPECT_EQ(cycle().substr(179, 20), "-0000,-1.00 ,-1.00 ,");
@@ -165,21 +135,18 @@ TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
     };
     const std::string none(105, ' ');
     const std::string wide(150, 'w');
-    const struct {
-        std::string text;
-        std::string records;
-        std::size_t logged;
-    } cases[] = {{"", none + none, 0},
-                 {"WEB  1\n", record("WEB  1\n") + none, 1},
-                 {"WEB", record("WEB") + none, 1},
-                 {wide + "\nB\n", wide.substr(0, 105) + record("B\n"), 2},
-                 {"A\nB\nC\nD\n", record("A\n") + record("B\n"), 3},
-                 {std::string(5000, 'x'), std::string(210, 'x'), 3}}; // a line that never ends
-    for (const auto& one : cases) {
-        a.write_file("api_stat.out", one.text);
+    const std::tuple<std::string, std::string, std::size_t> cases[] = {
+        {"", none + none, 0},
+        {"WEB  1\n", record("WEB  1\n") + none, 1},
+        {"WEB", record("WEB") + none, 1},
+        {wide + "\nB\n", wide.substr(0, 105) + record("B\n"), 2},
+        {"A\nB\nC\nD\n", record("A\n") + record("B\n"), 3},
+        {std::string(5000, 'x'), std::string(210, 'x'), 3}}; // a line that never ends
+    for (const auto& [text, records, logged] : cases) {
+        a.write_file("api_stat.out", text);
         a.mark_log();
-        EXPECT_EQ(cycle().substr(791, 210), one.records) << one.text;
-        EXPECT_EQ(a.count_log("(I) api_stat.out #"), one.logged) << one.text;
+        EXPECT_EQ(cycle().substr(791, 210), records) << text;
+        EXPECT_EQ(a.count_log("(I) api_stat.out #"), logged) << text;
     }
     std::filesystem::remove(a.path("api_stat.out"));
     EXPECT_EQ(cycle().substr(791, 210), std::string(210, 'x')); // as before
@@ -219,31 +186,28 @@ TEST_F(HealthCheck, CountsInitialProcesses) {
     for (const char* name : {"java", "python", "trailsink", "pulsed2", "beaconer", "pulse"})
         add_trace(slot++, "000000000000000", name);
     add_trace(slot, "00000000000000", "java");
-    add_trace(10000, "", ""); // no slot
+    ptrc_hash_tbl->used.idx[ptrc_hash_tbl->used.top++] = 10000; // no slot
     EXPECT_EQ(get_init_proc_num(), 3);
     ptrc_hash_tbl->used.top = UINT_MAX;
     EXPECT_EQ(get_init_proc_num(), 3 + (10000 - 8)); // the rest names slot 0
 }
 
 TEST_F(HealthCheck, SendsTheDeviceInformationOnce) {
-    const struct {
-        double mem_total;
-        std::string text;
-    } cases[] = {{16384.0, "16384." + std::string(24, '0')},
-                 {0.5, "0.5" + std::string(27, '0')},
-                 {-1e40, "-10000000000000000303786028427"}};
-    for (const auto& one : cases) {
+    const std::pair<double, std::string> cases[] = {{16384.0, "16384." + std::string(24, '0')},
+                                                    {0.5, "0.5" + std::string(27, '0')},
+                                                    {-1e40, "-10000000000000000303786028427"}};
+    for (const auto& [mem_total, text] : cases) {
         std::memset(tran_agt_shm->device_info.os_info, 'o', 201);
         tran_agt_shm->device_info.core_cnt = 8;
-        tran_agt_shm->device_info.mem_total = one.mem_total;
+        tran_agt_shm->device_info.mem_total = mem_total;
         server.forget_messages();
         EXPECT_EQ(transfer_device_info(), 1);
         EXPECT_EQ(transfer_device_info(), 1); // connected already: not sent again
         EXPECT_EQ(server.messages().size(), 1u);
         const auto frame = server.wait_for('H')->frame;
         EXPECT_EQ(std::memcmp(&frame, "\x90\x85\x20\x83H\0", 6), 0);
-        EXPECT_EQ(std::string(reinterpret_cast<const char*>(&frame.body), 303),
-                  host_name() + std::string(200, 'o') + ",00008," + one.text + ",");
+        const std::string wanted = host_field() + std::string(200, 'o') + ",00008," + text + ",";
+        EXPECT_EQ(bytes_of(frame.body).substr(0, 303), wanted);
         agt::close_tcp_session(svr_cmd_sockfd.exchange(-1));
     }
     EXPECT_EQ(a.count_log("(i) ##### device info send complete\n"), 6u);
@@ -271,8 +235,8 @@ TEST_F(HealthCheck, RetrievesTheListAfterAFailedConnect) {
     set_fault('0', {.wrong_type = 'x'}); // not looked at
     EXPECT_NE(cycle(), "");
     EXPECT_FALSE(reconnect);
-    EXPECT_TRUE(in_order(
-        a.log(), {line, "get service list thread is starting..", line, "health check complete"}));
+    const texts wanted = {line, "get service list thread is starting..", line, "check complete"};
+    EXPECT_TRUE(in_order(a.log(), wanted));
     th_join_get_service_list();
     EXPECT_EQ(server.count('4'), 1u);
     EXPECT_NE(cycle(), "");

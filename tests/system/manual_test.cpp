@@ -1,5 +1,4 @@
-// The manual pages and the shell completion against the programs and the table of configuration
-// keys.
+// The manual pages and the shell completion against the programs and the table of keys.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -64,11 +63,10 @@ TEST(Manual, KnowsEverySubcommandAndOption) {
         names all = found(own, OPTION);
         EXPECT_EQ(completed(command + " --"), all);
         for (const std::string& action : found(own, SUBCOMMAND)) {
-            names more =
-                found(shell(KESSCTL_PROGRAM " " + command + " " + action + " --help"), OPTION);
-            EXPECT_EQ(completed(command + " " + action + " --"), more);
-            EXPECT_NE(part(text, command).find(" " + action + " "), text.npos)
-                << command << " " << action;
+            const std::string both = command + " " + action;
+            names more = found(shell(KESSCTL_PROGRAM " " + both + " --help"), OPTION);
+            EXPECT_EQ(completed(both + " --"), more);
+            EXPECT_NE(part(text, command).find(" " + action + " "), text.npos) << both;
             all.merge(more);
         }
         all.erase("--help");

@@ -1,5 +1,4 @@
-// Active-service notifications through the real program: batches, the link going down and coming
-// back.
+// Active-service notifications through the real program: batches, the link, its going and coming.
 #include "check_network.h"
 #include "full_listener.h"
 #include "process_globals.h"
@@ -13,10 +12,7 @@ using namespace test_support;
 constexpr char NOTIFY = MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ;
 constexpr char LINK_UP[] = "(I) notify socket reconnect success";
 constexpr char BATCH_SENT[] = "sent 2 elements, noti_send_flag : 1";
-constexpr kessctl::answer_fault NONE = {};
 constexpr kessctl::answer_fault CLOSED = {.close_after_bytes = 0};
-constexpr kessctl::answer_fault RESET_BEHIND = {.close_after_bytes = TCP_CMD_MSG_SIZE,
-                                                .reset = true};
 
 ACTIVE_SERVICE_DETAIL make_record(int number) {
     ACTIVE_SERVICE_DETAIL record;
@@ -25,8 +21,7 @@ ACTIVE_SERVICE_DETAIL make_record(int number) {
     return record;
 }
 
-// The frame that carries `count` records from `first` on; `tail` is what the second element still
-// holds.
+// The frame that carries `count` records from `first` on; the second element may still hold `tail`.
 TCP_CMD_MSG notify_frame(int first, int count, int tail = 0) {
     TCP_CMD_MSG frame = kessctl::start_frame(NOTIFY);
     auto& body = frame.body.notify_active_service_detail_req;
@@ -37,13 +32,8 @@ TCP_CMD_MSG notify_frame(int first, int count, int tail = 0) {
     return frame;
 }
 
-void pass_time(long long ms) {
-    const long long from_ms = agt::monotonic_ms();
-    EXPECT_TRUE(wait_until([&] { return agt::monotonic_ms() - from_ms >= ms; }));
-}
-
-// An agent whose notify link is on.
-class Notify : public served_agent {
+// An agent that is to be started.
+class NotifyLink : public served_agent {
   protected:
     NOTI_SEND_QUE* queue = nullptr;
 
@@ -52,8 +42,7 @@ class Notify : public served_agent {
         start_running(a);
         queue = a.noti_que();
     }
-    // Puts the records first..last on the queue with one store of `rear`, so that the notifier
-    // finds them together.
+    // Puts the records first..last on the queue in one step, so that the notifier finds them all.
     void put(int first, int last) const {
         int rear = queue->info.rear;
         for (int number = first; number <= last; ++number) {
@@ -66,26 +55,25 @@ class Notify : public served_agent {
         return wait_until([this] { return agt::ring_empty(*queue); });
     }
     void expect_message(std::size_t nth, const TCP_CMD_MSG& wanted) const {
-        const auto message = server.wait_for(NOTIFY, nth);
-        ASSERT_TRUE(message) << "message " << nth;
-        EXPECT_EQ(std::memcmp(&message->frame, &wanted, sizeof wanted), 0) << "message " << nth;
-    }
-    void expect_orderly_end() {
-        EXPECT_EQ(a.stop(8000), 0);
-        EXPECT_EQ(messages(a.log()).back(), "[ kessard ] end.. complete.");
+        const auto got = server.wait_for(NOTIFY, nth);
+        EXPECT_TRUE(got && std::memcmp(&got->frame, &wanted, sizeof wanted) == 0) << nth;
     }
 };
 
+// One whose link is on.
+class Notify : public NotifyLink {
+  protected:
+    Notify() { start(); }
+};
+
 TEST_F(Notify, SendsTwoTogetherAndALoneOneLater) {
-    ASSERT_NO_FATAL_FAILURE(start());
     long long start_ms = agt::monotonic_ms();
     put(1, 1); // the very first waits too
     expect_message(1, notify_frame(1, 1));
     EXPECT_GE(agt::monotonic_ms() - start_ms, 1000);
     put(2, 3);
     expect_message(2, notify_frame(2, 2));
-    EXPECT_TRUE(
-        a.wait_log("(I) [notify_active_service_detail] sent 2 elements, noti_send_flag : 1"));
+    EXPECT_TRUE(a.wait_log(std::string("(I) [notify_active_service_detail] ") + BATCH_SENT));
     EXPECT_EQ(a.count_log("socket send : 2 elements, ACTIVE_SERVICE_DETAIL size 614 bytes"), 1u);
     pass_time(3100);
     start_ms = agt::monotonic_ms();
@@ -101,14 +89,12 @@ TEST_F(Notify, SendsTwoTogetherAndALoneOneLater) {
     put(7, 7); // leaves at the first empty poll
     expect_message(5, notify_frame(7, 1, 5));
     EXPECT_LT(agt::monotonic_ms() - start_ms, 900);
-    expect_orderly_end();
+    expect_end();
 }
 
 TEST_F(Notify, ForwardsManyRecordsInTheirOrder) {
-    ASSERT_NO_FATAL_FAILURE(start());
-    const program_result put =
-        a.console({"put-notification", "--count", "1001", "--service", "PAY", "--pid", "77"});
-    EXPECT_EQ(put.out + std::to_string(put.status), "1001 records put, 0 did not fit\n0");
+    EXPECT_EQ(a.run({"put-notification", "--count", "1001", "--service", "PAY", "--pid", "77"}),
+              "0\n1001 records put, 0 did not fit\n");
     ASSERT_TRUE(server.wait_for(NOTIFY, 501));
     int next = 1;
     for (const kessctl::received_message& message : server.messages())
@@ -122,14 +108,12 @@ TEST_F(Notify, ForwardsManyRecordsInTheirOrder) {
 }
 
 TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
-    ASSERT_NO_FATAL_FAILURE(start());
     set_fault(NOTIFY, CLOSED);
     put(1, 2);
     EXPECT_TRUE(a.wait_log(LINK_UP));
-    set_fault(NOTIFY, NONE);
+    set_fault(NOTIFY, {});
     put(3, 4); // the next batch starts empty
     expect_message(2, notify_frame(3, 2));
-    EXPECT_TRUE(a.wait_log("sent 2 elements, noti_send_flag : 1"));
     EXPECT_TRUE(in_order(
         a, {"<!> noti_sockfd, recv_tcp_data error. rlen : 0\n", "<!> network error\n",
             "<!> network error : send_flag off [1]\n", "<!> network error : socket close\n",
@@ -143,37 +127,31 @@ TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
                              "flush sent 1 elements, noti_send_flag : 0, flush_time("}));
 }
 
-class MuteServer : public Notify, public testing::WithParamInterface<int> {};
-
-TEST_P(MuteServer, IsGivenUpAfterTenSeconds) {
-    ASSERT_NO_FATAL_FAILURE(start());
-    set_fault(NOTIFY, {.silent = true});
-    const long long start_ms = agt::monotonic_ms();
-    put(1, GetParam());
-    EXPECT_TRUE(a.wait_log(GetParam() == 1
-                               ? "<!> noti_sockfd, recv_tcp_data timeout error.(FLUSH)\n"
-                               : "<!> noti_sockfd, recv_tcp_data timeout error.\n"));
-    EXPECT_GE(agt::monotonic_ms() - start_ms, 9000);
-    EXPECT_TRUE(a.wait_log("sent " + std::to_string(GetParam()) + " elements, noti_send_flag : 0"));
-    EXPECT_TRUE(a.wait_log(LINK_UP));
-    set_fault(NOTIFY, NONE);
-    put(11, 12);
-    expect_message(2, notify_frame(11, 2));
+TEST_F(Notify, GivesAMuteServerUpAfterTenSeconds) {
+    for (const auto& [count, path] : {std::pair(1, "(FLUSH)"), {2, ""}}) {
+        a.mark_log();
+        server.forget_messages();
+        set_fault(NOTIFY, {.silent = true});
+        const long long start_ms = agt::monotonic_ms();
+        put(1, count);
+        EXPECT_TRUE(
+            in_order(a, {std::string("recv_tcp_data timeout error.") + path + "\n",
+                         std::to_string(count) + " elements, noti_send_flag : 0", LINK_UP}));
+        EXPECT_GE(agt::monotonic_ms() - start_ms, 9000);
+        set_fault(NOTIFY, {});
+        put(11, 12);
+        expect_message(2, notify_frame(11, 2));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Paths, MuteServer, testing::Values(1, 2), [](const auto& one) {
-    return std::string(one.param == 1 ? "flush" : "full");
-});
-
-TEST_F(Notify, DropsRecordsWhileTheServerIsDown) {
+TEST_F(NotifyLink, DropsRecordsWhileTheServerIsDown) {
     server.stop();
-    ASSERT_NO_FATAL_FAILURE(start());
+    start();
     const std::string port = std::to_string(server.port());
     EXPECT_TRUE(
-        a.wait_log("<!> server notify(cmd) port connect fail[ip 127.0.0.1, port " + port + "]"));
-    EXPECT_TRUE(
         in_order(a, {"<!> server notify(cmd) port connect fail(ip : 127.0.0.1, port : " + port,
-                     "<!> network error\n", "<!> network error : send_flag off [0]\n"}));
+                     "<!> network error\n", "<!> network error : send_flag off [0]\n",
+                     "<!> server notify(cmd) port connect fail[ip 127.0.0.1, port " + port + "]"}));
     const long long start_ms = agt::monotonic_ms();
     put(1, 6);
     EXPECT_TRUE(wait_empty());
@@ -186,11 +164,11 @@ TEST_F(Notify, DropsRecordsWhileTheServerIsDown) {
     server.stop();
     put(9, 11);
     EXPECT_TRUE(a.wait_log("<!> server notify(cmd) port connect fail["));
-    expect_orderly_end();
+    expect_end();
 }
 
-TEST_F(Notify, StaysOffUntilTheFileSaysOtherwise) {
-    ASSERT_NO_FATAL_FAILURE(start(0));
+TEST_F(NotifyLink, StaysOffUntilTheFileSaysOtherwise) {
+    start(0);
     EXPECT_EQ(a.count_log("(I) Active Service Detail Monitoring OFF.(0ms)"), 1u);
     put(1, 3);
     EXPECT_TRUE(wait_empty());
@@ -205,7 +183,6 @@ TEST_F(Notify, StaysOffUntilTheFileSaysOtherwise) {
 TEST_F(Notify, TakesAChangedServerFromTheFile) {
     kessctl::stand_in other;
     ASSERT_EQ(other.start(), "");
-    ASSERT_NO_FATAL_FAILURE(start());
     ASSERT_TRUE(server.wait_for(MSG_DEVICE_INFO_REQ));
     a.set("TRAN_SERVER", "CMD_PORT", other.port());
     a.write_cfg();
@@ -213,16 +190,13 @@ TEST_F(Notify, TakesAChangedServerFromTheFile) {
     put(1, 2);
     EXPECT_TRUE(a.wait_log(LINK_UP));
     put(3, 4);
-    const auto message = other.wait_for(NOTIFY);
-    ASSERT_TRUE(message);
-    EXPECT_EQ(kessctl::field_text(message->frame, "elements[0].call_seq"), "000003");
-    reconnect();
-    EXPECT_TRUE(renew()) << client.error(); // makes the agent fetch the service list
+    const TCP_CMD_MSG message = other.wait_for(NOTIFY).value().frame;
+    EXPECT_EQ(kessctl::field_text(message, "elements[0].call_seq"), "000003");
+    EXPECT_TRUE(answers(a, kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ)));
     EXPECT_TRUE(other.wait_for(MSG_GET_SERVICE_LIST_REQ));
 }
 
 TEST_F(Notify, SurvivesIndexesOutOfRange) {
-    ASSERT_NO_FATAL_FAILURE(start());
     std::size_t sent = 0;
     for (const auto& [front, rear] :
          {std::pair(32768, 5), {-1, 5}, {INT_MAX, 0}, {5, 32768}, {5, -1}, {INT_MIN, INT_MAX}}) {
@@ -239,8 +213,7 @@ TEST_F(Notify, SurvivesIndexesOutOfRange) {
 }
 
 TEST_F(Notify, LosesABatchThatCannotBeSent) {
-    ASSERT_NO_FATAL_FAILURE(start());
-    set_fault(NOTIFY, RESET_BEHIND);
+    set_fault(NOTIFY, {.close_after_bytes = TCP_CMD_MSG_SIZE, .reset = true});
     put(1, 2);
     EXPECT_TRUE(a.wait_log(BATCH_SENT));
     a.mark_log();
@@ -261,18 +234,15 @@ TEST_F(Notify, LosesABatchThatCannotBeSent) {
 }
 
 TEST_F(Notify, EndsInTheMiddleOfAnAnswer) {
-    ASSERT_NO_FATAL_FAILURE(start());
     set_fault(NOTIFY, {.split_after_bytes = 2, .pause_ms = 3000});
     put(1, 2);
     EXPECT_TRUE(server.wait_for(NOTIFY));
-    expect_orderly_end();
+    expect_end();
     EXPECT_EQ(a.count_log(BATCH_SENT), 0u);
 }
 
 TEST_F(Notify, EndsWhileTheServerTakesNoConnection) {
-    full_listener full;
-    full.fill_up();
-    ASSERT_NO_FATAL_FAILURE(start());
+    const full_listener full;
     a.set("TRAN_SERVER", "CMD_PORT", full.port());
     a.write_cfg();
     set_fault(NOTIFY, CLOSED);
@@ -280,30 +250,12 @@ TEST_F(Notify, EndsWhileTheServerTakesNoConnection) {
     EXPECT_TRUE(a.wait_log("<!> network error : send_flag off"));
     pass_time(1200); // the watcher connects meanwhile
     EXPECT_EQ(a.count_log("port connect fail["), 0u);
-    expect_orderly_end();
-}
-
-// The link and the thread that stands alone, in this process.
-TEST_F(Notify, LinkLeaksNothingInAThousandReconnections) {
-    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
-    a.write_cfg();
-    setenv("TRAN_AGT_CFG_FILE", a.cfg_file().c_str(), 1);
-    std::size_t files = 0;
-    for (int i = 1; i <= 1000; ++i) {
-        ASSERT_EQ(kessard::try_connect(), 1);
-        kessard::network_on();
-        kessard::network_off();
-        kessard::close_noti_socket();
-        ASSERT_TRUE(server.wait_connections(i) && server.wait_open_connections(0));
-        EXPECT_TRUE(i == 1 || open_files(getpid()).size() == files);
-        files = open_files(getpid()).size();
-    }
+    expect_end();
 }
 
 // The consumer never pauses; the producer's first use of each page gives it time to come too early.
 TEST(NotifyQueue, ShowsARecordOnlyWhenItIsWhole) {
-    const std::unique_ptr<NOTI_SEND_QUE, decltype(&std::free)> queue(
-        static_cast<NOTI_SEND_QUE*>(std::calloc(1, sizeof(NOTI_SEND_QUE))), std::free);
+    const zeroed<NOTI_SEND_QUE> queue;
     constexpr int COUNT = NOTI_SEND_QUE_SLOTS - 1;
     std::thread producer([&] {
         const std::string record(sizeof(NOTI_SEND_QUE_DATA), 'r');

@@ -17,11 +17,13 @@ std::string accepted(const std::string& results) {
 // In the foreground and as a daemon.
 class RemoteCommand : public testing::TestWithParam<bool> {
   protected:
+    agent a;
+
+    RemoteCommand() { start(); }
     void start() {
         GetParam() ? a.start_daemon() : a.start();
-        ASSERT_TRUE(a.wait_log("start... running : 1"));
+        EXPECT_TRUE(a.wait_log("start... running : 1"));
     }
-    agent a;
 };
 
 INSTANTIATE_TEST_SUITE_P(Modes, RemoteCommand, testing::Bool(), [](const auto& mode) {
@@ -29,7 +31,6 @@ INSTANTIATE_TEST_SUITE_P(Modes, RemoteCommand, testing::Bool(), [](const auto& m
 });
 
 TEST_P(RemoteCommand, ExitCodesAndOutputInOrder) {
-    start();
     const texts items = {"echo a", "exit 3", "echo e >&2; exit 4", "echo $0; kill -9 $$",
                          "printf '\\0x'"};
     EXPECT_EQ(ask_ext(a, "0001R" + ext_items(items)),
@@ -42,23 +43,17 @@ TEST_P(RemoteCommand, ExitCodesAndOutputInOrder) {
     EXPECT_EQ(a.count_log("<!> send_cmd_response() error.. len=0"), 1U);
     const std::string longest(1397 - 5, 'x'); // fills the frame to its last byte
     EXPECT_EQ(ask_ext(a, "0001Recho " + longest), accepted(result(0, longest + "\n")));
-}
-
-TEST_P(RemoteCommand, CommandsSeeDefaultSignalsAndNoDescriptors) {
-    start();
-    EXPECT_EQ(
-        ask_ext(a, "0001Rgrep -E '^Sig(Blk|Ign)' /proc/self/status; ls /proc/self/fd | wc -l"),
-        accepted(result(
-            0, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n4\n"))); // and the directory
+    const std::string look = "grep -E '^Sig(Blk|Ign)' /proc/self/status; ls /proc/self/fd | wc -l";
+    const std::string none = "0000000000000000\n";
+    EXPECT_EQ(ask_ext(a, "0001R" + look), // three files and the directory
+              accepted(result(0, "SigBlk:\t" + none + "SigIgn:\t" + none + "4\n")));
 }
 
 TEST_P(RemoteCommand, ABackgroundCommandDoesNotHoldThePort) {
-    start();
     const pid_t left =
         std::stoi(ask_ext(a, "0001Rsleep 300 >/dev/null 2>&1 & echo $!").substr(73 + 8));
     const texts standard_files(3, "/dev/null");
-    EXPECT_TRUE(wait_until([&] { return open_files(left) == standard_files; }))
-        << testing::PrintToString(open_files(left));
+    EXPECT_TRUE(wait_until([&] { return open_files(left) == standard_files; }));
     const ext_peer served(a, "0001Rsleep 300"); // nor does the child that serves one
     EXPECT_TRUE(wait_until([&] { return a.count_log("[[ EXT_REQ - SVC_CMD ]]") == 2; }));
     a.signal(SIGKILL); // with no chance to shut the port down
@@ -77,84 +72,63 @@ class RemoteCommandOnce : public testing::Test {
 
 TEST_F(RemoteCommandOnce, TheTimeValueBoundsTheNumberOfCommands) {
     const std::string a_line = result(0, "a\n");
+    texts many(29, "echo");
+    many.insert(many.end(), {"echo x", "echo y"});
     std::string thirty;
     for (int i = 0; i < 29; ++i)
         thirty += result(0, "\n");
-    texts many(29, "echo");
-    many.insert(many.end(), {"echo x", "echo y"});
-    const struct {
-        std::string items;
-        std::string results;
-        const char* logged;
-    } cases[] = {{ext_items({"2", "echo a", "echo b", "echo c"}),
-                  a_line + result(0, "b\x1f"
-                                     "echo c\n"),
-                  "len=1395, timeout=2"},
-                 {ext_items({"0", "echo a", "echo a"}), a_line + a_line, "timeout=10"},
-                 {ext_items({"x", "echo a", "echo a"}), a_line + a_line, "timeout=10"},
-                 {ext_items({"-3", "echo a"}), "", "timeout=-3"},
-                 {"echo a", a_line, "timeout=10"}, // no separator, so no value
-                 {"7>&1 printf n", result(0, "n"), "len=1398, timeout=7"},
-                 {"99999999999\x1f" + ext_items(many),
-                  thirty + result(0, "x\x1f"
-                                     "echo y\n"),
-                  "timeout=2147483647"}};
-    for (const auto& one : cases) {
+    const std::string separator = "\x1f";
+    const std::tuple<std::string, std::string, const char*> cases[] = {
+        {ext_items({"2", "echo a", "echo b", "echo c"}),
+         a_line + result(0, "b" + separator + "echo c\n"), "len=1395, timeout=2"},
+        {ext_items({"0", "echo a", "echo a"}), a_line + a_line, "timeout=10"},
+        {ext_items({"x", "echo a", "echo a"}), a_line + a_line, "timeout=10"},
+        {ext_items({"-3", "echo a"}), "", "timeout=-3"},
+        {"echo a", a_line, "timeout=10"}, // no separator, so no value
+        {"7>&1 printf n", result(0, "n"), "len=1398, timeout=7"},
+        {"99999999999" + separator + ext_items(many),
+         thirty + result(0, "x" + separator + "echo y\n"), "timeout=2147483647"}};
+    for (const auto& [items, results, logged] : cases) {
         a.mark_log();
-        EXPECT_EQ(ask_ext(a, "1001R" + one.items), accepted(one.results)) << one.items;
-        EXPECT_EQ(a.count_log(one.logged), 1U) << one.items;
+        EXPECT_EQ(ask_ext(a, "1001R" + items), accepted(results)) << items;
+        EXPECT_EQ(a.count_log(logged), 1U) << items;
     }
-    EXPECT_EQ(ask_ext(a, "1001R" + std::string(1396, '3') + "\x1f"),
-              ""); // nothing behind its value
+    EXPECT_EQ(ask_ext(a, "1001R" + std::string(1396, '3') + separator), ""); // nothing behind it
     EXPECT_TRUE(a.wait_log("<!> decode_cmd_packet() error! buffer is null.. len=(0)"));
 }
 
 TEST_F(RemoteCommandOnce, TellsTheLogWhenThePeerIsGoneOrAsksForAnotherThing) {
     EXPECT_EQ(ask_ext(a, "0001Xecho a") + ask_ext(a, "7777Recho a"), "");
-    EXPECT_TRUE(a.wait_log("<!> unsupported  EXT_PDU = |X|\n") &&
-                a.wait_log("<!> unsupported EXT_REQ = |7777|\n"));
-    {
-        const ext_peer gone(a, "0001Rsleep 0.3; echo a");
-        EXPECT_TRUE(a.wait_log("[[ EXT_REQ - SVC_CMD ]]"));
-        reset_at_close(gone.client.fd());
-    }
+    EXPECT_TRUE(a.wait_log("<!> unsupported  EXT_PDU = |X|\n"));
+    EXPECT_TRUE(a.wait_log("<!> unsupported EXT_REQ = |7777|\n"));
+    ext_peer gone(a, "0001Rsleep 0.3; echo a");
+    EXPECT_TRUE(a.wait_log("[[ EXT_REQ - SVC_CMD ]]"));
+    reset_at_close(gone.client.fd());
+    gone.client.close();
     EXPECT_TRUE(a.wait_log("<!> send_cmd_response() error.. len=-1\n"));
     EXPECT_EQ(a.count_log("<!> tcp error.. for header: -1\n"), 1U);
-    EXPECT_EQ(ext_peer(a, "0001R" + ext_items({"echo a", "head -c 9000000 /dev/zero"}))
-                  .receive(83)
-                  .size(),
-              83U);
+    const std::string much = "0001R" + ext_items({"echo a", "head -c 9000000 /dev/zero"});
+    EXPECT_EQ(ext_peer(a, much).receive(83).size(), 83U);
     EXPECT_TRUE(a.wait_log("(i) send datas... ok.. len=(10)\n")); // those of the first
     EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
 }
 
 TEST_F(RemoteCommandOnce, ConsoleExec) {
-    const std::string all =
-        "$ echo a\na\n-> exit status 0\n$ echo b\nb\n-> exit status 0\n$ echo c; exit 4\nc\n"
-        "-> exit status 4\n";
-    const struct {
-        texts words;
-        int status;
-        std::string shown;
-    } cases[] = {{{"exec", "--timeout", "2", "echo a", "echo b", "echo c; exit 4"}, 1, all},
-                 {{"exec", "true"}, 0, "$ true\n-> no output, exit status unknown\n"},
-                 {{"exec", "--strict", "true"}, 1, "$ true\n-> no output, exit status unknown\n"},
-                 {{"exec", "echo a\x1f"
-                           "b"},
-                  2,
-                  ""},
-                 {{"exec", std::string(1398, 'x')}, 2, ""}};
-    for (const auto& one : cases) {
-        const program_result shown = a.console(one.words);
-        EXPECT_EQ(shown.status, one.status) << shown.err;
-        EXPECT_EQ(shown.out, one.shown);
-    }
+    const std::string silent = "$ true\n-> no output, exit status unknown\n";
+    const std::pair<texts, std::string> cases[] = {
+        {{"exec", "--timeout", "2", "echo a", "echo b", "echo c; exit 4"},
+         "1\n$ echo a\na\n-> exit status 0\n$ echo b\nb\n-> exit status 0\n"
+         "$ echo c; exit 4\nc\n-> exit status 4\n"},
+        {{"exec", "true"}, "0\n" + silent},
+        {{"exec", "--strict", "true"}, "1\n" + silent}};
+    for (const auto& [words, shown] : cases)
+        EXPECT_EQ(a.run(words), shown);
+    for (const std::string& refused : {"echo a\x1f" + std::string("b"), std::string(1398, 'x')})
+        EXPECT_EQ(a.console({"exec", refused}).status, 2);
     EXPECT_EQ(a.count_log("len=1395, timeout=2"), 2U); // the third is no piece of the second
     const long long start_ms = agt::monotonic_ms();
-    const program_result late =
-        a.console({"exec", "echo started; exec sleep 60"}); // the limit of a command is 10 s
-    EXPECT_NE(late.out.find("started\n-> time-out"), std::string::npos) << late.out;
-    EXPECT_EQ(late.status, 1);
+    EXPECT_TRUE(in_order(a.run({"exec", "echo started; exec sleep 60"}), // its limit is 10 s
+                         {"1\n", "started\n-> time-out"}));
     EXPECT_GE(agt::monotonic_ms() - start_ms, 9000);
 }
 

@@ -22,12 +22,11 @@ class ServiceUpload : public served_agent {
     // Has an upload started; one that is just ending makes the agent refuse the next.
     void trigger() {
         a.mark_log();
-        const auto started = [&] {
+        EXPECT_TRUE(wait_until([&] {
             if (!std::filesystem::exists(a.path("svc_update")) && a.count_log(STARTED) == 0)
                 a.write_file("svc_update", "");
             return a.count_log(STARTED) > 0;
-        };
-        EXPECT_TRUE(wait_until(started));
+        }));
     }
     void upload() {
         server.forget_messages();
@@ -36,52 +35,39 @@ class ServiceUpload : public served_agent {
     }
 };
 
-std::string host_name() {
-    char name[65] = "";
-    gethostname(name, sizeof name);
-    return name;
-}
-
 std::string lines(int count) {
     return "for i in $(seq " + std::to_string(count) + "); do echo SVC$i $i; done";
 }
 
 // The blocks of an upload: result_code and element_num of each.
-texts blocks(const kessctl::stand_in& server) {
-    texts found;
+std::string blocks(const kessctl::stand_in& server) {
+    std::string found;
     for (const kessctl::received_message& message : server.messages())
         if (message.frame.hdr.msg_type[0] == UPDATE)
-            found.push_back(kessctl::field_text(message.frame, "result_code") + " " +
-                            kessctl::field_text(message.frame, "element_num"));
+            found += kessctl::field_text(message.frame, "result_code") + " " +
+                     kessctl::field_text(message.frame, "element_num") + ",";
     return found;
 }
 
 TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
-    const struct {
-        int services;
-        texts blocks;
-    } cases[] = {{0, {}},
-                 {1, {"3 001"}},
-                 {15, {"3 015"}},
-                 {16, {"3 015", "4 001"}},
-                 {31, {"3 015", "4 015", "4 001"}}};
+    const std::pair<int, std::string> cases[] = {
+        {0, ""}, {1, "3 001,"}, {15, "3 015,"}, {16, "3 015,4 001,"}, {31, "3 015,4 015,4 001,"}};
     start();
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.services);
-        write_script(lines(one.services));
+    for (const auto& [count, wanted] : cases) {
+        SCOPED_TRACE(count);
+        write_script(lines(count));
         upload();
-        EXPECT_EQ(blocks(server), one.blocks);
-        EXPECT_EQ(a.count_log("\t[#"), static_cast<std::size_t>(one.services));
-        EXPECT_EQ(a.count_log("(I) Update Service List Complete."), one.blocks.size());
-        EXPECT_TRUE(in_order(a, {"(I) Total [" + std::to_string(one.services) +
-                                     "] Services Server Update, Success..",
-                                 ENDED, "(i) get service list thread is starting.."}));
+        EXPECT_EQ(blocks(server), wanted);
+        EXPECT_EQ(a.count_log("\t[#"), static_cast<std::size_t>(count));
+        EXPECT_EQ(a.count_log("(I) Update Service List Complete."), wanted.size() / 6);
+        const std::string total = "(I) Total [" + std::to_string(count);
+        EXPECT_TRUE(in_order(a, {total + "] Services Server Update, Success..", ENDED,
+                                 "(i) get service list thread is starting.."}));
         EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 1u);
         EXPECT_FALSE(std::filesystem::exists(a.path("svc_update")));
     }
-    const auto last = server.wait_for(UPDATE, 3);
-    ASSERT_TRUE(last);
-    EXPECT_EQ(kessctl::field_text(last->frame, "elements[0].service_id"), "SVC31");
+    const TCP_CMD_MSG last = server.wait_for(UPDATE, 3).value().frame;
+    EXPECT_EQ(kessctl::field_text(last, "elements[0].service_id"), "SVC31");
     EXPECT_TRUE(in_order(
         a.log(), {STARTED, "###(I) call thread-function(cmd_service_list)...",
                   "###(I) service block-elements(max 15).",
@@ -95,46 +81,33 @@ TEST_F(ServiceUpload, SendsBlocksOfFifteen) {
                   "(I) Update Service List Complete.", "\t[#016] host_name : "}));
     server.change([](auto& options) { options.update_result = '7'; });
     upload();
-    EXPECT_EQ(blocks(server).size(), 3u); // it goes on when they are refused
+    EXPECT_EQ(server.count(UPDATE), 3u); // it goes on when they are refused
     EXPECT_EQ(a.count_log("<!> Update Service List Fail. Result Code : '7'"), 3u);
     EXPECT_EQ(a.count_log("(I) Total [31] Services Server Update, Success.."), 1u);
 }
 
 TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
-    a.write_file("list", "first 1\n"
-                         "lonely\n"
-                         "\n"
-                         "  \ttabs\t\v22  third word\r\n"
+    const std::string wide(508, 'x'); // the second piece starts in the limit's line
+    a.write_file("list", "first 1\nlonely\n\n  \ttabs\t\v22  third word\r\n"
                          "a_service_id_beyond_16 12345678901234\n" +
-                             std::string(508, 'x') +
-                             " 9 pieces\n" + // the second piece starts in the limit's line
-                             std::string(600, ' ') +
-                             "late 5\n"
-                             "unended 7");
+                             wide + " 9 pieces\n" + std::string(600, ' ') + "late 5\nunended 7");
     write_script("cat " + a.path("list"));
     start();
     upload();
-    const auto message = server.wait_for(UPDATE);
-    ASSERT_TRUE(message);
+    const TCP_CMD_MSG got = server.wait_for(UPDATE).value().frame;
     TCP_CMD_MSG wanted = kessctl::start_frame(UPDATE);
     auto& body = wanted.body.update_service_list_req;
     body.result_code[0] = '3';
     std::memcpy(body.element_num, "006", 4);
-    const struct {
-        const char* service_id;
-        const char* limit;
-    } services[] = {{"first", "1"},
-                    {"tabs", "22"},
-                    {"a_service_id_bey", "1234567890"},
-                    {"xxxxxxxxxxxxxxxx", "9"},
-                    {"late", "5"},
-                    {"unended", "7"}};
-    for (int i = 0; i < 6; ++i) {
+    const char* const ids[] = {"first", "tabs",   "a_service_id_bey", "xxxxxxxxxxxxxxxx",
+                               "late",  "unended"};
+    const char* const limits[] = {"1", "22", "1234567890", "9", "5", "7"};
+    for (std::size_t i = 0; i < std::size(ids); ++i) {
         std::strcpy(body.elements[i].host_name, host_name().c_str());
-        std::strcpy(body.elements[i].service_id, services[i].service_id);
-        std::strcpy(body.elements[i].limit, services[i].limit);
+        std::strcpy(body.elements[i].service_id, ids[i]);
+        std::strcpy(body.elements[i].limit, limits[i]);
     }
-    EXPECT_EQ(std::memcmp(&message->frame, &wanted, sizeof wanted), 0);
+    EXPECT_EQ(std::memcmp(&got, &wanted, sizeof wanted), 0);
     const std::string skipped = "<!> SKIP.. DATA -> fail get service, format string : ";
     EXPECT_EQ(a.count_log(skipped), 4u);
     EXPECT_TRUE(
@@ -146,31 +119,26 @@ TEST_F(ServiceUpload, TakesTwoWordsOfALine) {
 
 TEST_F(ServiceUpload, StopsAtABrokenServer) {
     const kessctl::answer_fault closing = {.close_after_bytes = 100};
-    const struct {
-        kessctl::answer_fault fault;
-        int services;
-        const char* line;
-    } cases[] = {{closing, 3, "<!> shcmd_service_list1, server recv error.. rlen : 0"},
-                 {closing, 20, "<!> shcmd_service_list2, server recv error.. rlen : 0"},
-                 {{.wrong_type = 'B'}, 3, "<!> Response Msg MisMatch Type : 'B'"},
-                 {{.wrong_type = 'B'}, 20, "<!> Response Msg MisMatch Type : 'B'"},
-                 {{.silent = true},
-                  3,
-                  "<!> shcmd_service_list1, server recv error.. rlen : -2"}, // after ten seconds
-                 {{.wrong_magic = true}, 20, "<!> magic bit mismatch. sockfd : "}};
+    const std::string error = "<!> shcmd_service_list";
+    const std::tuple<kessctl::answer_fault, int, std::string> cases[] = {
+        {closing, 3, error + "1, server recv error.. rlen : 0"},
+        {closing, 20, error + "2, server recv error.. rlen : 0"},
+        {{.wrong_type = 'B'}, 3, "<!> Response Msg MisMatch Type : 'B'"},
+        {{.wrong_type = 'B'}, 20, "<!> Response Msg MisMatch Type : 'B'"},
+        {{.silent = true}, 3, error + "1, server recv error.. rlen : -2"}, // after ten seconds
+        {{.wrong_magic = true}, 20, "<!> magic bit mismatch. sockfd : "}};
     start();
     server.forget_messages();
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.line);
-        set_fault(UPDATE, one.fault);
-        write_script(lines(one.services));
+    for (const auto& [fault, count, line] : cases) {
+        SCOPED_TRACE(line);
+        set_fault(UPDATE, fault);
+        write_script(lines(count));
         trigger();
-        EXPECT_TRUE(a.wait_log(one.line));
+        EXPECT_TRUE(a.wait_log(line));
         EXPECT_EQ(a.count_log("(I) Send Msg To Server"), 1u);
     }
-    EXPECT_EQ(blocks(server).size(), std::size(cases));
-    EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ),
-              0u); // none of them was followed by a retrieval
+    EXPECT_EQ(server.count(UPDATE), std::size(cases));
+    EXPECT_EQ(server.count(MSG_GET_SERVICE_LIST_REQ), 0u); // no retrieval followed
     set_fault(UPDATE, {});
     upload();
     EXPECT_EQ(a.count_log("(I) Total [20] Services Server Update, Success.."), 1u);
@@ -202,10 +170,8 @@ TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
                      "[ kessard ] end.. complete."}));
     EXPECT_EQ(a.count_log(ENDED), 0u);
     EXPECT_EQ(server.count(UPDATE), 0u);
-}
 
-TEST_F(ServiceUpload, LetsGoOfABrokenServerBeforeTheScriptEnds) {
-    set_fault(UPDATE, {.wrong_type = 'B'});
+    set_fault(UPDATE, {.wrong_type = 'B'}); // it lets go of the server before the script ends
     write_script(lines(15) + "; exec sleep 300");
     start();
     trigger();
@@ -224,10 +190,8 @@ TEST_F(ServiceUpload, RunsAtTheDailyTimeToo) {
 TEST_F(ServiceUpload, OnlyAnnouncesWithoutTheKey) {
     a.unset("SERVICE_HASH", "DAILY_UPDATE_YN");
     start();
-    EXPECT_EQ(a.err(), "");
     a.write_file("svc_update", "");
     EXPECT_TRUE(a.wait_log("(I) start forced update service"));
-    EXPECT_TRUE(wait_until([&] { return !std::filesystem::exists(a.path("svc_update")); }));
     EXPECT_EQ(a.stop(), 0);
     EXPECT_EQ(a.count_log(STARTED), 0u);
 }

@@ -1,6 +1,6 @@
-// The end of the real program: in order and soon, whatever it is doing, and what it does to its
-// registry row.
+// The end of the real program: in order and soon whatever it does, and what becomes of its row.
 #include "full_listener.h"
+#include "sem.h"
 #include "served_agent.h"
 
 namespace {
@@ -8,23 +8,19 @@ namespace {
 using namespace test_support;
 using kessctl::start_frame;
 
-constexpr int END_LIMIT_MS = 8000;
 constexpr char CLEAR[] = "[ kessard ] end.. resource clear.";
-constexpr char COMPLETE[] = "[ kessard ] end.. complete.";
 
 class Shutdown : public served_agent {
   protected:
     void mute(char type) { set_fault(type, {.silent = true}); }
+    int table_semaphore(int what) const { return semctl(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0, what); }
     // Ends the daemon; what else it logs depends on what it was doing.
     void expect_orderly_end(int signo = SIGTERM) {
         a.mark_log();
-        a.signal(signo);
-        EXPECT_EQ(a.wait_exit(END_LIMIT_MS), 0);
         const std::string name = signo == SIGINT ? "SIGINT" : "SIGTERM";
+        expect_end(signo);
         EXPECT_TRUE(in_order(a, {">> received " + name + " signal to terminate!\n",
                                  "<!> termination start\n", CLEAR, COMPLETE}));
-        EXPECT_EQ(messages(a.log()).back(), COMPLETE);
-        EXPECT_EQ(a.count_log("cannot"), 0u);
         EXPECT_TRUE(a.running().empty());
     }
 };
@@ -68,8 +64,7 @@ TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {
     EXPECT_TRUE(server.wait_for('4'));
     expect_orderly_end();
 
-    full_listener full; // accepts nobody
-    full.fill_up();
+    const full_listener full; // accepts nobody
     a.set("TRAN_SERVER", "CMD_PORT", full.port());
     a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "1000");
     a.mark_log();
@@ -79,14 +74,12 @@ TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {
 }
 
 TEST_F(Shutdown, DuringAStartThatWaitsForTheTable) {
-    const int semid =
-        semget(a.sem_key("SVC_HASH_TBL_SEMKEY"), 1, IPC_CREAT | 0666); // value 0: held
+    semget(a.sem_key("SVC_HASH_TBL_SEMKEY"), 1, IPC_CREAT | 0666); // value 0: held
     a.start();
-    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
+    EXPECT_TRUE(wait_until([&] { return table_semaphore(GETNCNT) == 1; }));
     expect_orderly_end();
-    EXPECT_EQ(semctl(semid, 0, GETVAL), 0);
-    EXPECT_EQ(shmget(a.shm_key("SVC_HASH_TBL_SHMKEY"), 0, 0),
-              -1); // the next start makes a table in order
+    EXPECT_EQ(table_semaphore(GETVAL), 0);
+    EXPECT_EQ(a.shm_id("SVC_HASH_TBL_SHMKEY"), -1); // the next start makes a table in order
 }
 
 TEST_F(Shutdown, DuringARetrieval) {
@@ -96,7 +89,7 @@ TEST_F(Shutdown, DuringARetrieval) {
     EXPECT_TRUE(renew() && server.wait_for('6', 2));
     expect_orderly_end();
     EXPECT_EQ(a.count_log("(I) completed join get_service_list.\n"), 1u);
-    EXPECT_EQ(semctl(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0, GETVAL), 1);
+    EXPECT_EQ(table_semaphore(GETVAL), 1);
 }
 
 TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
@@ -106,72 +99,40 @@ TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
     expect_orderly_end();
 
     start();
-    const int semid = a.sem_id("SVC_HASH_TBL_SEMKEY");
-    sembuf take = {0, -1, SEM_UNDO};
-    ASSERT_EQ(semop(semid, &take, 1), 0);
+    const agt::sem_hold hold(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0);
     EXPECT_TRUE(client.send(start_frame('B')));
-    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
+    EXPECT_TRUE(wait_until([&] { return table_semaphore(GETNCNT) == 1; }));
     expect_orderly_end();
-}
-
-TEST_F(Shutdown, TakesASignalWhileRequestsPourIn) {
-    start();
-    std::atomic<bool> over{false};
-    std::thread flood([&] {
-        kessctl::command_client clients[4]; // one of them always has a request there
-        std::size_t left[4] = {};           // bytes of answers to come
-        const std::vector<SERVICE_ELEMENT> some = services(8);
-        const std::vector<TCP_CMD_MSG> requests(32,
-                                                kessctl::modified_services_frame(some.data(), 8));
-        char taken[32 * TCP_CMD_MSG_SIZE];
-        for (auto& one : clients)
-            EXPECT_TRUE(one.connect("127.0.0.1", a.port()));
-        for (std::size_t i = 0; !over; i = (i + 1) % 4) {
-            const ssize_t got = recv(clients[i].fd(), taken, sizeof taken, MSG_DONTWAIT);
-            left[i] -= got > 0 ? static_cast<std::size_t>(got) : 0;
-            if (left[i] < sizeof taken && clients[i].send_bytes(requests.data(), sizeof taken))
-                left[i] += sizeof taken;
-        }
-    });
-    EXPECT_TRUE(a.wait_log("(i) -> RESULT_CODE", 500));
-    expect_orderly_end();
-    over = true;
-    flood.join();
 }
 
 TEST_F(Shutdown, MarksNoRowButItsOwn) {
-    const struct {
-        texts options;
-        int own_row; // the row that belongs to the daemon
-        std::string
-            mismatch; // what the log has in the place of the daemon's pid; empty: it marks its row
-    } cases[] = {{{}, 0, "no line"},
-                 {{"-i", "-1"}, 0, "no line"},
-                 {{"-i", "3"}, 3, ""},
-                 {{"-i", "67"}, 67, ""},
-                 {{"-i", "3"}, 4, "7003"},
-                 {{"-i", "68"}, 0, "-1"},
-                 {{"-i", "2147483647"}, 0, "-1"}};
+    // Options, the daemon's row, what the log has in the place of its pid; empty: it marks the row.
+    const std::tuple<texts, int, std::string> cases[] = {{{}, 0, "no line"},
+                                                         {{"-i", "-1"}, 0, "no line"},
+                                                         {{"-i", "3"}, 3, ""},
+                                                         {{"-i", "67"}, 67, ""},
+                                                         {{"-i", "3"}, 4, "7003"},
+                                                         {{"-i", "68"}, 0, "-1"},
+                                                         {{"-i", "2147483647"}, 0, "-1"}};
     mute('H'); // a report waits for its answer meanwhile
-    for (const auto& one : cases) {
+    for (const auto& [options, own_row, mismatch] : cases) {
         a.mark_log();
-        start(one.options);
+        start(options);
         const std::string pid = std::to_string(a.pid());
         PROCESS_INFO* rows = a.segment()->proc_info;
         PROCESS_INFO wanted[PROCESS_INFO_MAX];
         for (int i = 0; i < PROCESS_INFO_MAX; ++i) {
             std::memset(&rows[i], 'r', sizeof rows[i]);
-            rows[i].proc_pid = i == one.own_row ? a.pid() : 7000 + i;
+            rows[i].proc_pid = i == own_row ? a.pid() : 7000 + i;
         }
         std::memcpy(wanted, rows, sizeof wanted);
         std::string line = "(I) pid : " + pid + ",  cur_sts set PROCESS_DEACT... ok";
-        if (one.mismatch.empty())
-            wanted[one.own_row].cur_sts = 0;
+        if (mismatch.empty())
+            wanted[own_row].cur_sts = 0;
         else
-            line = one.mismatch == "no line"
-                       ? "(I) completed join health_check."
-                       : "<!> proc_info pid mismatch (" + one.mismatch + " <> " + pid +
-                             "), process_idx : " + one.options[1];
+            line = mismatch == "no line" ? "(I) completed join health_check."
+                                         : "<!> proc_info pid mismatch (" + mismatch + " <> " +
+                                               pid + "), process_idx : " + options[1];
         expect_orderly_end();
         EXPECT_EQ(std::memcmp(rows, wanted, sizeof wanted), 0);
         EXPECT_EQ(messages(a.log()).end()[-2], line);

@@ -4,7 +4,6 @@
 #include <set>
 
 #include "checks.h"
-#include "sem.h"
 
 namespace {
 
@@ -17,11 +16,10 @@ class Status : public testing::Test {
     agent daemon;
 
     void start() {
-        daemon.set("KESSARD", "WORKER_CHECK_INTERVAL",
-                   0); // else the last objects come seconds later
+        daemon.set("KESSARD", "WORKER_CHECK_INTERVAL", 0); // else objects come seconds later
         start_running(daemon);
-        ASSERT_TRUE(kill(daemon.pid(), SIGSTOP) == 0 &&
-                    waitpid(daemon.pid(), nullptr, WUNTRACED) == daemon.pid());
+        daemon.signal(SIGSTOP);
+        ASSERT_EQ(waitpid(daemon.pid(), nullptr, WUNTRACED), daemon.pid());
     }
     program_result console(const texts& words) const { return daemon.console(words); }
     json look(int wanted_status, texts words = {}) const {
@@ -32,8 +30,8 @@ class Status : public testing::Test {
     }
     void expect_problem(const std::string& reason, int wanted_status = 1) const {
         const program_result done = console({"status"});
-        EXPECT_TRUE(done.status == wanted_status && in_order(done.out, {reason}))
-            << done.status << ", " << done.out;
+        EXPECT_EQ(done.status, wanted_status);
+        EXPECT_TRUE(in_order(done.out, {reason})) << done.out;
     }
     void add_process(const char* name, pid_t pid, char state, char wanted) {
         PROCESS_INFO& row = daemon.segment()->proc_info[daemon.segment()->proc_num++];
@@ -53,26 +51,19 @@ TEST_F(Status, TellsWhatTheObjectsHold) {
     add_process("collector", daemon.pid(), 2, 2);
     daemon.noti_que()->info = {32760, 5};
     daemon.segment()->que_stat[1] = {10, 1, 9, 2, 3, 12.5F};
-    ASSERT_EQ(console({"put-trace", "--name", "billing", "--threads", "2", "--state", "h",
-                       "--alive", "0"})
-                  .status,
-              0);
+    console({"put-trace", "--name", "billing", "--threads", "2", "--state", "h", "--alive", "0"});
     const json now = look(0, {"--services", "--sort", "limit"});
     const json wanted = json::parse(R"({
-        "/status": "ok", "/reasons": [], "/settings/log_flags": "SQ", "/tables/service/used": 2, "/traces/states/h": 3,
-        "/services/0/service_id": "PAYMENTS", "/services/1/flags": "E", "/tables/cache/slots": 2e6, "/traces/dead": 3,
-        "/queues/notification/used": 13, "/processes/0/program": "collector", "/traces/processes/0/name": "billing",
-        "/log_queues/1/out_discarded": 2, "/segments/SVC_HASH_TBL_SHMKEY/attaches": 2})"); // the
-                                                                                           // daemon
-                                                                                           // and
-                                                                                           // this
-                                                                                           // test
+        "/status": "ok", "/reasons": [], "/settings/log_flags": "SQ", "/tables/service/used": 2,
+        "/traces/states/h": 3, "/traces/dead": 3, "/traces/processes/0/name": "billing",
+        "/services/0/service_id": "PAYMENTS", "/services/1/flags": "E", "/tables/cache/slots": 2e6,
+        "/queues/notification/used": 13, "/processes/0/program": "collector",
+        "/log_queues/1/out_discarded": 2, "/segments/SVC_HASH_TBL_SHMKEY/attaches": 2})");
     for (const auto& [path, value] : wanted.items())
         EXPECT_EQ(now.value(json::json_pointer(path), json()), value) << path;
     const std::string text = console({"status", "--filter", "orD"}).out;
-    EXPECT_TRUE(text.find('\x1b') == text.npos &&
-                in_order(text, {"ok: kessard pid", "Services: 1 of 2"}))
-        << text;
+    EXPECT_EQ(text.find('\x1b'), text.npos);
+    EXPECT_TRUE(in_order(text, {"ok: kessard pid", "Services: 1 of 2"})) << text;
 }
 
 TEST_F(Status, NamesWhatIsWrong) {
@@ -83,16 +74,6 @@ TEST_F(Status, NamesWhatIsWrong) {
     expect_problem("process gone (row 1) is dead: there is no pid 2147483647");
     daemon.noti_que()->info = {0, 32000};
     expect_problem("the notification queue is 97.7 % full");
-    const int cache_sem = daemon.sem_id("JCACHE_HASH_TBL_SEMKEY");
-    ASSERT_EQ(agt::sem_lock(cache_sem, 0, SEM_UNDO), 0);
-    EXPECT_TRUE(in_order(console({"status"}).out, {"held by " + std::to_string(getpid()) + " ("}));
-    agt::sem_unlock(cache_sem, 0, SEM_UNDO);
-    const pid_t holder = fork();
-    if (holder == 0)
-        _exit(agt::sem_lock(cache_sem, 0, 0)); // without undo, so it stays held
-    ASSERT_EQ(waitpid(holder, nullptr, 0), holder);
-    expect_problem("JCACHE_HASH_TBL_SEMKEY[0] (cache table) is held by the dead process " +
-                   std::to_string(holder));
 }
 
 TEST_F(Status, SurvivesCorruptObjects) {
@@ -117,14 +98,12 @@ TEST_F(Status, SurvivesCorruptObjects) {
 }
 
 TEST_F(Status, TellsThatThereIsNoAgent) {
-    EXPECT_TRUE(console({"status"}).status == 2 &&
-                console({"metrics"}).status == 2); // nor a configuration
+    EXPECT_EQ(console({"status"}).status + console({"metrics"}).status, 4); // nor a configuration
     daemon.write_cfg();
     expect_problem("absent: no daemon runs and none of the shared objects exists", 2);
-    const program_result none = console({"metrics"});
-    EXPECT_TRUE(none.status == 0 && in_order(none.out, {"\nkessard_up 0\n"})) << none.out;
+    EXPECT_TRUE(in_order(daemon.run({"metrics"}), {"0\n", "\nkessard_up 0\n"}));
     start();
-    EXPECT_TRUE(in_order(console({"metrics"}).out, {"\nkessard_up 1\n"}));
+    EXPECT_TRUE(in_order(daemon.run({"metrics"}), {"0\n", "\nkessard_up 1\n"}));
     daemon.signal(SIGKILL);
     daemon.wait_exit();
     expect_problem("absent: no daemon runs; 11 shared objects are there without it", 2);
@@ -140,10 +119,9 @@ void expect_exposition(const std::string& text) {
     for (std::string line, family; std::getline(lines, line);) {
         if (std::regex_match(line, found, help)) {
             family = found.str(1);
-            EXPECT_TRUE(std::getline(lines, line) && seen.insert(family + " help").second)
-                << family;
-            EXPECT_EQ(line,
-                      "# TYPE " + family + (family.ends_with("_total") ? " counter" : " gauge"));
+            const std::string type = family.ends_with("_total") ? " counter" : " gauge";
+            EXPECT_TRUE(std::getline(lines, line) && seen.insert(family + " help").second);
+            EXPECT_EQ(line, "# TYPE " + family + type);
         } else {
             const bool of_family = std::regex_match(line, found, sample) && found.str(2) == family;
             EXPECT_TRUE(of_family && seen.insert(found.str(1)).second) << line;
@@ -156,26 +134,22 @@ TEST_F(Status, MetricsAreReplacedInOneStep) {
     ASSERT_EQ(console({"put-trace", "--name", "a\"b\\c"}).status, 0);
     const std::string file = daemon.path("of.prom");
     daemon.write_file("of.prom", "old\n", 0600);
-    ASSERT_EQ(link(file.c_str(), daemon.path("old").c_str()),
-              0); // stands for a reader that has it open
+    ASSERT_EQ(link(file.c_str(), daemon.path("old").c_str()), 0); // a reader has it open
     ASSERT_EQ(console({"metrics", "--output", file}).status, 0);
-    EXPECT_EQ(run_program({"/bin/cat", daemon.path("old")}).out, "old\n");
-    const std::string text = run_program({"/bin/cat", file}).out;
-    expect_exposition(text);
-    EXPECT_TRUE(
-        in_order(text, {"\nkessard_trace_entries{program=\"a\\\"b\\\\c\",state=\"a\"} 1\n"}))
-        << text;
-    EXPECT_EQ(
-        run_program({"/usr/bin/find", daemon.home(), "-name", "of.*", "-printf", "%f %m"}).out,
-        "of.prom 644");
+    EXPECT_EQ(content(daemon.path("old")), "old\n");
+    expect_exposition(content(file));
+    EXPECT_TRUE(in_order(content(file),
+                         {"\nkessard_trace_entries{program=\"a\\\"b\\\\c\",state=\"a\"} 1\n"}));
+    const texts find = {"/usr/bin/find", daemon.home(), "-name", "of.*", "-printf", "%f %m"};
+    EXPECT_EQ(run_program(find).out, "of.prom 644");
     EXPECT_EQ(console({"metrics", "--output", daemon.path("nowhere/x")}).status, 2);
 }
 
 TEST_F(Status, WatchesUntilItIsInterrupted) {
     start();
     process watcher({KESSCTL_PROGRAM, "status", "--watch", "0.1"}, daemon.variables);
-    EXPECT_TRUE(
-        wait_until([&] { return watcher.out().find("every 0.1 s", 200) != std::string::npos; }));
+    const texts twice(2, "every 0.1 s");
+    EXPECT_TRUE(wait_until([&] { return in_order(watcher.out(), twice); }));
     kill(watcher.pid(), SIGINT);
     EXPECT_EQ(watcher.wait_exit(), 0);
 }

@@ -1,5 +1,4 @@
-// Housekeeping passes: the liveness sweep, the statistics and their countdowns, the reset in
-// silence, the update triggers.
+// Housekeeping passes: the sweep, the statistics, their reset in silence, the update triggers.
 #include <sys/eventfd.h>
 
 #include "check_ptrc_hash_tbl.h"
@@ -58,55 +57,44 @@ class Housekeeping : public trace_table_test {
 };
 
 TEST_F(Housekeeping, LooksAtAnEntryWhenItsStateAndTimeSaySo) {
-    const struct {
-        char trc_sts;
-        int idle_sec;
-        int elapsed; // chk_elps_sec before
-        int period;
-        bool checked;
-        int elapsed_after;
-    } cases[] = {
+    // trc_sts, idle seconds, chk_elps_sec before, the period; whether checked, chk_elps_sec after.
+    const std::tuple<char, int, int, int, bool, int> cases[] = {
         {'f', 6, 3, 1, true, 3},     {'f', 5, 3, 1, false, 4},   {'f', 5, 9, 1, true, 0},
         {'h', 0, 3, 1, true, 3},     {'h', 100, 9, 10, true, 9}, {'a', 0, 8, 1, false, 9},
         {'a', 0, 9, 1, true, 0},     {'a', 100, 0, 9, false, 9}, {'a', 0, 0, 10, true, 0},
         {'a', 0, 3, 86400, true, 0}, {'F', 100, 0, 1, false, 1}, {'H', 100, 0, 1, false, 1},
         {0, 100, 0, 1, false, 1},    {'a', 0, -5, 10, false, 5}};
     PTRC_HASH_ARR& entry = table.add("worker", DEAD_PID);
-    for (const auto& one : cases) {
-        SCOPED_TRACE(testing::Message()
-                     << one.trc_sts << " idle " << one.idle_sec << " elapsed " << one.elapsed);
-        const auto prepare = [&](time_t now) {
-            entry.trc_sts = one.trc_sts;
-            entry.lasted_access = now - one.idle_sec;
-            entry.chk_elps_sec = static_cast<char>(one.elapsed);
+    for (const auto& [trc_sts, idle_sec, elapsed, period, checked, elapsed_after] : cases) {
+        SCOPED_TRACE(testing::Message() << trc_sts << " idle " << idle_sec << " after " << elapsed);
+        entry.trc_sts = trc_sts;
+        trc_sts_check_period = period;
+        const auto prepare = [&entry, idle = idle_sec, before = elapsed](time_t now) {
+            entry.lasted_access = now - idle;
+            entry.chk_elps_sec = static_cast<char>(before);
             entry.isalive = 1;
-            trc_sts_check_period = one.period;
         };
         within_one_second(prepare, check_ptrc_hash_tbl);
-        EXPECT_EQ(entry.isalive, one.checked ? 0 : 1);
-        EXPECT_EQ(entry.chk_elps_sec, one.elapsed_after);
+        EXPECT_EQ(entry.isalive, checked ? 0 : 1);
+        EXPECT_EQ(entry.chk_elps_sec, elapsed_after);
     }
 }
 
 TEST_F(Housekeeping, MarksLiveRenamedAndDeadProcesses) {
-    const struct {
-        std::string name;
-        int pid;
-        char before;
-        char after;
-        const char* line; // without name and pid; null: none
-    } cases[] = {{OWN_NAME, getpid(), 0, 1, nullptr},
-                 {OWN_NAME, getpid(), 2, 2, nullptr},
-                 {OWN_NAME, getpid(), 127, 127, nullptr},
-                 {OWN_NAME + "x", getpid(), 2, 0, "@@@ process down : "},
-                 {"", getpid(), 1, 0, "@@@ process down : "},
-                 {OWN_NAME, DEAD_PID, 5, 0, "@@@ process down: "},
-                 {"worker", 0, 1, 0, "@@@ process down: "}};
+    // isalive before and after, the line without name and pid; empty: none.
+    const std::tuple<std::string, int, char, char, std::string> cases[] = {
+        {OWN_NAME, getpid(), 0, 1, ""},
+        {OWN_NAME, getpid(), 2, 2, ""},
+        {OWN_NAME, getpid(), 127, 127, ""},
+        {OWN_NAME + "x", getpid(), 2, 0, "@@@ process down : "},
+        {"", getpid(), 1, 0, "@@@ process down : "},
+        {OWN_NAME, DEAD_PID, 5, 0, "@@@ process down: "},
+        {"worker", 0, 1, 0, "@@@ process down: "}};
     texts wanted = {"##### ptrc hash table (total : 8) #####", ""};
-    for (const auto& one : cases) {
-        table.add(one.name, one.pid).isalive = one.before;
-        if (one.line != nullptr)
-            wanted.push_back(one.line + one.name + "(" + std::to_string(one.pid) + ")");
+    for (const auto& [name, pid, before, after, line] : cases) {
+        table.add(name, pid).isalive = before;
+        if (!line.empty())
+            wanted.push_back(line + name + "(" + std::to_string(pid) + ")");
     }
     PTRC_HASH_ARR& endless = table.add("", 1); // no field has a terminator
     std::memset(endless.proc_nm, 'x', sizeof endless.proc_nm + sizeof endless.cont_nm);
@@ -114,7 +102,7 @@ TEST_F(Housekeeping, MarksLiveRenamedAndDeadProcesses) {
     wanted.push_back("@@@ process down: " + std::string(31, 'x') + "(999999999)");
     check_ptrc_hash_tbl();
     for (std::size_t i = 0; i < std::size(cases); ++i)
-        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, cases[i].after) << "entry " << i;
+        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, std::get<3>(cases[i])) << i;
     EXPECT_EQ(messages(a.log()), wanted);
 }
 
@@ -127,14 +115,14 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
     }
     for (int i = 0; i < 600; ++i) { // the cache may miss a record that it holds
         const bool own = i % 3 == 0;
-        table.add(own ? OWN_NAME : "worker" + std::to_string(i % 7),
-                  own ? getpid() : DEAD_PID + i % 5);
+        const std::string name = own ? OWN_NAME : "worker" + std::to_string(i % 7);
+        table.add(name, own ? getpid() : DEAD_PID + i % 5);
     }
     check_ptrc_hash_tbl();
-    for (unsigned i = 0; i < table->used.top; ++i)
-        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive,
-                  i >= 1000 && (i - 1000) % 3 == 0 ? 1 : 0)
-            << i;
+    for (unsigned i = 0; i < table->used.top; ++i) {
+        const int wanted = i >= 1000 && (i - 1000) % 3 == 0 ? 1 : 0;
+        EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, wanted) << i;
+    }
 }
 
 TEST_F(Housekeeping, TakesAFullTableAndSwitchesTracingOffForACorruptOne) {
@@ -142,20 +130,18 @@ TEST_F(Housekeeping, TakesAFullTableAndSwitchesTracingOffForACorruptOne) {
     entry.trc_sts = 'h';
     for (unsigned i = 0; i < PTRC_HASH_SLOTS; i += 2)
         table->used.idx[i + 1] = i % 4 == 0 ? 10000 : 0xffffffffu; // no slots
-    const struct {
-        unsigned top;
-        int running;
-        bool tracing; // afterwards
-        char isalive;
-    } cases[] = {
-        {10001, 1, false, 1}, {0xffffffffu, 1, false, 1}, {10000, 0, true, 1}, {10000, 1, true, 0}};
-    for (const auto& one : cases) {
+    const std::tuple<unsigned, int, bool, char> cases[] = {// top, running; tracing, isalive then
+                                                           {10001, 1, false, 1},
+                                                           {0xffffffffu, 1, false, 1},
+                                                           {10000, 0, true, 1},
+                                                           {10000, 1, true, 0}};
+    for (const auto& [top, runs, tracing, isalive] : cases) {
         memory.magic_code = TRACE_ON_MAGIC_CODE;
-        table->used.top = one.top;
-        running = one.running;
+        table->used.top = top;
+        running = runs;
         check_ptrc_hash_tbl();
-        EXPECT_EQ(memory.magic_code, one.tracing ? unsigned{TRACE_ON_MAGIC_CODE} : 0u) << one.top;
-        EXPECT_EQ(entry.isalive, one.isalive) << one.top;
+        EXPECT_EQ(memory.magic_code, tracing ? unsigned{TRACE_ON_MAGIC_CODE} : 0u) << top;
+        EXPECT_EQ(entry.isalive, isalive) << top;
     }
 }
 
@@ -173,12 +159,8 @@ TEST_F(Housekeeping, PrintsEveryPrintTimePasses) {
     client_list.client_num = 0;
     EXPECT_EQ(run_passes(9, 1), texts());
     EXPECT_EQ(run_passes(1), (texts{line, "clients 0/5 , total_logs 39, curr_logs 9", clients}));
-}
-
-TEST_F(Housekeeping, PrintsAndSweepsInTheirPeriods) {
-    const std::pair<int, std::size_t> times_in_seven_passes[] = {{3, 2}, {1, 7}, {7, 1},
-                                                                 {8, 0}, {0, 0}, {-3, 0}};
-    for (const auto& [period, times] : times_in_seven_passes) {
+    const std::pair<int, std::size_t> cases[] = {{3, 2}, {1, 7}, {7, 1}, {8, 0}, {0, 0}, {-3, 0}};
+    for (const auto& [period, times] : cases) { // in seven passes
         trc_sts_check_period = print_time = period;
         start_st_log_passes();
         run_passes(7);
@@ -188,23 +170,18 @@ TEST_F(Housekeeping, PrintsAndSweepsInTheirPeriods) {
 }
 
 TEST_F(Housekeeping, ClearsTheCountersOnceInASilence) {
-    const struct {
-        int clear_time;
-        int passes;
-        int logs; // of each
-        int total;
-    } steps[] = {{3, 1, 5, 5},  {3, 2, 0, 5}, {3, 1, 1, 6}, {3, 2, 0, 6},
-                 {3, 1, 0, 0},  {3, 1, 4, 4}, {3, 2, 0, 4}, {0, 9, 0, 4},
-                 {-1, 9, 0, 4}, {3, 9, 0, 4}}; // a silence counts on
+    const std::tuple<int, int, int, int> steps[] = {
+        // clear_time, passes, logs of each; total
+        {3, 1, 5, 5}, {3, 2, 0, 5}, {3, 1, 1, 6}, {3, 2, 0, 6},  {3, 1, 0, 0},
+        {3, 1, 4, 4}, {3, 2, 0, 4}, {0, 9, 0, 4}, {-1, 9, 0, 4}, {3, 9, 0, 4}}; // counts on
     print_time = 1;
     start_st_log_passes();
-    for (const auto& one : steps) {
-        clear_time = one.clear_time;
-        const texts printed = run_passes(one.passes, one.logs);
-        EXPECT_EQ(tot_logs, one.total) << &one - steps;
-        EXPECT_TRUE(one.logs == 0 ||
-                    printed.at(1).ends_with(", curr_logs " + std::to_string(one.logs)))
-            << printed[1];
+    for (const auto& [seconds, passes, logs, total] : steps) {
+        clear_time = seconds;
+        const texts printed = run_passes(passes, logs);
+        EXPECT_EQ(tot_logs, total);
+        const std::string current = ", curr_logs " + std::to_string(logs);
+        EXPECT_TRUE(logs == 0 || printed.at(1).ends_with(current)) << printed[1];
     }
 }
 
@@ -213,8 +190,8 @@ TEST_F(Housekeeping, AnnouncesAForcedUpdateOncePerFileAndTheDailyOneOncePerDate)
     set_daily_time("0000");
     for (int i = 0; i < 2; ++i) { // the file comes first
         a.write_file("trigger", "now\n");
-        EXPECT_EQ(run_passes(1),
-                  (texts{">> Check OK, [" + trigger + "] ..", "(I) start forced update service"}));
+        const std::string found = ">> Check OK, [" + trigger + "] ..";
+        EXPECT_EQ(run_passes(1), (texts{found, "(I) start forced update service"}));
         EXPECT_FALSE(std::filesystem::exists(trigger));
     }
     for (const char* zone : {"EAST-14", "WEST+12", "EAST-14"}) { // never the same date
@@ -228,16 +205,13 @@ TEST_F(Housekeeping, AnnouncesAForcedUpdateOncePerFileAndTheDailyOneOncePerDate)
         set_daily_time(never);
         EXPECT_EQ(run_passes(2), texts()) << never;
     }
-    char hhmi[8];
-    const std::time_t now = std::time(nullptr);
-    std::strftime(hhmi, sizeof hhmi, "%H%M", std::localtime(&now));
-    set_daily_time(hhmi); // a restart forgets the day
+    const std::string hhmi = local_text("%H%M", std::time(nullptr));
+    set_daily_time(hhmi.c_str()); // a restart forgets the day
     EXPECT_EQ(run_passes(2), texts{line + hhmi + ")"});
 }
 
 TEST_F(Housekeeping, StartsOneUpdateAtATime) {
-    full_listener listener; // the upload hangs in its connection
-    listener.fill_up();
+    const full_listener listener; // the upload hangs in its connection
     set_server_address("127.0.0.1", listener.port());
     daily_update_yn = true;
     for (int i = 0; i < 2; ++i) {

@@ -1,6 +1,5 @@
-// Support library: clearing shared memory, receiving and sending whole frames within limits
-// whatever the peer does, the form of the log's lines, what the configuration reader finds and
-// says.
+// Support library: clearing shared memory, whole frames within limits whatever the peer does, the
+// form of the log's lines, what the configuration reader finds and says.
 #include <cerrno>
 #include <regex>
 
@@ -42,8 +41,7 @@ TEST(Library, StartsAFrameOverAndLimitsATrickle) {
     const std::string frame(1407, 'f');
     testing::internal::CaptureStdout();
     EXPECT_EQ(agt::send_tcp_data(client.get(), std::string(700, 'x').data(), 700), 700);
-    EXPECT_EQ(agt::recv_tcp_data_timeout(server.get(), received, 1407, 10),
-              -1); // the rest does not come, twice
+    EXPECT_EQ(agt::recv_tcp_data_timeout(server.get(), received, 1407, 10), -1); // no rest, twice
     EXPECT_TRUE(testing::internal::GetCapturedStdout().starts_with("read error!!, add_len : -1"));
     EXPECT_EQ(agt::send_tcp_data(client.get(), frame.data(), 1407), 1407);
     EXPECT_EQ(agt::recv_tcp_data_timeout(server.get(), received, 1407, 10), 1407);
@@ -65,19 +63,16 @@ TEST(Library, SendsToAPeerThatTakesLittleAtATime) {
     sockaddr_in address{};
     socklen_t size = sizeof address;
     ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-    std::thread peer(
-        [port =
-             ntohs(address.sin_port)] { // the sender has room again only after more than 10 seconds
-            const agt::unique_fd taking(agt::create_tcp_client_session("127.0.0.1", port, 0));
-            std::string taken(8000, 0);
-            while (recv(taking.get(), taken.data(), taken.size(), MSG_WAITALL) > 0)
-                agt::sleep_ms(100);
-        });
+    std::thread peer([port = ntohs(address.sin_port)] { // there is room only after 10 seconds
+        const agt::unique_fd taking(agt::create_tcp_client_session("127.0.0.1", port, 0));
+        std::string taken(8000, 0);
+        while (recv(taking.get(), taken.data(), taken.size(), MSG_WAITALL) > 0)
+            agt::sleep_ms(100);
+    });
     agt::unique_fd sender(agt::accept_tcpserver_connection(listener.get(), &address));
     const std::string bytes(5000000, 'b');
     EXPECT_EQ(agt::send_tcp_data(sender.get(), bytes.data(), 5000000), 5000000);
-    const linger at_once = {1, 0};
-    setsockopt(sender.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    reset_at_close(sender.get());
     sender.reset();
     peer.join();
 }
@@ -136,12 +131,10 @@ std::string repeat(std::size_t n, char c) {
     return std::string(n, c);
 }
 
-// The comment of 300 characters is read as two lines; behind 255 characters of the other one an
-// entry begins.
+// A comment of 300 characters is read as two lines; behind 255 of the other an entry begins.
 const std::string CFG =
-    "ONE = early\n[FIRST]\nONE = 1 2 3\nTIGHT=1\n\t INDENTED\t=  1\r\n#COMMENT = 1\n" // lines 1 to
-                                                                                      // 6
-    "NOTE = a # note\n   \n\nEMPTY =\nBARE\n#" +                                      // 7 to 11
+    "ONE = early\n[FIRST]\nONE = 1 2 3\nTIGHT=1\n\t INDENTED\t=  1\r\n#COMMENT = 1\n"
+    "NOTE = a # note\n   \n\nEMPTY =\nBARE\n#" + // lines 7 to 11
     repeat(298, '-') +
     "\nLATE = x = y\n#" + repeat(254, '-') + "TAIL = 7\n" + // 12 to 16
     "MANY = 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17\nWIDE = " + repeat(63, 'w') + " " +
@@ -150,23 +143,18 @@ const std::string CFG =
 
 TEST(ReadCfg, FindsTheWordOrSaysWhyNot) {
     const std::string no = "[get_string_in_section] not found keyword[";
-    const struct {
-        std::string section;
-        std::string keyword;
-        int n;
-        std::string word;
-        std::string said; // instead of a word: what standard error ends with
-    } cases[] = {
+    const std::string unfound = "]; file=FILE, section=FIRST\n";
+    const std::string few = " token; file=FILE, section=FIRST, keyword=ONE, lnum=3\n";
+    // The word, or what standard error ends with.
+    const std::tuple<std::string, std::string, int, std::string, std::string> cases[] = {
         {"FIRST", "ONE", 1, "1", ""},
         {"FIRST", "ONE", 3, "3", ""},
-        {"FIRST", "ONE", 4, "",
-         "can't found nth(4) token; file=FILE, section=FIRST, keyword=ONE, lnum=3\n"},
-        {"FIRST", "ONE", 0, "",
-         "can't found nth(0) token; file=FILE, section=FIRST, keyword=ONE, lnum=3\n"},
-        {"FIRST", "TIGHT", 1, "", no + "TIGHT]\n" + no + "TIGHT]; file=FILE, section=FIRST\n"},
+        {"FIRST", "ONE", 4, "", "can't found nth(4)" + few},
+        {"FIRST", "ONE", 0, "", "can't found nth(0)" + few},
+        {"FIRST", "TIGHT", 1, "", no + "TIGHT]\n" + no + "TIGHT" + unfound},
         {"FIRST", "INDENTED", 1, "1", ""},
-        {"FIRST", "COMMENT", 1, "", no + "COMMENT]; file=FILE, section=FIRST\n"},
-        {"FIRST", "one", 1, "", no + "one]; file=FILE, section=FIRST\n"},
+        {"FIRST", "COMMENT", 1, "", no + "COMMENT" + unfound},
+        {"FIRST", "one", 1, "", no + "one" + unfound},
         {"FIRST", "NOTE", 2, "#", ""},
         {"FIRST", "EMPTY", 1, "", "section=FIRST, keyword=EMPTY, lnum=10\n"},
         {"FIRST", "BARE", 1, "", "section=FIRST, keyword=BARE, lnum=11\n"},
@@ -175,43 +163,35 @@ TEST(ReadCfg, FindsTheWordOrSaysWhyNot) {
         {"FIRST", "MANY", 16, "16", ""},
         {"FIRST", "MANY", 17, "", "section=FIRST, keyword=MANY, lnum=17\n"},
         {"FIRST", "WIDE", 2, repeat(64, 'w'), ""},
-        {"FIRST", "SECOND", 1, "", no + "SECOND]; file=FILE, section=FIRST\n"},
+        {"FIRST", "SECOND", 1, "", no + "SECOND" + unfound},
         {"ABC", "IN_ABD", 1, "yes", ""},
         {"LAST", "IN_LAST", 1, "end", ""},
         {"OPEN", "ONE", 1, "", "[seek_section] not found section[OPEN] in file[FILE]\n"}};
     agent directory;
     directory.write_file("cfg", CFG);
     const std::string file = directory.path("cfg");
-    for (const auto& one : cases) {
-        std::string wanted = one.said;
-        if (const std::size_t at = wanted.find("FILE"); at != std::string::npos)
-            wanted.replace(at, 4, file);
+    for (const auto& [section, keyword, n, wanted, complaint] : cases) {
+        std::string said = complaint;
+        if (const std::size_t at = said.find("FILE"); at != std::string::npos)
+            said.replace(at, 4, file);
         char word[agt::CFG_WORD_SIZE] = "untouched";
         testing::internal::CaptureStderr();
-        const int ret = agt::get_nth_token_in_file_section(file.c_str(), one.section.c_str(),
-                                                           one.keyword.c_str(), one.n, word);
-        const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(ret, one.said.empty() ? 1 : -1) << one.keyword;
-        EXPECT_EQ(word, one.said.empty() ? one.word : "untouched");
-        EXPECT_TRUE(one.said.empty() ? said.empty() : said.ends_with(wanted)) << said;
+        const int ret = agt::get_nth_token_in_file_section(file.c_str(), section.c_str(),
+                                                           keyword.c_str(), n, word);
+        const std::string got = testing::internal::GetCapturedStderr();
+        EXPECT_TRUE(said.empty() ? got.empty() : got.ends_with(said)) << got;
+        EXPECT_EQ(ret, said.empty() ? 1 : -1) << keyword;
+        EXPECT_EQ(word, said.empty() ? wanted : "untouched");
     }
-}
-
-// Callers tell an absent key from an unreadable file by errno.
-TEST(ReadCfg, LeavesErrnoAloneWhenItCannotComplain) {
-    agent directory;
-    directory.write_file("cfg", CFG);
+    // When it cannot complain errno stays, by which callers know a file that cannot be read.
+    char word[agt::CFG_WORD_SIZE];
     const agt::unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
     const agt::unique_fd usual(dup(STDERR_FILENO));
-    char word[agt::CFG_WORD_SIZE];
     dup2(full.get(), STDERR_FILENO);
     errno = 0;
-    const int ret = agt::get_nth_token_in_file_section(directory.path("cfg").c_str(), "FIRST",
-                                                       "ABSENT", 1, word);
-    const int error = errno;
+    EXPECT_EQ(agt::get_nth_token_in_file_section(file.c_str(), "FIRST", "ABSENT", 1, word), -1);
+    EXPECT_EQ(errno, 0);
     dup2(usual.get(), STDERR_FILENO);
-    EXPECT_EQ(ret, -1);
-    EXPECT_EQ(error, 0);
 }
 
 } // namespace

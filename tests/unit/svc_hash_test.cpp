@@ -1,5 +1,4 @@
-// The service table on the heap: what inserts, updates and deletes do to it, and that nothing in it
-// can break them.
+// The service table on the heap: what inserts, updates and deletes do to it, whatever is in it.
 #include "set_svc_hash_tbl.h"
 
 #include "checks.h"
@@ -11,8 +10,7 @@
 namespace {
 
 using namespace kessard;
-using test_support::table_fault;
-using test_support::texts;
+using namespace test_support;
 
 constexpr int BUCKET = 77;
 
@@ -67,23 +65,19 @@ TEST_F(SvcHash, HashesOneByteAtATime) {
 
 // Four come; the head, one in the middle and the tail go; the slot given back last is taken first.
 TEST_F(SvcHash, LinksAndUnlinksChains) {
-    const struct {
-        std::size_t id;
-        char mode;
-        int slot;
-        const char* chain; // afterwards
-    } steps[] = {{0, 'A', 9999, "9999 "},           {1, 'A', 9998, "9999 9998 "},
-                 {2, 'A', 9997, "9999 9998 9997 "}, {3, 'A', 9996, "9999 9998 9997 9996 "},
-                 {0, 'D', 9999, "9998 9997 9996 "}, {2, 'D', 9997, "9998 9996 "},
-                 {3, 'D', 9996, "9998 "},           {0, 'A', 9996, "9998 9996 "},
-                 {0, 'D', 9996, "9998 "},           {1, 'D', 9998, ""}};
+    const std::tuple<std::size_t, char, int, const char*> steps[] = {
+        // the chain afterwards
+        {0, 'A', 9999, "9999 "},           {1, 'A', 9998, "9999 9998 "},
+        {2, 'A', 9997, "9999 9998 9997 "}, {3, 'A', 9996, "9999 9998 9997 9996 "},
+        {0, 'D', 9999, "9998 9997 9996 "}, {2, 'D', 9997, "9998 9996 "},
+        {3, 'D', 9996, "9998 "},           {0, 'A', 9996, "9998 9996 "},
+        {0, 'D', 9996, "9998 "},           {1, 'D', 9998, ""}};
     const texts ids = same_bucket(4);
-    for (const auto& one : steps) {
-        EXPECT_EQ(set(element(ids[one.id], one.mode)), one.slot);
-        EXPECT_EQ(chain(), one.chain);
+    for (const auto& [id, mode, slot, wanted] : steps) {
+        EXPECT_EQ(set(element(ids[id], mode)), slot);
+        EXPECT_EQ(chain(), wanted);
         EXPECT_EQ(table_fault(table), "");
-        EXPECT_EQ(table.h_arr[one.slot].param.service_id,
-                  ids[one.id]); // one that went is left as it was
+        EXPECT_EQ(table.h_arr[slot].param.service_id, ids[id]); // one that went is left as it was
     }
 }
 
@@ -91,25 +85,22 @@ TEST_F(SvcHash, ReadsFieldsOfAnyContent) {
     SERVICE_ELEMENT full;
     std::memset(&full, '7', sizeof full); // no terminator anywhere
     ASSERT_EQ(set(full), 9999);
-    const SVC_HASH_ARR& param = table.h_arr[9999].param;
+    SVC_HASH_ARR& param = table.h_arr[9999].param;
     EXPECT_EQ(param.call_trc_depth, 777777);
-    table.h_arr[9999].param.is_sync = 5; // not the daemon's
     EXPECT_EQ(param.tflag, 77);
+    param.is_sync = 5;         // not the daemon's
     full.service_id[16] = '8'; // behind the key
     full.update_mode[0] = 'Y';
     std::memcpy(full.uflag_set, "SQsq-    ", 9);
-    const struct {
-        const char* text;
-        int limit;
-        long sql_trc_limit;
-    } numbers[] = {{"0", 30, 0},   {"", 30, 0},      {"x1", 30, 0},
-                   {"-5", 30, -5}, {" 12x", 12, 12}, {"2147483647", INT_MAX, INT_MAX}};
-    for (const auto& one : numbers) {
-        agt::put_text(full.limit, one.text);
-        agt::put_text(full.sql_trc_limit, one.text);
+    const std::tuple<const char*, int, long> numbers[] = {
+        {"0", 30, 0},   {"", 30, 0},      {"x1", 30, 0},
+        {"-5", 30, -5}, {" 12x", 12, 12}, {"2147483647", INT_MAX, INT_MAX}};
+    for (const auto& [text, limit, sql_trc_limit] : numbers) {
+        agt::put_text(full.limit, text);
+        agt::put_text(full.sql_trc_limit, text);
         EXPECT_EQ(set(full), 9999);
-        EXPECT_EQ(param.limit, one.limit) << one.text;
-        EXPECT_EQ(param.sql_trc_limit, one.sql_trc_limit) << one.text;
+        EXPECT_EQ(param.limit, limit) << text;
+        EXPECT_EQ(param.sql_trc_limit, sql_trc_limit) << text;
     }
     EXPECT_EQ(static_cast<unsigned char>(param.uflag_set), 0x81);
     EXPECT_EQ(param.is_sync, 5);
@@ -128,8 +119,8 @@ TEST_F(SvcHash, SurvivesACorruptTable) {
         for (const std::string& id : ids)
             set(element(id));
         for (int s = 9995; s <= 9999; ++s) {
-            table.h_arr[s].next_idx =
-                random() % 3 == 0 ? index() : 9995 + static_cast<int>(random() % 5); // a loop
+            const int loop = 9995 + static_cast<int>(random() % 5);
+            table.h_arr[s].next_idx = random() % 3 == 0 ? index() : loop;
             table.h_arr[s].pre_idx = index();
             table.h_arr[s].hash_idx = random() % 2 == 0 ? index() : 65536;
         }

@@ -55,43 +55,35 @@ class Watchdog : public trace_table_test {
 
 TEST_F(Watchdog, TakesOrRefusesItsSettings) {
     const char* const LOW = "<!> WORKER_REST_INTERVAL too low. default setting(60sec)";
-    const struct {
-        const char* section;
-        const char* keyword;
-        const char* value; // null: missing
-        int ret;
-        int flag;         // of the watchdog's state
-        const char* line; // in the log; empty: none
-        int rest_interval = 60;
-        int mode = WORKER_MODE_THREAD;
-    } cases[] = {{"TRAN_LOGF", "TR_SECTION", nullptr, 0, 0, ""},
-                 {"KESSARD", "WORKER_CHECK_INTERVAL", nullptr, 0, 0, ""},
-                 {"KESSARD", "WORKER_CHECK_INTERVAL", "0", 0, 0,
-                  "<!> WORKER_CHECK_INTERVAL is 0. finished job."},
-                 {"KESSARD", "WORKER_REST_INTERVAL", nullptr, 0, 1, ""},
-                 {"KESSARD", "WORKER_MODE", nullptr, 0, 1, ""},
-                 {"KESSARD", "WORKER_MODE", "Thread", 0, 1, "<!> WORKER_MODE init fail"},
-                 {"KESSARD", "SKIP_PROC", nullptr, 0, 1, ""},
-                 {"IPC_SEMAPHORE", "PARSE_LOG_QUE_SEMKEY", nullptr, 0, 1, ""},
-                 {"IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY", nullptr, 0, 1, ""},
-                 {"KESSARD", "WORKER_REST_INTERVAL", "59", 1, 1, LOW},
-                 {"KESSARD", "WORKER_REST_INTERVAL", "-1", 1, 1, LOW},
-                 {"KESSARD", "WORKER_REST_INTERVAL", "61", 1, 1, "", 61},
-                 {"KESSARD", "WORKER_MODE", "process", 1, 1, "", 60, WORKER_MODE_PROCESS}};
-    for (const auto& one : cases) {
-        SCOPED_TRACE(testing::Message()
-                     << one.keyword << " " << (one.value == nullptr ? "" : one.value));
-        const std::string good = a.value(one.section, one.keyword);
-        a.unset(one.section, one.keyword);
-        if (one.value != nullptr)
-            a.set(one.section, one.keyword, one.value);
-        EXPECT_EQ(set_up(), one.ret);
-        a.set(one.section, one.keyword, good);
-        EXPECT_EQ(worker_cfg.worker_flag, one.flag);
-        EXPECT_EQ(a.count_log("<!>"), *one.line == '\0' ? 0u : 1u) << a.log();
-        EXPECT_NE(a.log().find(one.line), std::string::npos) << a.log();
-        EXPECT_TRUE(one.ret == 0 || worker_cfg.worker_rest_interval == one.rest_interval);
-        EXPECT_TRUE(one.ret == 0 || worker_cfg.worker_mode == one.mode);
+    // The value, null when missing; what init_is_working() says; the watchdog's state; its line.
+    const std::tuple<const char*, const char*, const char*, int, int, std::string> cases[] = {
+        {"TRAN_LOGF", "TR_SECTION", nullptr, 0, 0, ""},
+        {"KESSARD", "WORKER_CHECK_INTERVAL", nullptr, 0, 0, ""},
+        {"KESSARD", "WORKER_CHECK_INTERVAL", "0", 0, 0,
+         "<!> WORKER_CHECK_INTERVAL is 0. finished job."},
+        {"KESSARD", "WORKER_REST_INTERVAL", nullptr, 0, 1, ""},
+        {"KESSARD", "WORKER_MODE", nullptr, 0, 1, ""},
+        {"KESSARD", "WORKER_MODE", "Thread", 0, 1, "<!> WORKER_MODE init fail"},
+        {"KESSARD", "SKIP_PROC", nullptr, 0, 1, ""},
+        {"IPC_SEMAPHORE", "PARSE_LOG_QUE_SEMKEY", nullptr, 0, 1, ""},
+        {"IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY", nullptr, 0, 1, ""},
+        {"KESSARD", "WORKER_REST_INTERVAL", "59", 1, 1, LOW},
+        {"KESSARD", "WORKER_REST_INTERVAL", "-1", 1, 1, LOW},
+        {"KESSARD", "WORKER_REST_INTERVAL", "61", 1, 1, ""},
+        {"KESSARD", "WORKER_MODE", "process", 1, 1, ""}};
+    for (const auto& [section, keyword, value, ret, flag, line] : cases) {
+        const std::string text = value == nullptr ? "" : value;
+        SCOPED_TRACE(keyword + (" " + text));
+        const std::string good = a.value(section, keyword);
+        value == nullptr ? a.unset(section, keyword) : a.set(section, keyword, text);
+        EXPECT_EQ(set_up(), ret);
+        a.set(section, keyword, good);
+        EXPECT_EQ(worker_cfg.worker_flag, flag);
+        EXPECT_EQ(a.count_log("<!>"), line.empty() ? 0u : 1u) << a.log();
+        EXPECT_TRUE(in_order(a.log(), {line}));
+        EXPECT_TRUE(ret == 0 || worker_cfg.worker_rest_interval == (text == "61" ? 61 : 60));
+        EXPECT_TRUE(ret == 0 || worker_cfg.worker_mode ==
+                                    (text == "process" ? WORKER_MODE_PROCESS : WORKER_MODE_THREAD));
     }
 }
 
@@ -105,12 +97,10 @@ TEST_F(Watchdog, CreatesOrOpensItsQueue) {
     }
     EXPECT_EQ(semctl(a.sem_id("PARSE_LOG_QUE_SEMKEY"), 15, GETVAL), 1);
     semctl(a.sem_id("PARSE_LOG_QUE_SEMKEY"), 0, IPC_RMID);
-    EXPECT_NE(semget(a.sem_key("PARSE_LOG_QUE_SEMKEY"), 1, IPC_CREAT | IPC_EXCL | 0600),
-              -1); // one instead of 16
+    semget(a.sem_key("PARSE_LOG_QUE_SEMKEY"), 1, IPC_CREAT | IPC_EXCL | 0600); // not 16
     EXPECT_EQ(set_up(), 0);
     EXPECT_EQ(a.count_log("<!> parse_log_que semaphore create error.[key:0x"), 1u);
-    a.set("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY",
-          a.value("IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY"));
+    a.set("IPC_SHARED_MEMORY", "PARSE_LOG_QUE_SHMKEY", a.shm_key("SVC_HASH_TBL_SHMKEY"));
     a.create_shm("SVC_HASH_TBL_SHMKEY", 100); // too small
     EXPECT_EQ(set_up(), 0);
     EXPECT_EQ(a.count_log("<!> parse_log_que create error.[key:0x"), 1u);
@@ -119,13 +109,12 @@ TEST_F(Watchdog, CreatesOrOpensItsQueue) {
 TEST_F(Watchdog, SkipsTheFirstTwentyNames) {
     const std::string longest(30, 'n'); // what is longer is cut
     EXPECT_EQ(find_skip_hash("a"), 0);  // the list is empty
-    a.set("KESSARD", "SKIP_PROC",
-          "a,b,c,d,twice,twice,g,h,i,j,k,l,m,n,o,p,q,r," + longest + "cut,t,u,v,w,x,y");
+    const std::string names = "a,b,c,d,twice,twice,g,h,i,j,k,l,m,n,o,p,q,r,";
+    a.set("KESSARD", "SKIP_PROC", names + longest + "cut,t,u,v,w,x,y");
     ASSERT_EQ(set_up(), 1);
     for (const auto& name : {"a"s, "j"s, "t"s, "twice"s, longest})
         EXPECT_EQ(find_skip_hash(name.c_str()), 1) << name;
-    for (const auto& name :
-         {"u"s, "y"s, "A"s, "ab"s, ""s, "a,b"s, longest + "c", longest.substr(1)})
+    for (const auto& name : {"u"s, "y"s, "A"s, "ab"s, ""s, "a,b"s, longest + "c", 'n' + longest})
         EXPECT_EQ(find_skip_hash(name.c_str()), 0) << name;
     a.set("KESSARD", "SKIP_PROC", "b");
     EXPECT_EQ(set_up() + find_skip_hash("a"), 1); // a new list
@@ -178,26 +167,19 @@ TEST_F(Watchdog, ReportsThreadsAndProcessesWithoutActiveThreadsInThreadMode) {
     EXPECT_EQ(pass(), others);
 }
 
-std::string local_text(const char* format, time_t when) {
-    char text[64];
-    return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
-}
-
-// Compares a record of the second `now` with the bytes that it must have: blanks but for the texts
-// at their places.
-void expect_record(const PARSE_LOG_QUE_DATA& record, time_t now,
-                   std::vector<std::pair<std::size_t, std::string>> at) {
-    const std::string bytes(reinterpret_cast<const char*>(&record), sizeof record);
+// Compares a record of the second `now` with blanks but for its constant texts and its name, pid,
+// tid, event and message.
+void expect_record(const PARSE_LOG_QUE_DATA& record, time_t now, const texts& own) {
+    const std::string bytes = bytes_of(record);
     const std::string usec = bytes.substr(190, 6);
     EXPECT_EQ(usec.find_first_not_of("0123456789"), std::string::npos);
-    char host[64] = "";
-    gethostname(host, sizeof host);
-    at.insert(at.end(), {{0, "V"}, {2, "01"}, {5, "T"}, {73, host}, {932, "V"}});
-    at.insert(at.end(), {{175, local_text("%Y%m%d", now) + '\0'},
-                         {184, local_text("%H%M%S", now) + usec + '\0'}});
+    const std::size_t places[] = {40, 138, 147, 197, 220, 0, 2, 5, 73, 175, 184, 932};
+    texts parts = own;
+    parts.insert(parts.end(), {"V", "01", "T", host_name(), local_text("%Y%m%d", now) + '\0',
+                               local_text("%H%M%S", now) + usec + '\0', "V"});
     std::string wanted(944, ' ');
-    for (const auto& [place, text] : at)
-        wanted.replace(place, text.size(), text);
+    for (std::size_t i = 0; i < parts.size(); ++i)
+        wanted.replace(places[i], parts[i].size(), parts[i]);
     EXPECT_EQ(bytes, wanted);
 }
 
@@ -205,8 +187,7 @@ TEST_F(Watchdog, WritesEveryByteOfAnEvent) {
     set_up("PROCESS");
     const PTRC_HASH_ARR& plain = table.add("worker", 4194305, 0, 1000);
     PTRC_HASH_ARR& full = table.add("", 77, 140737488355327, 5000);
-    std::memset(full.proc_nm, 'x',
-                sizeof full.proc_nm); // runs on into service_id, cut to 30 characters
+    std::memset(full.proc_nm, 'x', sizeof full.proc_nm); // runs on, cut to 30 characters
     std::memset(full.pid, '8', sizeof full.pid);
     std::memset(full.tid, '9', sizeof full.tid);
     const time_t now = within_one_second([&](time_t) { queue->info = {}; },
@@ -215,21 +196,14 @@ TEST_F(Watchdog, WritesEveryByteOfAnEvent) {
     const auto last_access = [](const PTRC_HASH_ARR& entry) {
         return local_text(" (Last access tm : %Y-%m-%d %H:%M:%S)", entry.lasted_access) + '\0';
     };
-    expect_record(
-        queue->data[1], now,
-        {{40, "worker"},
-         {138, "4194305\0"s},
-         {147, "000000000000000"},
-         {197, "1710"},
-         {220, "Process not running. [worker / pid:4194305 / tid:0]" + last_access(plain)}});
+    expect_record(queue->data[1], now,
+                  {"worker", "4194305\0"s, "000000000000000", "1710",
+                   "Process not running. [worker / pid:4194305 / tid:0]" + last_access(plain)});
     const std::string name(30, 'x');
+    const std::string ids = " / pid:77 / tid:140737488355327]";
     expect_record(queue->data[2], now,
-                  {{40, name},
-                   {138, "88888888"},
-                   {147, "999999999999999"},
-                   {197, "1710"},
-                   {220, "Thread not running. [" + name + " / pid:77 / tid:140737488355327]" +
-                             last_access(full)}});
+                  {name, "88888888", "999999999999999", "1710",
+                   "Thread not running. [" + name + ids + last_access(full)});
 }
 
 TEST_F(Watchdog, ReportsACorruptTableAndStops) {
@@ -241,13 +215,11 @@ TEST_F(Watchdog, ReportsACorruptTableAndStops) {
             table->used.top = static_cast<unsigned>(std::stoi(top));
         };
         const time_t now = within_one_second(spoil, [] { EXPECT_FALSE(check_worker_pass()); });
-        expect_record(queue->data[1], now,
-                      {{197, "2010"}, {220, "PTRC range error. [A:1/T:" + top + "/10000]" + '\0'}});
+        const std::string message = "PTRC range error. [A:1/T:" + top + "/10000]" + '\0';
+        expect_record(queue->data[1], now, {"", "", "", "2010", message});
         EXPECT_GE(a.count_log("<!> PTRC hash range error (A:1/T:" + top + "/10000)n"), 1u);
-        EXPECT_GE(a.count_log(top == "-1"
-                                  ? "send_event [worker, pid:41, tid:5] [ret:1]"
-                                  : "send_event [, pid:0, tid:0] [ret:1]"), // none was examined
-                  1u);
+        const std::string examined = top == "-1" ? "worker, pid:41, tid:5" : ", pid:0, tid:0";
+        EXPECT_GE(a.count_log("send_event [" + examined + "] [ret:1]"), 1u);
         table->used.top = 1;
         EXPECT_TRUE(check_worker_pass()); // examines the entry
     }
@@ -268,8 +240,7 @@ TEST_F(Watchdog, GoesOnWhenTheQueueIsFull) {
     EXPECT_EQ(a.count_log("[CHECK_WORKER] send_event [two, pid:62, tid:0] [ret:-1]"), 2u);
 }
 
-// It waits for the queue's semaphore in its first event; no process is reported then, because its
-// threads may just not have been looked at.
+// It waits in its first event; no process is reported, whose threads may not have been looked at.
 TEST_F(Watchdog, PutsUnderTheSemaphoreAndReportsNoProcessWhenTheDaemonEndsMeanwhile) {
     set_up("THREAD");
     table.add("worker", 72);
