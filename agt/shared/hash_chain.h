@@ -83,6 +83,14 @@ template <class Table> void unlink_from_chain(Table& table, int slot) {
         shared_store(table.h_arr[after].pre_idx, before);
 }
 
+// Whether every slot is on one of the two stacks. A process that is inserting or deleting under the
+// table's semaphore has one slot in its hands.
+template <class Table> bool stacks_add_up(const Table& table) {
+    return static_cast<long>(shared_load(table.used.top)) +
+               static_cast<long>(shared_load(table.available.top)) ==
+           table_slots<Table>;
+}
+
 // Empties a table: the caller holds its semaphore, or nobody else uses it yet.
 template <class Table> void clear_hash_tbl(Table& table) {
     shared_store(table.alloc_cnt, 0u);

@@ -54,6 +54,17 @@ template <class Queue> int ring_put(Queue& queue, const void* record, std::size_
     return 1;
 }
 
+// Puts a `rear` that is out of range back to `front`, which drops what was queued, so that the
+// queue can be written to again. Whether it was. The caller is a producer and holds the semaphore.
+template <class Queue> bool ring_repair_rear(Queue& queue) {
+    const ring_indexes at = ring_load(queue);
+    if (ring_index_valid<Queue>(at.rear))
+        return false;
+    shared_store(queue.info.rear, ring_index_valid<Queue>(at.front) ? at.front : 0,
+                 std::memory_order_release);
+    return true;
+}
+
 // Takes the next record, which stays valid in its slot until producers have gone round the ring;
 // null when there is none. A `front` out of range is put back to `rear`, which drops what was
 // queued; a `rear` out of range reads as empty.

@@ -87,6 +87,8 @@ TEST_F(Startup, LogsItsStepsInOrderOnNewAndOnExistingObjects) {
     std::memset(daemon.settings(), 0x33, sizeof(TRAN_LOGF_QUE_INFO));
     daemon.segment()->proc_num = daemon.services()->h_idx[5] = daemon.noti_que()->info.rear = 7;
     daemon.traces()->used.top = daemon.cache()->used.top = daemon.noti_que()->info.front = 7;
+    daemon.traces()->available.top -= 7;
+    daemon.cache()->available.top -= 7;
     daemon.set("TRAN_LOGF", "QUE_CNT", 2);
     daemon.mark_log();
     start_running(daemon);

@@ -48,6 +48,7 @@ TEST_F(Status, TellsWhatTheObjectsHold) {
     table.h_arr[17].param = {{}, {}, "ORDERS", 0, 0, 0, 0, 5, LOG_FLAG_E, 0, 0, 0};
     table.h_arr[4].param = {{}, {}, "PAYMENTS", 0, 0, 0, 0, 60, 0, 0, 0, 0};
     table.used = {2, {17, 4}};
+    table.available.top = SVC_HASH_SLOTS - 2;
     add_process("collector", daemon.pid(), 2, 2);
     daemon.noti_que()->info = {32760, 5};
     daemon.segment()->que_stat[1] = {10, 1, 9, 2, 3, 12.5F};

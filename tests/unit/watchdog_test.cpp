@@ -233,11 +233,13 @@ TEST_F(Watchdog, GoesOnWhenTheQueueIsFull) {
     EXPECT_TRUE(check_worker_pass());
     EXPECT_EQ(queue->info.front, 2);
     EXPECT_EQ(queue->info.rear, 1);
-    queue->info.rear = PARSE_LOG_QUE_SLOTS; // out of range: nothing can be put
+    EXPECT_EQ(a.count_log("[CHECK_WORKER] send_event [two, pid:62, tid:0] [ret:-1]"), 1u);
+    queue->info.rear = PARSE_LOG_QUE_SLOTS; // out of range: put back to where the reader stands
     EXPECT_TRUE(check_worker_pass());
-    EXPECT_EQ(a.count_log("[ret:1]"), 1u);
-    EXPECT_EQ(a.count_log("<!> put_parse_log_que fail"), 3u);
-    EXPECT_EQ(a.count_log("[CHECK_WORKER] send_event [two, pid:62, tid:0] [ret:-1]"), 2u);
+    EXPECT_EQ(a.count_log("<!> parse_log_que rear was out of range, put back to front."), 1u);
+    EXPECT_EQ(queue->info.rear, 4);
+    EXPECT_EQ(a.count_log("[ret:1]"), 3u);
+    EXPECT_EQ(a.count_log("<!> put_parse_log_que fail"), 1u);
 }
 
 // It waits in its first event; no process is reported, whose threads may not have been looked at.

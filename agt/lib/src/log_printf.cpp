@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -42,10 +43,19 @@ void unlock_in_child() AGT_RELEASES(log_lock) {
 }
 [[maybe_unused]] const int fork_handlers = pthread_atfork(lock, unlock, unlock_in_child);
 
+// A changed time zone of the host is seen within a minute.
+void follow_zone(std::time_t when) AGT_REQUIRES(log_lock) {
+    static std::time_t minute = 0;
+    if (when / 60 != minute)
+        tzset();
+    minute = when / 60;
+}
+
 void take_time(std::time_t when) AGT_REQUIRES(log_lock) {
     if (when == now)
         return;
     now = when;
+    follow_zone(when);
     localtime_r(&now, &tm);
     std::strftime(time_str, sizeof time_str, "%m-%d %T  ", &tm);
 }
@@ -67,7 +77,11 @@ int open_file() AGT_REQUIRES(log_lock) {
         std::snprintf(name, sizeof name, "%s/%s-%s-log", log_dir, log_title, date_str);
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof name)
         return -1;
-    log_file = ::open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);
+    constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    log_file = ::open(name, flags, 0666);
+    struct stat info {};
+    if (log_file >= 0 && (fstat(log_file, &info) != 0 || !S_ISREG(info.st_mode)))
+        close_file(); // a FIFO or a device would have to be waited for
     return log_file >= 0 ? 0 : -1;
 }
 
@@ -217,6 +231,7 @@ void flush_log() {
 struct tm local_time(std::time_t when) {
     const lock_guard guard(log_lock);
     struct tm converted {};
+    follow_zone(std::time(nullptr));
     localtime_r(&when, &converted);
     return converted;
 }

@@ -190,7 +190,8 @@ void flush_outputs() {
 // Starts a shell with `out` and `err` as its outputs (-1: the caller's). Much cheaper than a fork,
 // whose copy of the page tables the shell would throw away, and safe in a process with several
 // threads. The pid, or -1.
-pid_t spawn_shell(const char* command, int out, int err) {
+// With `own_group`, in a process group of its own.
+pid_t spawn_shell(const char* command, int out, int err, bool own_group) {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t actions;
     sigset_t every;
@@ -200,7 +201,9 @@ pid_t spawn_shell(const char* command, int out, int err) {
         sizeof every); // the C library's own signals too, which it would have ignored otherwise
     sigemptyset(&none);
     posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    const int group = own_group ? POSIX_SPAWN_SETPGROUP : 0;
+    posix_spawnattr_setflags(
+        &attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | group));
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &every);
     posix_spawn_file_actions_init(&actions);
@@ -233,7 +236,7 @@ pid_t start_child(subprocess_entry_t entry, void* arg, const pipe_ends& out, con
     flush_outputs();
     if (entry == exec_entry) {
         const pid_t pid =
-            spawn_shell(static_cast<const char*>(arg), out.write.get(), err.write.get());
+            spawn_shell(static_cast<const char*>(arg), out.write.get(), err.write.get(), false);
         if (pid != -1)
             return pid;
     }
@@ -358,7 +361,7 @@ bool shell_reader_start(const char* command, shell_reader* reader) {
     pipe_ends out;
     if (!open_pipe(out))
         return false;
-    const pid_t pid = spawn_shell(command, out.write.get(), -1);
+    const pid_t pid = spawn_shell(command, out.write.get(), -1, true);
     if (pid != -1)
         *reader = {pid, out.read.release()};
     return pid != -1;

@@ -80,7 +80,7 @@ void subprocess_result_free(subprocess_result_t* result);
 // Gives every signal its default disposition and empties the signal mask of the calling thread.
 void restore_signals();
 
-// A running shell command whose standard output `fd` reads.
+// A running shell command whose standard output `fd` reads; `pid` leads its process group.
 struct shell_reader {
     pid_t pid;
     int fd; // close-on-exec

@@ -7,6 +7,8 @@
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -14,12 +16,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "unique_fd.h"
+#include "util.h"
 #include "wait.h"
 
 namespace agt {
@@ -28,9 +33,12 @@ namespace {
 constexpr int ADDRESS_BITS = 32; // of IPv4
 constexpr unsigned char MAGIC[4] = {0x90, 0x85, 0x20, 0x83};
 constexpr int LISTEN_BACKLOG = 5;
-constexpr int SEND_STALL_MS = 10000;
+constexpr int KEEPALIVE_SEC = 5; // of silence, and between two questions to a silent peer
+constexpr int PROGRESS_LOOK_MS = 500;
 constexpr int SLOWEST_BYTES_PER_SEC = 4096;
 constexpr int NO_LIMIT = -1;
+
+thread_local int send_stall_ms = 10000; // longest wait for a peer that takes nothing
 
 [[noreturn]] void end_process(const char* what) {
     std::perror(what);
@@ -65,17 +73,25 @@ int unsent_bytes(int sockfd) {
 }
 
 // Waits until the system takes more. It does so long after the peer has begun to take some, when it
-// has queued much.
+// has queued much, so what the peer has not taken yet is looked at too.
 bool wait_room(sending& to) {
+    const long long start_ms = monotonic_ms();
     if (to.until_ms == NO_LIMIT)
-        to.until_ms = monotonic_ms() + SEND_STALL_MS + slowest_ms(to.left);
-    for (;;) {
-        const int unsent = unsent_bytes(to.sockfd);
-        const long long left_ms = std::max(to.until_ms - monotonic_ms(), 0LL);
-        const int limit_ms = static_cast<int>(std::min<long long>(left_ms, SEND_STALL_MS));
+        to.until_ms = start_ms + send_stall_ms + slowest_ms(to.left);
+    long long progress_ms = start_ms;
+    for (int unsent = unsent_bytes(to.sockfd);;) {
+        const long long now_ms = monotonic_ms();
+        const long long left_ms = std::min(to.until_ms, progress_ms + send_stall_ms) - now_ms;
+        const int limit_ms = static_cast<int>(std::clamp<long long>(left_ms, 0, PROGRESS_LOOK_MS));
         const wait_result waited = wait_fd(to.sockfd, POLLOUT, limit_ms);
-        if (waited != wait_result::timed_out || left_ms == 0 || unsent_bytes(to.sockfd) >= unsent)
+        if (waited != wait_result::timed_out)
             return waited == wait_result::ready;
+        if (left_ms <= 0)
+            return false;
+        if (const int now = unsent_bytes(to.sockfd); now < unsent) {
+            progress_ms = monotonic_ms();
+            unsent = now;
+        }
     }
 }
 
@@ -171,12 +187,12 @@ int read_rest(const reception& from, char* buffer, int length, int got) {
         if (more < 1) {
             const int error = errno;
             if (from.print)
-                std::printf("read error!!, add_len : %d", more);
+                say("read error!!, add_len : %d", more);
             errno = error;
             return more;
         }
         if (more == missing && from.print)
-            std::printf("#%d bytes are added!\n", missing);
+            say("#%d bytes are added!\n", missing);
         got += more;
         if (got < length && out_of_time(from)) {
             errno = ETIMEDOUT;
@@ -215,19 +231,58 @@ int recv_within(int sockfd, void* buffer, int length, int timeout, int got) {
                       got);
 }
 
-bool resolve(const char* host, in_addr* out) {
-    if (inet_aton(host, out) !=
-        0) // the resolver, which a lack of memory can leave locked, is for names
-        return true;
+// The resolver cannot be told to stop, so a name is looked up by a thread of its own, which is left
+// behind when the one that asks is cancelled.
+struct name_lookup {
+    std::string host;
+    unique_fd done{eventfd(0, EFD_CLOEXEC)};
+    bool found = false;
+    in_addr address{};
+};
+using shared_lookup = std::shared_ptr<name_lookup>;
+
+void look_up(name_lookup& name) {
     char buffer[8192];
     hostent entry{};
     hostent* found = nullptr;
     int error = 0;
-    if (gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &error) != 0 ||
-        found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr)
+    name.found =
+        gethostbyname_r(name.host.c_str(), &entry, buffer, sizeof buffer, &found, &error) == 0 &&
+        found != nullptr && found->h_addrtype == AF_INET && found->h_addr_list[0] != nullptr;
+    if (name.found)
+        std::memcpy(&name.address, found->h_addr_list[0], sizeof name.address);
+}
+
+void* look_up_in_thread(void* handed_over) {
+    const std::unique_ptr<shared_lookup> name(static_cast<shared_lookup*>(handed_over));
+    look_up(**name);
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t told = write((*name)->done.get(), &one, sizeof one);
+    return nullptr;
+}
+
+bool start_look_up(const shared_lookup& name) {
+    auto handed_over = std::make_unique<shared_lookup>(name);
+    pthread_t thread = 0;
+    if (!name->done.valid() ||
+        pthread_create(&thread, nullptr, look_up_in_thread, handed_over.get()) != 0)
         return false;
-    std::memcpy(out, found->h_addr_list[0], sizeof *out);
+    handed_over.release(); // NOLINT(bugprone-unused-return-value): the thread has it
+    pthread_detach(thread);
     return true;
+}
+
+bool resolve(const char* host, in_addr* out) {
+    if (inet_aton(host, out) !=
+        0) // the resolver, which a lack of memory can leave locked, is for names
+        return true;
+    const auto name = std::make_shared<name_lookup>(name_lookup{.host = host});
+    if (!start_look_up(name))
+        look_up(*name);
+    else if (wait_fd(name->done.get(), POLLIN, NO_LIMIT) != wait_result::ready)
+        return false;
+    *out = name->address;
+    return name->found;
 }
 
 // A connection to a port that nobody listens on can meet itself when the system picks that port for
@@ -276,7 +331,7 @@ bool set_nodelay(int sockfd) {
 } // namespace
 
 int open_tcp_server_session(const char* address, int port) {
-    unique_fd sockfd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    unique_fd sockfd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!sockfd.valid())
         return -1;
     const timeval receive_limit = {1, 0};
@@ -299,21 +354,59 @@ int create_tcp_server_session(const char* address, int port) {
     return sockfd;
 }
 
-int accept_tcpserver_connection(int sockfd, struct sockaddr_in* peer) {
-    socklen_t size = sizeof *peer;
-    int accepted = -1;
+// What accept(2) says of the one connection, not of the listening socket.
+bool is_lost_connection(int error) {
+    static constexpr int ERRORS[] = {EAGAIN,      ECONNABORTED, EPERM,       EPROTO,
+                                     ENOPROTOOPT, EHOSTDOWN,    ENONET,      EHOSTUNREACH,
+                                     ENETDOWN,    EOPNOTSUPP,   ENETUNREACH, ETIMEDOUT};
+    return std::find(std::begin(ERRORS), std::end(ERRORS), error) != std::end(ERRORS);
+}
+
+accepted accept_connection(int sockfd, struct sockaddr_in* peer) {
+    unique_fd connection;
     do
-        accepted = accept4(sockfd, reinterpret_cast<sockaddr*>(peer), &size, SOCK_CLOEXEC);
-    while (accepted == -1 && errno == EINTR);
-    if (accepted == -1) {
-        const int reason = errno;
-        close(sockfd);
-        errno = reason;
-        end_process("accept_tcpserver_connection");
-    }
+        connection.reset(accept4(sockfd, nullptr, nullptr, SOCK_CLOEXEC));
+    while (!connection.valid() && errno == EINTR);
+    if (!connection.valid())
+        return {is_lost_connection(errno) ? accept_result::lost : accept_result::failed, -1};
+    socklen_t size = sizeof *peer;
+    if (getpeername(connection.get(), reinterpret_cast<sockaddr*>(peer), &size) != 0)
+        return {accept_result::lost, -1};
     const int nodelay = 1;
-    setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
-    return accepted;
+    setsockopt(connection.get(), IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
+    notice_dead_peer(connection.get(), DEAD_PEER_MS);
+    return {accept_result::accepted, connection.release()};
+}
+
+int accept_tcpserver_connection(int sockfd, struct sockaddr_in* peer) {
+    accepted got;
+    do
+        got = accept_connection(sockfd, peer);
+    while (got.result == accept_result::lost);
+    if (got.result == accept_result::accepted)
+        return got.sockfd;
+    const int reason = errno;
+    close(sockfd);
+    errno = reason;
+    end_process("accept_tcpserver_connection");
+}
+
+void notice_dead_peer(int sockfd, int limit_ms) {
+    const struct {
+        int level;
+        int name;
+        int value;
+    } options[] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
+                   {IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_SEC},
+                   {IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_SEC},
+                   {IPPROTO_TCP, TCP_KEEPCNT, limit_ms / 1000 / KEEPALIVE_SEC},
+                   {IPPROTO_TCP, TCP_USER_TIMEOUT, limit_ms}};
+    for (const auto& option : options)
+        setsockopt(sockfd, option.level, option.name, &option.value, sizeof option.value);
+}
+
+void set_send_limit(int limit_ms) {
+    send_stall_ms = limit_ms;
 }
 
 int magic_bit_check(int sockfd, const void* buffer) {
@@ -353,6 +446,14 @@ int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout) {
     return got == length || got < 1 ? got : recv_within(sockfd, buffer, length, timeout, got);
 }
 
+int recv_tcp_piece(int sockfd, void* buffer, int length, int timeout) {
+    const long long longest_ms = timeout * 1000LL + slowest_ms(static_cast<std::size_t>(length));
+    const reception from = {sockfd, timeout * 1000, monotonic_ms() + longest_ms, false};
+    if (wait_fd(sockfd, POLLIN, timeout * 1000) == wait_result::timed_out)
+        return -2;
+    return read_rest(from, static_cast<char*>(buffer), length, 0);
+}
+
 int recv_tcp_data(int sockfd, void* buffer, int length) {
     return recv_whole({sockfd, NO_LIMIT, NO_LIMIT, false}, buffer, length, 0);
 }
@@ -368,6 +469,7 @@ int create_tcp_client_session(const char* host, int port, int nonblocking) {
     if (flags == -1 || !connect_socket(sockfd.get(), address_of(address, port),
                                        nonblocking != 0 ? flags | O_NONBLOCK : flags))
         return -1;
+    notice_dead_peer(sockfd.get(), DEAD_PEER_MS);
     return sockfd.release();
 }
 

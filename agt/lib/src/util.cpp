@@ -2,10 +2,13 @@
 #include "util.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 
 #include "unique_fd.h"
 #include "wait.h"
@@ -20,6 +23,19 @@ constexpr std::size_t WRITE_BYTES = 256UL * 1024;
 void set_idle(int sec, int usec) {
     const long long ms = sec * 1000LL + (usec + 999) / 1000;
     sleep_ms(static_cast<int>(std::min<long long>(ms, INT_MAX)));
+}
+
+void say(const char* fmt, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, fmt);
+    const int length = std::vsnprintf(text, sizeof text, fmt, args);
+    va_end(args);
+    pollfd out = {STDOUT_FILENO, POLLOUT, 0};
+    if (length > 0 && poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0) [[maybe_unused]]
+        const ssize_t written =
+            ::write(STDOUT_FILENO, text,
+                    std::min<std::size_t>(sizeof text - 1, static_cast<std::size_t>(length)));
 }
 
 bool resolve_path(char* out, std::size_t size, const char* home, const char* path) {

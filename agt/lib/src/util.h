@@ -10,6 +10,10 @@ namespace agt {
 // the calling thread is cancelled (wait.h).
 void set_idle(int sec, int usec);
 
+// Writes to standard output, unless somebody who does not read it would have to be waited for: the
+// text is dropped then.
+[[gnu::format(printf, 1, 2)]] void say(const char* fmt, ...);
+
 // Writes an absolute path into `out` (`size` bytes): `path` itself when it starts with '/', else
 // "home/path". False when it was cut to fit.
 bool resolve_path(char* out, std::size_t size, const char* home, const char* path);

@@ -27,6 +27,10 @@ void set_cancel_fd(int fd) {
     cancel_fd = fd;
 }
 
+int get_cancel_fd() {
+    return cancel_fd;
+}
+
 bool cancelled() {
     pollfd watched = {cancel_fd, POLLIN, 0};
     return cancel_fd >= 0 && poll(&watched, 1, 0) > 0;

@@ -21,6 +21,9 @@ enum class wait_result {
 // caller's.
 void set_cancel_fd(int fd);
 
+// The cancel descriptor of the calling thread, -1 without one.
+int get_cancel_fd();
+
 // Whether the calling thread's cancel descriptor is readable now.
 [[nodiscard]] bool cancelled();
 

@@ -136,6 +136,8 @@ void write_header(LOG_HASH_ARR* record, const char* code) {
 // Puts the record under the queue's semaphore, which is given back before anything is logged.
 int put_event(const LOG_HASH_ARR& record, int* put) {
     object_lock lock(agt::PARSE_QUEUES, parse_log_que_semid);
+    if (!lock.given_up() && repair_parse_log_que())
+        agt::log_printf("<!> parse_log_que rear was out of range, put back to front.");
     *put = lock.given_up() ? -1 : put_parse_log_que(&record, sizeof record);
     return lock.release();
 }

@@ -10,7 +10,9 @@
 #include "access_control.h"
 #include "log_printf.h"
 #include "mutex.h"
+#include "process_globals.h"
 #include "tcp_base.h"
+#include "wait.h"
 
 namespace kessard {
 
@@ -22,6 +24,35 @@ int agt_cmd_sockfd = -1;
 namespace {
 
 agt::mutex list_mutex; // held while the list changes and while it is copied
+
+cmd_frame frames[MAX_CMD_CLIENT]; // each connection has one, at any place
+
+using state = cmd_frame::state;
+
+// Of the listed connections, those whose frame the predicate accepts.
+template <class Predicate> fd_set clients_whose_frame(Predicate accepts) {
+    fd_set chosen;
+    FD_ZERO(&chosen);
+    for (int i = 0; i < client_list.client_num; ++i) {
+        const int sockfd = client_list.client[i].sockfd;
+        if (accepts(frame_of(sockfd)))
+            FD_SET(sockfd, &chosen);
+    }
+    return chosen;
+}
+
+CMD_CLIENT* longest_waiting() {
+    CMD_CLIENT* chosen = nullptr;
+    long long since_ms = 0;
+    for (int i = 0; i < client_list.client_num; ++i) {
+        const long long own_ms = frame_of(client_list.client[i].sockfd).waiting_since_ms;
+        if (own_ms != 0 && (chosen == nullptr || own_ms < since_ms)) {
+            chosen = &client_list.client[i];
+            since_ms = own_ms;
+        }
+    }
+    return chosen;
+}
 
 } // namespace
 
@@ -58,6 +89,7 @@ int add_cmd_client(int sockfd, const sockaddr_in& sock_addr) {
     const agt::lock_guard guard(list_mutex);
     CMD_CLIENT& client = client_list.client[client_list.client_num];
     client.sockfd = sockfd;
+    frame_of(sockfd).start(sockfd);
     client.sock_addr = sock_addr;
     return ++client_list.client_num;
 }
@@ -74,6 +106,7 @@ int del_cmd_client(int sockfd) {
         std::move(found + 1, end, found);
         --client_list.client_num;
     }
+    frame_of(sockfd).start(-1);
     if (maxFd == sockfd)
         maxFd = get_maxfd();
     return client_list.client_num;
@@ -107,10 +140,65 @@ void show_cmd_client() {
         std::printf("%s\n", LINE);
 }
 
+cmd_frame& frame_of(int sockfd) {
+    auto* found = std::find_if(std::begin(frames), std::end(frames),
+                               [sockfd](const cmd_frame& one) { return one.sockfd() == sockfd; });
+    if (found != std::end(frames))
+        return *found;
+    found = std::find_if(std::begin(frames), std::end(frames),
+                         [](const cmd_frame& one) { return one.sockfd() == -1; });
+    found = found == std::end(frames) ? frames : found;
+    found->start(sockfd);
+    return *found;
+}
+
+void gather_frames(const fd_set& ready) {
+    const long long now_ms = agt::monotonic_ms();
+    for (const CMD_CLIENT_LIST listed = client_list; const CMD_CLIENT& client : listed.client) {
+        if (&client - listed.client >= listed.client_num)
+            break;
+        cmd_frame& frame = frame_of(client.sockfd);
+        if (frame.now() == state::gathering && FD_ISSET(client.sockfd, &ready))
+            frame.gather();
+        frame.check_time(now_ms);
+        if (frame.now() == state::over)
+            drop_cmd_client(client.sockfd);
+    }
+}
+
+CMD_CLIENT* next_cmd_client() {
+    static bool tried_waiting = false;
+    CMD_CLIENT* whole = found_cmd_client(clients_whose_frame([](const cmd_frame& frame) {
+        return frame.now() == state::complete && frame.waiting_since_ms == 0;
+    }));
+    CMD_CLIENT* waiting = longest_waiting();
+    tried_waiting = waiting != nullptr && (whole == nullptr || !tried_waiting);
+    return tried_waiting ? waiting : whole;
+}
+
+int frames_left_ms(int most) {
+    const long long now_ms = agt::monotonic_ms();
+    for (int i = 0; i < client_list.client_num; ++i) {
+        const cmd_frame& frame = frame_of(client_list.client[i].sockfd);
+        most = frame.now() == state::complete ? 0 : frame.left_ms(now_ms, most);
+    }
+    return most;
+}
+
 int cmd_new_connection(int listen_sockfd) {
     sockaddr_in peer{};
-    const int sockfd = agt::accept_tcpserver_connection(listen_sockfd, &peer);
-    // A descriptor that the set cannot hold is refused like one too many.
+    const agt::accepted got = agt::accept_connection(listen_sockfd, &peer);
+    if (got.result == agt::accept_result::failed) {
+        agt::log_printf("<!> accept error on the command port, the daemon ends. errno : %d", errno);
+        exit_status = 1;
+        running = 0;
+    }
+    if (got.result != agt::accept_result::accepted)
+        return -1;
+    const int sockfd = got.sockfd;
+    if (sockfd >= FD_SETSIZE)
+        agt::log_printf("<!> command connection refused. (descriptor %d of %d)", sockfd,
+                        FD_SETSIZE);
     if (!admit_cmd_client(peer) || sockfd >= FD_SETSIZE || add_cmd_client(sockfd, peer) < 0) {
         agt::close_tcp_session(sockfd);
         return -1;

@@ -5,6 +5,8 @@
 #include <netinet/in.h>
 #include <sys/select.h>
 
+#include "cmd_frame.h"
+
 namespace kessard {
 
 inline constexpr int MAX_CMD_CLIENT = 5;
@@ -45,6 +47,21 @@ int del_cmd_client(int sockfd);
 // The first listed connection that is in `ready`; null when none is.
 CMD_CLIENT* found_cmd_client(fd_set ready);
 
+// The frame that a connection's next request is gathered in.
+cmd_frame& frame_of(int sockfd);
+
+// Takes what has come on the connections of `ready` and judges the time of the others; drops those
+// whose frame is over.
+void gather_frames(const fd_set& ready);
+
+// The connection whose request is to be carried out: the first listed one with a whole frame. In
+// turn with those, the one that has waited longest for a request that could not be carried out yet.
+// Null when there is none.
+CMD_CLIENT* next_cmd_client();
+
+// Milliseconds until a frame is to be looked at without anything coming, at most `most`.
+int frames_left_ms(int most);
+
 // Closes every listed connection; the list stays as it is.
 void close_cmd_client();
 
@@ -52,8 +69,9 @@ void close_cmd_client();
 // Nothing in the programs calls it.
 void show_cmd_client();
 
-// Accepts one connection and lists it; its descriptor, or -1 when the list is full and it was
-// closed again.
+// Accepts one connection and lists it; its descriptor, or -1 when it came to nothing or was closed
+// again: not admitted, the list is full, or the loop's set cannot hold it. A listening socket that
+// fails is logged and ends the daemon with status 1.
 int cmd_new_connection(int listen_sockfd);
 
 // Closes a connection, takes it out of readFds and off the list.

@@ -35,6 +35,12 @@
 namespace kessard {
 namespace {
 
+constexpr int TABLE_WAIT_MS = 500;    // for the service table, at a time
+constexpr int TABLE_LIMIT_MS = 10000; // and in all
+constexpr int CHILD_SEND_LIMIT_MS = 60000;
+
+enum class outcome { done, later };
+
 // The last byte of every text field of a request becomes its terminator, whatever the sender put
 // there.
 template <std::size_t N> void terminate(char (&field)[N]) {
@@ -48,7 +54,9 @@ template <std::size_t N> void show_field(const char* label, char (&field)[N]) {
 
 void show_nothing(TCP_CMD_MSG&) {}
 
-void renew_service_list(TCP_CMD_MSG&, TCP_CMD_MSG&) {}
+outcome renew_service_list(TCP_CMD_MSG&, TCP_CMD_MSG&) {
+    return outcome::done;
+}
 
 void show_config(TCP_CMD_MSG& request) {
     auto& body = request.body.set_sys_config_set_req;
@@ -70,7 +78,7 @@ bool is_queue_count(int n) {
 // Everything else is applied even when the log flag set is refused. The magic code doubles as the
 // switch that the agent's other processes test: 1 stores the "on" code, any other number is stored
 // as it is.
-void set_sys_config(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
+outcome set_sys_config(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
     const auto& body = request.body.set_sys_config_set_req;
     if (set_log_flag_set(get_log_flag_set_char(body.log_flag_set)) < 0)
         answer.body.set_sys_config_set_rsp.result_code[0] = '1';
@@ -84,6 +92,7 @@ void set_sys_config(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
     set_call_trc_limit(agt::get_long(body.call_trc_limit));
     set_dbio_trc_limit(agt::get_long(body.dbio_trc_limit));
     set_sql_trc_limit(agt::get_long(body.sql_trc_limit));
+    return outcome::done;
 }
 
 void set_file_system(int index, const char* name, int alert_pcnt) {
@@ -133,20 +142,18 @@ void show_resource(TCP_CMD_MSG& request) {
     show_field("MAX_FILE_SYS_LIST  ", body.file_sys_list);
 }
 
-void set_sys_resource(TCP_CMD_MSG& request, TCP_CMD_MSG&) {
+outcome set_sys_resource(TCP_CMD_MSG& request, TCP_CMD_MSG&) {
     auto& body = request.body.set_sys_resource_set_req;
     agt::shared_store(tran_agt_shm->cpu.alert_sec, agt::get_number(body.cpu_alert_sec));
     agt::shared_store(tran_agt_shm->cpu.alert_pcnt, agt::get_number(body.cpu_alert_pcnt));
     log_file_systems(
         set_file_systems(body.file_sys_list, agt::get_number(body.file_sys_alert_pcnt)));
+    return outcome::done;
 }
 
 // Elements handled before the first that failed; one that asks to delete an unknown service has not
 // failed.
 int set_services(const SERVICE_ELEMENT* elements, int n) {
-    const object_lock lock(agt::SERVICE_TABLE, svc_hash_tbl_semid);
-    if (lock.given_up())
-        return 0;
     for (int i = 0; i < n; ++i) {
         agt::log_printf("(I) SERVICE_ID : %-*.*s", 16, 16, elements[i].service_id);
         if (set_svc_hash_tbl(&elements[i]) == nullptr && elements[i].update_mode[0] != 'D')
@@ -156,12 +163,15 @@ int set_services(const SERVICE_ELEMENT* elements, int n) {
 }
 
 // The result code stays '0' even when an element failed: the server learns of it from the smaller
-// number.
-void set_modified_service(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
+// number, which is 0 as long as the table is taken.
+outcome set_modified_service(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
     const auto& body = request.body.set_modified_service_req;
     auto& element_num = answer.body.set_modified_service_rsp.element_num;
+    const object_lock lock(agt::SERVICE_TABLE, svc_hash_tbl_semid, TABLE_WAIT_MS);
     const int n = std::clamp(agt::get_number(body.element_num), 0, int{SERVICE_ELEMENT_MAX});
-    std::snprintf(element_num, sizeof element_num, "%0*d", 3, set_services(body.elements, n));
+    const int set = lock.given_up() ? 0 : set_services(body.elements, n);
+    std::snprintf(element_num, sizeof element_num, "%0*d", 3, set);
+    return lock.given_up() && !agt::cancelled() ? outcome::later : outcome::done;
 }
 
 struct command {
@@ -171,8 +181,9 @@ struct command {
     const char* response;
     // Terminates the fields of the request and writes them to the log.
     void (*show)(TCP_CMD_MSG& request);
-    // Does what the request asks for. The answer has its type and the result code '0'.
-    void (*handle)(TCP_CMD_MSG& request, TCP_CMD_MSG& answer);
+    // Does what the request asks for. The answer has its type and the result code '0'. One that is
+    // to be tried again later has done nothing, and answers so.
+    outcome (*handle)(TCP_CMD_MSG& request, TCP_CMD_MSG& answer);
     void (*afterwards)(); // once the answer is out, or null
 };
 
@@ -203,15 +214,16 @@ const command* find_command(char type) {
 }
 
 // What was asked for reaches the log before anything is changed.
-void carry_out(const command& wanted, TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
-    {
-        const agt::log_batch batch;
-        agt::log_printf("(i) MSGRCV : [[ %s ]]", wanted.request);
-        wanted.show(request);
-    }
+void show_request(const command& wanted, TCP_CMD_MSG& request) {
+    const agt::log_batch batch;
+    agt::log_printf("(i) MSGRCV : [[ %s ]]", wanted.request);
+    wanted.show(request);
+}
+
+outcome carry_out(const command& wanted, TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
     answer.hdr.msg_type[0] = wanted.answer_type;
     result_code_of(answer) = '0';
-    wanted.handle(request, answer);
+    return wanted.handle(request, answer);
 }
 
 void send_answer(const command& wanted, int sockfd, TCP_CMD_MSG& answer) {
@@ -240,8 +252,11 @@ void close_inherited(int sockfd) {
 [[noreturn]] void serve_in_child(int sockfd, const TCP_CMD_MSG& request) {
     agt::set_cancel_fd(-1);
     agt::restore_signals();
-    std::signal(SIGPIPE, SIG_IGN); // what it runs gets the default back
+    for (const int signo : {SIGPIPE, SIGXFSZ}) // what it runs gets the default back
+        std::signal(signo, SIG_IGN);
     close_inherited(sockfd);
+    agt::set_send_limit(CHILD_SEND_LIMIT_MS); // nobody waits behind this peer
+    agt::notice_dead_peer(sockfd, CHILD_SEND_LIMIT_MS);
     serve_ext_request(sockfd, reinterpret_cast<const unsigned char*>(&request), TCP_CMD_MSG_SIZE);
     agt::close_tcp_session(sockfd);
     std::fflush(stdout);
@@ -262,50 +277,71 @@ void hand_over(int sockfd, const TCP_CMD_MSG& request) {
     del_cmd_client(sockfd);
 }
 
-// Receives one request; false when the connection was dropped instead.
-bool receive_request(int sockfd, TCP_CMD_MSG* request) {
-    const int rlen = agt::recv_tcp_data_ready(sockfd, request, sizeof *request,
-                                              RECV_TIMEOUT_SEC); // all of it or nothing
-    if (rlen < 1) {
-        drop_cmd_client(sockfd);
-        if (rlen == -2)
-            agt::log_printf("<!> cmd_event receive timeout, sockfd : %d, rlen : %d", sockfd, rlen);
-        return false;
+// Whether a request that has to wait for the service table may be tried again; logs the first wait
+// and the last.
+bool wait_for_table(cmd_frame& frame) {
+    const long long now_ms = agt::monotonic_ms();
+    if (frame.waiting_since_ms == 0) {
+        log_long_wait(agt::SERVICE_TABLE, svc_hash_tbl_semid);
+        frame.waiting_since_ms = now_ms;
     }
-    if (agt::magic_bit_check(sockfd, request) == 1)
+    if (now_ms - frame.waiting_since_ms < TABLE_LIMIT_MS)
         return true;
-    drop_cmd_client(sockfd);
-    agt::log_printf("<!> magic bit mismatch. sockfd : %d, rlen : %d", sockfd, rlen);
+    agt::log_printf("<!> svc_hash_tbl is taken for too long, nothing is changed.");
     return false;
+}
+
+// Carries the request of a frame out and answers it, unless it has to wait.
+void serve_command(const command& wanted, cmd_frame& frame, TCP_CMD_MSG& answer) {
+    const int sockfd = frame.sockfd();
+    if (frame.waiting_since_ms == 0)
+        show_request(wanted, frame.message());
+    const outcome result = carry_out(wanted, frame.message(), answer);
+    if (result == outcome::later && wait_for_table(frame))
+        return;
+    frame.done();
+    send_answer(wanted, sockfd, answer);
+    if (wanted.afterwards != nullptr)
+        wanted.afterwards();
 }
 
 } // namespace
 
 bool handle_command(TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
     const command* wanted = find_command(request.hdr.msg_type[0]);
-    if (wanted != nullptr)
-        carry_out(*wanted, request, answer);
-    return wanted != nullptr;
+    if (wanted == nullptr)
+        return false;
+    show_request(*wanted, request);
+    carry_out(*wanted, request, answer);
+    return true;
 }
 
-// The two buffers are never cleared: behind the fields that a handler sets, an answer carries what
-// earlier ones left.
+// The buffer of the answers is never cleared: behind the fields that a handler sets, an answer
+// carries what earlier ones left.
 void cmd_event(const CMD_CLIENT* client) {
-    static TCP_CMD_MSG r_msg;
     static TCP_CMD_MSG s_msg;
     const int sockfd = client->sockfd; // the entry moves when a connection is dropped
-    if (!receive_request(sockfd, &r_msg))
+    cmd_frame& frame = frame_of(sockfd);
+    if (frame.now() == cmd_frame::state::gathering)
+        frame.gather();
+    if (frame.now() == cmd_frame::state::gathering)
         return;
-    const char type = r_msg.hdr.msg_type[0];
+    if (frame.now() == cmd_frame::state::over) {
+        drop_cmd_client(sockfd);
+        return;
+    }
+    if (agt::magic_bit_check(sockfd, &frame.message()) != 1) {
+        drop_cmd_client(sockfd);
+        agt::log_printf("<!> magic bit mismatch. sockfd : %d, rlen : %d", sockfd, TCP_CMD_MSG_SIZE);
+        return;
+    }
+    const char type = frame.message().hdr.msg_type[0];
     set_header(&s_msg, s_msg.hdr.msg_type[0]);
     const command* wanted = find_command(type);
     if (wanted != nullptr) {
-        carry_out(*wanted, r_msg, s_msg);
-        send_answer(*wanted, sockfd, s_msg);
-        if (wanted->afterwards != nullptr)
-            wanted->afterwards();
+        serve_command(*wanted, frame, s_msg);
     } else if (type == MSG_EXT_REQ && admit_ext_request(client->sock_addr)) {
-        hand_over(sockfd, r_msg);
+        hand_over(sockfd, frame.message());
     } else {
         if (type != MSG_EXT_REQ)
             agt::log_printf("<!> error! unknown command type('%c')", type);

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -35,8 +34,7 @@ namespace {
 
 constexpr int PIECE_BYTES = 1048576;
 constexpr int PIECE_TIMEOUT_SEC = 10;
-constexpr timeval STALL_LIMIT = {
-    5, 0}; // within a piece; it counts twice, because a failed receive starts over once
+constexpr timeval NO_RECEIVE_LIMIT = {0, 0}; // the pieces have their own
 constexpr int ACK_TIMEOUT_SEC = 30;
 constexpr std::size_t PATH_SIZE = 512;
 constexpr std::size_t TEXT_SIZE = 2048; // holds any text made of a request's items
@@ -150,7 +148,7 @@ bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
                      std::string& error) {
     for (long long left = file.size; left > 0;) {
         const int piece = static_cast<int>(std::min<long long>(left, PIECE_BYTES));
-        const int rlen = agt::recv_tcp_data_timeout(sockfd, buffer, piece, PIECE_TIMEOUT_SEC);
+        const int rlen = agt::recv_tcp_piece(sockfd, buffer, piece, PIECE_TIMEOUT_SEC);
         if (rlen < 1) {
             agt::log_printf("<!> recv_tcp_data_timeout error!! |%d|", rlen);
             return false;
@@ -265,7 +263,7 @@ bool send_file(int sockfd, const download_file& file, int number, int count, cha
         shutdown(sockfd, SHUT_RDWR);
         return true;
     }
-    std::printf("read_len = %u\n", sent);
+    agt::say("read_len = %u\n", sent);
     agt::log_printf("(i) (%d/%d) ok    send file=|%s|, size=|%u|", number, count, file.path, sent);
     return true;
 }
@@ -278,7 +276,6 @@ void wait_acknowledgement(int sockfd) {
 } // namespace
 
 void file_upload(int sockfd, char* data, int length) {
-    std::signal(SIGXFSZ, SIG_IGN); // a limit on the size of files is a write that fails
     std::string error;
     upload_target target;
     const piece_buffer buffer = make_piece_buffer(error);
@@ -286,7 +283,7 @@ void file_upload(int sockfd, char* data, int length) {
         refuse(sockfd, error);
         return;
     }
-    setsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &STALL_LIMIT, sizeof STALL_LIMIT);
+    setsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &NO_RECEIVE_LIMIT, sizeof NO_RECEIVE_LIMIT);
     if (send_accepted(sockfd, 0) < 1) {
         agt::log_printf("<!> send_tcp_data for response");
         return;

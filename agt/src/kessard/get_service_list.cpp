@@ -30,6 +30,8 @@ namespace kessard {
 namespace {
 
 constexpr char LAST_BLOCK = '5';
+constexpr int LIST_LIMIT_SERVICES = 100000; // of a list that does not end
+constexpr int LIST_LIMIT_SEC = 600;
 
 constexpr exchange_texts TEXTS = {
     .not_sent = "<!> server send error.. slen : %d",
@@ -48,7 +50,8 @@ bool request_list(int conn_sockfd) {
     return send_request(conn_sockfd, MSG_GET_SERVICE_LIST_REQ, &s_msg, TEXTS);
 }
 
-void load_block() {
+// Services of the block.
+int load_block() {
     const auto& block = r_msg.body.get_service_list_rsp;
     {
         const agt::log_batch batch;
@@ -58,6 +61,7 @@ void load_block() {
     const int n = std::min(agt::get_number(block.element_num), int{SERVICE_ELEMENT_MAX});
     for (int i = 0; i < n; ++i)
         set_svc_hash_tbl(&block.elements[i]);
+    return std::max(n, 0);
 }
 
 bool acknowledge(int conn_sockfd) {
@@ -65,17 +69,30 @@ bool acknowledge(int conn_sockfd) {
     return send_request(conn_sockfd, MSG_GET_SERVICE_LIST_RSPACK, &s_msg, TEXTS);
 }
 
-// Receives blocks until the last one or the first failure.
+// Whether a list that has brought so many services since then may go on.
+bool within_bounds(int services, long long start_ms) {
+    const long long sec = (agt::monotonic_ms() - start_ms) / 1000;
+    if (services <= LIST_LIMIT_SERVICES && sec <= LIST_LIMIT_SEC)
+        return true;
+    agt::log_printf("<!> service list does not end, given up. (services : %d, sec : %lld)",
+                    services, sec);
+    return false;
+}
+
+// Receives blocks until the last one, the first failure or the bounds.
 void receive_list(int conn_sockfd) {
+    const long long start_ms = agt::monotonic_ms();
+    int services = 0;
     for (bool first = true; !agt::cancelled() && receive_answer(conn_sockfd, &r_msg, TEXTS);
          first = false) {
         if (first)
             init_svc_hash_tbl();
         if (r_msg.hdr.msg_type[0] != MSG_GET_SERVICE_LIST_RSP)
             return;
-        load_block();
+        services += load_block();
         if (!acknowledge(conn_sockfd) ||
-            r_msg.body.get_service_list_rsp.result_code[0] == LAST_BLOCK)
+            r_msg.body.get_service_list_rsp.result_code[0] == LAST_BLOCK ||
+            !within_bounds(services, start_ms))
             return;
     }
 }

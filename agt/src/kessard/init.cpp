@@ -219,6 +219,10 @@ bool create_settings() {
         set_tran_logf_qcnt(qcnt);
     }
     log_object_complete(agt::SETTINGS_SEGMENT, key, existed != 0);
+    if (get_tran_logf_qcnt() < 1)
+        agt::log_printf("<!> tran_logf_que_info names %d log queues, left by a start that failed. "
+                        "(stop the agent, run kessctl clean, start it)",
+                        get_tran_logf_qcnt());
     return true;
 }
 

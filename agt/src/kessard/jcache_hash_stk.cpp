@@ -19,6 +19,7 @@ int create_jcache_hash_tbl() {
     jcache_hash_tbl = static_cast<JCACHE_HASH_TBL*>(opened.segment.address);
     if (opened.segment.existed || fill_new_table(objects, opened, init_jcache_hash_tbl))
         log_object_complete(objects.segment, objects.shmkey, opened.segment.existed);
+    log_unsound_table(objects, opened, *jcache_hash_tbl);
     return 1;
 }
 

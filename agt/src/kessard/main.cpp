@@ -12,6 +12,7 @@
 #include "main_loop.h"
 #include "process_globals.h"
 #include "threads.h"
+#include "wait.h"
 
 namespace kessard {
 namespace {
@@ -103,8 +104,9 @@ int main(int argc, char** argv) {
         install_signals(false);
     if (init() == 0)
         std::exit(1);
-    start_threads();
+    if (!agt::cancelled()) // by a signal that the loop is about to take
+        start_threads();
     start();
     end();
-    return 0;
+    return exit_status;
 }

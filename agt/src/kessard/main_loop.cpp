@@ -24,12 +24,14 @@
 #include "tcp_base.h"
 #include "threads.h"
 #include "tran_agt.h"
+#include "util.h"
 #include "wait.h"
 
 namespace kessard {
 namespace {
 
-constexpr timespec SELECT_TIMEOUT = {3, 0};
+constexpr int SELECT_TIMEOUT_MS = 3000;
+constexpr int ANSWER_LIMIT_MS = 1000; // longest wait for a peer that does not take its answer
 constexpr unsigned int SIGNAL_PASSES =
     16; // passes of a busy loop between two looks at pending signals
 
@@ -49,8 +51,8 @@ void reap_children() {
     do
         ret = waitpid(-1, &status, WNOHANG);
     while (ret > 0);
-    std::printf("(%ld) recive sinal... SIGCHLD(%ld)\n", static_cast<long>(getpid()),
-                static_cast<long>(ret));
+    agt::say("(%ld) recive sinal... SIGCHLD(%ld)\n", static_cast<long>(getpid()),
+             static_cast<long>(ret));
 }
 
 void log_signal(int signo) {
@@ -79,7 +81,8 @@ void serve(const fd_set& ready) {
         cmd_new_connection(agt_cmd_sockfd);
     if (agt_cmd_sockfd == -1)
         return;
-    const CMD_CLIENT* client = found_cmd_client(ready);
+    gather_frames(ready);
+    const CMD_CLIENT* client = next_cmd_client();
     if (client != nullptr)
         cmd_event(client);
 }
@@ -108,6 +111,7 @@ void install_signals(bool daemon_mode) {
         sigdelset(&loop_mask, signo);
 
     handle(SIGPIPE, SIG_IGN, 0);
+    handle(SIGXFSZ, SIG_IGN, 0); // a limit on the size of files is a write that fails
     handle(SIGTERM, sig_term, 0);
     if (daemon_mode) {
         handle(SIGSEGV, sig_term, 0);
@@ -136,19 +140,23 @@ void sig_term(int signo) {
 void start() {
     agt::log_printf("[ %s ] start... running : %d", PROGRAM_NAME, running.load());
     notify_service_manager("READY=1");
+    agt::set_send_limit(ANSWER_LIMIT_MS);
     for (unsigned int served = 0; running != 0;) {
         fd_set ready = readFds;
-        const int ret = pselect(maxFd + 1, &ready, nullptr, nullptr, &SELECT_TIMEOUT, &loop_mask);
-        if (ret > 0) {
-            serve(ready);
-            if (++served % SIGNAL_PASSES == 0)
-                take_pending_signals();
-        } else if (ret < 0 && errno == EINTR) {
+        const int left_ms = frames_left_ms(SELECT_TIMEOUT_MS);
+        const timespec timeout = {left_ms / 1000, left_ms % 1000 * 1000000L};
+        const int ret = pselect(maxFd + 1, &ready, nullptr, nullptr, &timeout, &loop_mask);
+        if (ret < 0 && errno == EINTR) {
             agt::log_printf("<!> interrupted system call");
-        } else if (ret < 0) {
+            continue;
+        }
+        if (ret < 0) {
             agt::log_printf("<!> select error, ret : %d", ret);
             return;
         }
+        serve(ready);
+        if (++served % SIGNAL_PASSES == 0)
+            take_pending_signals();
     }
 }
 

@@ -19,6 +19,9 @@ int detach_noti_send_que() {
 int put_noti_send_que(const void* record, std::size_t length) {
     return pool.put(record, length);
 }
+bool noti_send_que_sound() {
+    return pool.is_sound();
+}
 NOTI_SEND_QUE_DATA* get_noti_send_que() {
     return pool.take();
 }

@@ -20,6 +20,10 @@ int detach_noti_send_que();
 // Nothing in the programs calls it.
 int put_noti_send_que(const void* record, std::size_t length);
 
+// Whether `rear`, which the producers write, is the number of a slot; nothing can be taken
+// otherwise.
+bool noti_send_que_sound();
+
 // Takes the next record; it stays valid in the queue until producers have gone round the ring. Null
 // when there is none. One consumer only.
 NOTI_SEND_QUE_DATA* get_noti_send_que();

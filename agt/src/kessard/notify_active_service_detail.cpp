@@ -92,6 +92,15 @@ void take_record(batch* out, const NOTI_SEND_QUE_DATA& record) {
         send_full(out);
 }
 
+// The index is the tracers' to mend, so it is only named, once.
+void look_at_queue() {
+    static bool sound = true;
+    const bool was_sound = std::exchange(sound, noti_send_que_sound());
+    if (was_sound && !sound)
+        agt::log_printf(
+            "<!> noti_send_que rear is out of range, nothing is delivered until it is not.");
+}
+
 // A failure to send leaves the records pending; the next attempt finds the link down and drops
 // them.
 void flush(batch* out) {
@@ -144,6 +153,7 @@ void* notify_active_service_detail(void*) {
         agt::flush_log();
         if (agt::cancelled())
             break;
+        look_at_queue();
         agt::set_idle(0, EMPTY_POLL_USEC);
         flush(&out);
     }

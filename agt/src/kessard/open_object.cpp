@@ -9,6 +9,8 @@
 namespace kessard {
 namespace {
 
+constexpr int LONG_WAIT_MS = 1000; // for a semaphore; longer is logged
+
 bool open_set(const agt::shared_object& object, int key, opened_object* out) {
     out->id = agt::create_sem(key, static_cast<int>(object.size));
     return out->id >= 0;
@@ -65,9 +67,30 @@ bool fill_new_table(const table_objects& objects, const opened_table& opened, in
     return true;
 }
 
+void log_long_wait(const agt::shared_object& object, int semid) {
+    agt::log_printf("<!> %s semaphore is taken, waiting for it. (pid %d)", object.log_name,
+                    agt::sem_last_pid(semid, 0));
+}
+
 object_lock::object_lock(const agt::shared_object& object, int semid)
-    : hold_(semid, 0), given_up_(!hold_.held() && errno == ECANCELED) {
-    if (!hold_.held() && !given_up_)
+    : hold_(semid, 0, LONG_WAIT_MS) {
+    if (!hold_.held() && errno == EAGAIN) {
+        log_long_wait(object, semid);
+        hold_.try_again(-1);
+    }
+    judge(object, semid);
+}
+
+object_lock::object_lock(const agt::shared_object& object, int semid, int limit_ms)
+    : hold_(semid, 0, limit_ms) {
+    judge(object, semid);
+}
+
+void object_lock::judge(const agt::shared_object& object, int semid) {
+    if (hold_.held())
+        return;
+    given_up_ = errno == ECANCELED || errno == EAGAIN;
+    if (!given_up_)
         agt::log_printf("<!> %s semaphore lock error.[semid:%d, errno:%d]", object.log_name, semid,
                         errno);
 }

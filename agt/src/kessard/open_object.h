@@ -2,6 +2,8 @@
 // semaphore that guards one.
 #pragma once
 
+#include "hash_chain.h"
+#include "log_printf.h"
 #include "sem.h"
 #include "shared_objects.h"
 
@@ -49,20 +51,47 @@ struct opened_table {
 // system gave it; one whose semaphore was given up is removed again. Whether it ran.
 bool fill_new_table(const table_objects& objects, const opened_table& opened, int (*fill)());
 
+// Logs that semaphore 0 of an object's set is waited for, and which process holds it.
+void log_long_wait(const agt::shared_object& object, int semid);
+
 // Holds semaphore 0 of a shared object's set. A set that is gone (removed under the daemon) is
-// logged with the object's name and the work goes on without it; given_up() says that the wait
-// ended because the daemon stops while another process holds the semaphore: the object must not be
-// touched then.
+// logged with the object's name and the work goes on without it. given_up() says that the semaphore
+// was not got, because the daemon ends while another process holds it or because the limit is over:
+// the object must not be touched then.
 class object_lock {
   public:
+    // Waits as long as it takes; more than a second is logged once.
     object_lock(const agt::shared_object& object, int semid);
+    // Waits for at most `limit_ms` milliseconds.
+    object_lock(const agt::shared_object& object, int semid, int limit_ms);
+
     bool given_up() const { return given_up_; }
     // Gives the semaphore back early; the result of sem_unlock, 0 when it was not held.
     int release() { return hold_.release(); }
+    // Leaves the semaphore taken for the system to give back when the process ends.
+    void keep() { hold_.keep(); }
 
   private:
+    void judge(const agt::shared_object& object, int semid);
+
     agt::sem_hold hold_;
-    bool given_up_;
+    bool given_up_ = false;
 };
+
+// Logs a table whose stacks do not add up to its slots: one that was killed while it was made, or
+// damaged later. It is used as it is.
+template <class Table>
+void log_unsound_table(const table_objects& objects, const opened_table& opened,
+                       const Table& table) {
+    constexpr int look_again_ms = 1000; // somebody may be changing it
+    if (!opened.segment.existed || agt::stacks_add_up(table))
+        return;
+    const object_lock lock(objects.segment, opened.semaphores.id, look_again_ms);
+    if (!agt::stacks_add_up(table))
+        agt::log_printf("<!> %s is not in order : %u slots used, %u free of %d. (stop the agent, "
+                        "run kessctl clean, start it)",
+                        objects.segment.log_name, agt::shared_load(table.used.top),
+                        agt::shared_load(table.available.top), agt::table_slots<Table>);
+}
 
 } // namespace kessard

@@ -19,6 +19,9 @@ int detach_parse_log_que() {
 int put_parse_log_que(const void* record, std::size_t length) {
     return pool.put(record, length);
 }
+bool repair_parse_log_que() {
+    return pool.repair_rear();
+}
 PARSE_LOG_QUE_DATA* get_parse_log_que() {
     return pool.take();
 }

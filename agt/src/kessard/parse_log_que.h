@@ -19,6 +19,10 @@ int detach_parse_log_que();
 // serialise among themselves with the queue's semaphore.
 int put_parse_log_que(const void* record, std::size_t length);
 
+// Puts a `rear` that is out of range back to `front`, which drops what was queued. Whether it was.
+// The caller holds the queue's semaphore.
+bool repair_parse_log_que();
+
 // Takes the next record; it stays valid in the queue until producers have gone round the ring. Null
 // when there is none. One consumer only.
 // Nothing in the programs calls it.

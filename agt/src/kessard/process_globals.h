@@ -12,6 +12,9 @@ inline constexpr char PROGRAM_NAME[] = "kessard";
 // 1 from start to the terminating signal; every loop of the daemon polls it.
 inline std::atomic<int> running{0};
 
+// What the process ends with after an orderly end.
+inline int exit_status = 0;
+
 // From the command line: seconds of silence after which the traffic counters are cleared (-c),
 // seconds between statistics prints (-p), this process's row in the process registry (-i, -1
 // without one).

@@ -19,6 +19,7 @@ int create_ptrc_hash_tbl() {
     ptrc_hash_tbl = static_cast<PTRC_HASH_TBL*>(opened.segment.address);
     if (opened.segment.existed || fill_new_table(objects, opened, init_ptrc_hash_tbl))
         log_object_complete(objects.segment, objects.shmkey, opened.segment.existed);
+    log_unsound_table(objects, opened, *ptrc_hash_tbl);
     return 1;
 }
 

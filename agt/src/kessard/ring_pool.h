@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 
 #include "open_object.h"
 #include "ring_queue.h"
@@ -43,6 +44,12 @@ template <class Pool> class ring_pool {
     int put(const void* record, std::size_t length) {
         return que_ == nullptr || is_full() ? -1 : agt::ring_put(*que_, record, length);
     }
+    // Whether a `rear` out of range was put back; the caller holds the queue's semaphore.
+    bool repair_rear() { return que_ != nullptr && agt::ring_repair_rear(*que_); }
+    // Whether records can be taken: `rear` is the number of a slot.
+    bool is_sound() const {
+        return que_ == nullptr || agt::ring_index_valid<queue>(agt::ring_load(*que_).rear);
+    }
     auto* take() { return is_empty() ? nullptr : agt::ring_take(*que_); }
     int count() const { return que_ == nullptr ? 0 : agt::ring_count(*que_); }
 
@@ -50,9 +57,11 @@ template <class Pool> class ring_pool {
     bool is_empty() const { return que_ == nullptr || agt::ring_empty(*que_); }
 
   private:
+    using queue = std::remove_extent_t<decltype(Pool::que)>;
+
     const agt::shared_object& object_;
     Pool* pool_ = nullptr;
-    decltype(&Pool::que[0]) que_ = nullptr;
+    queue* que_ = nullptr;
 };
 
 } // namespace kessard

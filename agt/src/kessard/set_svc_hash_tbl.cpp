@@ -96,6 +96,7 @@ bool open_svc_hash_tbl() {
     svc_hash_tbl_semid = opened.semaphores.id;
     fill_new_table(objects, opened, init_svc_hash_tbl);
     log_object_complete(objects.segment, objects.shmkey, opened.segment.existed);
+    log_unsound_table(objects, opened, *svc_hash_tbl);
     return true;
 }
 

@@ -34,6 +34,7 @@ namespace kessard {
 namespace {
 
 constexpr std::size_t LINE_SIZE = 512;
+constexpr int SCRIPT_LIMIT_SEC = 600;
 constexpr char NO_BLOCK_YET = '2';
 constexpr char FIRST_BLOCK = '3';
 constexpr char FURTHER_BLOCK = '4';
@@ -62,6 +63,7 @@ BODY_UPDATE_SERVICE_LIST_REQ& request() {
 // comes in pieces.
 struct line_source {
     int fd;
+    long long until_ms;    // of the script
     std::size_t held = 0;  // bytes in text
     std::size_t taken = 0; // bytes of the line that was handed out last
     char text[LINE_SIZE] = {};
@@ -69,7 +71,8 @@ struct line_source {
 
 // Reads more behind what is held; false at the end of the output and when the thread is cancelled.
 bool read_more(line_source* from) {
-    if (agt::wait_fd(from->fd, POLLIN, -1) != agt::wait_result::ready)
+    const long long left_ms = std::max(from->until_ms - agt::monotonic_ms(), 0LL);
+    if (agt::wait_fd(from->fd, POLLIN, static_cast<int>(left_ms)) != agt::wait_result::ready)
         return false;
     const ssize_t got = read(from->fd, from->text + from->held, LINE_SIZE - 1 - from->held);
     if (got > 0)
@@ -162,21 +165,29 @@ bool send_block(upload* up, const exchange_texts& texts) {
     return true;
 }
 
-// Uploads the script's lines; false when the upload is over.
-bool upload_lines(upload* up, int script_fd) {
-    line_source source{script_fd};
+// Uploads the script's lines until `until_ms`; false when the upload is over.
+bool upload_lines(upload* up, int script_fd, long long until_ms) {
+    line_source source{script_fd, until_ms};
     char line[LINE_SIZE];
     while (next_line(&source, line)) {
         if (add_service(up, line) && up->count == SERVICE_SMALL_MAX && !send_block(up, FULL_BLOCK))
             return false;
     }
-    return !agt::cancelled();
+    return !agt::cancelled() && agt::monotonic_ms() < until_ms;
 }
 
-// Closes the script's output and waits for it, as long as the thread is not cancelled.
-void end_script(agt::shell_reader* script) {
-    close(script->fd);
-    while (waitpid(script->pid, nullptr, WNOHANG) == 0 && agt::sleep_ms(10)) {
+// Closes the script's output and waits for it, as long as the thread is not cancelled. A script
+// that runs beyond its limit is ended with all that it started.
+void end_script(const agt::shell_reader& script, long long until_ms) {
+    close(script.fd);
+    bool limited = true;
+    while (waitpid(script.pid, nullptr, WNOHANG) == 0 && agt::sleep_ms(10)) {
+        if (!limited || agt::monotonic_ms() < until_ms)
+            continue;
+        agt::log_printf("<!> script runs for more than %d sec, ended : %s", SCRIPT_LIMIT_SEC,
+                        update_service_script);
+        kill(-script.pid, SIGKILL);
+        limited = false;
     }
 }
 
@@ -186,12 +197,13 @@ bool run_script(upload* up) {
     agt::shell_reader script{};
     if (!agt::shell_reader_start(update_service_script, &script))
         return false;
-    const bool complete = upload_lines(up, script.fd);
+    const long long until_ms = agt::monotonic_ms() + SCRIPT_LIMIT_SEC * 1000LL;
+    const bool complete = upload_lines(up, script.fd, until_ms);
     if (!complete) { // the server need not wait for the script's end
         agt::close_tcp_session(up->conn_sockfd);
         up->conn_sockfd = -1;
     }
-    end_script(&script);
+    end_script(script, until_ms);
     return complete && (up->count == 0 || send_block(up, LAST_BLOCK));
 }
 

@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
@@ -28,6 +29,7 @@ constexpr char STATISTICS_LINE[] =
     "----------------------------------------------------------------------------";
 constexpr char NO_DAILY_UPDATE[] = "----";
 constexpr int DAILY_PAUSE_MS = 5000;
+constexpr long long COMPLAINT_MS = 60000; // between two lines about one trouble
 constexpr std::size_t DATE_SIZE = 8;
 
 daemon_thread th("st_log", st_log, "<!> pthread_create error");
@@ -86,22 +88,35 @@ void reset_when_silent() {
     tot_logs = 0;
 }
 
-void start_update() {
-    if (!daily_update_yn)
-        return;
+// With DAILY_UPDATE_YN an update starts only once its trigger is gone: one that cannot be deleted
+// is said once a minute and starts nothing, and one that comes while an update runs is left for
+// afterwards. Whether the trigger is there to be acted upon.
+bool take_trigger() {
+    static long long complained_ms = 0;
     if (shcmd_service_list_running())
-        agt::log_printf("<!> update service is already running now.. skip action .");
-    else
-        th_start_shcmd_service_list();
+        return false;
+    if (unlink(svc_update_chk_fn) == 0 || errno == ENOENT)
+        return true;
+    const long long now_ms = agt::monotonic_ms();
+    if (complained_ms == 0 || now_ms - complained_ms >= COMPLAINT_MS) {
+        agt::log_printf("<!> [%s] cannot be deleted, no update. errno : %d", svc_update_chk_fn,
+                        errno);
+        complained_ms = now_ms;
+    }
+    return false;
 }
 
 bool forced_update() {
     if (access(svc_update_chk_fn, F_OK) != 0)
         return false;
+    if (daily_update_yn && !take_trigger())
+        return true;
     agt::log_printf(">> Check OK, [%s] ..", svc_update_chk_fn);
     agt::log_printf("(I) start forced update service");
-    unlink(svc_update_chk_fn);
-    start_update();
+    if (daily_update_yn)
+        th_start_shcmd_service_list();
+    else
+        unlink(svc_update_chk_fn);
     return true;
 }
 
@@ -113,10 +128,11 @@ bool daily_time_reached() {
 }
 
 void daily_update() {
-    if (!daily_time_reached())
+    if (!daily_time_reached() || (daily_update_yn && shcmd_service_list_running()))
         return;
     agt::log_printf("(I) time over!! start update service hhmi(%s)", update_service_hhmi);
-    start_update();
+    if (daily_update_yn)
+        th_start_shcmd_service_list();
     agt::sleep_ms(DAILY_PAUSE_MS);
     std::memcpy(state.tmp_date, state.cur_date, DATE_SIZE);
 }

@@ -1,11 +1,9 @@
 // The agent segment.
 #include "tran_agt.h"
 
-#include <sys/sem.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 
 #include "log_printf.h"
 #include "open_object.h"
@@ -31,21 +29,18 @@ int create_tran_agt_sem() {
     return 1;
 }
 
-// Not an object_lock, which would give the semaphore back: a failure leaves it taken for the kernel
-// to free, so that no other process takes its turn meanwhile.
+// A failure leaves the semaphore taken, so that no other process takes its turn before this one has
+// ended.
 int create_tran_agt_shm() {
-    const int locked = agt::sem_lock(tran_agt_semid, 0, SEM_UNDO);
-    if (locked != 0 && errno != ECANCELED)
-        agt::log_printf("<!> tran agent semaphore lock error.[semid:%d, errno:%d]", tran_agt_semid,
-                        errno);
+    object_lock lock(agt::AGENT_SEGMENT, tran_agt_semid);
     opened_object segment;
-    if (!open_logged_object(agt::AGENT_SEGMENT, tran_agt_shmkey, &segment))
+    if (!open_logged_object(agt::AGENT_SEGMENT, tran_agt_shmkey, &segment)) {
+        lock.keep();
         return 0;
+    }
     tran_agt_shm = static_cast<TRAN_AGT_SHM*>(segment.address);
     proc_info = tran_agt_shm->proc_info;
     log_object_complete(agt::AGENT_SEGMENT, tran_agt_shmkey, segment.existed);
-    if (locked == 0)
-        agt::sem_unlock(tran_agt_semid, 0, SEM_UNDO);
     return 1;
 }
 

@@ -6,6 +6,7 @@
 #include "agent/agent_snapshot.h"
 #include "agent/ring_view.h"
 #include "log_flags.h"
+#include "wait.h"
 #include "wire/text.h"
 
 namespace kessctl {
@@ -13,6 +14,23 @@ namespace {
 
 template <class Table>
 inline constexpr std::size_t table_slots = std::extent_v<decltype(Table::h_arr)>;
+
+// Empty, or that the two stacks do not add up to the slots. Somebody who inserts has a slot in his
+// hands, so it counts only when it is so however often one looks.
+template <class Table> std::string lost_slots(const segment_view& view) {
+    unsigned used = 0;
+    unsigned available = 0;
+    for (int look = 0; look < 3; ++look) {
+        if (look > 0)
+            agt::sleep_ms(10);
+        if (!view.copy(offsetof(Table, used), &used) ||
+            !view.copy(offsetof(Table, available), &available) ||
+            used + available == table_slots<Table>)
+            return {};
+    }
+    return std::to_string(used) + " slots used and " + std::to_string(available) + " free of " +
+           std::to_string(table_slots<Table>);
+}
 
 // The number of used slots.
 template <class Table>
@@ -27,6 +45,8 @@ fill_level read_fill(const segment_view& view, const char* name, const char* id)
         fill.used = top;
     else
         fill.fault = "used.top " + std::to_string(top) + " of " + std::to_string(fill.slots);
+    if (fill.known && fill.fault.empty())
+        fill.fault = lost_slots<Table>(view);
     return fill;
 }
 

@@ -207,6 +207,17 @@ void check_objects(checker& check) {
     }
 }
 
+// Settings that exist are kept by every start, whatever QUE_CNT says.
+void check_settings(checker& check) {
+    constexpr const config_key& key = config_key_of("TRAN_LOGF", "QUE_CNT");
+    TRAN_LOGF_QUE_INFO settings;
+    if (read_settings(check.file.path(), &settings).empty() && settings.qcnt < 1)
+        check.add(
+            line_of(check.file, key), severity::warning, key,
+            "the settings that exist name " + std::to_string(settings.qcnt) +
+                " log queues and would be kept: run kessctl clean while the agent is stopped");
+}
+
 // What a program that listens there would be told; a port that is bound without listening disturbs
 // nobody.
 int try_port(const char* address, int port) {
@@ -278,6 +289,7 @@ std::vector<finding> check_config(const config_file& file, const std::string& ho
     check_collisions(check, key_kind::segment_key);
     check_collisions(check, key_kind::semaphore_key);
     check_objects(check);
+    check_settings(check);
     check_port(check);
     check_script(check);
     std::stable_sort(check.found.begin(), check.found.end(),
