@@ -165,20 +165,21 @@ inline constexpr config_key KEYS[] = {
 
 inline constexpr std::span<const config_key> CONFIG_KEYS = config_table::KEYS;
 
-// Null when the table has no such key.
-constexpr const config_key* find_config_key(std::string_view section, std::string_view keyword) {
-    for (const config_key& key : CONFIG_KEYS)
-        if (section == key.section && keyword == key.keyword)
-            return &key;
-    return nullptr;
+// The place of a key in the table; the number of keys when the table does not have it.
+constexpr std::size_t config_key_index(std::string_view section, std::string_view keyword) {
+    std::size_t index = 0;
+    while (index < CONFIG_KEYS.size() &&
+           (section != CONFIG_KEYS[index].section || keyword != CONFIG_KEYS[index].keyword))
+        ++index;
+    return index;
 }
 
 const config_key& no_such_configuration_key(); // no code: a call is refused by the compiler
 
 // A key by name; one that the table does not have does not compile.
 consteval const config_key& config_key_of(std::string_view section, std::string_view keyword) {
-    const config_key* key = find_config_key(section, keyword);
-    return key == nullptr ? no_such_configuration_key() : *key;
+    const std::size_t index = config_key_index(section, keyword);
+    return index == CONFIG_KEYS.size() ? no_such_configuration_key() : CONFIG_KEYS[index];
 }
 
 // All words of the key's value in a file, with commas between them; empty without one. errno is 0

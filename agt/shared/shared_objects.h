@@ -26,8 +26,8 @@ struct shared_object {
     bool watchdog_only = false; // not there while the worker watchdog is off
 
     constexpr const config_key& key() const {
-        return *find_config_key(
-            kind == object_kind::segment ? "IPC_SHARED_MEMORY" : "IPC_SEMAPHORE", keyword);
+        return CONFIG_KEYS[config_key_index(
+            kind == object_kind::segment ? "IPC_SHARED_MEMORY" : "IPC_SEMAPHORE", keyword)];
     }
     constexpr const char* unit() const {
         return kind == object_kind::segment ? "bytes" : "semaphores";
