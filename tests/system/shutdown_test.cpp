@@ -139,4 +139,29 @@ TEST_F(Shutdown, MarksNoRowButItsOwn) {
     }
 }
 
+TEST_F(Shutdown, TakesASignalWhileRequestsPourIn) {
+    start();
+    std::atomic<bool> over{false};
+    std::thread flood([&] {
+        kessctl::command_client clients[4]; // one of them always has a request there
+        std::size_t left[4] = {};           // bytes of answers to come
+        const std::vector<SERVICE_ELEMENT> some = services(8);
+        const std::vector<TCP_CMD_MSG> requests(32,
+                                                kessctl::modified_services_frame(some.data(), 8));
+        char taken[32 * TCP_CMD_MSG_SIZE];
+        for (auto& one : clients)
+            EXPECT_TRUE(one.connect("127.0.0.1", a.port()));
+        for (std::size_t i = 0; !over; i = (i + 1) % 4) {
+            const ssize_t got = recv(clients[i].fd(), taken, sizeof taken, MSG_DONTWAIT);
+            left[i] -= got > 0 ? static_cast<std::size_t>(got) : 0;
+            if (left[i] < sizeof taken && clients[i].send_bytes(requests.data(), sizeof taken))
+                left[i] += sizeof taken;
+        }
+    });
+    EXPECT_TRUE(a.wait_log("(i) -> RESULT_CODE", 500));
+    expect_orderly_end();
+    over = true;
+    flood.join();
+}
+
 } // namespace

@@ -41,6 +41,12 @@ template <class Predicate> fd_set clients_whose_frame(Predicate accepts) {
     return chosen;
 }
 
+bool is_waiting(int sockfd) {
+    return std::any_of(std::begin(frames), std::end(frames), [sockfd](const cmd_frame& one) {
+        return one.sockfd() == sockfd && one.waiting_since_ms != 0;
+    });
+}
+
 CMD_CLIENT* longest_waiting() {
     CMD_CLIENT* chosen = nullptr;
     long long since_ms = 0;
@@ -167,13 +173,15 @@ void gather_frames(const fd_set& ready) {
 }
 
 CMD_CLIENT* next_cmd_client() {
-    static bool tried_waiting = false;
+    static int last_sockfd = -1;
     CMD_CLIENT* whole = found_cmd_client(clients_whose_frame([](const cmd_frame& frame) {
         return frame.now() == state::complete && frame.waiting_since_ms == 0;
     }));
     CMD_CLIENT* waiting = longest_waiting();
-    tried_waiting = waiting != nullptr && (whole == nullptr || !tried_waiting);
-    return tried_waiting ? waiting : whole;
+    const bool just_waited = is_waiting(last_sockfd);
+    CMD_CLIENT* chosen = whole == nullptr || (waiting != nullptr && !just_waited) ? waiting : whole;
+    last_sockfd = chosen == nullptr ? -1 : chosen->sockfd;
+    return chosen;
 }
 
 int frames_left_ms(int most) {

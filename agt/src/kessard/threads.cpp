@@ -1,6 +1,8 @@
 // The threads of the daemon.
 #include "threads.h"
 
+#include <iterator>
+
 #include "check_network.h"
 #include "check_worker.h"
 #include "get_service_list.h"
@@ -18,7 +20,8 @@ struct thread_row {
     bool cancelled_first; // joined with a line in the log; the others end without a word, last
 };
 
-// In the order in which they are started, and in which they are joined.
+// In the order in which they are started, and in which those with a line are joined. The others are
+// joined the other way round: the notifier holds what the watcher of its link waits for.
 constexpr thread_row THREADS[] = {
     {th_check_worker, stop_check_worker, false},
     {network_check, stop_network_check, false},
@@ -32,13 +35,6 @@ constexpr thread_row THREADS[] = {
 constexpr void (*CANCELS[])() = {th_cancel_get_service_list, th_cancel_health_check,
                                  th_cancel_shcmd_service_list, th_cancel_st_log};
 
-void join_threads(bool cancelled_first) {
-    for (const thread_row& thread : THREADS) {
-        if (thread.cancelled_first == cancelled_first)
-            thread.join();
-    }
-}
-
 } // namespace
 
 void start_threads() {
@@ -51,8 +47,14 @@ void start_threads() {
 void end_threads() {
     for (const auto cancel : CANCELS)
         cancel();
-    join_threads(true);
-    join_threads(false);
+    for (const thread_row& thread : THREADS) {
+        if (thread.cancelled_first)
+            thread.join();
+    }
+    for (auto thread = std::rbegin(THREADS); thread != std::rend(THREADS); ++thread) {
+        if (!thread->cancelled_first)
+            thread->join();
+    }
 }
 
 } // namespace kessard
