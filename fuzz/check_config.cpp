@@ -35,6 +35,11 @@ object_state find_object(const std::string& cfg_file, const agt::shared_object& 
     return state;
 }
 
+std::string read_settings(const std::string& cfg_file, TRAN_LOGF_QUE_INFO* out) {
+    out->qcnt = static_cast<int>(cfg_file.size() % 2);
+    return {};
+}
+
 std::vector<pid_t> daemons_of(const std::string&) {
     return {1};
 }

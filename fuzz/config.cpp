@@ -109,7 +109,8 @@ void check_daemon() {
     require(init_is_working() == 0, "the watchdog has a queue");
     find_skip_hash("trailsink");
     delete_skip_hash();
-    try_connect();
+    require(try_connect() == -1 || noti_sockfd() >= 0, "the link has no socket");
+    close_noti_socket();
     require(memchr(get_server_address().srv_ipaddr, 0, sizeof(server_address::srv_ipaddr)) !=
                 nullptr,
             "the server's address has no end");

@@ -8,10 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
-
-#include "log_printf.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***);
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t*, std::size_t);
@@ -20,8 +17,6 @@ namespace fuzz {
 namespace {
 
 constexpr int WATCHED_DESCRIPTORS = 64;
-constexpr int LOG_DAYS = 3;
-constexpr std::time_t DAY_SEC = 24L * 60 * 60;
 
 int report_fd = -1; // standard error is closed while inputs run
 const pid_t own_pid = getpid();
@@ -37,17 +32,6 @@ std::string make_directory() {
     std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/fuzz.XXXXXX";
     require(mkdtemp(pattern.data()) != nullptr, "no directory of its own");
     return pattern;
-}
-
-// The files of today and of the next days are /dev/null.
-void open_null_log() {
-    for (int day = 0; day < LOG_DAYS; ++day) {
-        const struct tm when = agt::local_time(std::time(nullptr) + day * DAY_SEC);
-        char name[64];
-        std::strftime(name, sizeof name, "/fuzz-%Y-%m-%d-log", &when);
-        require(symlink("/dev/null", (directory() + name).c_str()) == 0, "no log");
-    }
-    require(agt::open_log(directory().c_str(), "fuzz", 1) == 0, "no log");
 }
 
 std::uint64_t open_descriptors() {
@@ -109,7 +93,7 @@ std::string far_end::heard() const {
 
 int LLVMFuzzerInitialize(int*, char***) {
     fuzz::report_fd = dup(STDERR_FILENO);
-    fuzz::open_null_log();
+    fuzz::directory(); // made before, so that it is there when the process ends
     std::atexit(fuzz::remove_directory);
     fuzz::set_up();
     return 0;

@@ -20,8 +20,7 @@
 
 namespace fuzz {
 
-// Runs once, before the first input. The daemon's log goes to /dev/null then; its lines are
-// composed all the same.
+// Runs once, before the first input. There is no log; its lines are composed all the same.
 void set_up();
 
 // Takes one input. A descriptor that is open behind it and was not before is a finding.
