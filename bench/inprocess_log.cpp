@@ -25,8 +25,8 @@ void log_lines(benchmark::State& state) {
     for ([[maybe_unused]] const auto& round : state) {
         const agt::log_batch batch;
         for (int i = 0; i < LINES; ++i)
-            agt::log_printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
-                       2, 1);
+            agt::log_printf(
+                "(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d", 2, 1);
     }
     empty_log();
 }

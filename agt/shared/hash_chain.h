@@ -30,7 +30,8 @@ template <class Table> bool is_slot(int index) {
 
 // The bucket of a key of `size` bytes.
 template <class Table> int bucket_of(const void* key, std::size_t size) {
-    return static_cast<int>(get_hidx(key, size, table_buckets<Table> - 1));
+    constexpr unsigned int buckets = table_buckets<Table>;
+    return static_cast<int>(get_hidx(key, size, buckets - 1));
 }
 
 struct chain_place {

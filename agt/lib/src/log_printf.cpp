@@ -162,6 +162,7 @@ void log_printf(const char* fmt, ...) {
     log_message message;
     va_list args;
     va_start(args, fmt);
+    // cppcheck-suppress uninitvar
     message.end(format_message(message.text(), fmt, args));
     va_end(args);
 }
@@ -170,6 +171,7 @@ void log_line(std::initializer_list<std::string_view> pieces) {
     log_message message;
     std::size_t length = 0;
     for (const std::string_view piece : pieces)
+        // cppcheck-suppress uninitvar
         length += piece.copy(message.text() + length, LOG_MESSAGE_SIZE - 1 - length);
     message.end(length);
 }
