@@ -1,4 +1,5 @@
 // The service table on the heap: what inserts, updates and deletes do to it, whatever is in it.
+#include "cmd_event.h"
 #include "set_svc_hash_tbl.h"
 
 #include "checks.h"
@@ -6,6 +7,7 @@
 #include "server/service_file.h"
 #include "settings.h"
 #include "show_logs.h"
+#include "tran_logf_que_info.h"
 
 namespace {
 
@@ -139,6 +141,18 @@ TEST_F(SvcHash, SurvivesACorruptTable) {
     table.h_idx[BUCKET] = SVC_HASH_SLOTS; // the first that is no slot
     EXPECT_EQ(set(element(ids[0])), 9999);
     EXPECT_EQ(table_fault(table), "");
+}
+
+TEST(Handlers, RefuseTheFlagsWithoutSettingsAndPassOverOtherTypes) {
+    TCP_CMD_MSG request{};
+    TCP_CMD_MSG answer{};
+    request.hdr.msg_type[0] = MSG_SET_SYS_CONFIG_SET_REQ;
+    ASSERT_EQ(que_info, nullptr);
+    EXPECT_TRUE(handle_command(request, answer));
+    EXPECT_EQ(answer.hdr.msg_type[0], MSG_SET_SYS_CONFIG_SET_RSP);
+    EXPECT_EQ(answer.body.set_sys_config_set_rsp.result_code[0], '1');
+    request.hdr.msg_type[0] = MSG_EXT_REQ;
+    EXPECT_FALSE(handle_command(request, answer));
 }
 
 } // namespace
