@@ -110,7 +110,7 @@ bool forced_update() {
     if (access(svc_update_chk_fn, F_OK) != 0)
         return false;
     if (daily_update_yn && !take_trigger())
-        return true;
+        return false; // the daily update does not depend on it
     agt::log_printf(">> Check OK, [%s] ..", svc_update_chk_fn);
     agt::log_printf("(I) start forced update service");
     if (daily_update_yn)
