@@ -1,6 +1,8 @@
 // File transfer through the real program and the console: every answer to the byte, every error.
 #include "ext_peer.h"
 #include "served_agent.h"
+#include "tcp_recv.h"
+#include "tcp_send.h"
 
 namespace {
 

@@ -7,6 +7,8 @@
 #include "log_printf.h"
 #include "read_cfg.h"
 #include "shmem.h"
+#include "tcp_recv.h"
+#include "tcp_send.h"
 
 namespace {
 

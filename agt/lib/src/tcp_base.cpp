@@ -1,44 +1,28 @@
-// Blocking IPv4 TCP helpers.
+// IPv4 TCP sessions.
 #include "tcp_base.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <linux/sockios.h>
-#include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <string>
+#include <iterator>
 
+#include "host_address.h"
 #include "unique_fd.h"
-#include "util.h"
 #include "wait.h"
 
 namespace agt {
 namespace {
 
-constexpr int ADDRESS_BITS = 32; // of IPv4
-constexpr unsigned char MAGIC[4] = {0x90, 0x85, 0x20, 0x83};
 constexpr int LISTEN_BACKLOG = 5;
 constexpr int KEEPALIVE_SEC = 5; // of silence, and between two questions to a silent peer
-constexpr int PROGRESS_LOOK_MS = 500;
-constexpr int SLOWEST_BYTES_PER_SEC = 4096;
-constexpr int NO_LIMIT = -1;
-
-thread_local int send_stall_ms = 10000; // longest wait for a peer that takes nothing
 
 [[noreturn]] void end_process(const char* what) {
     std::perror(what);
@@ -53,238 +37,6 @@ sockaddr_in address_of(in_addr host, int port) {
     return address;
 }
 
-// Milliseconds that `length` bytes may take at the slowest.
-long long slowest_ms(std::size_t length) {
-    return static_cast<long long>(length) / SLOWEST_BYTES_PER_SEC * 1000;
-}
-
-struct sending {
-    int sockfd;
-    msghdr message;
-    std::size_t left; // bytes that the system has not taken yet
-    long long until_ms =
-        NO_LIMIT; // monotonic end of the whole, once there was something to wait for
-};
-
-// Bytes that the system has taken and the peer has not.
-int unsent_bytes(int sockfd) {
-    int bytes = 0;
-    return ioctl(sockfd, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
-}
-
-// Waits until the system takes more. It does so long after the peer has begun to take some, when it
-// has queued much, so what the peer has not taken yet is looked at too.
-bool wait_room(sending& to) {
-    const long long start_ms = monotonic_ms();
-    if (to.until_ms == NO_LIMIT)
-        to.until_ms = start_ms + send_stall_ms + slowest_ms(to.left);
-    long long progress_ms = start_ms;
-    for (int unsent = unsent_bytes(to.sockfd);;) {
-        const long long now_ms = monotonic_ms();
-        const long long left_ms = std::min(to.until_ms, progress_ms + send_stall_ms) - now_ms;
-        const int limit_ms = static_cast<int>(std::clamp<long long>(left_ms, 0, PROGRESS_LOOK_MS));
-        const wait_result waited = wait_fd(to.sockfd, POLLOUT, limit_ms);
-        if (waited != wait_result::timed_out)
-            return waited == wait_result::ready;
-        if (left_ms <= 0)
-            return false;
-        if (const int now = unsent_bytes(to.sockfd); now < unsent) {
-            progress_ms = monotonic_ms();
-            unsent = now;
-        }
-    }
-}
-
-// One gathered write of what is left, waiting for room while the peer takes some; 0 or -1 ends the
-// sending.
-ssize_t send_some(sending& to) {
-    for (;;) {
-        const ssize_t sent = sendmsg(to.sockfd, &to.message, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent >= 0 || (errno != EINTR && errno != EAGAIN))
-            return sent;
-        if (errno == EAGAIN && !wait_room(to))
-            return -1;
-    }
-}
-
-// Takes what was sent off the front of the parts.
-void drop_sent(sending& to, std::size_t sent) {
-    to.left -= sent;
-    msghdr& message = to.message;
-    while (message.msg_iovlen > 0 && sent >= message.msg_iov->iov_len) {
-        sent -= message.msg_iov->iov_len;
-        ++message.msg_iov;
-        --message.msg_iovlen;
-    }
-    if (message.msg_iovlen > 0) {
-        message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + sent;
-        message.msg_iov->iov_len -= sent;
-    }
-}
-
-int send_parts(int sockfd, iovec* parts, std::size_t count) {
-    sending to{sockfd, {}, 0};
-    to.message.msg_iov = parts;
-    to.message.msg_iovlen = count;
-    for (std::size_t i = 0; i < count; ++i)
-        to.left += parts[i].iov_len;
-    const std::size_t total = to.left;
-    while (to.left > 0) {
-        const ssize_t sent = send_some(to);
-        if (sent < 1)
-            return static_cast<int>(sent);
-        drop_sent(to, static_cast<std::size_t>(sent));
-    }
-    return static_cast<int>(total);
-}
-
-// Milliseconds that a read on the socket may wait: its receive time-out, or `otherwise_ms` when it
-// has none.
-int read_limit_ms(int sockfd, int otherwise_ms) {
-    timeval limit{};
-    socklen_t size = sizeof limit;
-    if (getsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &limit, &size) != 0 ||
-        (limit.tv_sec == 0 && limit.tv_usec == 0))
-        return otherwise_ms;
-    return static_cast<int>(limit.tv_sec * 1000 + limit.tv_usec / 1000);
-}
-
-struct reception {
-    int sockfd;
-    int stall_ms;       // limit of one read on a socket without a receive time-out
-    long long until_ms; // monotonic end of the whole reception, NO_LIMIT without one
-    bool print;
-};
-
-// One read, waiting for data as a blocking read with a receive time-out would: -1 with EAGAIN when
-// it runs out.
-ssize_t read_some(const reception& from, void* buffer, std::size_t length) {
-    for (;;) {
-        const ssize_t got = recv(from.sockfd, buffer, length, MSG_DONTWAIT);
-        if (got >= 0 || (errno != EINTR && errno != EAGAIN))
-            return got;
-        if (errno == EINTR)
-            continue;
-        const wait_result waited =
-            wait_fd(from.sockfd, POLLIN, read_limit_ms(from.sockfd, from.stall_ms));
-        if (waited == wait_result::timed_out)
-            errno = EAGAIN;
-        if (waited != wait_result::ready)
-            return -1;
-    }
-}
-
-bool out_of_time(const reception& from) {
-    return from.until_ms != NO_LIMIT && monotonic_ms() >= from.until_ms;
-}
-
-// Reads what is missing behind `got` bytes; the value of a failing read when it cannot.
-int read_rest(const reception& from, char* buffer, int length, int got) {
-    while (got < length) {
-        const int missing = length - got;
-        const auto more =
-            static_cast<int>(read_some(from, buffer + got, static_cast<std::size_t>(missing)));
-        if (more < 1) {
-            const int error = errno;
-            if (from.print)
-                say("read error!!, add_len : %d", more);
-            errno = error;
-            return more;
-        }
-        if (more == missing && from.print)
-            say("#%d bytes are added!\n", missing);
-        got += more;
-        if (got < length && out_of_time(from)) {
-            errno = ETIMEDOUT;
-            return -1;
-        }
-    }
-    return length;
-}
-
-// Whether a failed rest (its errno) ends the reception instead of starting it over.
-bool is_over(const reception& from, int error) {
-    return error == ETIMEDOUT || error == ECANCELED || out_of_time(from);
-}
-
-// A failing rest drops what had arrived and starts over at the front of the buffer. `got` is what a
-// first read has brought already, 0 when there was none.
-int recv_whole(const reception& from, void* buffer, int length, int got) {
-    for (;; got = 0) {
-        errno = 0;
-        if (got == 0)
-            got = static_cast<int>(read_some(from, buffer, static_cast<std::size_t>(length)));
-        if (got == length || got < 1)
-            return got;
-        const int ret = read_rest(from, static_cast<char*>(buffer), length, got);
-        if (ret == length)
-            return length;
-        if (ret < 0 && is_over(from, errno))
-            return -1;
-    }
-}
-
-// The whole within the limits of recv_tcp_data_timeout, `got` bytes of it being there already.
-int recv_within(int sockfd, void* buffer, int length, int timeout, int got) {
-    const long long longest_ms = timeout * 1000LL + slowest_ms(static_cast<std::size_t>(length));
-    return recv_whole({sockfd, timeout * 1000, monotonic_ms() + longest_ms, true}, buffer, length,
-                      got);
-}
-
-// The resolver cannot be told to stop, so a name is looked up by a thread of its own, which is left
-// behind when the one that asks is cancelled.
-struct name_lookup {
-    std::string host;
-    unique_fd done{eventfd(0, EFD_CLOEXEC)};
-    bool found = false;
-    in_addr address{};
-};
-using shared_lookup = std::shared_ptr<name_lookup>;
-
-void look_up(name_lookup& name) {
-    char buffer[8192];
-    hostent entry{};
-    hostent* found = nullptr;
-    int error = 0;
-    name.found =
-        gethostbyname_r(name.host.c_str(), &entry, buffer, sizeof buffer, &found, &error) == 0 &&
-        found != nullptr && found->h_addrtype == AF_INET && found->h_addr_list[0] != nullptr;
-    if (name.found)
-        std::memcpy(&name.address, found->h_addr_list[0], sizeof name.address);
-}
-
-void* look_up_in_thread(void* handed_over) {
-    const std::unique_ptr<shared_lookup> name(static_cast<shared_lookup*>(handed_over));
-    look_up(**name);
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t told = write((*name)->done.get(), &one, sizeof one);
-    return nullptr;
-}
-
-bool start_look_up(const shared_lookup& name) {
-    auto handed_over = std::make_unique<shared_lookup>(name);
-    pthread_t thread = 0;
-    if (!name->done.valid() ||
-        pthread_create(&thread, nullptr, look_up_in_thread, handed_over.get()) != 0)
-        return false;
-    handed_over.release(); // NOLINT(bugprone-unused-return-value): the thread has it
-    pthread_detach(thread);
-    return true;
-}
-
-bool resolve(const char* host, in_addr* out) {
-    if (inet_aton(host, out) !=
-        0) // the resolver, which a lack of memory can leave locked, is for names
-        return true;
-    const auto name = std::make_shared<name_lookup>(name_lookup{.host = host});
-    if (!start_look_up(name))
-        look_up(*name);
-    else if (wait_fd(name->done.get(), POLLIN, NO_LIMIT) != wait_result::ready)
-        return false;
-    *out = name->address;
-    return name->found;
-}
-
 // A connection to a port that nobody listens on can meet itself when the system picks that port for
 // its own end.
 bool connected_to_itself(int sockfd, const sockaddr_in& peer) {
@@ -297,7 +49,7 @@ bool connected_to_itself(int sockfd, const sockaddr_in& peer) {
 bool finish_connect(int sockfd) {
     int error = 0;
     socklen_t size = sizeof error;
-    if (wait_fd(sockfd, POLLOUT, NO_LIMIT) != wait_result::ready ||
+    if (wait_fd(sockfd, POLLOUT, -1) != wait_result::ready ||
         getsockopt(sockfd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
         return false;
     if (error != 0)
@@ -405,62 +157,9 @@ void notice_dead_peer(int sockfd, int limit_ms) {
         setsockopt(sockfd, option.level, option.name, &option.value, sizeof option.value);
 }
 
-void set_send_limit(int limit_ms) {
-    send_stall_ms = limit_ms;
-}
-
-int magic_bit_check(int sockfd, const void* buffer) {
-    unsigned char head[sizeof MAGIC];
-    if (buffer == nullptr) {
-        if (recv_tcp_data(sockfd, head, sizeof head) < 1)
-            return -1;
-        buffer = head;
-    }
-    return std::memcmp(buffer, MAGIC, sizeof MAGIC) == 0 ? 1 : 0;
-}
-
-int send_tcp_data(int sockfd, const void* buffer, int length) {
-    iovec part = {const_cast<void*>(buffer), static_cast<std::size_t>(length)};
-    return send_parts(sockfd, &part, 1);
-}
-
-int send_tcp_data2(int sockfd, const void* first, int first_length, const void* second,
-                   int second_length) {
-    iovec parts[2] = {{const_cast<void*>(first), static_cast<std::size_t>(first_length)},
-                      {const_cast<void*>(second), static_cast<std::size_t>(second_length)}};
-    return send_parts(sockfd, parts, 2);
-}
-
-int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout) {
-    const wait_result waited = wait_fd(sockfd, POLLIN, timeout * 1000);
-    if (waited != wait_result::ready)
-        return waited == wait_result::timed_out ? -2 : -1;
-    return recv_within(sockfd, buffer, length, timeout, 0);
-}
-
-int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout) {
-    const auto got =
-        static_cast<int>(recv(sockfd, buffer, static_cast<std::size_t>(length), MSG_DONTWAIT));
-    if (got < 0 && (errno == EAGAIN || errno == EINTR))
-        return recv_tcp_data_timeout(sockfd, buffer, length, timeout);
-    return got == length || got < 1 ? got : recv_within(sockfd, buffer, length, timeout, got);
-}
-
-int recv_tcp_piece(int sockfd, void* buffer, int length, int timeout) {
-    const long long longest_ms = timeout * 1000LL + slowest_ms(static_cast<std::size_t>(length));
-    const reception from = {sockfd, timeout * 1000, monotonic_ms() + longest_ms, false};
-    if (wait_fd(sockfd, POLLIN, timeout * 1000) == wait_result::timed_out)
-        return -2;
-    return read_rest(from, static_cast<char*>(buffer), length, 0);
-}
-
-int recv_tcp_data(int sockfd, void* buffer, int length) {
-    return recv_whole({sockfd, NO_LIMIT, NO_LIMIT, false}, buffer, length, 0);
-}
-
 int create_tcp_client_session(const char* host, int port, int nonblocking) {
     in_addr address{};
-    if (!resolve(host, &address))
+    if (!resolve_host(host, &address))
         return -1;
     unique_fd sockfd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!sockfd.valid() || !set_nodelay(sockfd.get()))
@@ -478,48 +177,6 @@ void close_tcp_session(int sockfd) {
         return;
     shutdown(sockfd, SHUT_RDWR);
     close(sockfd);
-}
-
-bool parse_address_block(const char* text, address_block* out) {
-    const char* slash = std::strchr(text, '/');
-    const std::string dotted(text, slash == nullptr ? std::strlen(text)
-                                                    : static_cast<std::size_t>(slash - text));
-    int bits = ADDRESS_BITS;
-    if (slash != nullptr) {
-        const char* end = slash + std::strlen(slash);
-        const auto [stop, error] = std::from_chars(slash + 1, end, bits);
-        if (error != std::errc() || stop != end || bits < 0 || bits > ADDRESS_BITS)
-            return false;
-    }
-    in_addr address{};
-    if (inet_pton(AF_INET, dotted.c_str(), &address) != 1)
-        return false;
-    out->mask = bits == 0 ? 0 : ~in_addr_t{0} << (ADDRESS_BITS - bits);
-    out->address = ntohl(address.s_addr) & out->mask;
-    return true;
-}
-
-int url_to_ipaddr(const char* host, char* out) {
-    if (host == nullptr || *host == '\0')
-        return -1;
-    char buffer[8192];
-    hostent entry{};
-    hostent* found = nullptr;
-    int error = 0;
-    if (gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &error) != 0 ||
-        found == nullptr || found->h_addr_list[0] == nullptr) {
-        std::fputs("host error\n", stderr);
-        return -2;
-    }
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, found->h_addr_list[0], text, sizeof text);
-    std::fprintf(stderr, "address : %s, url:%s\n", text, host);
-    std::snprintf(out, 20, "%s", text);
-    for (char** address = found->h_addr_list; *address != nullptr; ++address) {
-        inet_ntop(AF_INET, *address, text, sizeof text);
-        std::printf("address : %s\n", text);
-    }
-    return 0;
 }
 
 } // namespace agt

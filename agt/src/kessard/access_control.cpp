@@ -7,9 +7,9 @@
 #include <cstring>
 #include <string>
 
+#include "host_address.h"
 #include "log_printf.h"
 #include "read_cfg.h"
-#include "tcp_base.h"
 
 namespace kessard {
 namespace {

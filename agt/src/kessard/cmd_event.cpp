@@ -28,6 +28,8 @@
 #include "shared_field.h"
 #include "subprocess.h"
 #include "tcp_base.h"
+#include "tcp_recv.h"
+#include "tcp_send.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
 #include "wait.h"

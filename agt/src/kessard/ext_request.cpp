@@ -16,7 +16,7 @@
 #include "ext_reply.h"
 #include "log_printf.h"
 #include "subprocess.h"
-#include "tcp_base.h"
+#include "tcp_send.h"
 #include "usrutil.h"
 
 namespace kessard {

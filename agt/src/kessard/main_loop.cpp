@@ -22,6 +22,7 @@
 #include "process_globals.h"
 #include "service_manager.h"
 #include "tcp_base.h"
+#include "tcp_send.h"
 #include "threads.h"
 #include "tran_agt.h"
 #include "util.h"

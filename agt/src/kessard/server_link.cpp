@@ -9,6 +9,8 @@
 #include "log_printf.h"
 #include "settings.h"
 #include "tcp_base.h"
+#include "tcp_recv.h"
+#include "tcp_send.h"
 #include "wait.h"
 
 namespace kessard {

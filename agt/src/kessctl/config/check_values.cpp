@@ -14,7 +14,7 @@
 #include <cstring>
 #include <vector>
 
-#include "tcp_base.h"
+#include "host_address.h"
 #include "unique_fd.h"
 
 namespace kessctl {

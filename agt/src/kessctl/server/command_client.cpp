@@ -7,6 +7,8 @@
 #include <cstring>
 
 #include "tcp_base.h"
+#include "tcp_recv.h"
+#include "tcp_send.h"
 #include "wait.h"
 #include "wire/frame.h"
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "tcp_base.h"
+#include "tcp_recv.h"
 #include "wire/frame.h"
 #include "wire/text.h"
 

@@ -13,6 +13,8 @@
 
 #include "field.h"
 #include "tcp_base.h"
+#include "tcp_recv.h"
+#include "tcp_send.h"
 #include "wait.h"
 #include "wire/frame.h"
 

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "tcp_base.h"
+#include "tcp_recv.h"
 
 namespace kessctl {
 
