@@ -15,6 +15,7 @@
 #include <iterator>
 
 #include "host_address.h"
+#include "tls.h"
 #include "unique_fd.h"
 #include "wait.h"
 
@@ -175,7 +176,13 @@ int create_tcp_client_session(const char* host, int port, int nonblocking) {
 void close_tcp_session(int sockfd) {
     if (sockfd == -1)
         return;
+    end_tls_session(sockfd, true);
     shutdown(sockfd, SHUT_RDWR);
+    close(sockfd);
+}
+
+void leave_tcp_session(int sockfd) {
+    end_tls_session(sockfd, false);
     close(sockfd);
 }
 

@@ -53,6 +53,9 @@ void notice_dead_peer(int sockfd, int limit_ms);
 // Shuts a connection down and closes it; nothing for -1.
 void close_tcp_session(int sockfd);
 
+// Closes this process's descriptor of a connection with which another process goes on.
+void leave_tcp_session(int sockfd);
+
 // Milliseconds that `length` bytes may take at the slowest.
 constexpr long long slowest_ms(std::size_t length) {
     constexpr int SLOWEST_BYTES_PER_SEC = 4096;

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "tcp_base.h"
+#include "tls.h"
 #include "util.h"
 #include "wait.h"
 
@@ -41,13 +42,13 @@ struct reception {
 // it runs out.
 ssize_t read_some(const reception& from, void* buffer, std::size_t length) {
     for (;;) {
-        const ssize_t got = recv(from.sockfd, buffer, length, MSG_DONTWAIT);
+        const ssize_t got = recv_now(from.sockfd, buffer, length);
         if (got >= 0 || (errno != EINTR && errno != EAGAIN))
             return got;
         if (errno == EINTR)
             continue;
         const wait_result waited =
-            wait_fd(from.sockfd, POLLIN, read_limit_ms(from.sockfd, from.stall_ms));
+            wait_again(from.sockfd, POLLIN, read_limit_ms(from.sockfd, from.stall_ms));
         if (waited == wait_result::timed_out)
             errno = EAGAIN;
         if (waited != wait_result::ready)
@@ -125,15 +126,14 @@ int magic_bit_check(int sockfd, const void* buffer) {
 }
 
 int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout) {
-    const wait_result waited = wait_fd(sockfd, POLLIN, timeout * 1000);
+    const wait_result waited = wait_data(sockfd, timeout * 1000);
     if (waited != wait_result::ready)
         return waited == wait_result::timed_out ? -2 : -1;
     return recv_within(sockfd, buffer, length, timeout, 0);
 }
 
 int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout) {
-    const auto got =
-        static_cast<int>(recv(sockfd, buffer, static_cast<std::size_t>(length), MSG_DONTWAIT));
+    const auto got = static_cast<int>(recv_now(sockfd, buffer, static_cast<std::size_t>(length)));
     if (got < 0 && (errno == EAGAIN || errno == EINTR))
         return recv_tcp_data_timeout(sockfd, buffer, length, timeout);
     return got == length || got < 1 ? got : recv_within(sockfd, buffer, length, timeout, got);
@@ -142,7 +142,7 @@ int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout) {
 int recv_tcp_piece(int sockfd, void* buffer, int length, int timeout) {
     const long long longest_ms = timeout * 1000LL + slowest_ms(static_cast<std::size_t>(length));
     const reception from = {sockfd, timeout * 1000, monotonic_ms() + longest_ms, false};
-    if (wait_fd(sockfd, POLLIN, timeout * 1000) == wait_result::timed_out)
+    if (wait_data(sockfd, timeout * 1000) == wait_result::timed_out)
         return -2;
     return read_rest(from, static_cast<char*>(buffer), length, 0);
 }

@@ -12,6 +12,7 @@
 #include <cstddef>
 
 #include "tcp_base.h"
+#include "tls.h"
 #include "wait.h"
 
 namespace agt {
@@ -63,7 +64,7 @@ bool wait_room(sending& to) {
 // sending.
 ssize_t send_some(sending& to) {
     for (;;) {
-        const ssize_t sent = sendmsg(to.sockfd, &to.message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t sent = send_now(to.sockfd, to.message);
         if (sent >= 0 || (errno != EINTR && errno != EAGAIN))
             return sent;
         if (errno == EAGAIN && !wait_room(to))
