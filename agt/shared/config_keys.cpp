@@ -85,6 +85,10 @@ std::string allowed_text(const config_key& key) {
         return path_text("an executable file", key);
     case file:
         return path_text("a file in an existing directory", key);
+    case existing_file:
+        return path_text("a readable file", key);
+    case peer_names:
+        return "names separated by commas";
     }
     return {};
 }

@@ -25,6 +25,7 @@ using tr_section_text = char[2];
 using update_trigger_text = char[256];
 using api_stat_out_text = char[512];
 using skipped_name_text = char[sizeof(PTRC_HASH_ARR::proc_nm)];
+using tls_file_text = char[512];
 
 inline constexpr char LOG_SUBDIRECTORY[] = "/proc/kessard"; // of LOG_HOME
 inline constexpr int HHMI_SIZE = 4;                         // characters of a time of day
@@ -47,15 +48,18 @@ enum class key_kind {
     host,          // name or dotted address, up to `most` characters
     addresses,     // dotted addresses and blocks, separated by commas
     names,         // up to `most` names, separated by commas
-    log_directory, // with TRAN_AGT_HOME up to `most` characters, as are the next two
+    log_directory, // with TRAN_AGT_HOME up to `most` characters, as are the next three
     script,
     file,
+    existing_file,
+    peer_names, // names of certificates, separated by commas
 };
 
 enum class key_reader {
     start,        // every start
     new_settings, // a start that makes the settings segment
     watchdog,     // the worker watchdog
+    tls,          // a start whose file has the section [TLS]
 };
 
 enum class key_absence {
@@ -78,6 +82,7 @@ struct config_key {
     key_absence absence = key_absence::ends_reader;
     const char* otherwise = ""; // what holds without a key that may be absent
     int word = 1;               // of the value, or ALL_WORDS
+    bool protects = false;      // what cannot be understood of it ends the start
 
     constexpr bool may_be_absent() const { return absence != key_absence::ends_reader; }
 };
@@ -96,6 +101,11 @@ constexpr config_key segment_key_of(const char* keyword, const char* help,
 constexpr config_key semaphore_key_of(const char* keyword, const char* help,
                                       key_reader reader = start) {
     return {"IPC_SEMAPHORE", keyword, semaphore_key, 1, UINT_MAX, "", help, reader};
+}
+
+constexpr config_key tls_file_of(const char* keyword, const char* help) {
+    return {"TLS",    keyword, existing_file, 1, LENGTH_OF<tls_file_text>, "", help, tls, is_silent,
+            "no TLS", 1,       true};
 }
 
 // In the order in which they are read, those of every start first.
@@ -141,9 +151,9 @@ inline constexpr config_key KEYS[] = {
     {"CHECK_API_STAT", "ACT", file, 1, LENGTH_OF<api_stat_out_text>, "",
      "API statistics file, the fourth word of the value", start, ends_reader, "", 4},
     {"TRAN_AGENT", "ALLOWED_ADDRESSES", addresses, 1, CFG_LINE_SIZE - 1, "",
-     "Addresses from which commands are taken", start, is_silent, "everybody", ALL_WORDS},
+     "Addresses from which commands are taken", start, is_silent, "everybody", ALL_WORDS, true},
     {"TRAN_AGENT", "REMOTE_COMMANDS_YN", yes_no, 1, 1, "",
-     "Whether remote commands and file transfers are served", start, is_silent, "Y"},
+     "Whether remote commands and file transfers are served", start, is_silent, "Y", 1, true},
 
     {"TRAN_LOGF", "QUE_CNT", choice, 0, 0, "1 2 4 8 16",
      "Log queues of runtime settings that are created", new_settings},
@@ -159,6 +169,16 @@ inline constexpr config_key KEYS[] = {
     semaphore_key_of("PARSE_LOG_QUE_SEMKEY", "Key of the semaphores of the parse-log queues",
                      watchdog),
     segment_key_of("PARSE_LOG_QUE_SHMKEY", "Key of the parse-log queues", watchdog),
+
+    tls_file_of("CERT_FILE", "The agent's certificate and those between it and CA_FILE, PEM"),
+    tls_file_of("KEY_FILE", "Key of that certificate, PEM, unreadable beyond owner and group"),
+    tls_file_of("CA_FILE", "Certificates that sign those of the peers, PEM"),
+    {"TLS", "PEER_NAMES", peer_names, 1, CFG_LINE_SIZE - 1, "",
+     "Names of which a certificate of the command port's peers must carry one", tls, is_silent,
+     "everybody whom CA_FILE signed", ALL_WORDS, true},
+    {"TLS", "SERVER_NAME", host, 1, LENGTH_OF<srv_ipaddr_text>, "",
+     "Name that the server's certificate must carry", tls, is_silent, "TRAN_SERVER's IP_ADDRESS", 1,
+     true},
 };
 
 } // namespace config_table

@@ -82,7 +82,7 @@ constexpr const char* KEYS_IN[][2] = {
      R"(/^\.SS/ { s = $2 } last == ".TP" && /^\.B [A-Z_]+$/ { print s, $2 } { last = $0 })"},
     {"docs/configuration.md", R"($1 == "|" && $4 ~ /^[A-Z_]+$/ { print $2, $4 })"},
     {"agt/conf/agt.cfg",
-     R"(/^\[/ { s = substr($1, 2, length($1) - 2) } /^#?[A-Z_]+ =/ { sub("#", ""); print s, $1 })"},
+     R"({ sub("^#", "") } /^\[/ { s = substr($1, 2, length($1) - 2) } /^[A-Z_]+ =/ { print s, $1 })"},
 };
 
 TEST(Manual, KnowsEveryKey) {

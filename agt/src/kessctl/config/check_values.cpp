@@ -138,6 +138,11 @@ verdict check_names(const config_key& key, const std::string& word) {
                 : ""};
 }
 
+verdict check_peer_names(const std::string& list) {
+    return {list.find_first_not_of(',') == list.npos ? "it names nobody; the daemon does not start"
+                                                     : ""};
+}
+
 // Why the directory is of no use; empty when files can be made and removed in it.
 std::string directory_fault(const std::string& directory) {
     struct stat about {};
@@ -158,6 +163,8 @@ verdict check_path(const config_key& key, const std::string& word, const std::st
         return {directory_fault(path + agt::LOG_SUBDIRECTORY)};
     if (key.kind == key_kind::file)
         return {directory_fault(path.substr(0, path.rfind('/') + 1)), severity::warning};
+    if (key.kind == key_kind::existing_file && access(path.c_str(), R_OK) != 0)
+        return {path + ": " + std::strerror(errno)};
     return {};
 }
 
@@ -189,7 +196,10 @@ verdict check_value(const config_key& key, const std::string& word, const std::s
     case key_kind::log_directory:
     case key_kind::script:
     case key_kind::file:
+    case key_kind::existing_file:
         return check_path(key, word, home);
+    case key_kind::peer_names:
+        return check_peer_names(word);
     }
     return {};
 }
