@@ -8,10 +8,13 @@
 #include <cstdio>
 
 #include "access_control.h"
+#include "handshakes.h"
 #include "log_printf.h"
 #include "mutex.h"
 #include "process_globals.h"
 #include "tcp_base.h"
+#include "tls.h"
+#include "tls_policy.h"
 #include "wait.h"
 
 namespace kessard {
@@ -164,7 +167,8 @@ void gather_frames(const fd_set& ready) {
         if (&client - listed.client >= listed.client_num)
             break;
         cmd_frame& frame = frame_of(client.sockfd);
-        if (frame.now() == state::gathering && FD_ISSET(client.sockfd, &ready))
+        if (frame.now() == state::gathering &&
+            (FD_ISSET(client.sockfd, &ready) || agt::has_pending_data(client.sockfd)))
             frame.gather();
         frame.check_time(now_ms);
         if (frame.now() == state::over)
@@ -188,7 +192,9 @@ int frames_left_ms(int most) {
     const long long now_ms = agt::monotonic_ms();
     for (int i = 0; i < client_list.client_num; ++i) {
         const cmd_frame& frame = frame_of(client_list.client[i].sockfd);
-        most = frame.now() == state::complete ? 0 : frame.left_ms(now_ms, most);
+        most = frame.now() == state::complete || agt::has_pending_data(frame.sockfd())
+                   ? 0
+                   : frame.left_ms(now_ms, most);
     }
     return most;
 }
@@ -207,7 +213,18 @@ int cmd_new_connection(int listen_sockfd) {
     if (sockfd >= FD_SETSIZE)
         agt::log_printf("<!> command connection refused. (descriptor %d of %d)", sockfd,
                         FD_SETSIZE);
-    if (!admit_cmd_client(peer) || sockfd >= FD_SETSIZE || add_cmd_client(sockfd, peer) < 0) {
+    if (!admit_cmd_client(peer) || sockfd >= FD_SETSIZE) {
+        agt::close_tcp_session(sockfd);
+        return -1;
+    }
+    if (!is_tls_on())
+        return list_cmd_client(sockfd, peer);
+    start_handshake(sockfd, peer);
+    return sockfd;
+}
+
+int list_cmd_client(int sockfd, const sockaddr_in& peer) {
+    if (add_cmd_client(sockfd, peer) < 0) {
         agt::close_tcp_session(sockfd);
         return -1;
     }

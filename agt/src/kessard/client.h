@@ -69,10 +69,15 @@ void close_cmd_client();
 // Nothing in the programs calls it.
 void show_cmd_client();
 
-// Accepts one connection and lists it; its descriptor, or -1 when it came to nothing or was closed
-// again: not admitted, the list is full, or the loop's set cannot hold it. A listening socket that
-// fails is logged and ends the daemon with status 1.
+// Accepts one connection and lists it, or starts its handshake where connections are TLS; its
+// descriptor, or -1 when it came to nothing or was closed again: not admitted, the list is full, or
+// the loop's set cannot hold it. A listening socket that fails is logged and ends the daemon with
+// status 1.
 int cmd_new_connection(int listen_sockfd);
+
+// Lists a connection that may send requests; its descriptor, or -1 when the list is full, the
+// connection then being closed.
+int list_cmd_client(int sockfd, const sockaddr_in& peer);
 
 // Closes a connection, takes it out of readFds and off the list.
 void drop_cmd_client(int sockfd);

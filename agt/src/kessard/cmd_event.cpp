@@ -18,6 +18,7 @@
 #include "ext_request.h"
 #include "field.h"
 #include "get_service_list.h"
+#include "handshakes.h"
 #include "health_check.h"
 #include "kessard/cmd_msg.h"
 #include "kessard/tran_logf_que_info.h"
@@ -243,11 +244,12 @@ void send_answer(const command& wanted, int sockfd, TCP_CMD_MSG& answer) {
 void close_inherited(int sockfd) {
     for (const int fd : {agt_cmd_sockfd, svr_cmd_sockfd.load(), noti_sockfd()}) {
         if (fd > 0 && fd != sockfd)
-            close(fd);
+            agt::leave_tcp_session(fd);
     }
+    close_handshakes();
     for (int i = 0; i < client_list.client_num; ++i) {
         if (client_list.client[i].sockfd != sockfd)
-            close(client_list.client[i].sockfd);
+            agt::leave_tcp_session(client_list.client[i].sockfd);
     }
 }
 
@@ -274,7 +276,7 @@ void hand_over(int sockfd, const TCP_CMD_MSG& request) {
         serve_in_child(sockfd, request);
     if (pid < 0)
         agt::log_printf("<!> fork error. errno : %d", errno);
-    close(sockfd);
+    agt::leave_tcp_session(sockfd);
     FD_CLR(sockfd, &readFds);
     del_cmd_client(sockfd);
 }

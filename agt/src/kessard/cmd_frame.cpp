@@ -6,12 +6,11 @@
 // how a part was completed or dropped.
 #include "cmd_frame.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <cerrno>
 
 #include "log_printf.h"
+#include "tls.h"
 #include "util.h"
 #include "wait.h"
 
@@ -33,10 +32,13 @@ void cmd_frame::start(int sockfd) {
 
 void cmd_frame::gather() {
     const int missing = TCP_CMD_MSG_SIZE - got_;
-    const auto came = static_cast<int>(recv(sockfd_, reinterpret_cast<char*>(&message_) + got_,
-                                            static_cast<std::size_t>(missing), MSG_DONTWAIT));
-    if (came < 0 && (errno == EAGAIN || errno == EINTR))
+    const auto came = static_cast<int>(agt::recv_now(
+        sockfd_, reinterpret_cast<char*>(&message_) + got_, static_cast<std::size_t>(missing)));
+    if (came < 0 && (errno == EAGAIN || errno == EINTR)) {
+        if (agt::has_part_of_record(sockfd_))
+            note_arrival();
         return;
+    }
     if (got_ > 0 && came < 1)
         agt::say("read error!!, add_len : %d", came);
     if (got_ > 0 && came == missing)
@@ -46,6 +48,10 @@ void cmd_frame::gather() {
         return;
     }
     got_ += came;
+    note_arrival();
+}
+
+void cmd_frame::note_arrival() {
     latest_ms_ = agt::monotonic_ms();
     if (!begun_)
         start_ms_ = latest_ms_;

@@ -39,6 +39,8 @@ class cmd_frame {
     long long waiting_since_ms = 0;
 
   private:
+    void note_arrival();
+
     int sockfd_ = -1;
     state state_ = state::gathering;
     int got_ = 0;             // bytes of message_

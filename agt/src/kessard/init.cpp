@@ -25,6 +25,7 @@
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
+#include "tls_policy.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
 #include "util.h"
@@ -83,8 +84,11 @@ bool take_srv_cmd_port(const char* word) {
     return true;
 }
 
-// A server that is down does not stop the start.
+// Makes the first connection to the server, which is TLS where the file says so. A server that is
+// down does not stop the start.
 bool take_active_limit(const char* word) {
+    if (!start_tls())
+        return false;
     open_noti_link(to_number(word));
     return true;
 }

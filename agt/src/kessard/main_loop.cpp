@@ -17,6 +17,7 @@
 
 #include "client.h"
 #include "cmd_event.h"
+#include "handshakes.h"
 #include "health_check.h"
 #include "log_printf.h"
 #include "process_globals.h"
@@ -76,12 +77,14 @@ void take_pending_signals() {
     pthread_sigmask(SIG_SETMASK, &usual, nullptr);
 }
 
-// Serves what one wait found ready: a new connection, and one request of one connection.
-void serve(const fd_set& ready) {
+// Serves what one wait found ready: a new connection, the handshakes, and one request of one
+// connection. `writable` may be null.
+void serve(const fd_set& ready, const fd_set* writable) {
     if (agt_cmd_sockfd >= 0 && FD_ISSET(agt_cmd_sockfd, &ready))
         cmd_new_connection(agt_cmd_sockfd);
     if (agt_cmd_sockfd == -1)
         return;
+    step_handshakes(ready, writable, list_cmd_client);
     gather_frames(ready);
     const CMD_CLIENT* client = next_cmd_client();
     if (client != nullptr)
@@ -91,6 +94,7 @@ void serve(const fd_set& ready) {
 // Closes the sockets of the command port and of the health check.
 void close_fd() {
     close_cmd_client();
+    close_handshakes();
     if (agt_cmd_sockfd > 0)
         agt::close_tcp_session(agt_cmd_sockfd);
     if (svr_cmd_sockfd > 0)
@@ -144,9 +148,12 @@ void start() {
     agt::set_send_limit(ANSWER_LIMIT_MS);
     for (unsigned int served = 0; running != 0;) {
         fd_set ready = readFds;
-        const int left_ms = frames_left_ms(SELECT_TIMEOUT_MS);
+        fd_set handshakes;
+        int highest = maxFd;
+        fd_set* writable = watch_handshakes(&ready, &handshakes, &highest);
+        const int left_ms = handshakes_left_ms(frames_left_ms(SELECT_TIMEOUT_MS));
         const timespec timeout = {left_ms / 1000, left_ms % 1000 * 1000000L};
-        const int ret = pselect(maxFd + 1, &ready, nullptr, nullptr, &timeout, &loop_mask);
+        const int ret = pselect(highest + 1, &ready, writable, nullptr, &timeout, &loop_mask);
         if (ret < 0 && errno == EINTR) {
             agt::log_printf("<!> interrupted system call");
             continue;
@@ -155,7 +162,7 @@ void start() {
             agt::log_printf("<!> select error, ret : %d", ret);
             return;
         }
-        serve(ready);
+        serve(ready, writable);
         if (++served % SIGNAL_PASSES == 0)
             take_pending_signals();
     }

@@ -1,7 +1,6 @@
 // Exchanges with the central server.
 #include "server_link.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -11,6 +10,8 @@
 #include "tcp_base.h"
 #include "tcp_recv.h"
 #include "tcp_send.h"
+#include "tls.h"
+#include "tls_policy.h"
 #include "wait.h"
 
 namespace kessard {
@@ -30,7 +31,11 @@ void log_no_answer(const exchange_texts& texts, int length) {
 } // namespace
 
 int init_tcp_client(const char* ipaddr, int port) {
-    return agt::create_tcp_client_session(ipaddr, port, 0);
+    const int sockfd = agt::create_tcp_client_session(ipaddr, port, 0);
+    if (sockfd < 0 || secure_server_socket(sockfd, ipaddr, port))
+        return sockfd;
+    agt::close_tcp_session(sockfd);
+    return -1;
 }
 
 int connect_server() {
@@ -73,7 +78,7 @@ bool send_request(int sockfd, char type, TCP_CMD_MSG* request, const exchange_te
 }
 
 bool receive_answer(int sockfd, TCP_CMD_MSG* answer, const exchange_texts& texts, int* rlen) {
-    if (agt::wait_fd(sockfd, POLLIN, ANSWER_SOON_MS) != agt::wait_result::ready)
+    if (agt::wait_data(sockfd, ANSWER_SOON_MS) != agt::wait_result::ready)
         agt::flush_log();
     const int length = agt::recv_tcp_data_ready(sockfd, answer, sizeof *answer, RECV_TIMEOUT_SEC);
     if (rlen != nullptr)

@@ -13,7 +13,8 @@ namespace kessard {
 
 inline constexpr int RECV_TIMEOUT_SEC = 10;
 
-// Connects to a command port, blocking; the socket, or a negative value.
+// Connects to a command port, blocking, with TLS where connections are; the socket, or a negative
+// value.
 [[nodiscard]] int init_tcp_client(const char* ipaddr, int port);
 
 // Connects to the server's command port; the socket, or a negative value after the log line "<!>

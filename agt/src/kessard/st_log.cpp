@@ -17,6 +17,7 @@
 #include "process_globals.h"
 #include "settings.h"
 #include "shcmd_service_list.h"
+#include "tls_policy.h"
 #include "wait.h"
 
 namespace kessard {
@@ -164,6 +165,7 @@ void st_log_pass() {
     count_down_print();
     count_down_sweep();
     reset_when_silent();
+    warn_of_expiry(std::time(nullptr));
     const struct tm now = agt::local_time(std::time(nullptr));
     std::strftime(state.cur_date, sizeof state.cur_date, "%Y%m%d%H%M%S", &now);
     if (!forced_update())
