@@ -10,6 +10,15 @@
 
 namespace kessctl {
 
+void add_tls_options(CLI::App& command, tls_options& tls) {
+    command.add_option("--cert", tls.files.cert,
+                       "Certificate to show, PEM (default: CERT_FILE of section [TLS] of "
+                       "TRAN_AGT_CFG_FILE)");
+    command.add_option("--key", tls.files.key, "Key of that certificate (default: KEY_FILE)");
+    command.add_option("--ca", tls.files.ca,
+                       "Certificates that sign those of the peers (default: CA_FILE)");
+}
+
 void add_agent_options(CLI::App& command, agent_address& agent) {
     command.add_option("--host", agent.host, "Address of the agent")->capture_default_str();
     command
@@ -21,6 +30,9 @@ void add_agent_options(CLI::App& command, agent_address& agent) {
                     "Longest wait for the connection and for an answer")
         ->check(CLI::Range(1, 3600000))
         ->capture_default_str();
+    add_tls_options(command, agent.tls);
+    command.add_option("--server-name", agent.tls.server_name,
+                       "Name that the agent's certificate must carry (default: the host)");
 }
 
 void add_cfg_option(CLI::App& command, std::string& cfg_file) {
@@ -60,6 +72,14 @@ bool connect_agent(agent_address& agent, command_client& client) {
             "no port: give --port, or name the agent's configuration file in TRAN_AGT_CFG_FILE");
         return false;
     }
+    std::string why;
+    if (agent.identity == nullptr)
+        agent.identity = open_tls(default_cfg_file(), agent.tls.files, &why);
+    if (!why.empty()) {
+        complain(why);
+        return false;
+    }
+    client.use_tls(agent.identity, agent.tls.server_name);
     if (client.connect(agent.host, agent.port, agent.limit_ms))
         return true;
     complain(client.error());

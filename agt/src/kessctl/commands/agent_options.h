@@ -1,11 +1,13 @@
 // What every subcommand that talks to an agent, or looks at its shared memory, has in common.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "config/config_file.h"
 #include "host/cfg_value.h"
+#include "host/tls_files.h"
 #include "kessard/cmd_msg.h"
 #include "server/command_client.h"
 #include "server/ext_client.h"
@@ -19,10 +21,18 @@ namespace kessctl {
 
 enum exit_status { EXIT_OK = 0, EXIT_REFUSED = 1, EXIT_ERROR = 2 };
 
+// TLS of the user's own; what is empty is as section [TLS] says.
+struct tls_options {
+    agt::tls_files files;
+    std::string server_name; // empty: the host that is connected to
+};
+
 struct agent_address {
     std::string host = "127.0.0.1";
     int port = 0; // 0: CMD_PORT of the configuration file
     int limit_ms = COMMAND_LIMIT_MS;
+    tls_options tls;
+    std::shared_ptr<agt::tls_identity> identity; // of the first connection, kept for the next
 };
 
 // Of a look at a whole agent.
@@ -31,7 +41,10 @@ struct look_options {
     double full_percent = 90; // fill level that is a problem
 };
 
-// Adds --host, --port and --timeout-ms.
+// Adds --cert, --key and --ca.
+void add_tls_options(CLI::App& command, tls_options& tls);
+
+// Adds --host, --port, --timeout-ms, --server-name and those of TLS.
 void add_agent_options(CLI::App& command, agent_address& agent);
 
 // Adds --config; `cfg_file` holds the default.

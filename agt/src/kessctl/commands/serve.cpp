@@ -30,6 +30,7 @@ struct serve_options {
     std::string services_file;
     std::string json_log;
     std::string port_file;
+    tls_options tls;
     bool quiet = false;
     stand_in_options behaviour;
 };
@@ -119,7 +120,11 @@ exit_status serve(const serve_options& chosen) {
         options = chosen.behaviour;
         options.record = false;
     });
-    std::string wrong = load_services(chosen, server);
+    std::string wrong;
+    server.use_tls(open_tls(default_cfg_file(), chosen.tls.files, &wrong),
+                   [](const std::string& why) { complain("an agent was refused: TLS: " + why); });
+    if (wrong.empty())
+        wrong = load_services(chosen, server);
     if (wrong.empty())
         wrong = server.start(chosen.address, chosen.port, observer);
     if (wrong.empty() && !chosen.port_file.empty())
@@ -152,6 +157,7 @@ void add_serve(CLI::App& app, exit_status* status) {
                         "Append every message to this file as a JSON line");
     command->add_option("--port-file", chosen->port_file,
                         "Write the port to this file once it is open");
+    add_tls_options(*command, chosen->tls);
     command->add_flag("--quiet", chosen->quiet, "Print no messages");
     command
         ->add_option("--svr-gap-time", behaviour.svr_gap_time,

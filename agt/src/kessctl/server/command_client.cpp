@@ -9,6 +9,7 @@
 #include "tcp_base.h"
 #include "tcp_recv.h"
 #include "tcp_send.h"
+#include "tls.h"
 #include "wait.h"
 #include "wire/frame.h"
 
@@ -45,18 +46,36 @@ bool command_client::failed_transfer(const char* doing, int ret) {
         return fail(std::string(doing) + ": the agent closed the connection");
     if (errno == ECANCELED)
         return fail(std::string(doing) + ": no end within the time limit");
-    return fail(std::string(doing) + ": " + std::strerror(errno));
+    const std::string reason = std::strerror(errno);
+    const std::string of_tls = agt::tls_failure(sockfd_.get());
+    return fail(std::string(doing) + ": " + (of_tls.empty() ? reason : "TLS: " + of_tls));
 }
 
 bool command_client::connect(const std::string& host, int port, int limit_ms) {
     peer_ = host + " port " + std::to_string(port);
     const time_limit limit(limit_ms);
+    close();
     errno = 0;
     sockfd_.reset(agt::create_tcp_client_session(host.c_str(), port, 0));
     if (sockfd_.valid())
-        return true;
+        return identity_ == nullptr || secure(host, limit_ms);
     return fail(std::string("cannot connect: ") +
                 (errno != 0 ? std::strerror(errno) : "no such host"));
+}
+
+bool command_client::secure(const std::string& host, int limit_ms) {
+    std::string why;
+    agt::tls_session* session = identity_->begin(sockfd_.get(), agt::tls_side::connects,
+                                                 {server_name_.empty() ? host : server_name_});
+    if (agt::secure_socket(sockfd_.get(), session, limit_ms, &why))
+        return true;
+    sockfd_.reset();
+    return fail("cannot connect: TLS: " + why);
+}
+
+void command_client::close() {
+    agt::end_tls_session(sockfd_.get(), true);
+    sockfd_.reset();
 }
 
 bool command_client::send_bytes(const void* bytes, std::size_t length, int limit_ms) {

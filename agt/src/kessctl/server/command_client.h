@@ -7,9 +7,11 @@
 // an answer may still be on its way, so the connection is of no further use. One thread at a time.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "kessard/cmd_msg.h"
+#include "tls_identity.h"
 #include "unique_fd.h"
 
 namespace kessctl {
@@ -18,6 +20,18 @@ inline constexpr int COMMAND_LIMIT_MS = 10000;
 
 class command_client {
   public:
+    command_client() = default;
+    command_client(command_client&&) = default;
+    command_client& operator=(command_client&&) = delete;
+    ~command_client() { close(); }
+
+    // Connections from here on are TLS, to an agent whose certificate carries `server_name`, or the
+    // host that is connected to when that is empty. Null: they are not.
+    void use_tls(std::shared_ptr<agt::tls_identity> identity, const std::string& server_name) {
+        identity_ = std::move(identity);
+        server_name_ = server_name;
+    }
+
     // Connects to a name or dotted address, dropping an earlier connection. Every call is false
     // when it failed, and error() then says why.
     bool connect(const std::string& host, int port, int limit_ms = COMMAND_LIMIT_MS);
@@ -42,7 +56,7 @@ class command_client {
     [[nodiscard]] bool wait_closed(int limit_ms = COMMAND_LIMIT_MS);
 
     // Closes the connection, if there is one.
-    void close() { sockfd_.reset(); }
+    void close();
     // The socket, which stays the client's; -1 without a connection.
     int fd() const { return sockfd_.get(); }
     // Why the last call that failed did, with the peer.
@@ -53,7 +67,11 @@ class command_client {
     bool fail(const std::string& what);
     bool failed_transfer(const char* doing, int ret);
 
+    bool secure(const std::string& host, int limit_ms);
+
     agt::unique_fd sockfd_;
+    std::shared_ptr<agt::tls_identity> identity_;
+    std::string server_name_;
     std::string peer_;
     std::string error_;
 };

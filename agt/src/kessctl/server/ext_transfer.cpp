@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,8 +15,8 @@
 #include <limits>
 
 #include "host/new_file.h"
+#include "tls.h"
 #include "unique_fd.h"
-#include "wait.h"
 #include "wire/text.h"
 
 namespace kessctl {
@@ -47,9 +46,10 @@ enum class verdict { none, taken, spoken };
 // has everything, or sent another header.
 verdict look_at_answer(const command_client& client, int limit_ms) {
     char byte = 0;
-    if (agt::wait_fd(client.fd(), POLLIN, limit_ms) != agt::wait_result::ready)
+    if (agt::wait_data(client.fd(), limit_ms) != agt::wait_result::ready)
         return verdict::none;
-    return recv(client.fd(), &byte, sizeof byte, MSG_PEEK) == 0 ? verdict::taken : verdict::spoken;
+    return agt::recv_now(client.fd(), &byte, sizeof byte, MSG_PEEK) == 0 ? verdict::taken
+                                                                         : verdict::spoken;
 }
 
 // Why an upload stopped: the agent's text when it has sent one, else `otherwise`.

@@ -15,6 +15,7 @@
 #include "tcp_base.h"
 #include "tcp_recv.h"
 #include "tcp_send.h"
+#include "tls.h"
 #include "wait.h"
 #include "wire/frame.h"
 
@@ -85,6 +86,12 @@ void spoil(std::string& answer, const answer_fault& fault) {
 }
 
 } // namespace
+
+void stand_in::use_tls(std::shared_ptr<agt::tls_identity> identity,
+                       std::function<void(const std::string&)> refused) {
+    identity_ = std::move(identity);
+    refused_ = std::move(refused);
+}
 
 std::string stand_in::start(const std::string& address, int port, traffic_observer observer) {
     stop();
@@ -189,15 +196,32 @@ void stand_in::join_done() {
 
 void stand_in::serve(connection& peer) {
     agt::set_cancel_fd(end_.get());
+    const bool secured = secure(peer);
     int served = 0;
-    while (served != options().close_after_messages &&
-           agt::wait_fd(peer.sockfd.get(), POLLIN, -1) == agt::wait_result::ready &&
-           wait_reading() && serve_message(peer))
+    while (secured && served != options().close_after_messages &&
+           agt::wait_data(peer.sockfd.get(), -1) == agt::wait_result::ready && wait_reading() &&
+           serve_message(peer))
         ++served;
     const agt::lock_guard lock(mutex_);
+    agt::end_tls_session(peer.sockfd.get(), true);
     peer.sockfd.reset();
     peer.done = true;
     changed_.notify_all();
+}
+
+// Of an agent that is refused nothing is said to it but the alert.
+bool stand_in::secure(const connection& peer) {
+    std::string why;
+    if (identity_ == nullptr)
+        return true;
+    identity_->refresh(&why);
+    if (agt::secure_socket(peer.sockfd.get(),
+                           identity_->begin(peer.sockfd.get(), agt::tls_side::accepts, {}),
+                           agt::TLS_HANDSHAKE_MS, &why))
+        return true;
+    if (refused_ && !agt::cancelled())
+        refused_(why);
+    return false;
 }
 
 // Waits while reading is stopped; false at the end.

@@ -18,6 +18,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -25,6 +26,7 @@
 
 #include "kessard/cmd_msg.h"
 #include "mutex.h"
+#include "tls_identity.h"
 #include "unique_fd.h"
 #include "wire/traffic.h"
 
@@ -79,6 +81,11 @@ class stand_in {
     stand_in& operator=(const stand_in&) = delete;
     ~stand_in() { stop(); }
 
+    // Connections are TLS, to agents whose certificate is signed as the identity wants it; those
+    // that are not are closed, and `refused` is told why, from the connections' threads. Before
+    // start().
+    void use_tls(std::shared_ptr<agt::tls_identity> identity,
+                 std::function<void(const std::string& why)> refused = {});
     // Starts listening; port 0 lets the system choose. Empty, or why it could not. `observer` is
     // kept for all connections.
     std::string start(const std::string& address = "127.0.0.1", int port = 0,
@@ -138,6 +145,7 @@ class stand_in {
     // Of a connection's thread. The bools are false when the connection is to be closed; an empty
     // answer is not sent.
     void serve(connection& peer);
+    bool secure(const connection& peer);
     bool serve_message(connection& peer);
     bool wait_reading() const;
     int record(connection& peer, const TCP_CMD_MSG& frame);
@@ -160,6 +168,8 @@ class stand_in {
 
     agt::mutex observer_mutex_;
     traffic_observer observer_ AGT_GUARDED_BY(observer_mutex_);
+    std::shared_ptr<agt::tls_identity> identity_; // not changed while there are threads
+    std::function<void(const std::string&)> refused_;
     std::string address_;
     int port_ = 0;
     agt::unique_fd listener_;
