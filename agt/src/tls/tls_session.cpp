@@ -91,10 +91,10 @@ int judge(int good, X509_STORE_CTX* store) {
         return 1;
     if (good == 1)
         X509_STORE_CTX_set_error(store, X509_V_ERR_HOSTNAME_MISMATCH);
-    session->failure = good == 1 ? "its certificate carries no accepted name"
+    session->failure = good == 1 ? "no accepted name"
                                  : X509_verify_cert_error_string(X509_STORE_CTX_get_error(store));
     if (certificate != nullptr)
-        session->failure += " (certificate of " + name_of(certificate) + ")";
+        session->failure += ", certificate of " + name_of(certificate);
     return 0;
 }
 

@@ -1,0 +1,303 @@
+// TLS with certificates on both sides: who is served, who is refused and why, changed files, and
+// the document that says how to set it up.
+#include "certificates.h"
+#include "server/ext_client.h"
+
+namespace {
+
+using namespace test_support;
+
+constexpr char REFUSED[] = "<!> TLS command connection refused. (ip 127.0.0.1, port ";
+
+class Tls : public served_agent {
+  protected:
+    authority ca{a};
+
+    Tls() { ca.secure(a, server, client); }
+    // Runs s_client on the command port, with a client's certificate unless `with` names another.
+    std::string s_client(const std::string& with, const std::string& input = "</dev/null") const {
+        return "openssl s_client -connect 127.0.0.1:" + std::to_string(a.port()) +
+               " -CAfile ca.crt " + with + " >s_client.out 2>&1 " + input;
+    }
+    int connect_raw() const { return agt::create_tcp_client_session("127.0.0.1", a.port(), 0); }
+    bool is_closed(int sockfd, int limit_ms = LIMIT_MS) const {
+        char byte;
+        return agt::wait_fd(sockfd, POLLIN, limit_ms) == agt::wait_result::ready &&
+               recv(sockfd, &byte, 1, 0) == 0;
+    }
+    std::string run(const std::string& command, const std::string& name = "operator") {
+        kessctl::command_client one;
+        std::vector<kessctl::command_result> results;
+        one.use_tls(ca.identity(name), "agent.example");
+        if (!one.connect("127.0.0.1", a.port()) ||
+            !kessctl::run_commands(one, {EXT_SVC_CMD, command, 0, 1}, LIMIT_MS, &results).ok())
+            return one.error();
+        return results[0].output;
+    }
+};
+
+TEST_F(Tls, ServesCommandsAndReportsToTheServer) {
+    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
+    server.set_services(services(40));
+    start();
+    EXPECT_TRUE(renew()) << client.error();
+    EXPECT_TRUE(server.wait_for(MSG_HEALTH_CHECK_REQ) && a.wait_log(THREAD_END, 2));
+    EXPECT_EQ(a.count_log("notify(cmd) port connect ok!"), 1u);
+    EXPECT_EQ(run("head -c 300000 /dev/zero | tr '\\0' x"), std::string(262144, 'x'));
+    a.write_file("out", std::string(3000000, '\x1f') + "end");
+    const texts own = {"--cert",        a.path("tls/operator.crt"),
+                       "--key",         a.path("tls/operator.key"),
+                       "--server-name", "agent.example",
+                       "--port",        std::to_string(a.port())};
+    for (texts words : {texts{"put", a.path("out"), a.path("up")},
+                        texts{"get", a.path("up/out"), a.path("down")}}) {
+        std::filesystem::create_directories(a.path("down"));
+        words.insert(words.begin() + 1, own.begin(), own.end());
+        EXPECT_EQ(a.console(words).status, 0) << a.run(words);
+    }
+    EXPECT_TRUE(content(a.path("out")) == content(a.path("down/out")));
+    EXPECT_EQ(a.count_log(REFUSED), 0u);
+    expect_end();
+}
+
+TEST_F(Tls, RefusesPeersWithNothingButAnAlert) {
+    ca.issue("other", "DNS:other.example");
+    ca.issue("common", "", ""); // its common name counts
+    ca.issue("both", "DNS:other.example", "-subj /CN=operator.example");
+    ca.issue("server_only", "DNS:operator.example", "-addext extendedKeyUsage=serverAuth");
+    ca.issue("expired", "DNS:operator.example", "", "-days -1");
+    const authority foreign(a, "foreign");
+    foreign.issue("stranger", "DNS:operator.example");
+    a.set("TLS", "PEER_NAMES", "operator.example,common");
+    start();
+    client.close();
+    const auto shows = [](const std::string& name, const std::string& more = "") {
+        return "-cert " + name + ".crt -key " + name + ".key " + more;
+    };
+    const struct {
+        std::string line;
+        std::string reason; // of the refusal; empty: there is none
+    } peers[] = {
+        {s_client(shows("operator")), ""},
+        {s_client(shows("common", "-tls1_2")), ""},
+        {s_client(""), "no certificate"},
+        {s_client("-tls1_2"), "no certificate"},
+        {s_client(shows("other")), "no accepted name, certificate of other.example"},
+        {s_client(shows("both", "-tls1_2")), "no accepted name, certificate of other.example"},
+        {s_client(shows("server_only")), "unsuitable certificate purpose"},
+        {s_client(shows("expired")), "certificate has expired"},
+        {s_client(shows("stranger")), "unable to get local issuer certificate"},
+        {s_client(shows("operator", "-tls1_1 -cipher ALL@SECLEVEL=0")), "unsupported protocol"},
+        {s_client(shows("operator", "-tls1_2 -cipher AES128-SHA")), "no shared cipher"},
+        {"curl -s http://127.0.0.1:" + std::to_string(a.port()), "no TLS"},
+        {"printf '\\220\\205\\040\\2037' >/dev/tcp/127.0.0.1/" + std::to_string(a.port()),
+         "no TLS"}};
+    for (const auto& [line, reason] : peers) {
+        a.mark_log();
+        ca.shell("bash -c \"" + line + "\" || true");
+        EXPECT_EQ(a.wait_log(reason, 1, reason.empty() ? 0 : LIMIT_MS), true) << line << a.log();
+        EXPECT_EQ(a.count_log(REFUSED), reason.empty() ? 0u : 1u) << line;
+    }
+    reconnect();
+    EXPECT_TRUE(renew());
+}
+
+TEST_F(Tls, DoesNotStartWithFilesThatCannotBeUsed) {
+    ca.issue("expired", "", "", "-days -1");
+    authority(a, "foreign").issue("stranger");
+    ca.shell("cp agent.key open.key; chmod 644 open.key; mkfifo fifo; : >empty");
+    const struct {
+        const char *key, *value, *line;
+    } slips[] = {{"KEY_FILE", "tls/open.key", "open.key: others than its owner and group may"},
+                 {"KEY_FILE", "tls/server.key", "server.key: key values mismatch"},
+                 {"KEY_FILE", "tls/fifo", "fifo: not a regular file"},
+                 {"CERT_FILE", "tls/none", "none: No such file or directory"},
+                 {"CERT_FILE", "tls/empty", "empty: no start line"},
+                 {"CA_FILE", "tls/foreign.crt", "agent.crt: unable to get local issuer"},
+                 {"CA_FILE", "tls/agent.key", "agent.key: no certificate"},
+                 {"PEER_NAMES", ",", "names nobody"}};
+    const auto refuses = [&](const std::string& line) {
+        a.mark_log();
+        a.start();
+        EXPECT_EQ(a.wait_exit(), 1) << line;
+        EXPECT_EQ(a.count_log(line), 1u) << line << a.log();
+    };
+    for (const auto& [key, value, line] : slips) {
+        const std::string good = a.value("TLS", key);
+        a.set("TLS", key, value);
+        refuses(line);
+        a.set("TLS", key, good);
+    }
+    a.set("TLS", "CERT_FILE", "tls/expired.crt");
+    a.set("TLS", "KEY_FILE", "tls/expired.key");
+    refuses("expired.crt: certificate has expired");
+    a.unset("TLS", "KEY_FILE");
+    refuses("CERT_FILE, KEY_FILE and CA_FILE are needed");
+}
+
+TEST_F(Tls, LetsNoServerPassThatItDoesNotKnow) {
+    ca.issue("other", "DNS:other.example");
+    authority(a, "foreign").issue("stranger", "IP:127.0.0.1");
+    server.stop();
+    const std::string accept = "-accept 127.0.0.1:" + std::to_string(a.server_port());
+    const auto openssl = [&](const std::string& of, const std::string& more = "") {
+        return texts{"/bin/sh", "-c",
+                     "cd " + a.path("tls") + " && exec openssl s_server " + accept + " -cert " +
+                         of + ".crt -key " + of + ".key " + more + " <&-"};
+    };
+    const struct {
+        texts command;
+        const char* reason;
+    } servers[] = {
+        {openssl("other"), "no accepted name, certificate of other.example"},
+        {openssl("stranger"), "unable to get local issuer certificate"},
+        {openssl("server", "-tls1_1 -cipher ALL@SECLEVEL=0"), "protocol version"},
+        {openssl("server", "-Verify 1 -verify_return_error -CAfile foreign.crt"), "unknown ca"}};
+    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1);
+    start_running(a);
+    for (const auto& [command, reason] : servers) {
+        process one(command, {});
+        a.mark_log();
+        EXPECT_TRUE(a.wait_log(reason)) << reason << one.err() << a.log();
+    }
+    process good(openssl("server", "-quiet -Verify 1 -verify_return_error -CAfile ca.crt"), {});
+    EXPECT_TRUE(wait_until([&] { return good.out().find("\x90\x85 \x83") != std::string::npos; }));
+}
+
+TEST_F(Tls, KeepsNobodyWaitingForAHandshake) {
+    start();
+    std::vector<agt::unique_fd> idle;
+    for (int i = 0; i < 6; ++i)
+        idle.emplace_back(connect_raw());
+    EXPECT_TRUE(is_closed(idle[0].get(), 3000)); // gave way
+    EXPECT_TRUE(a.wait_log("gave way to a newcomer"));
+    std::vector<kessctl::command_client> clients(4);
+    for (kessctl::command_client& one : clients) {
+        one.use_tls(ca.identity("operator"), "agent.example");
+        EXPECT_TRUE(one.connect("127.0.0.1", a.port()) &&
+                    one.request(kessctl::start_frame('7'), &answer))
+            << one.error();
+    }
+    EXPECT_TRUE(renew()); // the fifth place
+    EXPECT_TRUE(is_closed(idle[5].get()));
+    EXPECT_EQ(a.count_log("no end of the handshake within 10 s"), 1u);
+    const agt::unique_fd last(connect_raw());
+    expect_end();
+}
+
+TEST_F(Tls, ServesWhatOneRecordHoldsAndNoHalfOne) {
+    start();
+    const std::string frame = bytes_of(kessctl::start_frame('7'));
+    const std::string three = frame + frame + frame;
+    ASSERT_TRUE(client.send_bytes(three.data(), three.size() - 7));
+    EXPECT_TRUE(client.receive(&answer, 700) && client.receive(&answer, 700));
+    EXPECT_TRUE(client.send_bytes(three.data(), 7) && client.receive(&answer));
+    EXPECT_EQ(::send(client.fd(), "\x17\x03\x03\x01\x00half", 9, 0), 9);
+    EXPECT_TRUE(client.wait_closed(5000)) << client.error();
+    ca.shell("(cat /dev/null; sleep 1; echo R; sleep 1) | " +
+             s_client("-cert operator.crt -key operator.key -tls1_2", "") + " || true");
+    EXPECT_NE(content(a.path("tls/s_client.out")).find("RENEGOTIATING"), std::string::npos);
+    ca.shell("(sleep 1; echo k; sleep 1; head -c 1407 /dev/zero) | " +
+             s_client("-cert operator.crt -key operator.key", ""));
+    EXPECT_TRUE(a.wait_log("<!> magic bit mismatch")); // behind a key update
+    reconnect();
+    EXPECT_TRUE(renew());
+}
+
+TEST_F(Tls, TakesChangedFilesUnderLoad) {
+    start();
+    std::atomic<int> served{0};
+    std::atomic<bool> go_on{true};
+    const auto identity = ca.identity("operator");
+    std::thread load([&] {
+        while (go_on) {
+            kessctl::command_client one;
+            TCP_CMD_MSG unused;
+            one.use_tls(identity, "agent.example");
+            EXPECT_TRUE(one.connect("127.0.0.1", a.port()) &&
+                        one.request(kessctl::start_frame('7'), &unused))
+                << one.error();
+            ++served;
+        }
+    });
+    for (int n = 1; n <= 3; ++n) {
+        ca.shell("cp agent.key old.key; echo broken >agent.key.new; mv agent.key.new agent.key");
+        EXPECT_TRUE(a.wait_log("changed files cannot be used, the old ones are kept.", n));
+        ca.shell("mv old.key agent.key");
+        ca.issue("next", "DNS:agent.example");
+        const int before = served;
+        ca.shell("mv next.key agent.key; mv next.crt agent.crt");
+        EXPECT_TRUE(wait_until([&] { return served >= before + 20; }));
+    }
+    go_on = false;
+    load.join();
+    EXPECT_TRUE(a.wait_log("(I) TLS : changed files taken, certificate valid until ", 3));
+    EXPECT_TRUE(renew()); // the connection from before
+}
+
+TEST_F(Tls, LeavesNothingOfAThousandConnectionsAndServesChildrenBesideThem) {
+    start();
+    std::atomic<int> failed{0};
+    const auto identity = ca.identity("operator");
+    const auto connect = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            kessctl::command_client one;
+            one.use_tls(identity, "agent.example");
+            failed += one.connect("127.0.0.1", a.port()) ? 0 : 1;
+        }
+    };
+    connect(50);
+    const auto resident = [&] { return std::stol(status_of(a.pid(), "VmRSS")); };
+    const long kilobytes = resident();
+    std::thread beside(connect, 950);
+    for (int i = 0; i < 200; ++i)
+        failed += run("echo") == "\n" ? 0 : 1;
+    beside.join();
+    EXPECT_EQ(failed, 0);
+    EXPECT_LT(resident(), kilobytes + 2000);
+    EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
+    EXPECT_TRUE(renew());
+    expect_end();
+}
+
+// Runs the commands of a part of the document.
+void follow(const agent& a, const std::string& heading) {
+    const std::string text = content(SOURCE_TREE "docs/tls.md");
+    const std::size_t at = text.find("## " + heading);
+    std::istringstream part(text.substr(at, text.find("\n## ", at) - at));
+    std::string commands =
+        "cd " + a.path("ca") +
+        "; PATH=" + std::filesystem::path(KESSCTL_PROGRAM).parent_path().string() + ":$PATH\n";
+    for (std::string line; std::getline(part, line);)
+        if (line.starts_with("    ") && !line.starts_with("    (I)"))
+            commands += line.substr(4) + "\n";
+    const program_result ran = run_program({"/bin/sh", "-euc", commands}, a.variables);
+    EXPECT_EQ(ran.status, 0) << commands << ran.out << ran.err;
+}
+
+TEST_F(Tls, IsSetUpAsTheDocumentSays) {
+    a.unset("TLS", "PEER_NAMES");
+    std::filesystem::create_directories(a.path("ca"));
+    follow(a, "Make the certificates");
+    std::filesystem::remove(a.cfg_file());
+    follow(a, "Set up the agent");
+    std::istringstream section(content(a.cfg_file()));
+    for (std::string key, equals, value; section >> key;)
+        if (key != "[TLS]" && section >> equals >> value)
+            a.set("TLS", key, value);
+    const auto identity = std::make_shared<agt::tls_identity>();
+    const std::string own = a.path("ca/server.example");
+    ASSERT_EQ(identity->open({own + ".crt", own + ".key", a.path("ca/ca.crt")}), "");
+    server.stop();
+    server.use_tls(identity);
+    EXPECT_EQ(server.start("127.0.0.1", a.server_port()), "");
+    start_running(a);
+    EXPECT_TRUE(a.wait_log(THREAD_END) && server.wait_for(MSG_DEVICE_INFO_REQ));
+    follow(a, "Command it");
+    EXPECT_TRUE(a.wait_log("(i) MSGRCV : [[ RENEW_SERVICE_LIST_REQ ]]"));
+    follow(a, "Rotate");
+    follow(a, "Command it");
+    EXPECT_TRUE(a.wait_log("(I) TLS : changed files taken"));
+}
+
+} // namespace
