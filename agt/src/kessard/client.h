@@ -74,8 +74,8 @@ void show_cmd_client();
 // fails is logged and ends the daemon with status 1.
 int cmd_new_connection(int listen_sockfd);
 
-// Closes a connection, takes it out of readFds and off the list.
-void drop_cmd_client(int sockfd);
+// Closes a connection, takes it out of readFds and off the list; `reason` is for the audit.
+void drop_cmd_client(int sockfd, const char* reason);
 
 // The highest of the listed connections and the listening socket.
 int get_maxfd();

@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-#include "config_keys.h"
+#include "config_file.h"
 
 namespace kessard {
 
@@ -66,6 +66,14 @@ void set_server_address(const char* ipaddr, int port);
 const char* cfg_file();
 
 enum class cfg_answer { found, absent, unreadable };
+
+// Reads the file once for the keys that protect: read_cfg answers for them from there on, so that
+// what was judged is what holds. False, with a line in the log and on standard error for each slip,
+// when one of them is there and cannot be understood. At start, by the main thread.
+[[nodiscard]] bool fence_cfg();
+
+// The file as it was then.
+const agt::config_file& fenced_cfg();
 
 // Looks a key up in the configuration file. `value` changes only when the key is found; with an
 // unreadable file errno says why. Unless the key's absence is silent, the reader says on standard
