@@ -15,6 +15,7 @@
 #include "log_printf.h"
 #include "printable.h"
 #include "process_globals.h"
+#include "settings.h"
 
 namespace kessard {
 namespace {
@@ -53,9 +54,10 @@ std::string peer_text(const sockaddr_in& peer, int sockfd) {
 } // namespace
 
 bool take_audit(const char* value) {
-    audit_yn = std::strcmp(value, "Y") == 0;
+    if (!take_yes_no("TRAN_AGENT AUDIT_YN", value, &audit_yn))
+        return false;
     if (!audit_yn)
-        return std::strcmp(value, "N") == 0;
+        return true;
     log_sockfd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (log_sockfd < 0)
         agt::log_printf("<!> no socket for the audit. errno : %d", errno);

@@ -16,8 +16,8 @@ namespace kessard {
 // TRAN_AGENT / AUDIT_YN. Without Y nothing here does anything.
 inline bool audit_yn = false;
 
-// Takes the value of the key and opens the socket. False when it is neither Y nor N, or, with a log
-// line, when there is no socket.
+// Takes the value of the key and opens the socket. False, with a log line, when it is neither Y nor
+// N, or when there is no socket.
 [[nodiscard]] bool take_audit(const char* value);
 
 // The name in the certificate of a connection's peer. Null while nobody knows any.

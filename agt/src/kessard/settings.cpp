@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <vector>
 
@@ -104,6 +105,14 @@ bool read_cfg_number(const agt::config_key& key, int* number) {
         return false;
     *number = to_number(value.c_str());
     return true;
+}
+
+bool take_yes_no(const char* name, const char* value, bool* yes) {
+    *yes = std::strcmp(value, "Y") == 0;
+    if (*yes || std::strcmp(value, "N") == 0)
+        return true;
+    agt::log_printf("<!> %s : neither Y nor N (%s)", name, value);
+    return false;
 }
 
 } // namespace kessard
