@@ -1,7 +1,6 @@
 // The keys of the configuration file.
 #include "config_keys.h"
 
-#include <cerrno>
 #include <climits>
 
 namespace agt {
@@ -36,18 +35,6 @@ std::string path_text(const char* what, const config_key& key) {
 }
 
 } // namespace
-
-std::string all_words_of(const char* fname, const config_key& key) {
-    std::string all;
-    char word[CFG_WORD_SIZE];
-    errno = 0;
-    for (int n = 1; find_nth_token_in_file_section(fname, key.section, key.keyword, n, word) > 0;
-         ++n) {
-        all += (n == 1 ? "" : ",") + std::string(word);
-        errno = 0;
-    }
-    return all;
-}
 
 std::string key_name(const config_key& key) {
     return std::string(key.section) + "/" + key.keyword;

@@ -154,6 +154,9 @@ inline constexpr config_key KEYS[] = {
      "Addresses from which commands are taken", start, is_silent, "everybody", ALL_WORDS, true},
     {"TRAN_AGENT", "REMOTE_COMMANDS_YN", yes_no, 1, 1, "",
      "Whether remote commands and file transfers are served", start, is_silent, "Y", 1, true},
+    {"TRAN_AGENT", "AUDIT_YN", yes_no, 1, 1, "",
+     "Whether command connections and commands are told to the system log", start, is_silent, "N",
+     1, true},
 
     {"TRAN_LOGF", "QUE_CNT", choice, 0, 0, "1 2 4 8 16",
      "Log queues of runtime settings that are created", new_settings},
@@ -201,10 +204,6 @@ consteval const config_key& config_key_of(std::string_view section, std::string_
     const std::size_t index = config_key_index(section, keyword);
     return index == CONFIG_KEYS.size() ? no_such_configuration_key() : CONFIG_KEYS[index];
 }
-
-// All words of the key's value in a file, with commas between them; empty without one. errno is 0
-// afterwards unless the file could not be read.
-std::string all_words_of(const char* fname, const config_key& key);
 
 // "SECTION/KEYWORD", as findings name a key.
 std::string key_name(const config_key& key);

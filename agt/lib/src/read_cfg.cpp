@@ -71,17 +71,6 @@ int find_entry(std::FILE* fp, const char* keyword, char* string) {
     return -1;
 }
 
-// Word `n` of a value; empty when there are fewer, or when n is beyond what a value holds.
-std::string_view nth_word(const char* value, int n) {
-    std::string_view text = value;
-    std::string_view word;
-    if (n < 1 || n > CFG_WORD_MAX)
-        return {};
-    for (int i = 0; i < n; ++i)
-        word = take_word(text);
-    return word;
-}
-
 // Writes a diagnostic to standard error unless the key may be absent; -1. errno is kept: a standard
 // error that takes nothing says nothing about the file.
 [[gnu::format(printf, 2, 3)]] int complain(bool quiet, const char* fmt, ...) {
@@ -174,14 +163,22 @@ int find_nth_token_in_file_section(const char* fname, const char* section, const
     return look_up({fname, section, keyword, n, true}, string);
 }
 
-int find_line_in_file_section(const char* fname, const char* section, const char* keyword) {
-    const file_handle fp(open_text_file(fname));
-    const int header = fp == nullptr ? -1 : find_section(fp.get(), section);
+int find_line_in_section(std::FILE* fp, const char* section, const char* keyword, char* value) {
+    const int header = find_section(fp, section);
     if (header < 0 || keyword == nullptr)
         return header;
-    char value[CFG_LINE_SIZE];
-    const int entry = find_entry(fp.get(), keyword, value);
+    const int entry = find_entry(fp, keyword, value);
     return entry < 0 ? -1 : header + entry;
+}
+
+std::string_view nth_word(const char* value, int n) {
+    std::string_view text = value;
+    std::string_view word;
+    if (n < 1 || n > CFG_WORD_MAX)
+        return {};
+    for (int i = 0; i < n; ++i)
+        word = take_word(text);
+    return word;
 }
 
 } // namespace agt

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string_view>
 
 namespace agt {
 
@@ -29,10 +30,14 @@ int get_nth_token_in_file_section(const char* fname, const char* section, const 
 int find_nth_token_in_file_section(const char* fname, const char* section, const char* keyword,
                                    int n, char* string);
 
-// The number (from 1) of the line that the lookups above read for `keyword` in `section`, or of the
-// section's header for a null keyword; -1 without one. Nothing on standard error. Pieces of a long
-// line count as lines.
-int find_line_in_file_section(const char* fname, const char* section, const char* keyword);
+// The number (from 1) of the line that the lookups above read for `keyword` in `section`, whose
+// value text, line end included, goes into `value` (CFG_LINE_SIZE bytes); or that of the section's
+// header for a null keyword. -1 without one. Nothing on standard error. Pieces of a long line count
+// as lines.
+int find_line_in_section(std::FILE* fp, const char* section, const char* keyword, char* value);
+
+// Word `n` (from 1) of a value text; empty when there are fewer.
+std::string_view nth_word(const char* value, int n);
 
 // Positions `fp` behind the header of `section`, searching from its start. The line number of the
 // header (from 1), or -1 with a line on standard error.

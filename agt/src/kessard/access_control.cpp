@@ -7,9 +7,11 @@
 #include <cstring>
 #include <string>
 
+#include "audit.h"
 #include "host_address.h"
 #include "log_printf.h"
 #include "read_cfg.h"
+#include "settings.h"
 
 namespace kessard {
 namespace {
@@ -33,25 +35,15 @@ bool take_allowed_addresses(const char* value) {
     char* rest = nullptr;
     for (char* text = strtok_r(list.data(), ",", &rest); text != nullptr;
          text = strtok_r(nullptr, ",", &rest)) {
-        if (allowed_num == MAX_BLOCKS || !agt::parse_address_block(text, &allowed[allowed_num])) {
-            agt::log_printf("<!> TRAN_AGENT ALLOWED_ADDRESSES : not an address or block of "
-                            "addresses (%s)",
-                            text);
+        if (allowed_num == MAX_BLOCKS || !agt::parse_address_block(text, &allowed[allowed_num]))
             return false;
-        }
         ++allowed_num;
     }
-    if (allowed_num == 0)
-        agt::log_printf("<!> TRAN_AGENT ALLOWED_ADDRESSES : names no address");
     return allowed_num > 0;
 }
 
 bool take_remote_commands(const char* value) {
-    remote_commands_yn = std::strcmp(value, "Y") == 0;
-    if (remote_commands_yn || std::strcmp(value, "N") == 0)
-        return true;
-    agt::log_printf("<!> TRAN_AGENT REMOTE_COMMANDS_YN : neither Y nor N (%s)", value);
-    return false;
+    return take_yes_no("TRAN_AGENT REMOTE_COMMANDS_YN", value, &remote_commands_yn);
 }
 
 bool admit_cmd_client(const sockaddr_in& peer) {
@@ -62,6 +54,7 @@ bool admit_cmd_client(const sockaddr_in& peer) {
     if (allowed_num == 0 || std::any_of(allowed, allowed + allowed_num, covers))
         return true;
     log_refusal("command connection", peer);
+    audit_connection("refused", peer, -1, "address not allowed");
     return false;
 }
 

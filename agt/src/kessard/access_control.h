@@ -10,8 +10,7 @@ namespace kessard {
 inline bool remote_commands_yn = true;
 
 // Take the values of TRAN_AGENT / ALLOWED_ADDRESSES (all its words, with commas between them) and
-// REMOTE_COMMANDS_YN. What cannot be understood is said in the log and not taken for "everybody":
-// false then.
+// REMOTE_COMMANDS_YN. What cannot be understood is not taken for "everybody": false then.
 [[nodiscard]] bool take_allowed_addresses(const char* value);
 [[nodiscard]] bool take_remote_commands(const char* value);
 

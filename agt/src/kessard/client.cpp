@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "access_control.h"
+#include "audit.h"
 #include "handshakes.h"
 #include "log_printf.h"
 #include "mutex.h"
@@ -93,6 +94,7 @@ int init_cmd_client() {
 int add_cmd_client(int sockfd, const sockaddr_in& sock_addr) {
     if (client_list.client_num < 0 || client_list.client_num >= MAX_CMD_CLIENT) {
         agt::log_printf("<!> client_list error.. client_num : %d", client_list.client_num);
+        audit_connection("refused", sock_addr, sockfd, "too many connections");
         return -1;
     }
     const agt::lock_guard guard(list_mutex);
@@ -100,6 +102,7 @@ int add_cmd_client(int sockfd, const sockaddr_in& sock_addr) {
     client.sockfd = sockfd;
     frame_of(sockfd).start(sockfd);
     client.sock_addr = sock_addr;
+    audit_connection("accepted", sock_addr, sockfd, "");
     return ++client_list.client_num;
 }
 
@@ -130,8 +133,11 @@ CMD_CLIENT* found_cmd_client(fd_set ready) {
 }
 
 void close_cmd_client() {
-    for (int i = 0; i < client_list.client_num; ++i)
-        agt::close_tcp_session(client_list.client[i].sockfd);
+    for (int i = 0; i < client_list.client_num; ++i) {
+        const CMD_CLIENT& client = client_list.client[i];
+        audit_connection("ended", client.sock_addr, client.sockfd, "the daemon ends");
+        agt::close_tcp_session(client.sockfd);
+    }
 }
 
 void show_cmd_client() {
@@ -172,7 +178,7 @@ void gather_frames(const fd_set& ready) {
             frame.gather();
         frame.check_time(now_ms);
         if (frame.now() == state::over)
-            drop_cmd_client(client.sockfd);
+            drop_cmd_client(client.sockfd, frame.reason());
     }
 }
 
@@ -213,6 +219,8 @@ int cmd_new_connection(int listen_sockfd) {
     if (sockfd >= FD_SETSIZE)
         agt::log_printf("<!> command connection refused. (descriptor %d of %d)", sockfd,
                         FD_SETSIZE);
+    if (sockfd >= FD_SETSIZE)
+        audit_connection("refused", peer, sockfd, "too many descriptors");
     if (!admit_cmd_client(peer) || sockfd >= FD_SETSIZE) {
         agt::close_tcp_session(sockfd);
         return -1;
@@ -233,7 +241,13 @@ int list_cmd_client(int sockfd, const sockaddr_in& peer) {
     return sockfd;
 }
 
-void drop_cmd_client(int sockfd) {
+void drop_cmd_client(int sockfd, const char* reason) {
+    const CMD_CLIENT* begin = client_list.client;
+    const CMD_CLIENT* end = begin + client_list.client_num;
+    const auto* client =
+        std::find_if(begin, end, [sockfd](const CMD_CLIENT& one) { return one.sockfd == sockfd; });
+    if (client != end)
+        audit_connection("ended", client->sock_addr, sockfd, reason);
     agt::close_tcp_session(sockfd);
     FD_CLR(sockfd, &readFds);
     del_cmd_client(sockfd);

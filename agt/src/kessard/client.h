@@ -79,8 +79,8 @@ int cmd_new_connection(int listen_sockfd);
 // connection then being closed.
 int list_cmd_client(int sockfd, const sockaddr_in& peer);
 
-// Closes a connection, takes it out of readFds and off the list.
-void drop_cmd_client(int sockfd);
+// Closes a connection, takes it out of readFds and off the list; `reason` is for the audit.
+void drop_cmd_client(int sockfd, const char* reason);
 
 // The highest of the listed connections and the listening socket.
 int get_maxfd();

@@ -14,7 +14,9 @@
 #include <cstring>
 
 #include "access_control.h"
+#include "audit.h"
 #include "check_network.h"
+#include "cmd_state.h"
 #include "ext_request.h"
 #include "field.h"
 #include "get_service_list.h"
@@ -187,18 +189,20 @@ struct command {
     // Does what the request asks for. The answer has its type and the result code '0'. One that is
     // to be tried again later has done nothing, and answers so.
     outcome (*handle)(TCP_CMD_MSG& request, TCP_CMD_MSG& answer);
-    void (*afterwards)(); // once the answer is out, or null
+    void (*afterwards)();                              // once the answer is out, or null
+    state_fields (*state)(const TCP_CMD_MSG& request); // that it changes, for the audit, or null
 };
 
 constexpr command COMMANDS[] = {
     {MSG_RENEW_SERVICE_LIST_REQ, MSG_RENEW_SERVICE_LIST_RSP, "RENEW_SERVICE_LIST_REQ",
-     "RENEW_SERVICE_LIST_RSP", show_nothing, renew_service_list, th_start_get_service_list},
+     "RENEW_SERVICE_LIST_RSP", show_nothing, renew_service_list, th_start_get_service_list,
+     nullptr},
     {MSG_SET_SYS_CONFIG_SET_REQ, MSG_SET_SYS_CONFIG_SET_RSP, "SET_SYS_CONFIG_SET_REQ",
-     "SET_SYS_CONFIG_SET_RSP", show_config, set_sys_config, nullptr},
+     "SET_SYS_CONFIG_SET_RSP", show_config, set_sys_config, nullptr, settings_state},
     {MSG_SET_SYS_RESOURCE_SET_REQ, MSG_SET_SYS_RESOURCE_SET_RSP, "SET_SYS_RESOURCE_SET_REQ",
-     "SET_SYS_RESOURCE_SET_RSP", show_resource, set_sys_resource, nullptr},
+     "SET_SYS_RESOURCE_SET_RSP", show_resource, set_sys_resource, nullptr, resource_state},
     {MSG_SET_MODIFIED_SERVICE_REQ, MSG_SET_MODIFIED_SERVICE_RSP, "SET_MODIFIED_SERVICE_REQ",
-     "SET_MODIFIED_SERVICE_RSP", show_nothing, set_modified_service, nullptr},
+     "SET_MODIFIED_SERVICE_RSP", show_nothing, set_modified_service, nullptr, service_state},
 };
 
 // The result code of any of the answers: the first byte of their bodies.
@@ -234,7 +238,7 @@ void send_answer(const command& wanted, int sockfd, TCP_CMD_MSG& answer) {
     const agt::log_batch batch;
     if (slen < 0) {
         agt::log_printf("<!> tcp send error.. slen : %d", slen);
-        drop_cmd_client(sockfd);
+        drop_cmd_client(sockfd, "answer not taken");
     }
     agt::log_printf("(i) MSGSND : [[ %s ]]", wanted.response);
     agt::log_printf("(i) -> RESULT_CODE - '%c'", result_code_of(answer));
@@ -262,20 +266,27 @@ void close_inherited(int sockfd) {
     agt::set_send_limit(CHILD_SEND_LIMIT_MS); // nobody waits behind this peer
     agt::notice_dead_peer(sockfd, CHILD_SEND_LIMIT_MS);
     serve_ext_request(sockfd, reinterpret_cast<const unsigned char*>(&request), TCP_CMD_MSG_SIZE);
-    agt::close_tcp_session(sockfd);
+    drop_cmd_client(sockfd, "request served");
     std::fflush(stdout);
     _exit(0);
 }
 
 // Hands an extended request to a child, so that no command and no transfer keeps the loop waiting.
 // The child is reaped by the SIGCHLD handler or, as a daemon, by the system.
-void hand_over(int sockfd, const TCP_CMD_MSG& request) {
+void hand_over(const CMD_CLIENT client, const TCP_CMD_MSG& request) {
+    const int sockfd = client.sockfd;
     std::fflush(stdout);
+    const char* bytes = reinterpret_cast<const char*>(&request);
+    audit_request("request", "type=EXT_REQ code=%.*s data=%.*s", int{EXT_REQ_CODE_SIZE},
+                  bytes + EXT_REQ_CODE_AT, int{TCP_CMD_MSG_SIZE} - int{EXT_REQ_DATA_AT},
+                  bytes + EXT_REQ_DATA_AT);
     const pid_t pid = fork();
     if (pid == 0)
         serve_in_child(sockfd, request);
-    if (pid < 0)
+    if (pid < 0) {
         agt::log_printf("<!> fork error. errno : %d", errno);
+        audit_connection("ended", client.sock_addr, sockfd, "no process");
+    }
     agt::leave_tcp_session(sockfd);
     FD_CLR(sockfd, &readFds);
     del_cmd_client(sockfd);
@@ -295,14 +306,24 @@ bool wait_for_table(cmd_frame& frame) {
     return false;
 }
 
+void audit_command(const command& wanted, TCP_CMD_MSG& answer, const state_fields& before,
+                   const state_fields& after) {
+    audit_request("command", "type=%s result=%c%s", wanted.request, result_code_of(answer),
+                  effect_text(before, after).c_str());
+}
+
 // Carries the request of a frame out and answers it, unless it has to wait.
 void serve_command(const command& wanted, cmd_frame& frame, TCP_CMD_MSG& answer) {
     const int sockfd = frame.sockfd();
     if (frame.waiting_since_ms == 0)
         show_request(wanted, frame.message());
+    const bool audited = audit_yn && wanted.state != nullptr;
+    const state_fields before = audited ? wanted.state(frame.message()) : state_fields();
     const outcome result = carry_out(wanted, frame.message(), answer);
     if (result == outcome::later && wait_for_table(frame))
         return;
+    if (audit_yn)
+        audit_command(wanted, answer, before, audited ? wanted.state(frame.message()) : before);
     frame.done();
     send_answer(wanted, sockfd, answer);
     if (wanted.afterwards != nullptr)
@@ -331,25 +352,27 @@ void cmd_event(const CMD_CLIENT* client) {
     if (frame.now() == cmd_frame::state::gathering)
         return;
     if (frame.now() == cmd_frame::state::over) {
-        drop_cmd_client(sockfd);
+        drop_cmd_client(sockfd, frame.reason());
         return;
     }
     if (agt::magic_bit_check(sockfd, &frame.message()) != 1) {
-        drop_cmd_client(sockfd);
+        drop_cmd_client(sockfd, "no magic bytes");
         agt::log_printf("<!> magic bit mismatch. sockfd : %d, rlen : %d", sockfd, TCP_CMD_MSG_SIZE);
         return;
     }
+    audit_serves(client->sock_addr, sockfd);
     const char type = frame.message().hdr.msg_type[0];
     set_header(&s_msg, s_msg.hdr.msg_type[0]);
     const command* wanted = find_command(type);
     if (wanted != nullptr) {
         serve_command(*wanted, frame, s_msg);
     } else if (type == MSG_EXT_REQ && admit_ext_request(client->sock_addr)) {
-        hand_over(sockfd, frame.message());
+        hand_over(*client, frame.message());
     } else {
         if (type != MSG_EXT_REQ)
             agt::log_printf("<!> error! unknown command type('%c')", type);
-        drop_cmd_client(sockfd);
+        drop_cmd_client(sockfd, type == MSG_EXT_REQ ? "remote commands not allowed"
+                                                    : "unknown command type");
     }
 }
 

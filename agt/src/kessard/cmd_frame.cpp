@@ -45,6 +45,7 @@ void cmd_frame::gather() {
         agt::say("#%d bytes are added!\n", missing);
     if (came < 1 || came == missing) {
         state_ = came < 1 ? state::over : state::complete;
+        reason_ = came == 0 ? "closed by the peer" : "connection broken";
         return;
     }
     got_ += came;
@@ -65,12 +66,14 @@ void cmd_frame::check_time(long long now_ms) {
         agt::log_printf("<!> cmd_event frame not complete in time, sockfd : %d, rlen : %d", sockfd_,
                         got_);
         state_ = state::over;
+        reason_ = "frame not complete in time";
     } else if (now_ms - latest_ms_ >= PAUSE_MS && got_ > 0) {
         agt::say("read error!!, add_len : %d", -1);
         got_ = 0;
         latest_ms_ = now_ms;
     } else if (now_ms - latest_ms_ >= PAUSE_MS) {
         state_ = state::over;
+        reason_ = "frame not complete in time";
     }
 }
 

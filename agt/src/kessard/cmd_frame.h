@@ -20,6 +20,7 @@ class cmd_frame {
 
     int sockfd() const { return sockfd_; }
     state now() const { return state_; }
+    const char* reason() const { return reason_; } // of what is over
     TCP_CMD_MSG& message() { return message_; }
 
     // Takes what has arrived, without waiting. A part that breaks off is over.
@@ -43,7 +44,8 @@ class cmd_frame {
 
     int sockfd_ = -1;
     state state_ = state::gathering;
-    int got_ = 0;             // bytes of message_
+    int got_ = 0; // bytes of message_
+    const char* reason_ = "";
     bool begun_ = false;      // bytes have come, even if a pause dropped them
     long long start_ms_ = 0;  // when the first of them came
     long long latest_ms_ = 0; // when the last one came, or what was there was dropped

@@ -21,6 +21,7 @@
 
 #include <utstring.h>
 
+#include "audit.h"
 #include "ext_reply.h"
 #include "field.h"
 #include "log_printf.h"
@@ -95,6 +96,11 @@ agt::unique_fd open_regular(const char* path, int flags) {
     return fd;
 }
 
+void audit_file(const char* event, bool done, long long size, mode_t mode, const char* path) {
+    audit_request(event, "result=%s size=%lld mode=%04o path=%s", done ? "ok" : "failed", size,
+                  mode & 07777, path);
+}
+
 // ---- upload
 
 struct upload_target {
@@ -163,7 +169,7 @@ bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
     return true;
 }
 
-bool receive_file(int sockfd, const upload_file& file, char* buffer, std::string& error) {
+bool store_file(int sockfd, const upload_file& file, char* buffer, std::string& error) {
     const char* path = file.path.c_str();
     agt::log_printf("(i) start (%d/%d) - file=|%s|, size=|%lld|", file.number, file.count, path,
                     file.size);
@@ -185,11 +191,18 @@ bool receive_file(int sockfd, const upload_file& file, char* buffer, std::string
     return true;
 }
 
+bool receive_file(int sockfd, const upload_file& file, char* buffer, std::string& error) {
+    const bool stored = store_file(sockfd, file, buffer, error);
+    audit_file("upload", stored, file.size, file.permission, file.path.c_str());
+    return stored;
+}
+
 // ---- download
 
 struct download_file {
     char path[PATH_SIZE];
     std::uint32_t size; // as announced
+    mode_t permission;
 };
 
 // Adds a file to the announcement; false for one that cannot be announced.
@@ -200,6 +213,7 @@ bool announce(const char* named, download_file& file, UT_string* body) {
         info.st_size > std::numeric_limits<std::uint32_t>::max())
         return false;
     file.size = static_cast<std::uint32_t>(info.st_size);
+    file.permission = info.st_mode;
     ST_FILE_INFO row = {htonl(file.size), htonl(info.st_mode), {}};
     agt::copy_text(row.name, agt::get_procname(file.path));
     utstring_bincpy(body, &row, sizeof row);
@@ -254,12 +268,14 @@ bool send_content(int sockfd, int fd, const download_file& file, char* buffer,
 bool send_file(int sockfd, const download_file& file, int number, int count, char* buffer) {
     agt::log_printf("(i) (%d/%d) start send file=|%s|", number, count, file.path);
     const agt::unique_fd fd = open_regular(file.path, O_RDONLY);
+    std::uint32_t sent = 0;
+    const bool taken = fd.valid() && send_content(sockfd, fd.get(), file, buffer, sent);
+    audit_file("download", taken, sent, file.permission, file.path);
     if (!fd.valid()) {
         agt::log_printf("<!> fopen error.... |%s|", file.path);
         return false;
     }
-    std::uint32_t sent = 0;
-    if (!send_content(sockfd, fd.get(), file, buffer, sent)) {
+    if (!taken) {
         agt::log_printf("<!> error for send file data.... |%s|", file.path);
         shutdown(sockfd, SHUT_RDWR);
         return true;

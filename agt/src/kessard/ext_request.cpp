@@ -10,14 +10,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <string>
 #include <utility>
 
+#include "audit.h"
 #include "ext_file.h"
 #include "ext_reply.h"
 #include "log_printf.h"
 #include "subprocess.h"
 #include "tcp_send.h"
 #include "usrutil.h"
+#include "wait.h"
 
 namespace kessard {
 namespace {
@@ -38,11 +41,25 @@ static_assert(sizeof(result_head) == 8);
 // Thirty outputs of the largest size have a total length that the response can carry.
 static_assert(EXT_ITEM_MAX * (agt::SUBPROCESS_OUTPUT_MAX + sizeof(result_head)) <= INT_MAX);
 
+// The status is the command's own, whatever the answer has.
+void audit_run(const char* command, const agt::subprocess_result_t* result, long long ms) {
+    const bool ran = result != nullptr;
+    const std::string end = !ran                      ? "none"
+                            : result->is_timeout != 0 ? "timeout"
+                            : result->signal_number >= 0
+                                ? "signal " + std::to_string(result->signal_number)
+                                : std::to_string(result->exit_code);
+    audit_request("remote-command", "exit=%s seconds=%.3f bytes=%zu text=%s", end.c_str(),
+                  static_cast<double>(ms) / 1000, ran ? result->stdout_.length : 0, command);
+}
+
 // The output is empty when the command wrote nothing; its exit code is lost then, whatever it was.
 void run_command(const char* command, output& out, int& tot_length) {
     tot_length += static_cast<int>(sizeof(result_head));
+    const long long start_ms = agt::monotonic_ms();
     agt::subprocess_result_t* result =
         agt::subprocess_exec_output_timeout_ex(command, COMMAND_LIMIT_SEC);
+    audit_run(command, result, agt::monotonic_ms() - start_ms);
     if (result == nullptr)
         return;
     out.exit_code = result->is_timeout != 0 ? TIMED_OUT_CODE : result->exit_code;

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "access_control.h"
+#include "audit.h"
 #include "check_network.h"
 #include "client.h"
 #include "field.h"
@@ -119,8 +120,7 @@ bool take_trc_sts_check_period(const char* word) {
 }
 
 bool take_daily_update_yn(const char* word) {
-    daily_update_yn = std::strcmp(word, "Y") == 0;
-    return true;
+    return take_yes_no("SERVICE_HASH DAILY_UPDATE_YN", word, &daily_update_yn);
 }
 
 // The log line names this file and shows the update trigger's path, as it always has.
@@ -161,6 +161,7 @@ constexpr cfg_step CFG_STEPS[] = {
     {config_key_of("CHECK_API_STAT", "ACT"), take_api_stat_out},
     {config_key_of("TRAN_AGENT", "ALLOWED_ADDRESSES"), take_allowed_addresses},
     {config_key_of("TRAN_AGENT", "REMOTE_COMMANDS_YN"), take_remote_commands},
+    {config_key_of("TRAN_AGENT", "AUDIT_YN"), take_audit},
 };
 
 constexpr bool is_of_start(const agt::config_key& key) {
@@ -201,7 +202,9 @@ int check_env_var() {
 
 int init_config() {
     const agt::lock_guard guard(cfg_mutex);
-    if (!std::all_of(std::begin(CFG_STEPS), std::end(CFG_STEPS), take_key))
+    const auto* after_log = std::begin(CFG_STEPS) + 1; // in which the fence says what it finds
+    if (!std::all_of(std::begin(CFG_STEPS), after_log, take_key) || !fence_cfg() ||
+        !std::all_of(after_log, std::end(CFG_STEPS), take_key))
         return 0;
     agt::log_printf("(i) config-file(%s) read complete. TCP_CMD_MSG size %d bytes", cfg_file(),
                     TCP_CMD_MSG_SIZE);

@@ -105,6 +105,12 @@ int init_svc_hash_tbl() {
     return 1;
 }
 
+const SVC_HASH_ARR_LIST* find_svc_hash_tbl(const char* service_id) {
+    const int bucket = agt::bucket_of<SVC_HASH_TBL>(service_id, SVC_HASH_KEY_SIZE);
+    const int slot = find_service(bucket, service_id).slot;
+    return slot == agt::NO_SLOT ? nullptr : &svc_hash_tbl->h_arr[slot];
+}
+
 SVC_HASH_ARR_LIST* set_svc_hash_tbl(const SERVICE_ELEMENT* element) {
     const int bucket = agt::bucket_of<SVC_HASH_TBL>(element->service_id, SVC_HASH_KEY_SIZE);
     const agt::chain_place place = find_service(bucket, element->service_id);

@@ -23,4 +23,7 @@ int init_svc_hash_tbl();
 // another mode than 'A', 'X', 'Y' and 'D' meets a service that is there already.
 SVC_HASH_ARR_LIST* set_svc_hash_tbl(const SERVICE_ELEMENT* element);
 
+// The entry of a service; null without one. Changes may be under way.
+const SVC_HASH_ARR_LIST* find_svc_hash_tbl(const char* service_id);
+
 } // namespace kessard

@@ -1,10 +1,17 @@
 // Access to the settings that change, and to single keys.
 #include "settings.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <new>
+#include <vector>
 
+#include "config_slips.h"
 #include "field.h"
+#include "log_printf.h"
 #include "mutex.h"
 #include "read_cfg.h"
 
@@ -25,13 +32,21 @@ bool read_word(const agt::config_key& key, std::string* value) {
     return true;
 }
 
-// An entry without a word is found: its value is empty. What was read in part only is not.
-bool read_all_words(const agt::config_key& key, std::string* value) {
-    const std::string words = agt::all_words_of(cfg_file(), key);
-    if (errno != 0 || agt::find_line_in_file_section(cfg_file(), key.section, key.keyword) < 0)
+agt::config_file fence; // the file as it was judged; empty until then
+
+bool read_fenced(const agt::config_key& key, std::string* value) {
+    if (fence.pieces().empty() || fence.entry_of(key) < 0)
         return false;
-    *value = words;
+    *value = fence.value_of(key);
     return true;
+}
+
+// Both in the log and on standard error, as there may be nobody to read one of them.
+void say_slip(const agt::config_slip& slip) {
+    const std::string text = std::string(cfg_file()) + ":" + std::to_string(slip.line) + ": " +
+                             agt::key_name(*slip.key) + ": " + slip.what;
+    agt::log_printf("<!> %s", text.c_str());
+    std::fprintf(stderr, "<!> %s\n", text.c_str());
 }
 
 } // namespace
@@ -54,9 +69,30 @@ const char* cfg_file() {
 
 cfg_answer read_cfg(const agt::config_key& key, std::string* value) {
     errno = 0;
-    if (key.word == agt::ALL_WORDS ? read_all_words(key, value) : read_word(key, value))
+    if (key.protects ? read_fenced(key, value) : read_word(key, value))
         return cfg_answer::found;
     return errno == 0 ? cfg_answer::absent : cfg_answer::unreadable;
+}
+
+bool fence_cfg() try {
+    errno = 0;
+    if (!fence.open(cfg_file()).empty()) {
+        agt::log_printf("<!> %s : cannot be read, errno : %d", cfg_file(), errno);
+        return false;
+    }
+    const std::vector<agt::config_slip> slips = agt::find_slips(fence);
+    std::for_each(slips.begin(), slips.end(), say_slip);
+    const std::string policy = agt::policy_text(fence);
+    if (slips.empty() && !policy.empty())
+        agt::log_printf("(i) policy : %s", policy.c_str());
+    return slips.empty();
+} catch (const std::bad_alloc&) {
+    agt::log_printf("<!> %s : cannot be read, errno : %d", cfg_file(), ENOMEM);
+    return false;
+}
+
+const agt::config_file& fenced_cfg() {
+    return fence;
 }
 
 int to_number(const char* value) {
@@ -69,6 +105,14 @@ bool read_cfg_number(const agt::config_key& key, int* number) {
         return false;
     *number = to_number(value.c_str());
     return true;
+}
+
+bool take_yes_no(const char* name, const char* value, bool* yes) {
+    *yes = std::strcmp(value, "Y") == 0;
+    if (*yes || std::strcmp(value, "N") == 0)
+        return true;
+    agt::log_printf("<!> %s : neither Y nor N (%s)", name, value);
+    return false;
 }
 
 } // namespace kessard

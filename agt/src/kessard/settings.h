@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-#include "config_keys.h"
+#include "config_file.h"
 
 namespace kessard {
 
@@ -67,6 +67,14 @@ const char* cfg_file();
 
 enum class cfg_answer { found, absent, unreadable };
 
+// Reads the file once for the keys that protect: read_cfg answers for them from there on, so that
+// what was judged is what holds. False, with a line in the log and on standard error for each slip,
+// when one of them is there and cannot be understood. At start, by the main thread.
+[[nodiscard]] bool fence_cfg();
+
+// The file as it was then.
+const agt::config_file& fenced_cfg();
+
 // Looks a key up in the configuration file. `value` changes only when the key is found; with an
 // unreadable file errno says why. Unless the key's absence is silent, the reader says on standard
 // error what it misses.
@@ -77,6 +85,10 @@ int to_number(const char* value);
 
 // The same of a key in the file. False, with `number` as it was, when it is not found.
 [[nodiscard]] bool read_cfg_number(const agt::config_key& key, int* number);
+
+// Takes a switch. A value that is neither Y nor N is said in the log under the name and is not
+// taken for either: false then.
+[[nodiscard]] bool take_yes_no(const char* name, const char* value, bool* yes);
 
 // What taking a key does.
 struct cfg_step {

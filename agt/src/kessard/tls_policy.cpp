@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "audit.h"
 #include "log_printf.h"
 #include "settings.h"
 #include "tls.h"
@@ -46,8 +47,6 @@ bool take_peer_names(const char* value) {
     for (char* name = strtok_r(list.data(), ",", &rest); name != nullptr;
          name = strtok_r(nullptr, ",", &rest))
         peer_names.emplace_back(name);
-    if (peer_names.empty())
-        agt::log_printf("<!> TLS PEER_NAMES : names nobody");
     return !peer_names.empty();
 }
 
@@ -153,6 +152,7 @@ void log_tls_refusal(const sockaddr_in& peer, const std::string& why) {
     char address[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
     ++tls_refusals;
+    audit_connection("refused", peer, -1, why.c_str());
     agt::log_printf("<!> TLS command connection refused. (ip %s, port %d, %s)", address,
                     ntohs(peer.sin_port), why.c_str());
 }

@@ -40,7 +40,7 @@ void add_cfg_option(CLI::App& command, std::string& cfg_file) {
                        "Configuration file of the agent (default: TRAN_AGT_CFG_FILE)");
 }
 
-std::string open_cfg(const std::string& cfg_file, const std::string& give, config_file* out) {
+std::string open_cfg(const std::string& cfg_file, const std::string& give, agt::config_file* out) {
     return cfg_file.empty() ? "no file: " + give + ", or set TRAN_AGT_CFG_FILE"
                             : out->open(cfg_file);
 }

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "config/config_file.h"
+#include "config_file.h"
 #include "host/cfg_value.h"
 #include "host/tls_files.h"
 #include "kessard/cmd_msg.h"
@@ -53,7 +53,7 @@ void add_cfg_option(CLI::App& command, std::string& cfg_file);
 // Opens a configuration file that an option names, `give` saying how one does that. Empty on
 // success, else why not.
 [[nodiscard]] std::string open_cfg(const std::string& cfg_file, const std::string& give,
-                                   config_file* out);
+                                   agt::config_file* out);
 
 // Adds --config and --full.
 void add_look_options(CLI::App& command, look_options& look);

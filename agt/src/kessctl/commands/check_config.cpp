@@ -53,7 +53,7 @@ void print_json(const std::string& path, const std::vector<finding>& found) {
 }
 
 exit_status check(const check_options& chosen) {
-    config_file file;
+    agt::config_file file;
     const std::string wrong = open_cfg(chosen.cfg_file, "name one", &file);
     if (!wrong.empty())
         return complain(wrong);

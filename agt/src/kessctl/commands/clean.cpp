@@ -11,7 +11,7 @@
 #include <iostream>
 #include <memory>
 
-#include "config/config_file.h"
+#include "config_file.h"
 #include "host/daemon_process.h"
 #include "host/shared_view.h"
 #include "shmem.h"
@@ -95,7 +95,7 @@ exit_status remove_all(const std::vector<object_state>& states) {
 
 // What may have changed while the operator thought is looked at again.
 exit_status clean(const clean_options& chosen) {
-    config_file file;
+    agt::config_file file;
     const std::string wrong = open_cfg(chosen.cfg_file, "give --config", &file);
     if (!wrong.empty())
         return complain(wrong);

@@ -34,7 +34,7 @@ constexpr int TRIGGER_LIMIT_SEC = 60;
 constexpr double FREE_LIMIT_PCNT = 5.0;
 
 struct patient {
-    const config_file& file;
+    const agt::config_file& file;
     std::string home;
     agent_snapshot now;
     int found = 0;
@@ -147,7 +147,7 @@ void examine_trigger(patient& agent) {
 }
 
 exit_status examine(const std::string& cfg_file) {
-    config_file file;
+    agt::config_file file;
     const std::string wrong = open_cfg(cfg_file, "give --config", &file);
     if (!wrong.empty())
         return complain(wrong);

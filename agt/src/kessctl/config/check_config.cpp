@@ -1,8 +1,8 @@
 // The check of a configuration file.
 //
 // The reader decides what the daemon sees; what it passes over is looked for only to say so. First
-// the lines and the sections, then every key by itself, then what concerns several keys and the
-// running system.
+// the lines and the sections, then every key by itself, then what ends a start, the words that are
+// no keys, and what concerns several keys and the running system.
 #include "config/check_config.h"
 
 #include <arpa/inet.h>
@@ -14,10 +14,14 @@
 #include <cstring>
 #include <map>
 
+#include "config_lines.h"
+#include "config_slips.h"
 #include "host/daemon_process.h"
 #include "host/listener.h"
 #include "host/shared_view.h"
+#include "read_cfg.h"
 #include "unique_fd.h"
+#include "wire/text.h"
 
 namespace kessctl {
 namespace {
@@ -44,27 +48,12 @@ int line_of(const config_file& file, const config_key& key) {
     return entry < 0 ? 0 : file.at(entry).line;
 }
 
-// A comment counts too: its rest is no comment.
-void check_lines(checker& check) {
-    int last = 0;
-    for (const cfg_piece& piece : check.file.pieces()) {
-        if (piece.line == last)
-            check.add(piece.line, severity::warning, "line",
-                      "longer than 255 characters, the rest '" + first_word(piece.text) +
-                          " ...' is read as a line of its own");
-        last = piece.line;
-    }
-}
-
 void check_section(checker& check, const std::string& section) {
     const std::string written = "[" + section + "]";
     const int header = check.file.header_of(section.c_str());
     for (int i = header + 1; header >= 0 && i < static_cast<int>(check.file.pieces().size()); ++i)
         if (check.file.at(i).text.starts_with(written))
-            check.add(check.file.at(i).line,
-                      check.file.at(header).text.starts_with(written) ? severity::warning
-                                                                      : severity::error,
-                      written,
+            check.add(check.file.at(i).line, severity::error, written,
                       "not read: line " + std::to_string(check.file.at(header).line) +
                           " counts as its header");
     if (header >= 0 && !check.file.at(header).text.starts_with(written))
@@ -72,24 +61,6 @@ void check_section(checker& check, const std::string& section) {
                   "this line counts as its header: a name of the same length in the brackets, and "
                   "the section's name "
                   "anywhere in the line");
-}
-
-// Those of the table, each once.
-std::vector<std::string> sections() {
-    std::vector<std::string> all;
-    for (const config_key& key : agt::CONFIG_KEYS)
-        if (std::find(all.begin(), all.end(), key.section) == all.end())
-            all.push_back(key.section);
-    return all;
-}
-
-// Whether a line that the reader takes for something else was meant for the key.
-bool is_meant_for(const std::string& line, const config_key& key) {
-    std::string word = first_word(line);
-    const std::size_t equals = word.find('=');
-    if (equals != word.npos && word.substr(0, equals) == key.keyword)
-        return true;
-    return word != key.keyword && strcasecmp(word.c_str(), key.keyword) == 0;
 }
 
 std::string missing_text(const config_key& key) {
@@ -110,11 +81,10 @@ void check_absent(checker& check, const config_key& key) {
     }
     const auto [first, end] = check.file.body_of(header);
     for (int i = first; i < end; ++i)
-        if (is_meant_for(check.file.at(i).text, key)) {
-            check.add(
-                check.file.at(i).line, severity::error, key,
-                "missing: a blank must stand between the keyword and the '=', and capitals count" +
-                    missing_text(key));
+        if (agt::is_meant_for(check.file.at(i).text, key.keyword)) {
+            check.add(check.file.at(i).line, severity::error, key,
+                      "missing: " + agt::keyword_fault(check.file.at(i).text, key) +
+                          missing_text(key));
             return;
         }
     if (!key.may_be_absent())
@@ -125,7 +95,7 @@ void check_absent(checker& check, const config_key& key) {
 void check_repeated(checker& check, const config_key& key, int entry) {
     const auto [first, end] = check.file.body_of(check.file.header_of(key.section));
     for (int i = entry + 1; i < end; ++i)
-        if (first_word(check.file.at(i).text) == key.keyword)
+        if (agt::first_word(check.file.at(i).text) == key.keyword)
             check.add(check.file.at(i).line, severity::warning, key,
                       "not read: the value of line " + std::to_string(check.file.at(entry).line) +
                           " counts");
@@ -139,18 +109,12 @@ void check_rest(checker& check, const config_key& key, int line) {
                   "'" + next + "' is not read, only the first word counts");
 }
 
-// What the daemon reads for a key: a word, or all of them.
-std::string value_of(const config_file& file, const config_key& key) {
-    return key.word == agt::ALL_WORDS ? agt::all_words_of(file.path().c_str(), key)
-                                      : file.word_of(key, key.word);
-}
-
 void check_key(checker& check, const config_key& key) {
     const int entry = check.file.entry_of(key);
     if (entry < 0)
         return check_absent(check, key);
     const int line = check.file.at(entry).line;
-    const std::string word = value_of(check.file, key);
+    const std::string word = check.file.value_of(key);
     check_repeated(check, key, entry);
     if (word.empty() && key.word != agt::ALL_WORDS) {
         if (!key.may_be_absent())
@@ -172,11 +136,85 @@ bool watchdog_is_off(const config_file& file) {
 
 void check_keys(checker& check) {
     const bool off = watchdog_is_off(check.file);
-    for (const std::string& section : sections())
+    for (const char* section : agt::config_sections())
         for (const config_key& key : agt::CONFIG_KEYS)
-            if (key.section == section &&
+            if (key.section == std::string(section) &&
                 (!off || key.reader != key_reader::watchdog || check.file.entry_of(key) >= 0))
                 check_key(check, key);
+}
+
+// What ends a start takes the place of what has been said of its line.
+void check_slips(checker& check) {
+    for (const agt::config_slip& slip : agt::find_slips(check.file)) {
+        std::erase_if(check.found, [&](const finding& one) {
+            return one.line == slip.line && one.key == key_name(*slip.key);
+        });
+        check.add(slip.line, severity::error, *slip.key, slip.what + "; the daemon does not start");
+    }
+}
+
+// A comment counts too: its rest is no comment.
+void check_length(checker& check, const agt::cfg_line& line) {
+    const bool entry = line.place == agt::cfg_place::own && !line.is_remark();
+    if (!line.whole)
+        check.add(line.line, entry ? severity::error : severity::warning, "line",
+                  "longer than 255 characters, the rest '" +
+                      agt::first_word(line.text.substr(agt::CFG_LINE_SIZE - 1)) +
+                      " ...' is read as a line of its own");
+}
+
+// A header that is none of the daemon's.
+void check_header(checker& check, const agt::cfg_line& line) {
+    const std::string written = "[" + printable(line.name) + "]";
+    if (line.place == agt::cfg_place::near)
+        check.add(line.line, severity::error, written,
+                  "not read, nearest is [" + std::string(line.section) + "]");
+    else if (line.place == agt::cfg_place::foreign)
+        check.add(line.line, severity::warning, written, "unknown to the daemon");
+}
+
+// A line of one of the daemon's sections: what is wrong with its keyword. An unknown one is
+// nobody's error, unless it is nearly a known one or belongs elsewhere.
+finding judge_word(const agt::cfg_line& line) {
+    const std::string word = agt::first_word(line.text);
+    const std::string shown = std::string(line.section) + "/" + printable(word);
+    const auto all = agt::CONFIG_KEYS;
+    const auto in_section = [&](const config_key& key) {
+        return key.section == std::string(line.section);
+    };
+    const auto find = [&](auto accepts) { return std::find_if(all.begin(), all.end(), accepts); };
+    const bool known =
+        find([&](const auto& key) { return in_section(key) && word == key.keyword; }) != all.end();
+    const auto meant = find([&](const auto& key) {
+        return in_section(key) && agt::is_meant_for(line.text, key.keyword);
+    });
+    const auto elsewhere = find([&](const auto& key) { return word == key.keyword; });
+    if (!known && meant != all.end())
+        return {line.line, severity::error, shown,
+                "not read, nearest is " + std::string(meant->keyword), ""};
+    if (!known && elsewhere != all.end())
+        return {line.line, severity::error, shown,
+                "not read, belongs into [" + std::string(elsewhere->section) + "]", ""};
+    if (line.text.find('=') == line.text.npos)
+        return {line.line, severity::error, shown, "has no '='", ""};
+    return {line.line, severity::warning, shown, known ? "" : "unknown to the daemon", ""};
+}
+
+void check_words(checker& check) {
+    for (const agt::cfg_line& line : agt::lines_of(check.file)) {
+        const bool judged =
+            std::any_of(check.found.begin(), check.found.end(), [&](const finding& one) {
+                return one.line == line.line && one.level == severity::error;
+            });
+        if (judged)
+            continue;
+        check_length(check, line);
+        if (line.is_header)
+            check_header(check, line);
+        else if (line.place == agt::cfg_place::own && !line.is_remark())
+            if (const finding one = judge_word(line); !one.what.empty())
+                check.found.push_back(one);
+    }
 }
 
 // Keys of one kind that the daemon reads as the same number.
@@ -249,6 +287,24 @@ void report_used_port(checker& check, int port) {
                       "; an agent with another configuration may be running");
 }
 
+// Whether a connection to the server would be one to the agent itself.
+void check_endpoints(checker& check) {
+    const config_key& key = config_key_of("TRAN_SERVER", "CMD_PORT");
+    const std::string own = check.file.word_of(config_key_of("TRAN_AGENT", "IP_ADDRESS"), 1);
+    const std::string port = check.file.word_of(key, 1);
+    std::string server = check.file.word_of(config_key_of("TRAN_SERVER", "IP_ADDRESS"), 1);
+    if (server == "localhost")
+        server = "127.0.0.1";
+    const bool any =
+        inet_addr(own.c_str()) == INADDR_ANY &&
+        check_value(config_key_of("TRAN_AGENT", "IP_ADDRESS"), server, "").what.empty();
+    if ((any || own == server) && number_read(port) > 0 &&
+        number_read(port) ==
+            number_read(check.file.word_of(config_key_of("TRAN_AGENT", "CMD_PORT"), 1)))
+        check.add(line_of(check.file, key), severity::error, key,
+                  "the agent takes its own commands on port " + port + " of that address");
+}
+
 void check_port(checker& check) {
     const config_key& key = config_key_of("TRAN_AGENT", "CMD_PORT");
     const std::string address = check.file.word_of(config_key_of("TRAN_AGENT", "IP_ADDRESS"), 1);
@@ -282,14 +338,16 @@ void check_script(checker& check) {
 
 std::vector<finding> check_config(const config_file& file, const std::string& home) {
     checker check{file, home, {}};
-    check_lines(check);
-    for (const std::string& section : sections())
+    for (const char* section : agt::config_sections())
         check_section(check, section);
     check_keys(check);
+    check_slips(check);
+    check_words(check);
     check_collisions(check, key_kind::segment_key);
     check_collisions(check, key_kind::semaphore_key);
     check_objects(check);
     check_settings(check);
+    check_endpoints(check);
     check_port(check);
     check_script(check);
     std::stable_sort(check.found.begin(), check.found.end(),

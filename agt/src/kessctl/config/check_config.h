@@ -5,9 +5,11 @@
 #include <vector>
 
 #include "config/check_values.h"
-#include "config/config_file.h"
+#include "config_file.h"
 
 namespace kessctl {
+
+using agt::config_file;
 
 // An error is what stops the daemon, or makes it do something else than what is written; a note is
 // no reason to worry.

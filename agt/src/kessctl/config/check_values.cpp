@@ -14,6 +14,7 @@
 #include <cstring>
 #include <vector>
 
+#include "config_slips.h"
 #include "host_address.h"
 #include "unique_fd.h"
 
@@ -77,10 +78,6 @@ verdict check_time_of_day(const config_key& key, const std::string& word) {
     return {time || word == "----" ? "" : in_quotes(word) + " is no time of day"};
 }
 
-verdict check_yes_no(const std::string& word) {
-    return {word == "Y" || word == "N" ? "" : in_quotes(word) + " is neither Y nor N"};
-}
-
 bool is_dotted(const std::string& word, in_addr* out) {
     return inet_pton(AF_INET, word.c_str(), out) == 1;
 }
@@ -106,19 +103,9 @@ verdict check_host(const config_key& key, const std::string& word) {
     in_addr address{};
     if (all_of(word, ADDRESS_CHARACTERS) && !is_dotted(word, &address))
         return {in_quotes(word) + " is no dotted IPv4 address"};
+    if (word.find_first_of(":[]/") != word.npos)
+        return {in_quotes(word) + " is no host name and no IPv4 address, others are not spoken"};
     return check_length(key, word);
-}
-
-verdict check_addresses(const std::string& list) {
-    bool any = false;
-    for (const std::string& item : split(list)) {
-        agt::address_block block;
-        if (!item.empty() && !agt::parse_address_block(item.c_str(), &block))
-            return {in_quotes(item) +
-                    " is no address and no block of addresses; the daemon does not start"};
-        any = any || !item.empty();
-    }
-    return {any ? "" : "it names no address; the daemon does not start"};
 }
 
 // An empty name ends the list; one at its end does no harm.
@@ -136,11 +123,6 @@ verdict check_names(const config_key& key, const std::string& word) {
     return {static_cast<long>(all.size()) > key.most
                 ? std::to_string(all.size()) + " names are too many"
                 : ""};
-}
-
-verdict check_peer_names(const std::string& list) {
-    return {list.find_first_not_of(',') == list.npos ? "it names nobody; the daemon does not start"
-                                                     : ""};
 }
 
 // Why the directory is of no use; empty when files can be made and removed in it.
@@ -183,14 +165,10 @@ verdict check_value(const config_key& key, const std::string& word, const std::s
         return check_choice(key, word);
     case key_kind::time_of_day:
         return check_time_of_day(key, word);
-    case key_kind::yes_no:
-        return check_yes_no(word);
     case key_kind::own_address:
         return check_own_address(word);
     case key_kind::host:
         return check_host(key, word);
-    case key_kind::addresses:
-        return check_addresses(word);
     case key_kind::names:
         return check_names(key, word);
     case key_kind::log_directory:
@@ -198,8 +176,10 @@ verdict check_value(const config_key& key, const std::string& word, const std::s
     case key_kind::file:
     case key_kind::existing_file:
         return check_path(key, word, home);
+    case key_kind::yes_no:
+    case key_kind::addresses:
     case key_kind::peer_names:
-        return check_peer_names(word);
+        return {agt::value_fault(key, word)};
     }
     return {};
 }
