@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "config_lines.h"
+#include "host_address.h"
 #include "printable.h"
-#include "tcp_base.h"
 
 namespace agt {
 namespace {

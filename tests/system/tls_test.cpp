@@ -1,5 +1,7 @@
 // TLS with certificates on both sides: who is served, who is refused and why, changed files, and
 // the document that says how to set it up.
+#include <poll.h>
+
 #include "certificates.h"
 #include "server/ext_client.h"
 
@@ -114,8 +116,7 @@ TEST_F(Tls, DoesNotStartWithFilesThatCannotBeUsed) {
                  {"CERT_FILE", "tls/none", "none: No such file or directory"},
                  {"CERT_FILE", "tls/empty", "empty: no start line"},
                  {"CA_FILE", "tls/foreign.crt", "agent.crt: unable to get local issuer"},
-                 {"CA_FILE", "tls/agent.key", "agent.key: no certificate"},
-                 {"PEER_NAMES", ",", "names nobody"}};
+                 {"CA_FILE", "tls/agent.key", "agent.key: no certificate"}};
     const auto refuses = [&](const std::string& line) {
         a.mark_log();
         a.start();
@@ -131,8 +132,6 @@ TEST_F(Tls, DoesNotStartWithFilesThatCannotBeUsed) {
     a.set("TLS", "CERT_FILE", "tls/expired.crt");
     a.set("TLS", "KEY_FILE", "tls/expired.key");
     refuses("expired.crt: certificate has expired");
-    a.unset("TLS", "KEY_FILE");
-    refuses("CERT_FILE, KEY_FILE and CA_FILE are needed");
 }
 
 TEST_F(Tls, LetsNoServerPassThatItDoesNotKnow) {

@@ -9,6 +9,12 @@
 
 namespace agt {
 
+tls_identity::~tls_identity() {
+    const lock_guard guard(mutex_);
+    if (tls_context* context = std::exchange(context_, nullptr))
+        calls_->unload(context);
+}
+
 tls_identity::stamps tls_identity::look() const {
     stamps now{};
     auto* at = now.begin();
@@ -55,7 +61,7 @@ tls_identity::change tls_identity::refresh(std::string* why) {
 
 tls_session* tls_identity::begin(int sockfd, tls_side side, const std::vector<std::string>& names) {
     const lock_guard guard(mutex_);
-    return calls_->begin(context_, sockfd, side, names);
+    return context_ == nullptr ? nullptr : calls_->begin(context_, sockfd, side, names);
 }
 
 std::time_t tls_identity::expires() {

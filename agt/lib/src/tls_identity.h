@@ -15,6 +15,11 @@ namespace agt {
 
 class tls_identity {
   public:
+    tls_identity() = default;
+    tls_identity(const tls_identity&) = delete;
+    tls_identity& operator=(const tls_identity&) = delete;
+    ~tls_identity();
+
     // Loads the module and the files; empty, or why they cannot be used. Before the first thread.
     std::string open(const tls_files& files);
     bool is_open() const { return calls_ != nullptr; }
@@ -24,7 +29,8 @@ class tls_identity {
     // last look: `taken`, or `kept` (the old ones) and why in *why.
     change refresh(std::string* why);
 
-    // A session with the files as they were last taken (tls_calls.h), from any thread.
+    // A session with the files as they were last taken (tls_calls.h), from any thread. Sessions
+    // outlive the identity.
     tls_session* begin(int sockfd, tls_side side, const std::vector<std::string>& names);
 
     // When the certificate that is in force is valid no more.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "audit.h"
+#include "config_slips.h"
 #include "log_printf.h"
 #include "settings.h"
 #include "tls.h"
@@ -68,21 +69,6 @@ static_assert(are_all_steps(TLS_STEPS,
                             }),
               "the table has a key of TLS without a step in its place");
 
-// What the section holds, `any` saying whether it holds something.
-bool read_section(bool* any) {
-    for (const cfg_step& step : TLS_STEPS) {
-        std::string value;
-        const cfg_answer answer = read_cfg(step.key, &value);
-        if (answer == cfg_answer::unreadable)
-            agt::log_printf("<!> TLS %s : cannot be read, errno : %d", step.key.keyword, errno);
-        if (answer == cfg_answer::unreadable ||
-            (answer == cfg_answer::found && !step.take(value.c_str())))
-            return false;
-        *any = *any || answer == cfg_answer::found;
-    }
-    return true;
-}
-
 std::string date_of(std::time_t when) {
     const struct tm local = agt::local_time(when);
     char text[32] = "";
@@ -105,12 +91,12 @@ void refresh() {
 } // namespace
 
 bool start_tls() {
-    bool any = false;
-    if (!read_section(&any) || !any)
-        return !any;
-    if (files.cert.empty() || files.key.empty() || files.ca.empty()) {
-        agt::log_printf("<!> TLS : CERT_FILE, KEY_FILE and CA_FILE are needed, all of them");
-        return false;
+    if (!agt::has_tls_section(fenced_cfg()))
+        return true;
+    for (const cfg_step& step : TLS_STEPS) {
+        std::string value;
+        if (read_cfg(step.key, &value) == cfg_answer::found && !step.take(value.c_str()))
+            return false;
     }
     const std::string fault = identity.open(files);
     if (!fault.empty()) {

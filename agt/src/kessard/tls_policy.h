@@ -16,8 +16,8 @@ namespace kessard {
 // Peers whose TLS was refused since the start, on the command port and of the server.
 inline std::atomic<unsigned long> tls_refusals{0};
 
-// Reads section [TLS] and loads what it names, before the first connection. False after a log line:
-// the section is not complete, or what it names cannot be used.
+// Takes section [TLS] of the file as it was judged (fence_cfg) and loads what it names, before the
+// first connection. False after a log line: what it names cannot be used.
 [[nodiscard]] bool start_tls();
 
 // Whether connections are TLS. Written once at start.

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "wire/text.h"
+
 namespace kessctl {
 namespace {
 
@@ -106,6 +108,18 @@ void judge_daemon(const agent_snapshot& now, problem_list& problems) {
              "end all but one with SIGTERM", false});
 }
 
+// A file that only the daemon's user may read is in order.
+void judge_certificate(const agent_snapshot& now, problem_list& problems) {
+    if (!now.certificate || !now.certificate->fault.empty())
+        return;
+    const long days = now.certificate->days(now.taken);
+    if (days < 30)
+        problems.push_back(
+            {days < 0 ? "the TLS certificate has expired"
+                      : "the TLS certificate expires in " + std::to_string(days) + " days",
+             "put a new one in its place: " + printable(now.certificate->file), days < 7});
+}
+
 void judge_registry(const agent_snapshot& now, problem_list& problems) {
     if (!now.registry_fault.empty())
         problems.push_back(
@@ -201,6 +215,7 @@ agent_diagnosis diagnose(const agent_snapshot& now, double full_percent) {
     if (!now.daemon.running)
         problems.push_back(absence(now));
     judge_daemon(now, problems);
+    judge_certificate(now, problems);
     for (const object_state& segment : now.segments)
         judge_segment(now, segment, problems);
     for (const semaphore_set& set : now.semaphores)

@@ -148,6 +148,7 @@ agent_snapshot take_snapshot(const std::string& cfg_file) {
             cfg_value(cfg_file, agt::config_key_of("KESSARD", "WORKER_CHECK_INTERVAL")).c_str()) !=
         0;
     now.daemon = find_daemon(cfg_file);
+    now.certificate = read_certificate(cfg_file);
     read_objects(now);
     TRAN_LOGF_QUE_INFO settings;
     if (read_settings(cfg_file, &settings).empty())

@@ -16,6 +16,7 @@
 
 #include "host/daemon_process.h"
 #include "host/shared_view.h"
+#include "host/tls_files.h"
 
 namespace kessctl {
 
@@ -103,7 +104,8 @@ struct agent_snapshot {
     std::string cfg_file;
     std::string cfg_fault; // the configuration cannot be read: everything else is empty
     daemon_state daemon;
-    bool watchdog_on = false; // by the configuration
+    std::optional<certificate_state> certificate; // where connections are TLS
+    bool watchdog_on = false;                     // by the configuration
     std::vector<object_state> segments;
     std::vector<semaphore_set> semaphores;
     std::optional<TRAN_LOGF_QUE_INFO> settings;

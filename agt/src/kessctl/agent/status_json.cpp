@@ -25,6 +25,17 @@ json daemon_json(const agent_snapshot& now) {
             {"listening", daemon.listening}};
 }
 
+json certificate_json(const agent_snapshot& now) {
+    if (!now.certificate)
+        return {};
+    const certificate_state& own = *now.certificate;
+    const bool known = own.fault.empty();
+    return {{"file", printable(own.file)},
+            {"expires", known ? json(own.expires) : json()},
+            {"days", known ? json(own.days(now.taken)) : json()},
+            {"fault", text_or_null(printable(own.fault))}};
+}
+
 // What is not 0, by its index.
 template <class T, std::size_t N> json non_zero(const T (&values)[N]) {
     json found = json::object();
@@ -171,6 +182,7 @@ std::string status_json(const agent_snapshot& now, const agent_diagnosis& found,
                 {"config", printable(now.cfg_file)}};
     if (now.cfg_fault.empty()) {
         out["daemon"] = daemon_json(now);
+        out["certificate"] = certificate_json(now);
         out["host"] = now.host;
         out["settings"] = settings_json(now);
         for (const fill_level& table : now.tables())

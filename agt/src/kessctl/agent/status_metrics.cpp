@@ -73,6 +73,10 @@ void daemon_metrics(std::string& out, const agent_snapshot& now) {
     if (now.daemon.pid > 0)
         single(out, "kessard_start_time_seconds", "gauge",
                "Start time of the daemon since the epoch.", now.daemon.started);
+    if (now.certificate && now.certificate->fault.empty())
+        single(out, "kessard_certificate_valid_days", "gauge",
+               "Days for which the agent's certificate is valid, negative once it has expired.",
+               now.certificate->days(now.taken));
 }
 
 void settings_metrics(std::string& out, const agent_snapshot& now) {

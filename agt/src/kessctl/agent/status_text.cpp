@@ -89,6 +89,16 @@ void add_headline(std::string& out, const agent_snapshot& now, const agent_diagn
         out += "  " + coloured("!", code, colour) + " " + reasons[i] + "\n";
 }
 
+void add_certificate(std::string& out, const agent_snapshot& now) {
+    if (!now.certificate)
+        return;
+    if (now.certificate->fault.empty())
+        add(out, "  TLS certificate valid for %ld days, until %s\n",
+            now.certificate->days(now.taken), clock_text(now.certificate->expires).c_str());
+    else
+        add(out, "  TLS certificate cannot be read: %s\n", now.certificate->fault.c_str());
+}
+
 // A switch kept as a digit; "-" when it was never set.
 std::string digit(char kept) {
     return kept == '\0' ? "-" : printable({&kept, 1});
@@ -249,6 +259,7 @@ std::string status_text(const agent_snapshot& now, const agent_diagnosis& found,
                         const report_options& wanted) {
     std::string out;
     add_headline(out, now, found, wanted.colour);
+    add_certificate(out, now);
     if (now.object_count() == 0)
         return out;
     add_settings(out, now);

@@ -10,13 +10,19 @@
 
 namespace kessctl {
 
-void add_tls_options(CLI::App& command, tls_options& tls) {
+void add_tls_files(CLI::App& command, tls_options& tls) {
     command.add_option("--cert", tls.files.cert,
                        "Certificate to show, PEM (default: CERT_FILE of section [TLS] of "
                        "TRAN_AGT_CFG_FILE)");
     command.add_option("--key", tls.files.key, "Key of that certificate (default: KEY_FILE)");
     command.add_option("--ca", tls.files.ca,
                        "Certificates that sign those of the peers (default: CA_FILE)");
+}
+
+void add_tls_options(CLI::App& command, tls_options& tls) {
+    add_tls_files(command, tls);
+    command.add_option("--server-name", tls.server_name,
+                       "Name that the agent's certificate must carry (default: the host)");
 }
 
 void add_agent_options(CLI::App& command, agent_address& agent) {
@@ -31,8 +37,6 @@ void add_agent_options(CLI::App& command, agent_address& agent) {
         ->check(CLI::Range(1, 3600000))
         ->capture_default_str();
     add_tls_options(command, agent.tls);
-    command.add_option("--server-name", agent.tls.server_name,
-                       "Name that the agent's certificate must carry (default: the host)");
 }
 
 void add_cfg_option(CLI::App& command, std::string& cfg_file) {

@@ -41,10 +41,11 @@ struct look_options {
     double full_percent = 90; // fill level that is a problem
 };
 
-// Adds --cert, --key and --ca.
+// Adds --cert, --key, --ca and --server-name; those of a server, without the last.
 void add_tls_options(CLI::App& command, tls_options& tls);
+void add_tls_files(CLI::App& command, tls_options& tls);
 
-// Adds --host, --port, --timeout-ms, --server-name and those of TLS.
+// Adds --host, --port, --timeout-ms and those of TLS.
 void add_agent_options(CLI::App& command, agent_address& agent);
 
 // Adds --config; `cfg_file` holds the default.

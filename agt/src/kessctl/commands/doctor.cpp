@@ -33,9 +33,15 @@ constexpr int LOOK_AGAIN_MS = 20;
 constexpr int TRIGGER_LIMIT_SEC = 60;
 constexpr double FREE_LIMIT_PCNT = 5.0;
 
+struct doctor_options {
+    std::string cfg_file = default_cfg_file();
+    tls_options tls;
+};
+
 struct patient {
     const agt::config_file& file;
     std::string home;
+    tls_options tls;
     agent_snapshot now;
     int found = 0;
 
@@ -62,6 +68,10 @@ bool answers(const patient& agent, std::string* why) {
     const std::string address = agent.value(agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
     const int port = number_read(agent.value(agt::config_key_of("TRAN_AGENT", "CMD_PORT")));
     command_client client;
+    const auto identity = open_tls(agent.file.path(), agent.tls.files, why);
+    if (!why->empty())
+        return false;
+    client.use_tls(identity, agent.tls.server_name);
     if (client.connect(address == "0.0.0.0" ? "127.0.0.1" : address, port, ANSWER_LIMIT_MS) &&
         shutdown(client.fd(), SHUT_WR) == 0 && client.wait_closed(ANSWER_LIMIT_MS))
         return true;
@@ -146,13 +156,13 @@ void examine_trigger(patient& agent) {
                          : "the daemon cannot remove it: look at the permissions of its directory");
 }
 
-exit_status examine(const std::string& cfg_file) {
+exit_status examine(const doctor_options& chosen) {
     agt::config_file file;
-    const std::string wrong = open_cfg(cfg_file, "give --config", &file);
+    const std::string wrong = open_cfg(chosen.cfg_file, "give --config", &file);
     if (!wrong.empty())
         return complain(wrong);
     const char* home = std::getenv("TRAN_AGT_HOME");
-    patient agent{file, home == nullptr ? "" : home, take_snapshot(cfg_file)};
+    patient agent{file, home == nullptr ? "" : home, chosen.tls, take_snapshot(chosen.cfg_file)};
     for (const auto step : {examine_config, examine_snapshot, examine_port, examine_semaphores,
                             examine_log, examine_trigger})
         step(agent);
@@ -163,14 +173,15 @@ exit_status examine(const std::string& cfg_file) {
 } // namespace
 
 void add_doctor(CLI::App& app, exit_status* status) {
-    const auto cfg_file = std::make_shared<std::string>(default_cfg_file());
+    const auto chosen = std::make_shared<doctor_options>();
     CLI::App* command = app.add_subcommand(
         "doctor", "Say what is wrong with the agent on this host, and what to do");
-    add_cfg_option(*command, *cfg_file);
+    add_cfg_option(*command, chosen->cfg_file);
+    add_tls_options(*command, chosen->tls);
     command->footer("Only looks. Relative paths are taken under TRAN_AGT_HOME. Exit status 0 "
                     "without findings, 1 with\n"
                     "findings, 2 when the configuration file cannot be read.");
-    command->callback([cfg_file, status] { *status = examine(*cfg_file); });
+    command->callback([chosen, status] { *status = examine(*chosen); });
 }
 
 } // namespace kessctl

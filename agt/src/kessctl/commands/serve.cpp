@@ -157,7 +157,7 @@ void add_serve(CLI::App& app, exit_status* status) {
                         "Append every message to this file as a JSON line");
     command->add_option("--port-file", chosen->port_file,
                         "Write the port to this file once it is open");
-    add_tls_options(*command, chosen->tls);
+    add_tls_files(*command, chosen->tls);
     command->add_flag("--quiet", chosen->quiet, "Print no messages");
     command
         ->add_option("--svr-gap-time", behaviour.svr_gap_time,

@@ -19,6 +19,7 @@
 #include "host/daemon_process.h"
 #include "host/listener.h"
 #include "host/shared_view.h"
+#include "host/tls_files.h"
 #include "read_cfg.h"
 #include "unique_fd.h"
 #include "wire/text.h"
@@ -334,6 +335,20 @@ void check_script(checker& check) {
                   path + ": " + std::strerror(errno));
 }
 
+// What the daemon makes of the files of section [TLS], once nothing else is wrong with its keys.
+void check_tls(checker& check) {
+    const std::optional<agt::tls_files> files = tls_section(check.file, check.home.c_str());
+    const bool judged = std::any_of(check.found.begin(), check.found.end(), [](const auto& one) {
+        return one.level == severity::error && one.key.starts_with("TLS/");
+    });
+    if (!files || judged)
+        return;
+    const std::string fault = agt::tls_identity().open(*files);
+    if (!fault.empty())
+        check.add(check.file.at(check.file.header_of("TLS")).line, severity::error, "[TLS]",
+                  fault + "; the daemon does not start");
+}
+
 } // namespace
 
 std::vector<finding> check_config(const config_file& file, const std::string& home) {
@@ -350,6 +365,7 @@ std::vector<finding> check_config(const config_file& file, const std::string& ho
     check_endpoints(check);
     check_port(check);
     check_script(check);
+    check_tls(check);
     std::stable_sort(check.found.begin(), check.found.end(),
                      [](const finding& a, const finding& b) { return a.line < b.line; });
     return check.found;

@@ -3,8 +3,8 @@
 
 #include <cstdlib>
 
-#include "host/cfg_value.h"
-#include "read_cfg.h"
+#include "config_slips.h"
+#include "tls.h"
 #include "util.h"
 
 namespace kessctl {
@@ -18,29 +18,32 @@ constexpr struct {
              {agt::config_key_of("TLS", "KEY_FILE"), &agt::tls_files::key, "--key"},
              {agt::config_key_of("TLS", "CA_FILE"), &agt::tls_files::ca, "--ca"}};
 
-std::string path_of(const std::string& word) {
+std::string path_of(const std::string& word, const char* home) {
     agt::tls_file_text path;
-    const char* home = std::getenv("TRAN_AGT_HOME");
     return !word.empty() && agt::resolve_path(path, sizeof path, home, word.c_str()) ? path : word;
+}
+
+std::optional<agt::tls_files> section_of(const std::string& cfg_file) {
+    agt::config_file file;
+    const char* home = std::getenv("TRAN_AGT_HOME");
+    return file.open(cfg_file).empty() ? tls_section(file, home == nullptr ? "" : home)
+                                       : std::nullopt;
 }
 
 } // namespace
 
-std::optional<agt::tls_files> tls_section(const std::string& cfg_file) {
+std::optional<agt::tls_files> tls_section(const agt::config_file& file, const char* home) {
     agt::tls_files found;
-    bool any = false;
-    for (const agt::config_key& key : agt::CONFIG_KEYS)
-        any = any ||
-              (key.reader == agt::key_reader::tls &&
-               agt::find_line_in_file_section(cfg_file.c_str(), key.section, key.keyword) >= 0);
+    if (!agt::has_tls_section(file))
+        return {};
     for (const auto& one : FILES)
-        found.*one.file = path_of(cfg_value(cfg_file, one.key));
-    return any ? std::optional(found) : std::nullopt;
+        found.*one.file = path_of(file.value_of(one.key), home);
+    return found;
 }
 
 std::shared_ptr<agt::tls_identity> open_tls(const std::string& cfg_file, agt::tls_files own,
                                             std::string* why) {
-    const std::optional<agt::tls_files> section = tls_section(cfg_file);
+    const std::optional<agt::tls_files> section = section_of(cfg_file);
     why->clear();
     if (!section && own.cert.empty() && own.key.empty() && own.ca.empty())
         return nullptr;
@@ -59,6 +62,17 @@ std::shared_ptr<agt::tls_identity> open_tls(const std::string& cfg_file, agt::tl
         return opened;
     *why = "TLS: " + *why;
     return nullptr;
+}
+
+std::optional<certificate_state> read_certificate(const std::string& cfg_file) {
+    const std::optional<agt::tls_files> section = section_of(cfg_file);
+    if (!section)
+        return {};
+    certificate_state state;
+    state.file = section->cert;
+    if (const agt::tls_calls* calls = agt::load_tls_module(&state.fault))
+        state.expires = calls->file_expires(state.file.c_str(), &state.fault);
+    return state;
 }
 
 } // namespace kessctl
