@@ -62,7 +62,7 @@ struct tls_calls {
     // The peer's certificate by its first alternative name, else its common name, control bytes
     // escaped; empty without one.
     std::string (*peer_name)(const tls_session* session);
-    // Why the session failed; empty when it did not.
+    // Why the handshake or the peer ended the session; empty when they did not.
     std::string (*failure)(const tls_session* session);
 };
 

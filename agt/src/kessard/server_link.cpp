@@ -32,7 +32,7 @@ void log_no_answer(const exchange_texts& texts, int length) {
 
 int init_tcp_client(const char* ipaddr, int port) {
     const int sockfd = agt::create_tcp_client_session(ipaddr, port, 0);
-    if (sockfd < 0 || secure_server_socket(sockfd, ipaddr, port))
+    if (sockfd < 0 || secure_server_socket(sockfd, ipaddr))
         return sockfd;
     agt::close_tcp_session(sockfd);
     return -1;
@@ -85,6 +85,7 @@ bool receive_answer(int sockfd, TCP_CMD_MSG* answer, const exchange_texts& texts
         *rlen = length;
     if (length < 1) {
         log_no_answer(texts, length);
+        log_server_failure(sockfd);
         return false;
     }
     if (texts.no_magic == nullptr || agt::magic_bit_check(sockfd, answer) == 1)

@@ -2,6 +2,7 @@
 #include "tls_policy.h"
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -88,6 +89,21 @@ void refresh() {
                         why.c_str());
 }
 
+sockaddr_in peer_of(int sockfd) {
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    getpeername(sockfd, reinterpret_cast<sockaddr*>(&peer), &size);
+    return peer;
+}
+
+void log_failure(const char* what, const sockaddr_in& peer, const std::string& why) {
+    char address[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
+    ++tls_refusals;
+    agt::log_printf("<!> TLS %s failed. (ip %s, port %d, %s)", what, address, ntohs(peer.sin_port),
+                    why.c_str());
+}
+
 } // namespace
 
 bool start_tls() {
@@ -117,7 +133,7 @@ agt::tls_session* begin_cmd_session(int sockfd) {
     return identity.begin(sockfd, agt::tls_side::accepts, peer_names);
 }
 
-bool secure_server_socket(int sockfd, const char* ipaddr, int port) {
+bool secure_server_socket(int sockfd, const char* ipaddr) {
     if (!is_tls_on())
         return true;
     refresh();
@@ -126,21 +142,20 @@ bool secure_server_socket(int sockfd, const char* ipaddr, int port) {
     if (agt::secure_socket(sockfd, identity.begin(sockfd, agt::tls_side::connects, {name}),
                            agt::TLS_HANDSHAKE_MS, &why))
         return true;
-    if (!agt::cancelled()) {
-        ++tls_refusals;
-        agt::log_printf("<!> TLS with the server failed. (ip %s, port %d, %s)", ipaddr, port,
-                        why.c_str());
-    }
+    if (!agt::cancelled())
+        log_failure("with the server", peer_of(sockfd), why);
     return false;
 }
 
+void log_server_failure(int sockfd) {
+    const std::string why = agt::tls_failure(sockfd);
+    if (!why.empty())
+        log_failure("with the server", peer_of(sockfd), why);
+}
+
 void log_tls_refusal(const sockaddr_in& peer, const std::string& why) {
-    char address[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
-    ++tls_refusals;
     audit_connection("refused", peer, -1, why.c_str());
-    agt::log_printf("<!> TLS command connection refused. (ip %s, port %d, %s)", address,
-                    ntohs(peer.sin_port), why.c_str());
+    log_failure("of a command connection", peer, why);
 }
 
 void warn_of_expiry(std::time_t now) {

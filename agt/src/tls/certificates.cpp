@@ -151,7 +151,7 @@ general_names_ptr alternative_names(const X509* certificate) {
 } // namespace
 
 std::string openssl_error(const std::string& otherwise) {
-    const unsigned long code = ERR_peek_last_error();
+    const unsigned long code = ERR_peek_error();
     if (ERR_GET_LIB(code) == ERR_LIB_SYS)
         return std::strerror(ERR_GET_REASON(code));
     const char* text = code == 0 ? nullptr : ERR_reason_error_string(code);

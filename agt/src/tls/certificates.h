@@ -27,7 +27,8 @@ struct tls_context {
 tls_context* load_context(const tls_files& files, std::string* error);
 std::time_t file_expires(const char* cert_file, std::string* error);
 
-// The text of the last error of OpenSSL in this thread, `otherwise` when there is none.
+// The text of the first error of OpenSSL in this thread since the last ERR_clear_error(),
+// `otherwise` when there is none.
 std::string openssl_error(const std::string& otherwise);
 
 // The first alternative name of a certificate, else its common name, control bytes escaped.

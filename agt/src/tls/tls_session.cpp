@@ -24,8 +24,9 @@ struct tls_session {
     std::vector<std::string> names;
     ssl_ptr ssl;
     bool dry = false;  // the socket had nothing left when it was last read
-    bool over = false; // nothing more comes: announced, cut off or failed
-    int error = 0;     // errno of the socket
+    bool over = false; // nothing more comes: announced, or broken
+    bool broken = false;
+    int error = 0; // errno of the socket
     short awaited = POLLIN;
     std::string failure;
 };
@@ -100,7 +101,7 @@ int judge(int good, X509_STORE_CTX* store) {
 
 // In the words of an operator, where the library's are none.
 std::string reason_of_failure() {
-    switch (ERR_GET_REASON(ERR_peek_last_error())) {
+    switch (ERR_GET_REASON(ERR_peek_error())) {
     case SSL_R_PEER_DID_NOT_RETURN_A_CERTIFICATE:
         return "no certificate";
     case SSL_R_WRONG_VERSION_NUMBER:
@@ -112,10 +113,14 @@ std::string reason_of_failure() {
     }
 }
 
-// Keeps the first reason; errno is the socket's, where that failed.
+// Keeps the first reason; errno is the socket's, where that failed. A connection that is merely cut
+// off behind the handshake has none.
 tls_step judge_failure(tls_session* session, int kind) {
     const bool of_socket = kind == SSL_ERROR_SYSCALL && session->error != 0;
-    if (session->failure.empty())
+    session->over = true;
+    session->broken = true;
+    if (session->failure.empty() &&
+        (kind == SSL_ERROR_SSL || SSL_is_init_finished(session->ssl.get()) == 0))
         session->failure = of_socket ? std::strerror(session->error) : reason_of_failure();
     errno = of_socket ? session->error : kind == SSL_ERROR_SSL ? EPROTO : ECONNRESET;
     return tls_step::failed;
@@ -136,7 +141,6 @@ tls_step judge_return(tls_session* session, int ret) {
         session->over = true;
         return tls_step::done;
     default:
-        session->over = true;
         return judge_failure(session, SSL_get_error(session->ssl.get(), ret));
     }
 }
@@ -267,7 +271,7 @@ void end(tls_session* session, bool politely) {
     const openssl_guard guard;
     const std::unique_ptr<tls_session> owned(session);
     ERR_clear_error();
-    if (politely && session->failure.empty())
+    if (politely && !session->broken)
         SSL_shutdown(session->ssl.get());
 }
 
