@@ -24,11 +24,11 @@ struct row {
     bool on_one_processor = false; // short exchanges, and both sides of what runs in one process
 };
 constexpr row ROWS[] = {
-    {"command", command_row, true},   {"clients", clients_row, true}, {"exec", exec_row, true},
-    {"services", services_row, true}, {"notify", notify_row, true},   {"idle", idle_row},
-    {"transfer", transfer_row},       {"startup", startup_row},       {"log", log_row, true},
-    {"request", request_row, true},   {"table", table_row, true},     {"sweep", sweep_row, true},
-    {"watchdog", watchdog_row, true}};
+    {"command", command_row, true},   {"clients", clients_row, true},  {"exec", exec_row, true},
+    {"services", services_row, true}, {"notify", notify_row, true},    {"idle", idle_row},
+    {"transfer", transfer_row},       {"tls", tls_row, true},          {"startup", startup_row},
+    {"log", log_row, true},           {"request", request_row, true},  {"table", table_row, true},
+    {"sweep", sweep_row, true},       {"watchdog", watchdog_row, true}};
 
 std::string file_line(const char* path, const std::string& start) {
     std::ifstream file(path);

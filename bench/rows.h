@@ -22,6 +22,7 @@ figures
 idle_row(running_agent& agent); // processor time and wake-ups without work, against bare waits
 figures startup_row(
     running_agent& agent); // starts of other daemons, on new and on existing objects, against shmat
+figures tls_row(running_agent& agent); // requests and files over TLS against bare OpenSSL
 figures
 log_row(running_agent& agent); // log lines against writes; this and what follows in one process
 figures request_row(running_agent& agent);  // a settings request without another process

@@ -10,23 +10,18 @@
 
 #include "checks.h"
 #include "rows.h"
-#include "server/ext_transfer.h"
+#include "transfer.h"
 
 namespace bench {
 namespace {
 
 constexpr int ROUNDS = 5;
-constexpr std::size_t FILE_BYTES = 256UL * 1024 * 1024;
-constexpr std::size_t PIECE_BYTES = 1024 * 1024;
 constexpr double MIB = 1024 * 1024;
 constexpr double MEMORY_LIMIT_MB = 16;
-constexpr int LIMIT_MS = 60000;
 
-struct places {
-    std::string source;
-    std::string directory; // what is stored goes here
-    std::string stored;
-};
+void unobserved(const std::string&, std::uint64_t, std::uint64_t) {}
+
+} // namespace
 
 places make_places(const test_support::agent& program) {
     const places made = {program.path("source"), program.path("copies"),
@@ -38,34 +33,41 @@ places make_places(const test_support::agent& program) {
     return made;
 }
 
-// MiB per second of a transfer into a new file; it returns whether it went well.
 double rate(const places& at, const std::function<bool()>& transfer) {
     unlink(at.stored.c_str());
     const double start_us = now_us();
     return transfer() ? FILE_BYTES / MIB / ((now_us() - start_us) / 1e6) : NAN;
 }
 
-bool upload(const running_agent& agent, const places& at,
+bool upload(kessctl::command_client& client, const places& at,
             const kessctl::transfer_observer& observe) {
-    kessctl::command_client client;
     kessctl::local_file file;
-    if (!kessctl::describe_file(at.source, &file).empty() ||
-        !client.connect("127.0.0.1", agent.program.port()))
+    if (!kessctl::describe_file(at.source, &file).empty())
         return false;
     const std::string data =
         at.directory + static_cast<char>(EXT_SEPARATOR) + kessctl::upload_item(file);
-    return kessctl::upload_files(client, {EXT_SVC_FILE_UP, data, 0, 1}, {file}, LIMIT_MS, observe)
+    return kessctl::upload_files(client, {EXT_SVC_FILE_UP, data, 0, 1}, {file}, TRANSFER_LIMIT_MS,
+                                 observe ? observe : unobserved)
         .ok();
 }
 
-bool download(const running_agent& agent, const places& at,
+bool download(kessctl::command_client& client, const places& at,
               const kessctl::transfer_observer& observe) {
-    kessctl::command_client client;
     std::set<std::string> taken;
-    return client.connect("127.0.0.1", agent.program.port()) &&
-           kessctl::download_files(client, {EXT_SVC_FILE_DOWN, at.source, 0, 1}, at.directory,
-                                   LIMIT_MS, observe, &taken)
-               .ok();
+    return kessctl::download_files(client, {EXT_SVC_FILE_DOWN, at.source, 0, 1}, at.directory,
+                                   TRANSFER_LIMIT_MS, observe ? observe : unobserved, &taken)
+        .ok();
+}
+
+namespace {
+
+// A transfer on a connection of its own.
+bool connected(const running_agent& agent, const places& at,
+               bool (*transfer)(kessctl::command_client&, const places&,
+                                const kessctl::transfer_observer&),
+               const kessctl::transfer_observer& observe = {}) {
+    kessctl::command_client client;
+    return client.connect("127.0.0.1", agent.program.port()) && transfer(client, at, observe);
 }
 
 // Copies until the end; whether all bytes of the file came over.
@@ -116,20 +118,20 @@ figures transfer_row(running_agent& agent) {
     const bare_peer store("store", at.stored);
     const bare_peer fetch("fetch", at.source);
     double peak_mb = 0;
-    const auto unobserved = [](const std::string&, std::uint64_t, std::uint64_t) {};
     const auto observed = [&](const std::string&, std::uint64_t done, std::uint64_t size) {
         if (done == size - PIECE_BYTES)
             peak_mb = std::fmax(peak_mb, child_peak_mb(agent.program.pid()));
     };
-    const bool whole = upload(agent, at, observed) && download(agent, at, observed);
+    const bool whole =
+        connected(agent, at, upload, observed) && connected(agent, at, download, observed);
     const double memory_mb = whole && peak_mb > 0 ? peak_mb : NAN;
     return {compare(
                 {"256 MiB to the daemon", "MiB/s", judged::ratio, 0.6, true}, ROUNDS,
-                [&] { return rate(at, [&] { return upload(agent, at, unobserved); }); },
+                [&] { return rate(at, [&] { return connected(agent, at, upload); }); },
                 [&] { return rate(at, [&] { return bare_upload(store, at); }); }),
             compare(
                 {"256 MiB from the daemon", "MiB/s", judged::ratio, 0.6, true}, ROUNDS,
-                [&] { return rate(at, [&] { return download(agent, at, unobserved); }); },
+                [&] { return rate(at, [&] { return connected(agent, at, download); }); },
                 [&] { return rate(at, [&] { return bare_download(fetch, at); }); }),
             {"memory of the serving child", "MB", judged::own, MEMORY_LIMIT_MB, false, memory_mb}};
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <iterator>
 
 #include "access_control.h"
 #include "client.h"
@@ -15,6 +16,7 @@
 #include "service_table.h"
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
+#include "tls.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
 
@@ -23,7 +25,10 @@ extern "C" pid_t __wrap_fork();
 namespace {
 
 using namespace kessard;
+using fuzz::far_end;
 using fuzz::require;
+
+constexpr std::size_t RECORD_BYTES[] = {100, TCP_CMD_MSG_SIZE, 3000, 16384};
 
 int retrievals = 0; // asked for by the frame at hand
 
@@ -62,6 +67,23 @@ void check_objects() {
             "the number of queues is none");
 }
 
+// A frame may come in several records, and several frames in one.
+void serve(const far_end& server, std::string_view input) {
+    const int sockfd = server.near();
+    list_client(sockfd);
+    for (std::size_t at = 0; client_list.client_num > 0; at += TCP_CMD_MSG_SIZE) {
+        std::string answer;
+        retrievals = 0;
+        do {
+            cmd_event(&client_list.client[0]);
+            answer = server.heard();
+        } while (answer.empty() && client_list.client_num > 0 && agt::has_pending_data(sockfd));
+        check_answer(input.substr(std::min(at, input.size()), TCP_CMD_MSG_SIZE), answer);
+    }
+    require(!FD_ISSET(sockfd, &readFds) && maxFd == agt_cmd_sockfd,
+            "a dropped connection is still looked at");
+}
+
 } // namespace
 
 namespace kessard {
@@ -80,6 +102,7 @@ pid_t __wrap_fork() {
 
 void fuzz::set_up() {
     running = 1;
+    own_identity();
     svc_hash_tbl = make_segment<SVC_HASH_TBL>();
     svc_hash_tbl_semid = 0;
     que_info = make_segment<TRAN_LOGF_QUE_INFO>();
@@ -94,15 +117,9 @@ void fuzz::run(std::string_view input) {
     fuzz::empty_table(*svc_hash_tbl);
     *que_info = {};
     remote_commands_yn = input.size() % 2 == 0;
-    const far_end server(input);
-    const int sockfd = server.near();
-    list_client(sockfd);
-    for (std::size_t at = 0; client_list.client_num > 0; at += TCP_CMD_MSG_SIZE) {
-        retrievals = 0;
-        cmd_event(&client_list.client[0]);
-        check_answer(input.substr(std::min(at, input.size()), TCP_CMD_MSG_SIZE), server.heard());
-    }
-    require(!FD_ISSET(sockfd, &readFds) && maxFd == agt_cmd_sockfd,
-            "a dropped connection is still looked at");
+    if (input.size() / 2 % 4 == 1)
+        serve(far_end(input, RECORD_BYTES[input.size() / 8 % std::size(RECORD_BYTES)]), input);
+    else
+        serve(far_end(input), input);
     check_objects();
 }

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "tls.h"
+
 extern "C" int LLVMFuzzerInitialize(int*, char***);
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t*, std::size_t);
 
@@ -65,26 +67,72 @@ void memory_file::set(std::string_view content) const {
     lseek(fd_, 0, SEEK_SET);
 }
 
-far_end::far_end(std::string_view says) {
+agt::tls_identity& own_identity() {
+    static agt::tls_identity identity;
+    const std::string file = directory() + "/own";
+    if (identity.is_open())
+        return identity;
+    const std::string command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -noenc -subj /CN=own "
+        "-keyout " +
+        file + ".key -out " + file + ".crt";
+    require(std::system(command.c_str()) == 0, "no certificate");
+    const std::string fault = identity.open({file + ".crt", file + ".key", file + ".crt"});
+    if (!fault.empty())
+        fail(fault);
+    return identity;
+}
+
+void far_end::connect() {
     int ends[2];
     require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "no connection");
     near_ = ends[0];
     far_ = ends[1];
-    require(send(far_, says.data(), says.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
-                    static_cast<ssize_t>(says.size()) ||
-                says.empty(),
+}
+
+void far_end::say(std::string_view says) {
+    iovec part = {const_cast<char*>(says.data()), says.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    require(says.empty() || agt::send_now(far_, message) == static_cast<ssize_t>(says.size()),
             "no room in a connection");
+}
+
+far_end::far_end(std::string_view says) {
+    connect();
+    say(says);
+    shutdown(far_, SHUT_WR);
+}
+
+far_end::far_end(std::string_view says, std::size_t record_bytes) {
+    connect();
+    agt::tls_identity& identity = own_identity();
+    agt::tls_session* near = identity.begin(near_, agt::tls_side::accepts, {});
+    agt::tls_session* far = identity.begin(far_, agt::tls_side::connects, {"own"});
+    const auto step = agt::tls_module()->shake_hands;
+    for (bool done = false; !done;) {
+        const agt::tls_step far_step = step(far);
+        const agt::tls_step near_step = step(near);
+        require(far_step != agt::tls_step::failed && near_step != agt::tls_step::failed,
+                "no handshake");
+        done = far_step == agt::tls_step::done && near_step == agt::tls_step::done;
+    }
+    require(agt::set_tls_session(near_, near) && agt::set_tls_session(far_, far), "no session");
+    for (std::size_t at = 0; at < says.size(); at += record_bytes)
+        say(says.substr(at, record_bytes));
     shutdown(far_, SHUT_WR);
 }
 
 far_end::~far_end() {
+    agt::end_tls_session(far_, false);
     close(far_);
 }
 
 std::string far_end::heard() const {
     std::string all;
     char piece[65536];
-    for (ssize_t got = 0; (got = recv(far_, piece, sizeof piece, MSG_DONTWAIT)) > 0;)
+    for (ssize_t got = 0; (got = agt::recv_now(far_, piece, sizeof piece)) > 0;)
         all.append(piece, static_cast<std::size_t>(got));
     return all;
 }

@@ -18,6 +18,8 @@
 #include <string>
 #include <string_view>
 
+#include "tls_identity.h"
+
 namespace fuzz {
 
 // Runs once, before the first input. There is no log; its lines are composed all the same.
@@ -114,10 +116,15 @@ inline void (*on_sleep)() = nullptr;
 // grants one.
 inline int held_semaphores = 0;
 
-// The far end of a connection, which has said all that it will say.
+// A certificate that trusts itself, made in directory().
+agt::tls_identity& own_identity();
+
+// The far end of a connection, which has said all that it will say; with `record_bytes` in TLS, in
+// records of that size.
 class far_end {
   public:
     explicit far_end(std::string_view says);
+    far_end(std::string_view says, std::size_t record_bytes);
     ~far_end();
     far_end(const far_end&) = delete;
     far_end& operator=(const far_end&) = delete;
@@ -126,6 +133,9 @@ class far_end {
     std::string heard() const;         // what the program has sent since the last call
 
   private:
+    void connect();
+    void say(std::string_view says);
+
     int near_;
     int far_;
 };

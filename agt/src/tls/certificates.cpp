@@ -19,6 +19,8 @@ namespace {
 // none needs random bytes behind the handshake.
 constexpr char CIPHERS_1_2[] = "ECDHE+AESGCM:ECDHE+CHACHA20";
 
+constexpr std::size_t NAME_LENGTH = 255; // of which as much is shown
+
 using x509_store_ctx_ptr = std::unique_ptr<X509_STORE_CTX, openssl_deleter<X509_STORE_CTX_free>>;
 using general_names_ptr = std::unique_ptr<GENERAL_NAMES, openssl_deleter<GENERAL_NAMES_free>>;
 using file_ptr = std::unique_ptr<std::FILE, openssl_deleter<std::fclose>>;
@@ -131,7 +133,7 @@ std::string escaped(const ASN1_STRING* text) {
         ASN1_STRING_print_ex(out.get(), text, ASN1_STRFLGS_ESC_CTRL | ASN1_STRFLGS_ESC_MSB) < 0)
         return {};
     const long length = BIO_get_mem_data(out.get(), &bytes);
-    return {bytes, static_cast<std::size_t>(length)};
+    return {bytes, std::min(static_cast<std::size_t>(length), NAME_LENGTH)};
 }
 
 std::string address_text(const ASN1_OCTET_STRING* bytes) {
