@@ -26,7 +26,8 @@ struct tls_session {
     bool dry = false;  // the socket had nothing left when it was last read
     bool over = false; // nothing more comes: announced, or broken
     bool broken = false;
-    int error = 0; // errno of the socket
+    bool shaken = false; // the handshake is done
+    int error = 0;       // errno of the socket
     short awaited = POLLIN;
     std::string failure;
 };
@@ -119,8 +120,7 @@ tls_step judge_failure(tls_session* session, int kind) {
     const bool of_socket = kind == SSL_ERROR_SYSCALL && session->error != 0;
     session->over = true;
     session->broken = true;
-    if (session->failure.empty() &&
-        (kind == SSL_ERROR_SSL || SSL_is_init_finished(session->ssl.get()) == 0))
+    if (session->failure.empty() && (kind == SSL_ERROR_SSL || !session->shaken))
         session->failure = of_socket ? std::strerror(session->error) : reason_of_failure();
     errno = of_socket ? session->error : kind == SSL_ERROR_SSL ? EPROTO : ECONNRESET;
     return tls_step::failed;
@@ -212,7 +212,8 @@ tls_step shake_hands(tls_session* session) {
     const openssl_guard guard;
     ERR_clear_error();
     const int ret = SSL_do_handshake(session->ssl.get());
-    if (ret == 1)
+    session->shaken = ret == 1;
+    if (session->shaken)
         return tls_step::done;
     const tls_step step = judge_return(session, ret);
     return step == tls_step::waits ? step : tls_step::failed;
