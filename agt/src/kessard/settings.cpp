@@ -43,10 +43,10 @@ bool read_fenced(const agt::config_key& key, std::string* value) {
 
 // Both in the log and on standard error, as there may be nobody to read one of them.
 void say_slip(const agt::config_slip& slip) {
-    const std::string text = std::string(cfg_file()) + ":" + std::to_string(slip.line) + ": " +
-                             agt::key_name(*slip.key) + ": " + slip.what;
-    agt::log_printf("<!> %s", text.c_str());
-    std::fprintf(stderr, "<!> %s\n", text.c_str());
+    const std::string key = agt::key_name(*slip.key);
+    agt::log_printf("<!> %s:%d: %s: %s", cfg_file(), slip.line, key.c_str(), slip.what.c_str());
+    std::fprintf(stderr, "<!> %s:%d: %s: %s\n", cfg_file(), slip.line, key.c_str(),
+                 slip.what.c_str());
 }
 
 } // namespace

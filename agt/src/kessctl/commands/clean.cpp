@@ -57,9 +57,11 @@ std::string obstacle(const object_state& state) {
 }
 
 std::string obstacle(const std::string& cfg_file, const std::vector<object_state>& states) {
-    const std::vector<pid_t> daemons = daemons_of(cfg_file);
-    if (!daemons.empty())
-        return "the daemon runs: " + process_texts(daemons);
+    const daemon_state daemon = find_daemon(cfg_file);
+    if (!daemon.seen.empty())
+        return "the daemon runs: " + process_texts(daemon.seen);
+    if (!daemon.strangers.empty())
+        return "no daemon runs, but " + daemon.strangers.front();
     for (const object_state& state : states)
         if (const std::string why = obstacle(state); !why.empty())
             return std::string(state.object->keyword) + ": " + why;
