@@ -63,8 +63,8 @@ bool download(const running_agent& agent, const places& at,
     kessctl::command_client client;
     std::set<std::string> taken;
     return client.connect("127.0.0.1", agent.program.port()) &&
-           kessctl::download_files(client, {EXT_SVC_FILE_DOWN, at.source, 0, 1}, at.directory,
-                                   LIMIT_MS, observe, &taken)
+           kessctl::download_files(client, {EXT_SVC_FILE_DOWN, at.source, 0, 1}, {at.source},
+                                   at.directory, LIMIT_MS, observe, &taken)
                .ok();
 }
 

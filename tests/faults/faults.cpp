@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -152,6 +153,17 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     if (fails(NUMBER(sendmsg)))
         return -1;
     return REAL(ssize_t, sendmsg, (int, const msghdr*, int))(fd, &shorter, flags);
+}
+
+ssize_t sendto(int fd, const void* from, std::size_t size, int flags, const sockaddr* to,
+               socklen_t length) {
+    sockaddr_un elsewhere{AF_UNIX, ""};
+    if (now != nullptr && to != nullptr && to->sa_family == AF_UNIX && now->system_log[0] != '\0') {
+        std::strcpy(elsewhere.sun_path, now->system_log);
+        to = reinterpret_cast<const sockaddr*>(&elsewhere);
+    }
+    return REAL(ssize_t, sendto, (int, const void*, std::size_t, int, const sockaddr*, socklen_t))(
+        fd, from, size, flags, to, length);
 }
 
 // Not through dlsym, which may want memory itself.

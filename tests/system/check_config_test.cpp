@@ -43,7 +43,7 @@ const bad_value BAD_VALUES[] = {
     {"TRAN_SERVER", "IP_ADDRESS", "10.0.0.256", "'10.0.0.256' is no dotted IPv4 address, allowed"},
     {"TRAN_AGENT", "IP_ADDRESS", "192.0.2.1", "192.0.2.1 is no address of this host, allowed: "},
     {"TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.1 1.0.0.0/33", "'1.0.0.0/33' is no address and n"},
-    {"TRAN_AGENT", "REMOTE_COMMANDS_YN", "n", "'n' is neither Y nor N, allowed: Y or N"},
+    {"TRAN_AGENT", "REMOTE_COMMANDS_YN", "n", "'n' is neither Y nor N; the daemon does"},
     {"TRAN_LOGF", "LOG_INTERFACE", "012", "'012' is too long; the daemon keeps '01', allowed: 2 c"},
     {"TRAN_LOGF", "QUE_CNT", "3", "'3' is none of its values, allowed: 1, 2, 4, 8 or 16"},
     {"SERVICE_HASH", "DAILY_UPDATE_HHMI", "2460", "'2460' is no time of day, allowed: HHMM from"},
@@ -83,7 +83,10 @@ TEST_F(Console, NamesEveryBadValueWithItsLine) {
 
 TEST_F(Console, SaysWhatTheReaderPassesOver) {
     daemon.unset("PTRC_HASH", "TRC_STS_CHECK_PERIOD");
+    daemon.set("TRAN_SERVER", "CMD_PORT", daemon.port());
+    daemon.set("TRAN_SERVER", "IP_ADDRESS", "localhost");
     daemon.write_cfg();
+    put_before("[TRAN_SERVER]", "QUE_CMT = 1\nCMD_PORT = 1\nOTHER = 1\nREST\n[OTHER]\n[KESARD]\n");
     put_before("[COMMON]", "# " + std::string(300, '-') + "\n[XXXXXX] COMMON\n");
     put_before("[SERVICE_HASH]", "  TRC_STS_CHECK_PERIOD= 5\n");
     put_before("[TRAN_SERVER]", "[TRAN_LOGF]\nTR_SECTION = x\n");
@@ -100,10 +103,17 @@ TEST_F(Console, SaysWhatTheReaderPassesOver) {
                at("[XXXXXX]", "error: COMMON/LOG_HOME: missing in this section"),
                at("[COMMON]", "error: [COMMON]: not read: line "),
                at("  TRC_STS", "error: PTRC_HASH/TRC_STS_CHECK_PERIOD: missing: a blank must st"),
-               at("[TRAN_LOGF]", "warning: [TRAN_LOGF]: not read: line ", 2),
+               at("[TRAN_LOGF]", "error: [TRAN_LOGF]: not read: line ", 2),
                at("WORKER_MODE", "warning: " + key + "'now' is not read"),
                at("WORKER_MODE", "warning: " + key + "not read: the value of line ", 2),
-               "errors: " + std::to_string(2 + lost) + ", warnings: 5\n"});
+               at("CMD_PORT", "error: TRAN_SERVER/CMD_PORT: the agent takes its own commands", 3),
+               at("QUE_CMT", "error: TRAN_LOGF/QUE_CMT: not read, nearest is QUE_CNT"),
+               at("CMD_PORT", "error: TRAN_LOGF/CMD_PORT: not read, belongs into [TRAN_AGENT]", 2),
+               at("OTHER", "warning: TRAN_LOGF/OTHER: unknown to the daemon"),
+               at("REST", "error: TRAN_LOGF/REST: has no '='"),
+               at("[OTHER]", "warning: [OTHER]: unknown to the daemon"),
+               at("[KESARD]", "error: [KESARD]: not read, nearest is [KESSARD]"),
+               "errors: " + std::to_string(8 + lost) + ", warnings: 6\n"});
     daemon.write_file("agt.cfg", "");
     expect_in(run({"check-config"}),
               {":1: error: COMMON/LOG_HOME: missing: there is no section [C"});

@@ -10,12 +10,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <regex>
 
 #include "host/new_file.h"
 #include "unique_fd.h"
@@ -89,23 +89,25 @@ ext_result send_file(command_client& client, const local_file& file, int limit_m
 
 // ---- download
 
-std::string name_pattern(const std::string& name) {
-    std::string pattern;
-    for (std::size_t i = 0; i < name.size(); ++i) {
-        if (name[i] != '$') {
-            pattern += {'\\', name[i]};
-            continue;
-        }
-        pattern += '*';
-        while (i + 1 < name.size() && (std::isalnum(static_cast<unsigned char>(name[i + 1])) != 0 ||
-                                       std::strchr("_{}()", name[i + 1]) != nullptr))
-            ++i;
-    }
-    return pattern;
-}
-
 std::string announced_name(const ST_FILE_INFO& info) {
     return std::string(info.name, strnlen(info.name, sizeof info.name));
+}
+
+// As the agent finds references to variables: a bracket, a name, a bracket.
+std::string name_pattern(const std::string& name) {
+    static const std::regex reference(R"(\$[{(]?[a-zA-Z0-9_]+[)}]?)");
+    std::string pattern;
+    const auto put = [&pattern](const std::string& plain) {
+        for (const char c : plain)
+            pattern += {'\\', c};
+    };
+    std::string rest = name;
+    for (std::smatch at; std::regex_search(rest, at, reference); rest = at.suffix().str()) {
+        put(at.prefix().str());
+        pattern += '*';
+    }
+    put(rest);
+    return pattern;
 }
 
 // The name of a file that was asked for, as a pattern: a variable stands for what the agent's
