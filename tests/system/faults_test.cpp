@@ -94,10 +94,10 @@ TEST_F(Faults, TheAuditNamesEveryActAndWaitsForNobody) {
     const std::string daemon = ">kessard[" + std::to_string(a.pid()) + "]: ";
     a.write_file("sent", "12345", 0640);
     const std::pair<texts, std::vector<texts>> acts[] = {
-        {{"set-config", "--log-qcnt", "8"},
+        {{"set-config", "--log-qcnt", "16"},
          {{"<86" + daemon + "accepted " + from, " name=-"},
           {"<85" + daemon + "command " + from, "type=SET_SYS_CONFIG_SET_REQ result=0",
-           "->8 magic="},
+           "=8->16 magic="},
           {"<86" + daemon + "ended " + from, " name=- reason=closed by the peer"}}},
         {{"exec", "echo hi \x01; exit 3", "true #" + std::string(600, 'x')},
          {{"<85" + daemon + "request " + from, "code=0001 data=echo hi \\x01; exit 3\\x1ftrue #x"},
