@@ -1,6 +1,9 @@
 // kessctl check-config, doctor and clean, with the real daemon as the judge of what they say.
+#include <sys/prctl.h>
+
 #include "checks.h"
 #include "config_keys.h"
+#include "ext_peer.h"
 #include "sem.h"
 
 namespace {
@@ -174,6 +177,34 @@ TEST_F(Console, DoctorFindsWhatADeadDaemonLeftAndCleanRemovesIt) {
     EXPECT_LT(daemon.shm_id("TRAN_LOGF_QUE_INFO_SHMKEY"), 0);
     EXPECT_LT(daemon.sem_id("PARSE_LOG_QUE_SEMKEY"), 0);
     EXPECT_EQ(run({"clean"}), "0\n0 of 0 objects removed\n");
+}
+
+TEST_F(Console, TellsTheDaemonFromWhatHasItsName) {
+    start_running(daemon);
+    const void* attached = shmat(daemon.shm_id("TRAN_AGT_SHMKEY"), nullptr, SHM_RDONLY);
+    const pid_t other = fork();
+    if (other == 0) {
+        prctl(PR_SET_NAME, "kessard");
+        pause();
+    }
+    const std::string name =
+        std::to_string(other) + " (kessard) is another program under that name";
+    const std::string pid = "kessard pid " + std::to_string(daemon.pid());
+    const ext_peer peer(daemon, "0001Rsleep 20");
+    EXPECT_TRUE(wait_until([&] { return children(daemon.pid()).size() == 1; }));
+    const std::string child = children(daemon.pid()).front();
+    EXPECT_TRUE(wait_until([&] { return in_order(run({"status"}), {"1\n", pid, "! " + name}); }));
+    daemon.signal(SIGKILL);
+    EXPECT_EQ(daemon.wait_exit(), 128 + SIGKILL);
+    const std::string left = child + " (kessard) does not listen on the command port: a child";
+    EXPECT_TRUE(run({"status"}).starts_with("2\n"));
+    expect_in(run({"status"}), {"no daemon runs", left, name});
+    expect_in(run({"metrics"}), {"\nkessard_up 0\n"});
+    expect_in(run({"clean", "--yes"}),
+              {"nothing removed: no daemon runs, but ", child + " (kessard) does not"});
+    kill(other, SIGKILL);
+    waitpid(other, nullptr, 0);
+    shmdt(attached);
 }
 
 TEST_F(Console, DoctorNamesWhatIsWrongWithARunningAgent) {

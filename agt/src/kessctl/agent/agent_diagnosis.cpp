@@ -95,11 +95,8 @@ void judge_semaphores(const agent_snapshot& now, const semaphore_set& set, probl
 void judge_daemon(const agent_snapshot& now, problem_list& problems) {
     const daemon_state& daemon = now.daemon;
     for (const std::string& stranger : daemon.strangers)
-        problems.push_back({stranger,
-                            "it is not the daemon: end it, unless it still serves a "
-                            "request; a daemon whose configuration was changed since it "
-                            "started is restarted",
-                            false});
+        problems.push_back({stranger, "end it, unless it serves a request; a daemon whose file was "
+                                      "changed since it started is restarted"});
     if (daemon.seen.size() > 1)
         problems.push_back(
             {"several daemons run with this configuration: " + process_texts(daemon.seen),

@@ -60,8 +60,11 @@ std::string obstacle(const std::string& cfg_file, const std::vector<object_state
     const daemon_state daemon = find_daemon(cfg_file);
     if (!daemon.seen.empty())
         return "the daemon runs: " + process_texts(daemon.seen);
-    if (!daemon.strangers.empty())
-        return "no daemon runs, but " + daemon.strangers.front();
+    std::string strangers;
+    for (const std::string& one : daemon.strangers)
+        strangers += (strangers.empty() ? "no daemon runs, but " : "; ") + one;
+    if (!strangers.empty())
+        return strangers;
     for (const object_state& state : states)
         if (const std::string why = obstacle(state); !why.empty())
             return std::string(state.object->keyword) + ": " + why;
