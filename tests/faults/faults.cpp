@@ -4,6 +4,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
 #include <spawn.h>
@@ -124,6 +125,10 @@ WRAP_IF(concerns(NUMBER(read), fd), ssize_t, read, (int fd, void* to, std::size_
         fd, to, cut(NUMBER(read), fd, size))
 WRAP_IF(concerns(NUMBER(write), fd), ssize_t, write, (int fd, const void* from, std::size_t size),
         -1, fd, from, cut(NUMBER(write), fd, size))
+// A name server that is dead.
+WRAP(int, gethostbyname_r, (const char* name, hostent* entry, char* buffer, std::size_t size,
+     hostent** found, int* error), (sleep(30), *found = nullptr, 0),
+     name, entry, buffer, size, found, error)
 // clang-format on
 
 int open(const char* path, int flags, ...) {
@@ -175,6 +180,8 @@ int gettimeofday(timeval* out, void* zone) noexcept {
 }
 int clock_gettime(clockid_t clock, timespec* out) noexcept {
     const int ret = REAL(int, clock_gettime, (clockid_t, timespec*))(clock, out);
+    if (now != nullptr && clock == CLOCK_MONOTONIC)
+        out->tv_sec += now->monotonic_sec.load();
     out->tv_sec = clock == CLOCK_REALTIME ? shown(out->tv_sec) : out->tv_sec;
     return ret;
 }

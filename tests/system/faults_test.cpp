@@ -64,10 +64,17 @@ class FaultCases : public Faults, public testing::WithParamInterface<fault_case>
     bool is_named() const {
         const std::string said = a.log() + a.err();
         const auto has = [&](const std::string& text) { return said.find(text) != said.npos; };
-        return one.named.empty() || std::any_of(one.named.begin(), one.named.end(), has);
+        const std::string number = std::to_string(one.error);
+        const bool with_cause = one.error == ENETUNREACH || one.call.ends_with("alloc") ||
+                                has("errno : " + number) || has("errno:" + number) ||
+                                has("errno=" + number);
+        return one.named.empty() ||
+               (std::any_of(one.named.begin(), one.named.end(), has) && with_cause);
     }
 };
-const auto name_of = [](const auto& one) { return one.param.call + "_" + one.param.exchange; };
+const auto name_of = [](const auto& one) {
+    return one.param.call + "_" + one.param.exchange + "_" + std::to_string(one.param.error);
+};
 
 // The first, the second, ... call of the start fails; what the file forbids is never allowed.
 class StartFaults : public FaultCases {};
@@ -170,6 +177,88 @@ TEST_F(Faults, AFailingAcceptEndsTheDaemon) {
     EXPECT_EQ(a.wait_exit(), 1);
     EXPECT_TRUE(in_order(a, {"<!> accept error on the command port, the daemon ends. errno : 24",
                              "[ kessard ] end.. complete."}));
+}
+
+TEST_F(Faults, ADeadNameServerHoldsNoEndUp) {
+    a.set("TRAN_SERVER", "IP_ADDRESS", "localhost");
+    const auto expect_soon = [&](unsigned lookups) {
+        EXPECT_TRUE(wait_until([&] { return hits("gethostbyname_r") >= lookups; })) << lookups;
+        const long long start_ms = agt::monotonic_ms();
+        expect_end();
+        EXPECT_LT(agt::monotonic_ms() - start_ms, 2000);
+    };
+    for (const char* limit : {"1000", "0"}) { // the notify link, the first retrieval
+        a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", limit);
+        set("gethostbyname_r", ETIMEDOUT);
+        a.start();
+        expect_soon(1);
+        clear();
+    }
+    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "1000");
+    start_running(a);
+    expect_all();
+    set("gethostbyname_r", ETIMEDOUT);
+    a.write_file("svc_update", "");
+    EXPECT_TRUE(renew());
+    server.drop_connections();
+    put_notifications();
+    expect_soon(4); // upload, retrieval, health check, notify link
+}
+
+TEST_F(Faults, AScriptThatDoesNotEndIsEnded) {
+    start_running(a);
+    for (const char* script : {"while :; do echo A 1; done", "echo A 1; exec >&-; sleep 300",
+                               "(while :; do echo A 1; sleep 0.01; done) &"}) {
+        SCOPED_TRACE(script);
+        a.mark_log();
+        a.write_file("services.sh", "#!/bin/sh\n"s + script + "\n", 0755);
+        EXPECT_TRUE(wait_until([&] {
+            a.write_file("svc_update", "");
+            return a.wait_log("\t[#001]", 1, TRY_MS);
+        }));
+        EXPECT_GT(a.running().size(), 1u);
+        table->monotonic_sec += 601;
+        EXPECT_TRUE(a.wait_log("<!> script runs for more than 600 sec, ended : "));
+        EXPECT_TRUE(wait_until([&] { return a.running().size() == 1; }));
+        std::filesystem::remove(a.path("svc_update"));
+    }
+}
+
+// A time zone in the system's format.
+std::string zone(int east_sec) {
+    std::string text = "TZif";
+    text.resize(36);
+    return text + on_wire(1) + on_wire(4) + on_wire(east_sec) + "\0\0ABC\0"s;
+}
+
+TEST_F(Faults, FollowsAChangedTimeZone) {
+    const auto set_zone = [&](int hours) { // a file of another time is another one
+        a.write_file("zone", zone(hours * 3600));
+        std::filesystem::last_write_time(a.path("zone"),
+                                         std::filesystem::file_time_type::clock::now() -
+                                             std::chrono::hours(hours + 20));
+    };
+    const auto is_shown = [&](int hours) {
+        const std::time_t then = std::time(nullptr) + table->clock_sec + hours * 3600;
+        char hour[16];
+        struct tm utc {};
+        std::strftime(hour, sizeof hour, "%m-%d %H:", gmtime_r(&then, &utc));
+        a.mark_log();
+        return command() && a.log().starts_with(hour);
+    };
+    set_zone(-7);
+    a.variables["ZONE"] = a.path("zone");
+    a.write_cfg();
+    const process daemon({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
+                          "mount --bind $ZONE /etc/localtime && exec " KESSARD_PROGRAM},
+                         a.variables);
+    if (!wait_until([&] { return answers(a); }))
+        GTEST_SKIP() << "no file system of its own: " << daemon.err();
+    EXPECT_TRUE(wait_until([&] { return is_shown(-7); }));
+    set_zone(5);
+    EXPECT_TRUE(is_shown(-7) || is_shown(5)); // the minute may be over
+    table->clock_sec = 60;
+    EXPECT_TRUE(wait_until([&] { return is_shown(5); }));
 }
 
 TEST_F(Faults, TheClockStepsAndTheLogIsRemoved) {

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,7 @@
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "settings.h"
+#include "shortage.h"
 #include "tran_logf_que_info.h"
 #include "unique_fd.h"
 
@@ -75,6 +77,7 @@ ssize_t read_stat(pid_t pid, char* text, std::size_t size) {
 char look_up_process(pid_t pid, const char* proc_nm) {
     char stat[512];
     if (read_stat(pid, stat, sizeof stat) < 0) {
+        log_shortage("liveness check", errno);
         agt::log_printf("@@@ process down: %.*s(%d)", static_cast<int>(PROC_NM_SIZE), proc_nm, pid);
         return 0;
     }
