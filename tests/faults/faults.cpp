@@ -28,6 +28,9 @@ namespace {
 
 using namespace faults;
 
+constexpr int LONG_MS = 60000; // longer waits look at the clock
+constexpr int LOOK_MS = 100;   // so often
+
 void* wrapped[std::size(CALLS)];
 table* now = nullptr;
 
@@ -145,7 +148,12 @@ int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) asm("poll");
 int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) {
     if (fails(NUMBER(poll)))
         return -1;
-    return REAL(int, poll, (pollfd*, nfds_t, int))(fds, count, cut_sleep(fds, limit_ms));
+    const auto real = REAL(int, poll, (pollfd*, nfds_t, int));
+    if (limit_ms <= LONG_MS)
+        return real(fds, count, cut_sleep(fds, limit_ms));
+    const int ready = real(fds, count, LOOK_MS); // the clock may have moved
+    errno = ready == 0 ? EINTR : errno;
+    return ready == 0 ? -1 : ready;
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {

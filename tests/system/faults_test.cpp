@@ -207,20 +207,17 @@ TEST_F(Faults, ADeadNameServerHoldsNoEndUp) {
 
 TEST_F(Faults, AScriptThatDoesNotEndIsEnded) {
     start_running(a);
-    for (const char* script : {"while :; do echo A 1; done", "echo A 1; exec >&-; sleep 300",
+    for (const char* script : {"while :; do echo A 1; done", "echo A 1; exec sleep 300",
                                "(while :; do echo A 1; sleep 0.01; done) &"}) {
         SCOPED_TRACE(script);
         a.mark_log();
         a.write_file("services.sh", "#!/bin/sh\n"s + script + "\n", 0755);
-        EXPECT_TRUE(wait_until([&] {
-            a.write_file("svc_update", "");
-            return a.wait_log("\t[#001]", 1, TRY_MS);
-        }));
+        a.write_file("svc_update", "");
+        EXPECT_TRUE(a.wait_log("\t[#001]"));
         EXPECT_GT(a.running().size(), 1u);
         table->monotonic_sec += 601;
         EXPECT_TRUE(a.wait_log("<!> script runs for more than 600 sec, ended : "));
         EXPECT_TRUE(wait_until([&] { return a.running().size() == 1; }));
-        std::filesystem::remove(a.path("svc_update"));
     }
 }
 
@@ -232,11 +229,10 @@ std::string zone(int east_sec) {
 }
 
 TEST_F(Faults, FollowsAChangedTimeZone) {
-    const auto set_zone = [&](int hours) { // a file of another time is another one
-        a.write_file("zone", zone(hours * 3600));
-        std::filesystem::last_write_time(a.path("zone"),
-                                         std::filesystem::file_time_type::clock::now() -
-                                             std::chrono::hours(hours + 20));
+    const auto set_zone = [&](int hours) { // in the mounted file itself
+        std::ofstream(a.path("zone"), std::ios::binary) << zone(hours * 3600);
+        std::filesystem::last_write_time(a.path("zone"), std::filesystem::file_time_type() +
+                                                             std::chrono::hours(hours));
     };
     const auto is_shown = [&](int hours) {
         const std::time_t then = std::time(nullptr) + table->clock_sec + hours * 3600;
@@ -256,7 +252,6 @@ TEST_F(Faults, FollowsAChangedTimeZone) {
         GTEST_SKIP() << "no file system of its own: " << daemon.err();
     EXPECT_TRUE(wait_until([&] { return is_shown(-7); }));
     set_zone(5);
-    EXPECT_TRUE(is_shown(-7) || is_shown(5)); // the minute may be over
     table->clock_sec = 60;
     EXPECT_TRUE(wait_until([&] { return is_shown(5); }));
 }
