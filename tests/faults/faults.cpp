@@ -105,6 +105,7 @@ extern "C" {
 WRAP(int, socket, (int domain, int type, int protocol) noexcept, -1, domain, type, protocol)
 WRAP(int, connect, (int fd, const sockaddr* peer, socklen_t size), -1, fd, peer, size)
 WRAP(int, accept4, (int fd, sockaddr* peer, socklen_t* size, int flags), -1, fd, peer, size, flags)
+WRAP(int, getpeername, (int fd, sockaddr* peer, socklen_t* size) noexcept, -1, fd, peer, size)
 WRAP(int, pipe2, (int* fds, int flags) noexcept, -1, fds, flags)
 WRAP(int, eventfd, (unsigned count, int flags) noexcept, -1, count, flags)
 WRAP(int, shmget, (key_t key, std::size_t size, int flags) noexcept, -1, key, size, flags)

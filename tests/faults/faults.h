@@ -13,7 +13,8 @@ inline constexpr std::string_view CALLS[] = {
     "pselect",    "accept4", "connect",      "socket",         "open",
     "pipe2",      "eventfd", "shmget",       "shmat",          "semget",
     "semtimedop", "fork",    "posix_spawn",  "pthread_create", "malloc",
-    "calloc",     "time",    "gettimeofday", "clock_gettime",  "gethostbyname_r"};
+    "calloc",     "time",    "gettimeofday", "clock_gettime",  "gethostbyname_r",
+    "getpeername"};
 
 constexpr std::size_t number_of(std::string_view call) {
     std::size_t number = 0;

@@ -172,6 +172,9 @@ TEST_F(Faults, AFailingAcceptEndsTheDaemon) {
     EXPECT_TRUE(reload());
     set("accept4", ECONNABORTED, 0); // once
     EXPECT_TRUE(answers(a));
+    set("getpeername", ENOTCONN, 0); // as behind a handshake from port 0
+    EXPECT_FALSE(answers(a));
+    EXPECT_TRUE(answers(a));
     set("accept4", EMFILE);
     client.connect("127.0.0.1", a.port());
     EXPECT_EQ(a.wait_exit(), 1);
