@@ -28,9 +28,6 @@ namespace {
 
 using namespace faults;
 
-constexpr int LONG_MS = 60000; // longer waits look at the clock
-constexpr int LOOK_MS = 100;   // so often
-
 void* wrapped[std::size(CALLS)];
 table* now = nullptr;
 
@@ -149,12 +146,11 @@ int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) asm("poll");
 int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) {
     if (fails(NUMBER(poll)))
         return -1;
-    const auto real = REAL(int, poll, (pollfd*, nfds_t, int));
-    if (limit_ms <= LONG_MS)
-        return real(fds, count, cut_sleep(fds, limit_ms));
-    const int ready = real(fds, count, LOOK_MS); // the clock may have moved
-    errno = ready == 0 ? EINTR : errno;
-    return ready == 0 ? -1 : ready;
+    const bool is_long = limit_ms > 60000; // and is interrupted: the clock may have moved
+    const int ready = REAL(int, poll, (pollfd*, nfds_t, int))(
+        fds, count, is_long ? 100 : cut_sleep(fds, limit_ms));
+    errno = is_long && ready == 0 ? EINTR : errno;
+    return is_long && ready == 0 ? -1 : ready;
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {

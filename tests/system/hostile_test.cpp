@@ -62,12 +62,10 @@ TEST_F(Hostile, WhoDripsOrTakesNothingHoldsUpNobody) {
     dripping.join();
 }
 
-// A network with nothing but a loopback device, for the thread and all that it starts.
+// A network with nothing but a loopback device, for the thread and all that it starts from now on.
 struct private_network {
-    agt::unique_fd before{open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)};
     bool made = unshare(CLONE_NEWNET) == 0 && set_up(true);
 
-    ~private_network() { setns(before.get(), CLONE_NEWNET); }
     static bool set_up(bool up) {
         ifreq device = {.ifr_ifrn = {"lo"}, .ifr_ifru = {}};
         device.ifr_flags = up ? IFF_UP : 0;
@@ -243,8 +241,7 @@ TEST_F(Hostile, InheritedDescriptorsAreNamedWhenTheyLeaveNoRoom) {
         a.start();
         setrlimit(RLIMIT_NOFILE, &before);
         filling.clear();
-        EXPECT_TRUE(wait_until([&] { return answers(a) || a.count_log(line) > 0; }));
-        EXPECT_GT(a.count_log(line), 0u) << line;
+        EXPECT_TRUE(wait_until([&] { return !answers(a) && a.count_log(line) > 0; })) << line;
         a.signal(SIGKILL);
         a.wait_exit();
     }
@@ -260,17 +257,6 @@ TEST_F(Hostile, AFifoInPlaceOfTheLogIsNotWaitedFor) {
     a.start();
     EXPECT_TRUE(wait_until([&] { return answers(a); }));
     EXPECT_EQ(a.stop(), 0);
-}
-
-TEST_F(Hostile, ASignalDuringTheStartStartsNothing) {
-    a.write_file("svc_update", "");
-    set_fault('4', {.silent = true});
-    a.start();
-    EXPECT_TRUE(server.wait_for('4'));
-    EXPECT_EQ(a.stop(), 0);
-    EXPECT_TRUE(std::filesystem::exists(a.path("svc_update")));
-    EXPECT_EQ(server.count('H'), 0u);
-    EXPECT_EQ(a.count_log("statics log print start"), 0u);
 }
 
 // Standard output is a pipe that is full.
