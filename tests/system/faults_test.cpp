@@ -198,10 +198,10 @@ TEST_F(Faults, ADeadNameServerHoldsNoEndUp) {
     expect_all();
     set("gethostbyname_r", ETIMEDOUT);
     a.write_file("svc_update", "");
-    EXPECT_TRUE(renew());
     server.drop_connections();
     put_notifications();
-    expect_soon(4); // upload, retrieval, health check, notify link
+    EXPECT_TRUE(wait_until([&] { return renew() && hits("gethostbyname_r") >= 4; }));
+    expect_soon(4); // upload, health check, notify link and retrieval
 }
 
 TEST_F(Faults, AScriptThatDoesNotEndIsEnded) {
