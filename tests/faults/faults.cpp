@@ -185,8 +185,7 @@ int gettimeofday(timeval* out, void* zone) noexcept {
 }
 int clock_gettime(clockid_t clock, timespec* out) noexcept {
     const int ret = REAL(int, clock_gettime, (clockid_t, timespec*))(clock, out);
-    if (now != nullptr && clock == CLOCK_MONOTONIC)
-        out->tv_sec += now->monotonic_sec.load();
+    out->tv_sec += now != nullptr && clock == CLOCK_MONOTONIC ? now->monotonic_sec.load() : 0;
     out->tv_sec = clock == CLOCK_REALTIME ? shown(out->tv_sec) : out->tv_sec;
     return ret;
 }

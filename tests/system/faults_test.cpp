@@ -212,7 +212,6 @@ TEST_F(Faults, AScriptThatDoesNotEndIsEnded) {
         a.write_file("services.sh", "#!/bin/sh\n"s + script + "\n", 0755);
         a.write_file("svc_update", "");
         EXPECT_TRUE(a.wait_log("\t[#001]"));
-        EXPECT_GT(a.running().size(), 1u);
         table->monotonic_sec += 601;
         EXPECT_TRUE(a.wait_log("<!> script runs for more than 600 sec, ended : "));
         EXPECT_TRUE(wait_until([&] { return a.running().size() == 1; })) << script;
