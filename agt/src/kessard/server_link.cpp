@@ -4,10 +4,12 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "log_printf.h"
 #include "settings.h"
+#include "shortage.h"
 #include "tcp_base.h"
 #include "wait.h"
 
@@ -28,7 +30,10 @@ void log_no_answer(const exchange_texts& texts, int length) {
 } // namespace
 
 int init_tcp_client(const char* ipaddr, int port) {
-    return agt::create_tcp_client_session(ipaddr, port, 0);
+    const int sockfd = agt::create_tcp_client_session(ipaddr, port, 0);
+    if (sockfd < 0)
+        log_shortage("connection to the server", errno);
+    return sockfd;
 }
 
 int connect_server() {
