@@ -54,8 +54,9 @@ bool upload(kessctl::command_client& client, const places& at,
 bool download(kessctl::command_client& client, const places& at,
               const kessctl::transfer_observer& observe) {
     std::set<std::string> taken;
-    return kessctl::download_files(client, {EXT_SVC_FILE_DOWN, at.source, 0, 1}, at.directory,
-                                   TRANSFER_LIMIT_MS, observe ? observe : unobserved, &taken)
+    return kessctl::download_files(client, {EXT_SVC_FILE_DOWN, at.source, 0, 1}, {at.source},
+                                   at.directory, TRANSFER_LIMIT_MS, observe ? observe : unobserved,
+                                   &taken)
         .ok();
 }
 

@@ -79,7 +79,10 @@ void check_lookups(const place& wanted) {
     const fuzz::exact_text value(std::string(agt::CFG_LINE_SIZE - 1, '.'));
     const fuzz::exact_text said(std::string(agt::CFG_WORD_SIZE - 1, '.'));
     const fuzz::exact_text silent(std::string(agt::CFG_WORD_SIZE - 1, '.'));
-    const int line = agt::find_line_in_file_section(path, section, keyword);
+    char text[agt::CFG_LINE_SIZE];
+    std::FILE* open = agt::open_text_file(path);
+    const int line = agt::find_line_in_section(open, section, keyword, text);
+    std::fclose(open);
     require(line_by_hand(wanted, value.get()) == line, "two ways lead to two lines");
     require(line < 0 || first_word(line_at(line)) == wanted.keyword, "the line is another key's");
     const int ret =
@@ -95,12 +98,22 @@ void check_lookups(const place& wanted) {
             "no word");
 }
 
+// What the fence lets pass can be taken.
+void check_fence() {
+    using namespace kessard;
+    constexpr auto found = cfg_answer::found;
+    const bool passed = fence_cfg();
+    std::string value;
+    if (read_cfg(agt::config_key_of("TRAN_AGENT", "ALLOWED_ADDRESSES"), &value) == found)
+        require(take_allowed_addresses(value.c_str()) || !passed, "addresses that are none");
+    if (read_cfg(agt::config_key_of("TRAN_AGENT", "REMOTE_COMMANDS_YN"), &value) == found)
+        require(take_remote_commands(value.c_str()) || !passed, "a switch that is none");
+}
+
 // The keys that are read again, or by modules of their own.
 void check_daemon() {
     using namespace kessard;
-    std::string addresses;
-    static_cast<void>(read_cfg(agt::config_key_of("TRAN_AGENT", "ALLOWED_ADDRESSES"), &addresses));
-    static_cast<void>(take_allowed_addresses(addresses.c_str()));
+    check_fence();
     for (const char* address : {"127.0.0.1", "192.0.2.7", "255.255.255.255"}) {
         sockaddr_in peer{};
         peer.sin_addr.s_addr = inet_addr(address);

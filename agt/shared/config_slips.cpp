@@ -85,7 +85,7 @@ std::string line_fault(const config_file& file, const cfg_line& line, const conf
     if (!has_equals(line.text))
         return "no '=' stands behind the keyword";
     const int entry = file.entry_of(key);
-    if (entry != line.piece)
+    if (line.piece < 0 || entry != line.piece)
         return "is not read" + counts_instead(file, entry);
     return value_fault(key, file.value_of(key));
 }

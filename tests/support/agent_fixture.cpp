@@ -111,7 +111,9 @@ void agent::add_defaults() {
     key_t key = first_key_;
     for (const std::string object : OBJECTS) {
         set("IPC_SHARED_MEMORY", object + "_SHMKEY", key++);
-        set("IPC_SEMAPHORE", object + "_SEMKEY", key++);
+        if (object != "TRAN_LOGF_QUE_INFO")
+            set("IPC_SEMAPHORE", object + "_SEMKEY", key);
+        ++key;
     }
 }
 

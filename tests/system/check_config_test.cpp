@@ -1,6 +1,9 @@
 // kessctl check-config, doctor and clean, with the real daemon as the judge of what they say.
+#include <sys/prctl.h>
+
 #include "checks.h"
 #include "config_keys.h"
+#include "ext_peer.h"
 #include "sem.h"
 
 namespace {
@@ -43,7 +46,7 @@ const bad_value BAD_VALUES[] = {
     {"TRAN_SERVER", "IP_ADDRESS", "10.0.0.256", "'10.0.0.256' is no dotted IPv4 address, allowed"},
     {"TRAN_AGENT", "IP_ADDRESS", "192.0.2.1", "192.0.2.1 is no address of this host, allowed: "},
     {"TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.1 1.0.0.0/33", "'1.0.0.0/33' is no address and n"},
-    {"TRAN_AGENT", "REMOTE_COMMANDS_YN", "n", "'n' is neither Y nor N, allowed: Y or N"},
+    {"TRAN_AGENT", "REMOTE_COMMANDS_YN", "n", "'n' is neither Y nor N; the daemon does"},
     {"TRAN_LOGF", "LOG_INTERFACE", "012", "'012' is too long; the daemon keeps '01', allowed: 2 c"},
     {"TRAN_LOGF", "QUE_CNT", "3", "'3' is none of its values, allowed: 1, 2, 4, 8 or 16"},
     {"SERVICE_HASH", "DAILY_UPDATE_HHMI", "2460", "'2460' is no time of day, allowed: HHMM from"},
@@ -83,7 +86,10 @@ TEST_F(Console, NamesEveryBadValueWithItsLine) {
 
 TEST_F(Console, SaysWhatTheReaderPassesOver) {
     daemon.unset("PTRC_HASH", "TRC_STS_CHECK_PERIOD");
+    daemon.set("TRAN_SERVER", "CMD_PORT", daemon.port());
+    daemon.set("TRAN_SERVER", "IP_ADDRESS", "localhost");
     daemon.write_cfg();
+    put_before("[TRAN_SERVER]", "QUE_CMT = 1\nCMD_PORT = 1\nOTHER = 1\nREST\n[OTHER]\n[KESARD]\n");
     put_before("[COMMON]", "# " + std::string(300, '-') + "\n[XXXXXX] COMMON\n");
     put_before("[SERVICE_HASH]", "  TRC_STS_CHECK_PERIOD= 5\n");
     put_before("[TRAN_SERVER]", "[TRAN_LOGF]\nTR_SECTION = x\n");
@@ -100,10 +106,17 @@ TEST_F(Console, SaysWhatTheReaderPassesOver) {
                at("[XXXXXX]", "error: COMMON/LOG_HOME: missing in this section"),
                at("[COMMON]", "error: [COMMON]: not read: line "),
                at("  TRC_STS", "error: PTRC_HASH/TRC_STS_CHECK_PERIOD: missing: a blank must st"),
-               at("[TRAN_LOGF]", "warning: [TRAN_LOGF]: not read: line ", 2),
+               at("[TRAN_LOGF]", "error: [TRAN_LOGF]: not read: line ", 2),
                at("WORKER_MODE", "warning: " + key + "'now' is not read"),
                at("WORKER_MODE", "warning: " + key + "not read: the value of line ", 2),
-               "errors: " + std::to_string(2 + lost) + ", warnings: 5\n"});
+               at("CMD_PORT", "error: TRAN_SERVER/CMD_PORT: the agent takes its own commands", 3),
+               at("QUE_CMT", "error: TRAN_LOGF/QUE_CMT: not read, nearest is QUE_CNT"),
+               at("CMD_PORT", "error: TRAN_LOGF/CMD_PORT: not read, belongs into [TRAN_AGENT]", 2),
+               at("OTHER", "warning: TRAN_LOGF/OTHER: unknown to the daemon"),
+               at("REST", "error: TRAN_LOGF/REST: has no '='"),
+               at("[OTHER]", "warning: [OTHER]: unknown to the daemon"),
+               at("[KESARD]", "error: [KESARD]: not read, nearest is [KESSARD]"),
+               "errors: " + std::to_string(8 + lost) + ", warnings: 6\n"});
     daemon.write_file("agt.cfg", "");
     expect_in(run({"check-config"}),
               {":1: error: COMMON/LOG_HOME: missing: there is no section [C"});
@@ -164,6 +177,34 @@ TEST_F(Console, DoctorFindsWhatADeadDaemonLeftAndCleanRemovesIt) {
     EXPECT_LT(daemon.shm_id("TRAN_LOGF_QUE_INFO_SHMKEY"), 0);
     EXPECT_LT(daemon.sem_id("PARSE_LOG_QUE_SEMKEY"), 0);
     EXPECT_EQ(run({"clean"}), "0\n0 of 0 objects removed\n");
+}
+
+TEST_F(Console, TellsTheDaemonFromWhatHasItsName) {
+    start_running(daemon);
+    const void* attached = shmat(daemon.shm_id("TRAN_AGT_SHMKEY"), nullptr, SHM_RDONLY);
+    const pid_t other = fork();
+    if (other == 0) {
+        prctl(PR_SET_NAME, "kessard");
+        pause();
+    }
+    const std::string name =
+        std::to_string(other) + " (kessard) is another program under that name";
+    const std::string pid = "kessard pid " + std::to_string(daemon.pid());
+    const ext_peer peer(daemon, "0001Rsleep 20");
+    EXPECT_TRUE(wait_until([&] { return children(daemon.pid()).size() == 1; }));
+    const std::string child = children(daemon.pid()).front();
+    EXPECT_TRUE(wait_until([&] { return in_order(run({"status"}), {"1\n", pid, "! " + name}); }));
+    daemon.signal(SIGKILL);
+    EXPECT_EQ(daemon.wait_exit(), 128 + SIGKILL);
+    const std::string left = child + " (kessard) does not listen on the command port: a child";
+    EXPECT_TRUE(run({"status"}).starts_with("2\n"));
+    expect_in(run({"status"}), {"no daemon runs", left, name});
+    expect_in(run({"metrics"}), {"\nkessard_up 0\n"});
+    expect_in(run({"clean", "--yes"}),
+              {"nothing removed: no daemon runs, but ", child + " (kessard) does not"});
+    kill(other, SIGKILL);
+    waitpid(other, nullptr, 0);
+    shmdt(attached);
 }
 
 TEST_F(Console, DoctorNamesWhatIsWrongWithARunningAgent) {

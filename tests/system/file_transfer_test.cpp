@@ -238,15 +238,20 @@ TEST(ConsoleGet, WritesInItsDirectoryOnly) {
     for (const char* directory : {"/side", "/.side"}) // of the file when it is whole and before
         std::filesystem::create_directories(inside + directory);
     const agt::unique_fd listener(agt::open_tcp_server_session("127.0.0.1", a.port()));
-    for (const std::string name : {"../up", "..", ".", "", "/tmp/x", "side/x", "good"}) {
+    a.write_file("kept", "before");
+    std::filesystem::create_symlink(a.path("kept"), inside + "/good");
+    for (const std::string name :
+         {"../up", "..", ".", "", "/tmp/x", "side/x", ".bashrc", "Xgood", "good"}) {
         std::thread fake([&] { send_one_file(listener.get(), name); });
-        const std::string got = a.run({"get", "--port", std::to_string(a.port()), "x", inside});
+        const std::string got =
+            a.run({"get", "--port", std::to_string(a.port()), "x/g${X}d", inside});
         fake.join();
         EXPECT_EQ(got[0], name == "good" ? '0' : '2') << name << got;
     }
     const std::filesystem::recursive_directory_iterator found(a.path("in"));
     EXPECT_EQ(std::distance(begin(found), end(found)), 4); // side/good
     EXPECT_EQ(content(inside + "/good"), "abc");
+    EXPECT_EQ(content(a.path("kept")), "before");
     EXPECT_EQ(permission(inside + "/good"), 0755U) << "no more than the permission bits";
 }
 

@@ -113,6 +113,23 @@ TEST_F(RemoteCommandOnce, TellsTheLogWhenThePeerIsGoneOrAsksForAnotherThing) {
     EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
 }
 
+TEST(ConsoleExec, ShowsNothingThatDidNotCome) {
+    const agent a;
+    const agt::unique_fd listener(agt::open_tcp_server_session("127.0.0.1", a.port()));
+    std::thread fake([&] {
+        sockaddr_in peer{};
+        EXPECT_EQ(agt::wait_fd(listener.get(), POLLIN, LIMIT_MS), agt::wait_result::ready);
+        const agt::unique_fd sockfd(agt::accept_connection(listener.get(), &peer).sockfd);
+        std::string answer = accepted(result(0, std::string(5000, 'x')));
+        answer.resize(answer.size() - 4000);
+        EXPECT_EQ(write(sockfd.get(), answer.data(), answer.size()), std::ssize(answer));
+        recv(sockfd.get(), answer.data(), TCP_CMD_MSG_SIZE, MSG_WAITALL);
+    });
+    EXPECT_TRUE(a.run({"exec", "--port", std::to_string(a.port()), "cat file"})
+                    .starts_with("2\n$ cat file\n-> the answer broke off, its end is not known\n"));
+    fake.join();
+}
+
 TEST_F(RemoteCommandOnce, ConsoleExec) {
     const std::string silent = "$ true\n-> no output, exit status unknown\n";
     const std::pair<texts, std::string> cases[] = {

@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -29,6 +30,7 @@ struct name_lookup {
     unique_fd done{eventfd(0, EFD_CLOEXEC)};
     bool found = false;
     in_addr address{};
+    int error = 0; // that the resolver met
 };
 using shared_lookup = std::shared_ptr<name_lookup>;
 
@@ -37,11 +39,14 @@ void look_up(name_lookup& name) {
     hostent entry{};
     hostent* found = nullptr;
     int error = 0;
+    errno = 0;
     name.found =
         gethostbyname_r(name.host.c_str(), &entry, buffer, sizeof buffer, &found, &error) == 0 &&
         found != nullptr && found->h_addrtype == AF_INET && found->h_addr_list[0] != nullptr;
     if (name.found)
         std::memcpy(&name.address, found->h_addr_list[0], sizeof name.address);
+    const bool told = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
+    name.error = told ? errno : 0; // what else it leaves behind says nothing
 }
 
 void* look_up_in_thread(void* handed_over) {
@@ -75,6 +80,7 @@ bool resolve_host(const char* host, in_addr* out) {
     else if (wait_fd(name->done.get(), POLLIN, -1) != wait_result::ready)
         return false;
     *out = name->address;
+    errno = name->error;
     return name->found;
 }
 

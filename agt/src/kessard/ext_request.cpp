@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include "ext_file.h"
 #include "ext_reply.h"
 #include "log_printf.h"
+#include "shortage.h"
 #include "subprocess.h"
 #include "tcp_send.h"
 #include "usrutil.h"
@@ -59,6 +61,8 @@ void run_command(const char* command, output& out, int& tot_length) {
     const long long start_ms = agt::monotonic_ms();
     agt::subprocess_result_t* result =
         agt::subprocess_exec_output_timeout_ex(command, COMMAND_LIMIT_SEC);
+    if (result == nullptr)
+        log_shortage("command", errno);
     audit_run(command, result, agt::monotonic_ms() - start_ms);
     if (result == nullptr)
         return;

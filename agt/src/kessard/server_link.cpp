@@ -3,10 +3,12 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "log_printf.h"
 #include "settings.h"
+#include "shortage.h"
 #include "tcp_base.h"
 #include "tcp_recv.h"
 #include "tcp_send.h"
@@ -32,6 +34,8 @@ void log_no_answer(const exchange_texts& texts, int length) {
 
 int init_tcp_client(const char* ipaddr, int port) {
     const int sockfd = agt::create_tcp_client_session(ipaddr, port, 0);
+    if (sockfd < 0)
+        log_shortage("connection to the server", errno);
     if (sockfd < 0 || secure_server_socket(sockfd, ipaddr))
         return sockfd;
     agt::close_tcp_session(sockfd);

@@ -14,6 +14,7 @@
 #include "log_printf.h"
 #include "mutex.h"
 #include "read_cfg.h"
+#include "shortage.h"
 
 namespace kessard {
 namespace {
@@ -43,10 +44,10 @@ bool read_fenced(const agt::config_key& key, std::string* value) {
 
 // Both in the log and on standard error, as there may be nobody to read one of them.
 void say_slip(const agt::config_slip& slip) {
-    const std::string text = std::string(cfg_file()) + ":" + std::to_string(slip.line) + ": " +
-                             agt::key_name(*slip.key) + ": " + slip.what;
-    agt::log_printf("<!> %s", text.c_str());
-    std::fprintf(stderr, "<!> %s\n", text.c_str());
+    const std::string key = agt::key_name(*slip.key);
+    agt::log_printf("<!> %s:%d: %s: %s", cfg_file(), slip.line, key.c_str(), slip.what.c_str());
+    std::fprintf(stderr, "<!> %s:%d: %s: %s\n", cfg_file(), slip.line, key.c_str(),
+                 slip.what.c_str());
 }
 
 } // namespace
@@ -101,8 +102,10 @@ int to_number(const char* value) {
 
 bool read_cfg_number(const agt::config_key& key, int* number) {
     std::string value;
-    if (read_cfg(key, &value) != cfg_answer::found)
+    if (read_cfg(key, &value) != cfg_answer::found) {
+        log_shortage(key.keyword, errno);
         return false;
+    }
     *number = to_number(value.c_str());
     return true;
 }

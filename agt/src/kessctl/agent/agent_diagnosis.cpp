@@ -12,8 +12,6 @@ namespace {
 using problem_list = std::vector<problem>;
 
 constexpr int START_SEC = 10; // the last objects appear five seconds after the daemon starts
-constexpr char LOOK_AND_RESTART[] =
-    "look at the end of its log; end it with SIGTERM and start it again";
 constexpr char RESTART_ALL[] = "restart the daemon, then the processes that use it";
 constexpr char LOOK_AT_PROCESS[] =
     "look at its log; whoever keeps the agent's processes has to start it again";
@@ -98,10 +96,9 @@ void judge_semaphores(const agent_snapshot& now, const semaphore_set& set, probl
 
 void judge_daemon(const agent_snapshot& now, problem_list& problems) {
     const daemon_state& daemon = now.daemon;
-    if (daemon.running && !daemon.listening)
-        problems.push_back({"nobody listens on the command port " + daemon.address + ":" +
-                                std::to_string(daemon.port),
-                            LOOK_AND_RESTART});
+    for (const std::string& stranger : daemon.strangers)
+        problems.push_back({stranger, "end it, unless it serves a request; a daemon whose file was "
+                                      "changed since it started is restarted"});
     if (daemon.seen.size() > 1)
         problems.push_back(
             {"several daemons run with this configuration: " + process_texts(daemon.seen),

@@ -22,7 +22,8 @@ json daemon_json(const agent_snapshot& now) {
             {"uptime_sec", daemon.pid > 0 ? json(now.uptime_sec()) : json()},
             {"address", daemon.address},
             {"port", daemon.port},
-            {"listening", daemon.listening}};
+            {"listening", daemon.listening},
+            {"strangers", daemon.strangers}};
 }
 
 json certificate_json(const agent_snapshot& now) {

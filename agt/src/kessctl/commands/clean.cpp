@@ -57,9 +57,14 @@ std::string obstacle(const object_state& state) {
 }
 
 std::string obstacle(const std::string& cfg_file, const std::vector<object_state>& states) {
-    const std::vector<pid_t> daemons = daemons_of(cfg_file);
-    if (!daemons.empty())
-        return "the daemon runs: " + process_texts(daemons);
+    const daemon_state daemon = find_daemon(cfg_file);
+    if (!daemon.seen.empty())
+        return "the daemon runs: " + process_texts(daemon.seen);
+    std::string strangers;
+    for (const std::string& one : daemon.strangers)
+        strangers += (strangers.empty() ? "no daemon runs, but " : "; ") + one;
+    if (!strangers.empty())
+        return strangers;
     for (const object_state& state : states)
         if (const std::string why = obstacle(state); !why.empty())
             return std::string(state.object->keyword) + ": " + why;

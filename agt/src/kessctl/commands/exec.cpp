@@ -22,6 +22,8 @@ struct exec_options {
 };
 
 std::string describe(const command_result& result) {
+    if (!result.whole)
+        return "the answer broke off, its end is not known";
     switch (end_of(result)) {
     case command_end::timed_out:
         return "time-out, the agent stopped it after " +

@@ -101,8 +101,8 @@ exit_status get(transfer_options& chosen) {
     return transfer(
         chosen.agent, requests,
         [&](command_client& client, const ext_request& request, const transfer_observer& observe) {
-            return download_files(client, request, directory, chosen.agent.limit_ms, observe,
-                                  &taken);
+            return download_files(client, request, chosen.paths, directory, chosen.agent.limit_ms,
+                                  observe, &taken);
         });
 }
 

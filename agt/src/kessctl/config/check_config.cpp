@@ -157,10 +157,11 @@ void check_slips(checker& check) {
 // A comment counts too: its rest is no comment.
 void check_length(checker& check, const agt::cfg_line& line) {
     const bool entry = line.place == agt::cfg_place::own && !line.is_remark();
+    const std::size_t rest = std::min(line.text.size(), agt::CFG_LINE_SIZE - 1);
     if (!line.whole)
         check.add(line.line, entry ? severity::error : severity::warning, "line",
                   "longer than 255 characters, the rest '" +
-                      agt::first_word(line.text.substr(agt::CFG_LINE_SIZE - 1)) +
+                      printable(agt::first_word(line.text.substr(rest))) +
                       " ...' is read as a line of its own");
 }
 

@@ -1,12 +1,13 @@
 // Finding the daemon of a configuration among the processes of the host.
 #include "host/daemon_process.h"
 
-#include <sys/ipc.h>
+#include <sys/shm.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <optional>
 #include <set>
 
 #include "host/cfg_value.h"
@@ -21,6 +22,7 @@ constexpr char DAEMON_NAME[] = "kessard";
 
 struct candidate {
     pid_t pid = 0;
+    std::optional<uid_t> uid;
     bool readable = false; // its memory map
     bool same_cfg = false; // started with the configuration file
     std::vector<attached_segment> attached;
@@ -41,6 +43,7 @@ candidate look_at(pid_t pid, const std::string& cfg_file, const std::set<unsigne
     candidate one;
     std::error_code error;
     one.pid = pid;
+    one.uid = uid_of(pid);
     one.same_cfg = std::filesystem::equivalent(cfg_file_of(pid), cfg_file, error);
     if (const auto segments = segments_of(pid)) {
         one.readable = true;
@@ -68,18 +71,62 @@ std::vector<candidate> list_candidates(const std::string& cfg_file) {
     return found;
 }
 
-// The one that runs with the configuration: the first seen to have a segment attached, else the
-// only one of which that cannot be seen. Null when there is none or more than one.
-const candidate* choose(const std::vector<candidate>& candidates, bool listening) {
-    const auto sure = std::find_if(candidates.begin(), candidates.end(), [](const candidate& one) {
-        return one.readable && one.may_run();
-    });
-    if (sure != candidates.end())
-        return &*sure;
-    const auto hidden = [](const candidate& one) { return !one.readable; };
-    return listening && std::count_if(candidates.begin(), candidates.end(), hidden) == 1
-               ? &*std::find_if(candidates.begin(), candidates.end(), hidden)
-               : nullptr;
+// The user who owns the first of the agent's segments that is there.
+std::optional<uid_t> segment_owner(const std::string& cfg_file) {
+    shmid_ds about{};
+    for (const agt::shared_object* object : agt::SHARED_OBJECTS)
+        if (object->kind == agt::object_kind::segment &&
+            shmctl(find_object(cfg_file, *object).id, IPC_STAT, &about) == 0)
+            return about.shm_perm.uid;
+    return {};
+}
+
+// What tells the daemon from others of its name.
+struct daemon_marks {
+    std::vector<listening_socket> sockets;
+    std::vector<pid_t> holders; // of the sockets; empty when they cannot be seen
+    std::optional<uid_t> owner;
+
+    bool right_user(const candidate& one) const {
+        return !owner || !one.uid || one.uid == owner || one.uid == 0U;
+    }
+    bool holds_port(const candidate& one) const {
+        if (!holders.empty())
+            return std::find(holders.begin(), holders.end(), one.pid) != holders.end();
+        return std::any_of(sockets.begin(), sockets.end(),
+                           [&](const listening_socket& socket) { return one.uid == socket.uid; });
+    }
+    bool fit(const candidate& one) const {
+        return one.may_run() && right_user(one) && holds_port(one);
+    }
+};
+
+// The one that runs with the configuration: the first that is seen to fit, else the only one of
+// which that cannot be seen. Null when there is none or more than one.
+const candidate* choose(const std::vector<candidate>& candidates, const daemon_marks& marks) {
+    const candidate* hidden = nullptr;
+    int hidden_num = 0;
+    for (const candidate& one : candidates) {
+        if (!marks.fit(one))
+            continue;
+        if (one.readable)
+            return &one;
+        hidden = &one;
+        ++hidden_num;
+    }
+    return hidden_num == 1 ? hidden : nullptr;
+}
+
+std::string stranger_text(const candidate& one, const daemon_marks& marks) {
+    const std::string program = printable(program_of(one.pid).string());
+    const std::string file = program.substr(program.rfind('/') + 1);
+    const std::string what =
+        !marks.right_user(one) ? "runs as user " + std::to_string(*one.uid) +
+                                     ", who does not own the agent's shared memory"
+        : !program.empty() && !file.starts_with(DAEMON_NAME)
+            ? "is another program under that name, " + program
+            : "does not listen on the command port: a child that a daemon has left behind";
+    return process_text(one.pid) + " " + what;
 }
 
 } // namespace
@@ -89,13 +136,18 @@ daemon_state find_daemon(const std::string& cfg_file) {
     state.address = printable(cfg_value(cfg_file, agt::config_key_of("TRAN_AGENT", "IP_ADDRESS")));
     state.port =
         std::atoi(cfg_value(cfg_file, agt::config_key_of("TRAN_AGENT", "CMD_PORT")).c_str());
-    state.listening = port_listens(state.address, state.port);
+    daemon_marks marks{sockets_at(state.address, state.port), {}, segment_owner(cfg_file)};
+    marks.holders = holders_of(marks.sockets);
+    state.listening = !marks.sockets.empty();
     const std::vector<candidate> candidates = list_candidates(cfg_file);
-    const candidate* chosen = choose(candidates, state.listening);
+    const candidate* chosen = choose(candidates, marks);
     for (const candidate& one : candidates) {
-        state.running = state.running || (one.may_run() && (one.readable || state.listening));
-        if (one.same_cfg || &one == chosen)
+        const bool fits = marks.fit(one);
+        state.running = state.running || fits;
+        if (&one == chosen || (one.same_cfg && (fits || one.attached.empty())))
             state.seen.push_back(one.pid);
+        else if (!fits && !one.attached.empty())
+            state.strangers.push_back(stranger_text(one, marks));
     }
     if (chosen == nullptr)
         return state;

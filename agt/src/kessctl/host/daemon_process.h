@@ -1,11 +1,13 @@
 // Finding the daemon of a configuration among the processes of the host.
 //
-// The daemon leaves no pid file. It is a process named kessard that has a segment of the
-// configuration's keys attached; its children, which serve requests, have it too and are told by
-// their parent. What another user's process has attached cannot be seen: then a listening command
-// port speaks for the one process of that name. A process that was started with the configuration
-// file without having attached anything is one too, but does not count as running: it may be
-// starting, or work with keys that the file no longer names.
+// The daemon leaves no pid file. It is a process named kessard that holds the listening socket of
+// the configuration's command port and runs as the user who owns the agent's segments, or as root.
+// Whoever may not see what another user's process holds goes by the user of the socket, as
+// /proc/net/tcp has it, and by the one process of that name and user. What has a segment of the
+// configuration's keys attached under the daemon's name and is not the daemon is a stranger: a
+// child that an ended daemon has left behind, or something that took the name. A process that was
+// started with the configuration file and has attached nothing yet may be a daemon that is
+// starting; it does not count as running.
 #pragma once
 
 #include <sys/types.h>
@@ -25,6 +27,7 @@ struct daemon_state {
     bool attachments_known = false;
     std::vector<attached_segment> attached; // those of the configuration's keys
     std::vector<pid_t> seen;                // all that can be seen, `pid` among them
+    std::vector<std::string> strangers;     // each with what it is
     std::string address;                    // of the command port
     int port = 0;
     bool listening = false; // somebody does, on the command port

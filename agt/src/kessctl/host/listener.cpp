@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 
 #include "host/process.h"
@@ -21,11 +22,6 @@ namespace fs = std::filesystem;
 
 constexpr unsigned LISTENING = 0x0A; // state of a socket in /proc/net/tcp
 
-struct listening_socket {
-    unsigned address; // of IPv4, as inet_aton has it
-    std::uintmax_t inode;
-};
-
 // The sockets of a table that listen on the port; the address means nothing in that of IPv6.
 std::vector<listening_socket> listening_on(const char* table, int port) {
     std::vector<listening_socket> found;
@@ -34,11 +30,13 @@ std::vector<listening_socket> listening_on(const char* table, int port) {
         char address[33] = "";
         unsigned local = 0;
         unsigned state = 0;
+        uid_t uid = 0;
         std::uintmax_t inode = 0;
-        if (std::sscanf(line.c_str(), " %*d: %32[0-9A-F]:%x %*s %x %*s %*s %*s %*s %*s %" SCNuMAX,
-                        address, &local, &state, &inode) == 4 &&
+        if (std::sscanf(line.c_str(), " %*d: %32[0-9A-F]:%x %*s %x %*s %*s %*s %u %*s %" SCNuMAX,
+                        address, &local, &state, &uid, &inode) == 5 &&
             state == LISTENING && static_cast<int>(local) == port)
-            found.push_back({static_cast<unsigned>(std::strtoul(address, nullptr, 16)), inode});
+            found.push_back(
+                {static_cast<unsigned>(std::strtoul(address, nullptr, 16)), uid, inode});
     }
     return found;
 }
@@ -58,25 +56,31 @@ bool has_socket(pid_t pid, const std::set<std::uintmax_t>& inodes) {
 
 } // namespace
 
-bool port_listens(const std::string& address, int port) {
+std::vector<listening_socket> sockets_at(const std::string& address, int port) {
     in_addr wanted{};
-    const bool dotted = inet_aton(address.c_str(), &wanted) != 0;
-    const std::vector<listening_socket> sockets = listening_on("/proc/net/tcp", port);
-    return std::any_of(sockets.begin(), sockets.end(), [&](const listening_socket& one) {
-        return !dotted || one.address == INADDR_ANY || one.address == wanted.s_addr;
-    });
+    std::vector<listening_socket> sockets = listening_on("/proc/net/tcp", port);
+    if (inet_aton(address.c_str(), &wanted) != 0)
+        std::erase_if(sockets, [&](const listening_socket& one) {
+            return one.address != INADDR_ANY && one.address != wanted.s_addr;
+        });
+    return sockets;
 }
 
-std::vector<pid_t> listeners_of(int port) {
+std::vector<pid_t> holders_of(const std::vector<listening_socket>& sockets) {
     std::set<std::uintmax_t> inodes;
-    for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"})
-        for (const listening_socket& one : listening_on(table, port))
-            inodes.insert(one.inode);
+    for (const listening_socket& one : sockets)
+        inodes.insert(one.inode);
     if (inodes.empty())
         return {};
     std::vector<pid_t> pids = all_processes();
     std::erase_if(pids, [&](pid_t pid) { return pid == getpid() || !has_socket(pid, inodes); });
     return pids;
+}
+
+std::vector<pid_t> listeners_of(int port) {
+    std::vector<listening_socket> sockets = listening_on("/proc/net/tcp", port);
+    std::ranges::copy(listening_on("/proc/net/tcp6", port), std::back_inserter(sockets));
+    return holders_of(sockets);
 }
 
 } // namespace kessctl

@@ -99,6 +99,20 @@ pid_t parent_of(pid_t pid) {
     return read_stat(pid).parent;
 }
 
+std::optional<uid_t> uid_of(pid_t pid) {
+    uid_t uid = 0;
+    std::ifstream file(proc_path(pid, "status"));
+    for (std::string line; std::getline(file, line);)
+        if (std::sscanf(line.c_str(), "Uid: %*u %u", &uid) == 1)
+            return uid;
+    return {};
+}
+
+fs::path program_of(pid_t pid) {
+    std::error_code unreadable;
+    return fs::read_symlink(proc_path(pid, "exe"), unreadable);
+}
+
 time_t start_time(pid_t pid) {
     return boot_time() + read_stat(pid).start_ticks / sysconf(_SC_CLK_TCK);
 }

@@ -32,6 +32,12 @@ std::string process_texts(const std::vector<pid_t>& pids);
 // Its parent; 0 when there is no such process.
 pid_t parent_of(pid_t pid);
 
+// The user that it runs as; none when there is no such process.
+std::optional<uid_t> uid_of(pid_t pid);
+
+// The file that it executes; empty when that may not be seen.
+std::filesystem::path program_of(pid_t pid);
+
 // When the process started, by the system's clock; the system's own start when there is none.
 time_t start_time(pid_t pid);
 

@@ -41,8 +41,10 @@ bool receive_output(command_client& client, std::size_t length, int limit_ms, st
     while (output->size() < length) {
         const std::size_t at = output->size();
         output->resize(at + std::min(length - at, PIECE_BYTES));
-        if (!client.receive_bytes(output->data() + at, output->size() - at, limit_ms))
+        if (!client.receive_bytes(output->data() + at, output->size() - at, limit_ms)) {
+            output->resize(at);
             return false;
+        }
     }
     return true;
 }
@@ -150,7 +152,8 @@ ext_result run_commands(command_client& client, const ext_request& request, int 
             return {ext_result::failed, "a result is longer than the answer"};
         left -= length;
         results->push_back({static_cast<int>(number_at(head)), {}});
-        if (!receive_output(client, length, limit_ms, &results->back().output))
+        results->back().whole = receive_output(client, length, limit_ms, &results->back().output);
+        if (!results->back().whole)
             return failure(client);
     }
     return {};

@@ -69,6 +69,7 @@ TCP_CMD_MSG ext_frame(const ext_request& request);
 struct command_result {
     int exit_code;
     std::string output;
+    bool whole = true; // what came of the output is all of it
 };
 
 // How a command ended, as far as its result tells. Without output the agent reports the same code

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <regex>
 
 #include "host/new_file.h"
 #include "tls.h"
@@ -89,6 +91,32 @@ ext_result send_file(command_client& client, const local_file& file, int limit_m
 
 std::string announced_name(const ST_FILE_INFO& info) {
     return std::string(info.name, strnlen(info.name, sizeof info.name));
+}
+
+// As the agent finds references to variables: a bracket, a name, a bracket.
+std::string name_pattern(const std::string& name) {
+    static const std::regex reference(R"(\$[{(]?[a-zA-Z0-9_]+[)}]?)");
+    std::string pattern;
+    const auto put = [&pattern](const std::string& plain) {
+        for (const char c : plain)
+            pattern += {'\\', c};
+    };
+    std::string rest = name;
+    for (std::smatch at; std::regex_search(rest, at, reference); rest = at.suffix().str()) {
+        put(at.prefix().str());
+        pattern += '*';
+    }
+    put(rest);
+    return pattern;
+}
+
+// The name of a file that was asked for, as a pattern: a variable stands for what the agent's
+// environment has, which is not known here.
+std::string asked_pattern(const std::string& path) {
+    const std::string name = base_name(path);
+    if (name.find('$') == name.npos && name.size() >= sizeof ST_FILE_INFO::name)
+        return name_pattern(name.substr(0, sizeof ST_FILE_INFO::name - 1)); // announced cut
+    return name_pattern(name);
 }
 
 bool is_plain_name(const std::string& name) {
@@ -175,8 +203,9 @@ ext_result upload_files(command_client& client, const ext_request& request,
 }
 
 ext_result download_files(command_client& client, const ext_request& request,
-                          const std::string& directory, int limit_ms,
-                          const transfer_observer& observe, std::set<std::string>* taken) {
+                          const std::vector<std::string>& paths, const std::string& directory,
+                          int limit_ms, const transfer_observer& observe,
+                          std::set<std::string>* taken) {
     std::vector<ST_FILE_INFO> infos;
     std::vector<new_file> files;
     if (!send_request(client, request, limit_ms))
@@ -184,10 +213,13 @@ ext_result download_files(command_client& client, const ext_request& request,
     const ext_result announced = receive_announcement(client, request.count, limit_ms, &infos);
     if (!announced.ok())
         return announced;
-    for (const ST_FILE_INFO& info : infos) {
+    for (std::size_t i = 0; i < infos.size(); ++i) {
+        const ST_FILE_INFO& info = infos[i];
         const std::string name = announced_name(info);
-        if (!is_plain_name(name))
-            return failed("the agent sends a file named '" + printable(name) + "'");
+        if (!is_plain_name(name) ||
+            fnmatch(asked_pattern(paths[request.first + i]).c_str(), name.c_str(), FNM_PERIOD) != 0)
+            return failed("the agent sends a file named '" + printable(name) +
+                          "', which was not asked for");
         if (!taken->insert(name).second)
             return failed("two of the files are named '" + printable(name) + "'");
         files.emplace_back(directory + "/" + name);

@@ -45,11 +45,13 @@ std::string upload_item(const local_file& file);
                                       const std::vector<local_file>& files, int limit_ms,
                                       const transfer_observer& observe);
 
-// Downloads the files of one planned request into `directory`, nothing outside it whatever their
-// names, and gives them the permission that the agent announces. Their names join `taken`, which
-// none of them may be in already: two files of one name would replace one another. When the
-// transfer fails, none of them is there.
+// Downloads the files of one planned request into `directory`, `paths` being those of the whole
+// plan, and gives them the permission that the agent announces, without set-id bits. Each must have
+// the name that was asked for; a variable in it stands for any text. The names join `taken`, which
+// none of them may be in already: two files of one name would replace one another. A symbolic link
+// of a file's name is replaced. When the transfer fails, none of them is there.
 [[nodiscard]] ext_result download_files(command_client& client, const ext_request& request,
+                                        const std::vector<std::string>& paths,
                                         const std::string& directory, int limit_ms,
                                         const transfer_observer& observe,
                                         std::set<std::string>* taken);
