@@ -22,6 +22,7 @@
 
 #include "agent_fixture.h"
 #include "field.h"
+#include "printable.h"
 #include "tcp_base.h"
 
 namespace test_support {
@@ -60,6 +61,13 @@ inline std::string status_of(pid_t pid, const std::string& name) {
 inline std::string local_text(const char* format, std::time_t when) {
     char text[128];
     return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
+}
+
+// A zone for TZ in which that time, at most an hour away, is midnight.
+inline std::string zone_of_midnight(std::time_t when) {
+    const std::time_t west = when - std::time(nullptr) / 86400 * 86400;
+    return "TST" + std::to_string(west / 3600) + ":" + std::to_string(west / 60 % 60) + ":" +
+           std::to_string(west % 60);
 }
 
 inline std::string host_name() {

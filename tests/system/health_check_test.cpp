@@ -141,6 +141,7 @@ TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
         {"WEB", record("WEB") + none, 1},
         {wide + "\nB\n", wide.substr(0, 105) + record("B\n"), 2},
         {"A\nB\nC\nD\n", record("A\n") + record("B\n"), 3},
+        {"\x1b\n", record("\x1b\n") + none, 1},
         {std::string(5000, 'x'), std::string(210, 'x'), 3}}; // a line that never ends
     for (const auto& [text, records, logged] : cases) {
         a.write_file("api_stat.out", text);
@@ -148,6 +149,7 @@ TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
         EXPECT_EQ(cycle().substr(791, 210), records) << text;
         EXPECT_EQ(a.count_log("(I) api_stat.out #"), logged) << text;
     }
+    EXPECT_EQ(a.count_log("|" + std::string(1024, 'x') + "|\n"), 3u);
     std::filesystem::remove(a.path("api_stat.out"));
     EXPECT_EQ(cycle().substr(791, 210), std::string(210, 'x')); // as before
 }

@@ -47,6 +47,14 @@ TEST_P(RemoteCommand, ExitCodesAndOutputInOrder) {
     const std::string none = "0000000000000000\n";
     EXPECT_EQ(ask_ext(a, "0001R" + look), // three files and the directory
               accepted(result(0, "SigBlk:\t" + none + "SigIgn:\t" + none + "4\n")));
+    const mode_t own = umask(022);
+    umask(own);
+    char mask[16];
+    std::snprintf(mask, sizeof mask, "%04o\n", GetParam() || own == 0 ? 022 : own);
+    EXPECT_EQ(ask_ext(a, "0001Rumask"), accepted(result(0, mask)));
+    for (const auto& log : std::filesystem::directory_iterator(a.path("logs/proc/kessard")))
+        EXPECT_EQ(log.status().permissions() & std::filesystem::perms(022),
+                  std::filesystem::perms());
 }
 
 TEST_P(RemoteCommand, ABackgroundCommandDoesNotHoldThePort) {
@@ -86,8 +94,9 @@ TEST_F(RemoteCommandOnce, TheTimeValueBoundsTheNumberOfCommands) {
         {ext_items({"-3", "echo a"}), "", "timeout=-3"},
         {"echo a", a_line, "timeout=10"}, // no separator, so no value
         {"7>&1 printf n", result(0, "n"), "len=1398, timeout=7"},
+        {ext_items({"4294967298", "echo a", "echo a"}), a_line + a_line, "timeout=2\n"},
         {"99999999999" + separator + ext_items(many),
-         thirty + result(0, "x" + separator + "echo y\n"), "timeout=2147483647"}};
+         thirty + result(0, "x" + separator + "echo y\n"), "timeout=1215752191\n"}};
     for (const auto& [items, results, logged] : cases) {
         a.mark_log();
         EXPECT_EQ(ask_ext(a, "1001R" + items), accepted(results)) << items;
@@ -98,9 +107,9 @@ TEST_F(RemoteCommandOnce, TheTimeValueBoundsTheNumberOfCommands) {
 }
 
 TEST_F(RemoteCommandOnce, TellsTheLogWhenThePeerIsGoneOrAsksForAnotherThing) {
-    EXPECT_EQ(ask_ext(a, "0001Xecho a") + ask_ext(a, "7777Recho a"), "");
-    EXPECT_TRUE(a.wait_log("<!> unsupported  EXT_PDU = |X|\n"));
-    EXPECT_TRUE(a.wait_log("<!> unsupported EXT_REQ = |7777|\n"));
+    EXPECT_EQ(ask_ext(a, "0001\necho a") + ask_ext(a, "7\n77Recho a"), "");
+    EXPECT_TRUE(a.wait_log("<!> unsupported  EXT_PDU = |\\x0a|\n"));
+    EXPECT_TRUE(a.wait_log("<!> unsupported EXT_REQ = |7\\x0a77|\n"));
     ext_peer gone(a, "0001Rsleep 0.3; echo a");
     EXPECT_TRUE(a.wait_log("[[ EXT_REQ - SVC_CMD ]]"));
     reset_at_close(gone.client.fd());
@@ -109,7 +118,10 @@ TEST_F(RemoteCommandOnce, TellsTheLogWhenThePeerIsGoneOrAsksForAnotherThing) {
     EXPECT_EQ(a.count_log("<!> tcp error.. for header: -1\n"), 1U);
     const std::string much = "0001R" + ext_items({"echo a", "head -c 9000000 /dev/zero"});
     EXPECT_EQ(ext_peer(a, much).receive(83).size(), 83U);
-    EXPECT_TRUE(a.wait_log("(i) send datas... ok.. len=(10)\n")); // those of the first
+    EXPECT_TRUE(a.wait_log("(i) send datas... ok.. len=(18)\n")); // and the head of the second
+    EXPECT_EQ(ext_peer(a, "0001Rhead -c 9000000 /dev/zero").receive(80).size(), 80U);
+    EXPECT_TRUE(in_order(a, {"len=(18)\n", "(i) send header... ok.. len=(73)\n",
+                             "(i) send datas... ok.. len=(8)\n"}));
     EXPECT_TRUE(wait_until([&] { return children(a.pid()).empty(); }));
 }
 
@@ -126,6 +138,10 @@ TEST_F(RemoteCommandOnce, ConsoleExec) {
     for (const std::string& refused : {"echo a\x1f" + std::string("b"), std::string(1398, 'x')})
         EXPECT_EQ(a.console({"exec", refused}).status, 2);
     EXPECT_EQ(a.count_log("len=1395, timeout=2"), 2U); // the third is no piece of the second
+    const std::string line = KESSCTL_PROGRAM " exec \"printf 'a\\\\033[2J\\\\tb'\"";
+    const program_result on_terminal =
+        run_program({"/usr/bin/script", "-qec", line, "/dev/null"}, a.variables);
+    EXPECT_TRUE(in_order(on_terminal.out, {"\na\\x1b[2J\tb\r\n-> exit status 0"}));
     const long long start_ms = agt::monotonic_ms();
     EXPECT_TRUE(in_order(a.run({"exec", "echo started; exec sleep 60"}), // its limit is 10 s
                          {"1\n", "started\n-> time-out"}));

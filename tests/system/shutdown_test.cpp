@@ -22,6 +22,8 @@ class Shutdown : public served_agent {
         EXPECT_TRUE(in_order(a, {">> received " + name + " signal to terminate!\n",
                                  "<!> termination start\n", CLEAR, COMPLETE}));
         EXPECT_TRUE(a.running().empty());
+        for (const char* cut : {" error", " fail", THREAD_END}) // what the end cuts is no fault
+            EXPECT_EQ(a.count_log(cut), 0u) << cut;
     }
 };
 
@@ -79,6 +81,8 @@ TEST_F(Shutdown, DuringAStartThatWaitsForTheTable) {
     EXPECT_TRUE(wait_until([&] { return table_semaphore(GETNCNT) == 1; }));
     expect_orderly_end();
     EXPECT_EQ(table_semaphore(GETVAL), 0);
+    EXPECT_EQ(a.count_log("(i) svc_hash_tbl is not initialised and is removed again.[key:0x"), 1u);
+    EXPECT_EQ(a.count_log("svc_hash_tbl create complete."), 0u);
     EXPECT_EQ(a.shm_id("SVC_HASH_TBL_SHMKEY"), -1); // the next start makes a table in order
 }
 
@@ -102,7 +106,18 @@ TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
     const agt::sem_hold hold(a.sem_id("SVC_HASH_TBL_SEMKEY"), 0);
     EXPECT_TRUE(client.send(start_frame('B')));
     EXPECT_TRUE(wait_until([&] { return table_semaphore(GETNCNT) == 1; }));
+    EXPECT_EQ(a.count_log("[[ SET_MODIFIED_SERVICE_REQ ]]"), 1u); // before anything is changed
     expect_orderly_end();
+}
+
+TEST_F(Shutdown, WhileTheWatchdogWaitsForItsQueue) {
+    a.set("KESSARD", "WORKER_MODE", "PROCESS");
+    const int semid = semget(a.sem_key("PARSE_LOG_QUE_SEMKEY"), 16, IPC_CREAT | 0666); // held
+    start();
+    EXPECT_EQ(a.console({"put-trace", "--name", "idler", "--idle", "100"}).status, 0);
+    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
+    expect_orderly_end();
+    EXPECT_EQ(a.count_log("send_event"), 0u);
 }
 
 TEST_F(Shutdown, MarksNoRowButItsOwn) {

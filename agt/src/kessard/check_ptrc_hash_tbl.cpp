@@ -18,6 +18,7 @@
 #include "field.h"
 #include "index_stack.h"
 #include "log_printf.h"
+#include "printable.h"
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "settings.h"
@@ -72,10 +73,15 @@ ssize_t read_stat(pid_t pid, char* text, std::size_t size) {
     return length > 0 ? length : 0;
 }
 
+// A field as the log shows it.
+std::string shown_name(const char* proc_nm) {
+    return agt::printable({proc_nm, agt::text_length(proc_nm, PROC_NM_SIZE - 1)});
+}
+
 char look_up_process(pid_t pid, const char* proc_nm) {
     char stat[512];
     if (read_stat(pid, stat, sizeof stat) < 0) {
-        agt::log_printf("@@@ process down: %.*s(%d)", static_cast<int>(PROC_NM_SIZE), proc_nm, pid);
+        agt::log_printf("@@@ process down: %s(%d)", shown_name(proc_nm).c_str(), pid);
         return 0;
     }
     long found_pid = 0;
@@ -85,7 +91,7 @@ char look_up_process(pid_t pid, const char* proc_nm) {
         return 1;
     if (found_pid == pid && std::strncmp(name, proc_nm, PROC_NM_SIZE) == 0)
         return 1;
-    agt::log_printf("@@@ process down : %.*s(%d)", static_cast<int>(PROC_NM_SIZE), proc_nm, pid);
+    agt::log_printf("@@@ process down : %s(%d)", shown_name(proc_nm).c_str(), pid);
     return 0;
 }
 

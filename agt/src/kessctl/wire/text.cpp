@@ -2,7 +2,6 @@
 #include "wire/text.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 namespace kessctl {
@@ -18,21 +17,6 @@ std::string trimmed(const char* field, std::size_t size) {
     std::string text(field, strnlen(field, size));
     text.erase(text.find_last_not_of(' ') + 1);
     return text;
-}
-
-std::string printable(std::string_view text) {
-    std::string shown;
-    for (const char c : text) {
-        if (c >= ' ' && c <= '~') {
-            shown += c;
-            continue;
-        }
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\x%02x",
-                      static_cast<unsigned>(static_cast<unsigned char>(c)));
-        shown += escaped;
-    }
-    return shown;
 }
 
 bool is_number(std::string_view text) {

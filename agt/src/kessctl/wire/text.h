@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "printable.h"
+
 namespace kessctl {
 
 // Writes `text` left-justified into a field of `size` bytes: padded with blanks, cut to size - 1
@@ -15,8 +17,7 @@ void put_field(char* field, std::size_t size, std::string_view text);
 // blanks behind it.
 std::string trimmed(const char* field, std::size_t size);
 
-// `text` with every byte outside printable ASCII written as \xNN.
-std::string printable(std::string_view text);
+using agt::printable;
 
 // The text of a whole field, trimmed and printable.
 template <std::size_t N> std::string shown(const char (&field)[N]) {
