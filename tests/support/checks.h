@@ -63,12 +63,20 @@ inline std::string local_text(const char* format, std::time_t when) {
     return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
 }
 
-// A zone for TZ in which that time, at most an hour away, is midnight.
-inline std::string zone_of_midnight(std::time_t when) {
-    const std::time_t west = when - std::time(nullptr) / 86400 * 86400;
-    return "TST" + std::to_string(west / 3600) + ":" + std::to_string(west / 60 % 60) + ":" +
-           std::to_string(west % 60);
-}
+// While it lives, that time, which is soon or was just now, is midnight; for what is started, too.
+struct zone_of_midnight {
+    explicit zone_of_midnight(std::time_t when) {
+        const std::time_t west = when - std::time(nullptr) / 86400 * 86400;
+        char zone[64];
+        std::snprintf(zone, sizeof zone, "TST%ld:%ld:%ld", west / 3600, west / 60 % 60, west % 60);
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    ~zone_of_midnight() {
+        unsetenv("TZ");
+        tzset();
+    }
+};
 
 inline std::string host_name() {
     char name[65] = "";

@@ -126,16 +126,6 @@ TEST_F(Commands, ChangeServices) {
         EXPECT_EQ(table_fault(*a.services()), "");
     }
     expect_answer(start_frame('7'), '8', NONE_WRONG + "002"); // what earlier answers left stays
-
-    SERVICE_ELEMENT full; // no field has a terminator
-    std::memset(&full, '5', sizeof full);
-    TCP_CMD_MSG request = kessctl::modified_services_frame(&full, 1);
-    expect_answer(request, 'C', NONE_WRONG + "001");
-    expect_answer(request, 'C', NONE_WRONG + "000"); // a mode that does not change what is there
-    const SVC_HASH_ARR& param = a.services()->h_arr[a.services()->used.idx[3]].param;
-    const std::string id(16, '5');
-    EXPECT_EQ(param.host_name + (param.server_id + id), std::string(64 + 15 + 16, '5'));
-    EXPECT_EQ(param.service_id, id);
 }
 
 // All that a request and its answer leave in the log. Bytes of the sender make no lines.
@@ -145,12 +135,8 @@ TEST_F(Commands, LogTheRequestThenWhatTheyDidThenTheAnswer) {
     std::memset(&config.body, '8', sizeof config.body); // no terminator anywhere
     config.body.set_sys_config_set_req.log_onoff[0] = '\r';
     TCP_CMD_MSG resource = start_frame('D');
-    auto& body = resource.body.set_sys_resource_set_req;
-    fill(body.cpu_alert_sec, "00060x");
-    fill(body.cpu_alert_pcnt, "9999");
-    fill(body.file_sys_alert_pcnt, "90,,");
-    fill(body.file_sys_list, "/,/\n11-23 00:00:00\x7f,/h\xc3\xb6me ", '\0');
-    const std::string shown = "/\\x0a11-23 00:00:00\\x7f";
+    std::memset(&resource.body, '9', sizeof resource.body);
+    fill(resource.body.set_sys_resource_set_req.file_sys_list, "/\n11-23\x7f,/h\xc3\xb6me ", '\0');
     SERVICE_ELEMENT elements[2]; // that of a new service twice
     std::memset(elements, '5', sizeof elements);
     elements[0].service_id[3] = elements[1].service_id[3] = elements[1].update_mode[0] = '\n';
@@ -164,30 +150,33 @@ TEST_F(Commands, LogTheRequestThenWhatTheyDidThenTheAnswer) {
           "(i) -> DBIO_TRC_LIMIT - '" + ten + "'", "(i) -> SQL_TRC_LIMIT  - '" + ten + "'",
           "(i) MSGSND : [[ SET_SYS_CONFIG_SET_RSP ]]", "(i) -> RESULT_CODE - '0'"}},
         {resource,
-         {"(i) MSGRCV : [[ SET_SYS_RESOURCE_SET_REQ ]]", "(i) -> CPU_ALERT_SEC       - '00060'",
-          "(i) -> CPU_ALERT_PCNT      - '999'", "(i) -> FILE_SYS_ALERT_PCNT - '90,'",
-          "(i) -> MAX_FILE_SYS_LIST   - '/," + shown + ",/h\xc3\xb6me '", "## file_sys_num : 3",
-          "#0# file_system : /", "#0# alert_pcnt : 90", "#0# alert_cnt : 0",
-          "#1# file_system : " + shown, "#1# alert_pcnt : 90", "#1# alert_cnt : 0",
-          "#2# file_system : /h\xc3\xb6me", "#2# alert_pcnt : 90", "#2# alert_cnt : 0",
+         {"(i) MSGRCV : [[ SET_SYS_RESOURCE_SET_REQ ]]", "(i) -> CPU_ALERT_SEC       - '99999'",
+          "(i) -> CPU_ALERT_PCNT      - '999'", "(i) -> FILE_SYS_ALERT_PCNT - '999'",
+          "(i) -> MAX_FILE_SYS_LIST   - '/\\x0a11-23\\x7f,/h\xc3\xb6me '", "## file_sys_num : 2",
+          "#0# file_system : /\\x0a11-23\\x7f", "#0# alert_pcnt : 999", "#0# alert_cnt : 0",
+          "#1# file_system : /h\xc3\xb6me", "#1# alert_pcnt : 999", "#1# alert_cnt : 0",
           "(i) MSGSND : [[ SET_SYS_RESOURCE_SET_RSP ]]", "(i) -> RESULT_CODE - '0'"}},
-        {kessctl::modified_services_frame(elements, 2),
-         {"(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]", "(I) SERVICE_ID : " + id,
-          "(I) SERVICE_ID : " + id,
-          "<!> service_id(" + id + ") is already exist, update_mode : '\\x0a'",
-          "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]", "(i) -> RESULT_CODE - '0'"}},
         {start_frame('2'),
          {"(i) MSGRCV : [[ RENEW_SERVICE_LIST_REQ ]]", "(i) MSGSND : [[ RENEW_SERVICE_LIST_RSP ]]",
           "(i) -> RESULT_CODE - '0'", "(i) get service list thread is starting..",
           "(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]", "(i) -> ELEMENT_NUM - '000'",
           "------------------------ SERVICE HASH TABLE ----------------------------",
-          "alloc_cnt : 0, used.top : 0", "", THREAD_END}}};
+          "alloc_cnt : 0, used.top : 0", "", THREAD_END}},
+        {kessctl::modified_services_frame(elements, 2),
+         {"(i) MSGRCV : [[ SET_MODIFIED_SERVICE_REQ ]]", "(I) SERVICE_ID : " + id,
+          "(I) SERVICE_ID : " + id,
+          "<!> service_id(" + id + ") is already exist, update_mode : '\\x0a'",
+          "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]", "(i) -> RESULT_CODE - '0'"}}};
     for (const auto& [request, lines] : cases) {
         a.mark_log();
         EXPECT_TRUE(ask(request)) << client.error();
         EXPECT_TRUE(a.wait_log(lines.back()));
         EXPECT_EQ(messages(a.log()), lines);
     }
+    EXPECT_EQ(a.settings()->sql_trc_limit, 8888888888);
+    const SVC_HASH_ARR& param = a.services()->h_arr[9999].param;
+    EXPECT_EQ(param.host_name + std::string(param.server_id), std::string(64 + 15, '5'));
+    EXPECT_EQ(param.service_id, "555\n" + std::string(12, '5'));
 }
 
 TEST_F(Commands, AreRefusedWhenTheyBreakTheProtocol) {

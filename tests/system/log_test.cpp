@@ -9,28 +9,22 @@ using namespace test_support;
 void expect_day(const std::string& file, const std::string& date) {
     std::istringstream lines(content(file));
     std::string latest = date;
-    std::size_t count = 0;
     for (std::string line; std::getline(lines, line);) {
         if (line.empty()) // behind a message that ends in a newline
             continue;
-        EXPECT_EQ(line.substr(0, 6), date) << line;
-        EXPECT_GE(line.substr(0, 14), latest) << line;
+        EXPECT_TRUE(line.starts_with(date) && line.substr(0, 14) >= latest) << line;
         latest = line.substr(0, 14);
-        ++count;
     }
-    EXPECT_GT(count, 100u) << file;
+    EXPECT_GT(latest, date) << file;
 }
 
 class LogOverMidnight : public exchanges {};
 
 TEST_F(LogOverMidnight, KeepsTheDaysApart) {
     const std::time_t midnight = std::time(nullptr) + 15;
-    a.variables["TZ"] = zone_of_midnight(midnight);
-    setenv("TZ", a.variables["TZ"].c_str(), 1);
-    tzset();
-    const std::string day_file = "logs/proc/kessard/kessard-%Y-%m-%d-log";
-    const std::string yesterday = a.path(local_text(day_file.c_str(), midnight - 1));
-    const std::string today = a.path(local_text(day_file.c_str(), midnight));
+    const zone_of_midnight zone(midnight);
+    const std::string file = a.path("logs/proc/kessard/kessard-%Y-%m-%d-log");
+    const std::string yesterday = local_text(file.c_str(), midnight - 1);
     start_running(a);
     std::vector<std::thread> load;
     for (const auto& one : ALL)
@@ -44,9 +38,7 @@ TEST_F(LogOverMidnight, KeepsTheDaysApart) {
         one.join();
     EXPECT_FALSE(std::filesystem::exists(yesterday));
     expect_day(a.path("renamed"), local_text("%m-%d ", midnight - 1));
-    expect_day(today, local_text("%m-%d ", midnight));
-    unsetenv("TZ");
-    tzset();
+    expect_day(local_text(file.c_str(), midnight), local_text("%m-%d ", midnight));
 }
 
 } // namespace
