@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <ctime>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -79,17 +80,25 @@ const std::vector<pid_t>& pids_of_sleepers(std::size_t count) {
     return all->pids();
 }
 
-// A table of entries of these processes, those of one process side by side, as dead as an unswept
-// one may be.
+// How the entries of a process lie in the used stack.
+enum class order { side_by_side, in_turn, shuffled };
+
+// A table of entries of these processes, as dead as an unswept one may be.
 class full_table {
   public:
-    full_table(int entries, int processes) {
+    full_table(int entries, int processes, order by = order::side_by_side) {
         char name[16] = "";
         prctl(PR_GET_NAME, name);
         const std::vector<pid_t>& pids = pids_of_sleepers(static_cast<std::size_t>(processes));
         complete_ = pids.size() >= static_cast<std::size_t>(processes);
-        for (int i = 0; complete_ && i < entries; ++i)
-            table_.add(name, pids[static_cast<std::size_t>(i / (entries / processes))]).isalive = 0;
+        std::vector<int> owners;
+        for (int i = 0; i < entries; ++i)
+            owners.push_back(by == order::in_turn ? i % processes : i / (entries / processes));
+        if (by == order::shuffled)
+            std::shuffle(owners.begin(), owners.end(), std::mt19937(1));
+        for (const int owner : owners)
+            if (complete_)
+                table_.add(name, pids[static_cast<std::size_t>(owner)]).isalive = 0;
     }
     bool all_alive() const {
         const unsigned int* first = table_->used.idx;
@@ -114,7 +123,7 @@ void read_stat_file(pid_t pid) {
     close(fd);
 }
 
-// One read for each process and one write for each entry.
+// One read for each entry of another process than the one before, and one write for each entry.
 void bare_sweep(PTRC_HASH_TBL& table) {
     pid_t last = 0;
     for (unsigned int i = 0; i < table.used.top; ++i) {
@@ -134,9 +143,9 @@ int bare_pass(const PTRC_HASH_TBL& table) {
     return idle;
 }
 
-void sweep(benchmark::State& state, bool bare, int entries, int processes) {
+void sweep(benchmark::State& state, bool bare, int entries, int processes, order by) {
     kessard::trc_sts_check_period = CHECK_EVERYTHING_SEC;
-    const full_table table(entries, processes);
+    const full_table table(entries, processes, by);
     for ([[maybe_unused]] const auto& round : state)
         bare ? bare_sweep(*table) : kessard::check_ptrc_hash_tbl();
     if (!table.all_alive())
@@ -165,9 +174,13 @@ void add_trace_table_benchmarks() {
     for (const int entries : SIZES) {
         for (const bool bare : {false, true}) {
             benchmark::RegisterBenchmark(name("sweep/threads-", entries, bare).c_str(), sweep, bare,
-                                         entries, entries / THREADS);
+                                         entries, entries / THREADS, order::side_by_side);
+            benchmark::RegisterBenchmark(name("sweep/turns-", entries, bare).c_str(), sweep, bare,
+                                         entries, entries / THREADS, order::in_turn);
+            benchmark::RegisterBenchmark(name("sweep/shuffled-", entries, bare).c_str(), sweep,
+                                         bare, entries, entries / THREADS, order::shuffled);
             benchmark::RegisterBenchmark(name("sweep/processes-", entries, bare).c_str(), sweep,
-                                         bare, entries, entries);
+                                         bare, entries, entries, order::side_by_side);
             benchmark::RegisterBenchmark(name("watchdog/pass-", entries, bare).c_str(), pass, bare,
                                          entries);
         }

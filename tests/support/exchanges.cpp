@@ -6,6 +6,32 @@
 
 namespace test_support {
 
+namespace {
+
+template <class... Fields> std::array<void*, sizeof...(Fields)> places_of(Fields&... fields) {
+    return {&fields...};
+}
+
+void spoil(SVC_HASH_TBL& svc, PTRC_HASH_TBL& ptrc, JCACHE_HASH_TBL& cache, NOTI_SEND_QUE_INFO& noti,
+           TRAN_AGT_SHM& segment, unsigned seed) {
+    std::mt19937 random(seed);
+    const int values[] = {0, -1, 9999, 10000, INT_MAX, INT_MIN, static_cast<int>(random() % 10000)};
+    SVC_HASH_ARR_LIST& slot = svc.h_arr[9999 - random() % 300];
+    PTRC_HASH_ARR& entry = ptrc.h_arr[random() % 100].param;
+    const auto places =
+        places_of(svc.h_idx[slot.hash_idx & 0xffff], slot.next_idx, slot.pre_idx, slot.hash_idx,
+                  svc.used.top, svc.available.top, svc.alloc_cnt, svc.used.idx[random() % 300],
+                  svc.available.idx[9999 - random() % 300], ptrc.used.idx[random() % 300],
+                  ptrc.alloc_cnt, cache.used.top, segment.proc_num, noti.front, noti.rear);
+    const int& value = values[random() % std::size(values)];
+    std::memcpy(places[random() % places.size()], &value, sizeof value);
+    std::memset(entry.proc_nm, values[random() % std::size(values)], sizeof entry.proc_nm);
+    std::memset(entry.pid, '0' + values[6] % 12, sizeof entry.pid);
+    ptrc.used.top = 300;
+}
+
+} // namespace
+
 exchanges::exchanges() {
     server.set_services(services(1));
     a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1000);
@@ -114,6 +140,17 @@ bool exchanges::sweep() {
     kill(pid, SIGKILL);
     traced.wait_exit();
     return found && repeat([&] { return isalive(pid) == 0; });
+}
+
+void exchanges::spoil_until(const std::atomic<bool>& over) {
+    NOTI_SEND_QUE_INFO& noti = a.noti_que()->info;
+    SVC_HASH_TBL& svc = *a.services();
+    PTRC_HASH_TBL& ptrc = *a.traces();
+    JCACHE_HASH_TBL& cache = *a.cache();
+    TRAN_AGT_SHM& segment = *a.segment();
+    for (unsigned seed = std::random_device()(); !over; ++seed)
+        spoil(svc, ptrc, cache, noti, segment, seed);
+    noti = {};
 }
 
 } // namespace test_support

@@ -32,6 +32,9 @@ class exchanges : public served_agent {
 
     bool renew() const;       // asks for one list
     void put_notifications(); // two, which leave together
+    // Writes anything into counts, stacks, chains, names and indexes, but leaves the watchdog its
+    // trace table: out of range, that ends it. The notification queue is in order again at the end.
+    void spoil_until(const std::atomic<bool>& over);
     void empty_log() const;
 
   private:

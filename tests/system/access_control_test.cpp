@@ -35,16 +35,20 @@ TEST(AccessControl, AdmitsListedAddressesAndRefusesRemoteCommands) {
 }
 
 TEST(AccessControl, DoesNotStartWithWhatItCannotUnderstand) {
-    const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"ALLOWED_ADDRESSES", "", "<!> TRAN_AGENT ALLOWED_ADDRESSES : names no address"},
-        {"ALLOWED_ADDRESSES", "127.0.0.1,server",
+    const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
+        {"TRAN_AGENT", "ALLOWED_ADDRESSES", "",
+         "<!> TRAN_AGENT ALLOWED_ADDRESSES : names no address"},
+        {"TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.1,server",
          "ALLOWED_ADDRESSES : not an address or block of addresses (server)"},
-        {"ALLOWED_ADDRESSES", "127.0.0.1/33", "ALLOWED_ADDRESSES : not an address"},
-        {"ALLOWED_ADDRESSES", "127.0.0.1/", "ALLOWED_ADDRESSES : not an address"},
-        {"REMOTE_COMMANDS_YN", "no", "<!> TRAN_AGENT REMOTE_COMMANDS_YN : neither Y nor N (no)"}};
-    for (const auto& [keyword, value, line] : cases) {
+        {"TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.1/33", "ALLOWED_ADDRESSES : not an address"},
+        {"TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.1/", "ALLOWED_ADDRESSES : not an address"},
+        {"TRAN_AGENT", "REMOTE_COMMANDS_YN", "no",
+         "<!> TRAN_AGENT REMOTE_COMMANDS_YN : neither Y nor N (no)"},
+        {"SERVICE_HASH", "DAILY_UPDATE_YN", "y",
+         "<!> SERVICE_HASH DAILY_UPDATE_YN : neither Y nor N (y)"}};
+    for (const auto& [section, keyword, value, line] : cases) {
         agent a;
-        a.set("TRAN_AGENT", keyword, value);
+        a.set(section, keyword, value);
         a.start();
         EXPECT_EQ(a.wait_exit(), 1);
         EXPECT_EQ(a.count_log(line), 1u) << line;

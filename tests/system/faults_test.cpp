@@ -331,39 +331,11 @@ TEST_F(Neighbours, OneThatHoldsATableForLongCostsNothing) {
     EXPECT_EQ(a.stop(), 0);
 }
 
-template <class... Fields> std::array<void*, sizeof...(Fields)> places_of(Fields&... fields) {
-    return {&fields...};
-}
-
-// Writes anything anywhere, but leaves the watchdog its trace table: out of range, that ends it.
-void spoil(SVC_HASH_TBL& svc, PTRC_HASH_TBL& ptrc, JCACHE_HASH_TBL& cache, NOTI_SEND_QUE_INFO& noti,
-           TRAN_AGT_SHM& segment, unsigned seed) {
-    std::mt19937 random(seed);
-    const int values[] = {0, -1, 9999, 10000, INT_MAX, INT_MIN, static_cast<int>(random() % 10000)};
-    SVC_HASH_ARR_LIST& slot = svc.h_arr[9999 - random() % 300];
-    PTRC_HASH_ARR& entry = ptrc.h_arr[random() % 100].param;
-    const auto places =
-        places_of(svc.h_idx[slot.hash_idx & 0xffff], slot.next_idx, slot.pre_idx, slot.hash_idx,
-                  svc.used.top, svc.available.top, svc.alloc_cnt, svc.used.idx[random() % 300],
-                  svc.available.idx[9999 - random() % 300], ptrc.used.idx[random() % 300],
-                  ptrc.alloc_cnt, cache.used.top, segment.proc_num, noti.front, noti.rear);
-    const int& value = values[random() % std::size(values)];
-    std::memcpy(places[random() % places.size()], &value, sizeof value);
-    std::memset(entry.proc_nm, values[random() % std::size(values)], sizeof entry.proc_nm);
-    std::memset(entry.pid, '0' + values[6] % 12, sizeof entry.pid);
-    ptrc.used.top = 300;
-}
-
 TEST_F(Neighbours, OneThatSpoilsTheTablesIsSurvived) {
     start_running(a);
     EXPECT_TRUE(reload());
-    NOTI_SEND_QUE_INFO& noti = a.noti_que()->info;
     std::atomic<bool> over{false};
-    std::thread vandal([&, &svc = *a.services(), &ptrc = *a.traces(), &cache = *a.cache(),
-                        &segment = *a.segment()] {
-        for (unsigned seed = 0; !over; ++seed)
-            spoil(svc, ptrc, cache, noti, segment, seed);
-    });
+    std::thread vandal([&] { spoil_until(over); });
     const long long from_ms = agt::monotonic_ms();
     for (int i = 0; agt::monotonic_ms() - from_ms < 4000; ++i) {
         SERVICE_ELEMENT sent[8];
@@ -376,7 +348,6 @@ TEST_F(Neighbours, OneThatSpoilsTheTablesIsSurvived) {
     }
     over = true;
     vandal.join();
-    noti = {};
     expect_all();
     EXPECT_EQ(a.stop(8000), 0);
 }

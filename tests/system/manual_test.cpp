@@ -1,4 +1,5 @@
-// The manual pages and the shell completion against the programs and the table of keys.
+// The manual pages, the shell completion and the list of log lines against the programs, the table
+// of keys and the sources.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -99,6 +100,10 @@ TEST(Manual, KnowsEveryKey) {
         EXPECT_EQ(found(shell(std::string("awk '") + reader + "' " + ROOT + file), "([^\n]+)\n"),
                   in_table)
             << file;
+}
+
+TEST(Manual, KnowsEveryLogLine) {
+    EXPECT_EQ(shell(ROOT + "scripts/check-log-lines"), "");
 }
 
 } // namespace

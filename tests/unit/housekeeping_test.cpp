@@ -2,6 +2,7 @@
 #include <sys/eventfd.h>
 
 #include "check_ptrc_hash_tbl.h"
+#include "chk_pids.h"
 #include "client.h"
 #include "full_listener.h"
 #include "process_globals.h"
@@ -113,7 +114,7 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
         check_ptrc_hash_tbl();
         EXPECT_EQ(a.count_log("@@@ process down: worker(4194305)"), sweeps);
     }
-    for (int i = 0; i < 600; ++i) { // the cache may miss a record that it holds
+    for (int i = 0; i < 600; ++i) { // some are looked up again
         const bool own = i % 3 == 0;
         const std::string name = own ? OWN_NAME : "worker" + std::to_string(i % 7);
         table.add(name, own ? getpid() : DEAD_PID + i % 5);
@@ -122,6 +123,67 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
     for (unsigned i = 0; i < table->used.top; ++i) {
         const int wanted = i >= 1000 && (i - 1000) % 3 == 0 ? 1 : 0;
         EXPECT_EQ(table->h_arr[table->used.idx[i]].param.isalive, wanted) << i;
+    }
+}
+
+// What the C library's sort and search make of the same look-ups.
+class library_cache {
+  public:
+    char isalive_of(const CHK_PID& wanted, char (*look_up)(const CHK_PID&)) {
+        if (!records_.empty() && compare(&wanted, &records_.back()) == 0)
+            return records_.back().isalive;
+        std::qsort(records_.data(), records_.size(), sizeof(record), compare);
+        const void* found =
+            std::bsearch(&wanted, records_.data(), records_.size(), sizeof(record), compare);
+        if (found != nullptr)
+            return static_cast<const record*>(found)->isalive;
+        records_.push_back({wanted, look_up(wanted)});
+        return records_.back().isalive;
+    }
+    // Whether it is the sort that this is about.
+    static bool reverses() {
+        library_cache cache;
+        for (int i = 0; i < 99; ++i)
+            cache.records_.push_back({{i, ""}, 0});
+        std::qsort(cache.records_.data(), 99, sizeof(record), compare);
+        return cache.records_[0].process.pid == 98 && cache.records_[98].process.pid == 0;
+    }
+
+  private:
+    struct record {
+        CHK_PID process;
+        char isalive;
+    };
+    static int compare(const void* a, const void* b) { return comp_chk_pid(a, b); }
+    std::vector<record> records_;
+};
+
+int look_ups = 0;
+char next_isalive = 0;
+char look_up(const CHK_PID&) {
+    ++look_ups;
+    return next_isalive;
+}
+
+TEST(ChkPids, MissesWhatTheLibrarysSortAndSearchMiss) {
+    if (!library_cache::reverses())
+        GTEST_SKIP() << "the C library sorts otherwise";
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(testing::Message() << "seed " << seed);
+    std::mt19937 engine(seed);
+    const auto random = [&](unsigned below) { return static_cast<unsigned>(engine() % below); };
+    for (int round = 0; round < 300 && !HasFailure(); ++round) {
+        const unsigned processes = 1 + random(std::array{6u, 100u, 2000u}[random(3)]);
+        library_cache expected;
+        clear_chk_pids();
+        for (unsigned left = 1 + random(round % 20 == 0 ? 2000 : 200); left > 0; --left) {
+            const unsigned which = random(processes);
+            const CHK_PID wanted = {static_cast<pid_t>(which / 2), {"ab"[which % 2]}};
+            next_isalive = random(2) == 0 ? 0 : 1;
+            look_ups = 0;
+            ASSERT_EQ(isalive_of(wanted, look_up), expected.isalive_of(wanted, look_up));
+            ASSERT_NE(look_ups, 1); // both or none
+        }
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include "log_printf.h"
 #include "read_cfg.h"
+#include "settings.h"
 #include "tcp_base.h"
 
 namespace kessard {
@@ -47,11 +48,7 @@ bool take_allowed_addresses(const char* value) {
 }
 
 bool take_remote_commands(const char* value) {
-    remote_commands_yn = std::strcmp(value, "Y") == 0;
-    if (remote_commands_yn || std::strcmp(value, "N") == 0)
-        return true;
-    agt::log_printf("<!> TRAN_AGENT REMOTE_COMMANDS_YN : neither Y nor N (%s)", value);
-    return false;
+    return take_yes_no("TRAN_AGENT REMOTE_COMMANDS_YN", value, &remote_commands_yn);
 }
 
 bool admit_cmd_client(const sockaddr_in& peer) {

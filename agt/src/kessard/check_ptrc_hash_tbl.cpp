@@ -1,20 +1,17 @@
 // The liveness sweep.
 //
-// A cache of (pid, name) pairs saves repeated looks into /proc: entries of one process mostly stand
-// side by side, so the last record is tried first. Behind that the cache is sorted and searched
-// with an equality test, which is no order: a record that is there may be missed, which costs one
-// more look and nothing else. It has to stay so; the C library's qsort and bsearch take such a
-// function without harm.
+// Each entry that is due has its process looked up in /proc, once for all its threads: what was
+// found of a process is remembered for the length of a sweep, as far as chk_pids finds it again.
 #include "check_ptrc_hash_tbl.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
+#include "chk_pids.h"
 #include "field.h"
 #include "index_stack.h"
 #include "log_printf.h"
@@ -28,38 +25,10 @@
 namespace kessard {
 namespace {
 
-constexpr std::size_t PROC_NM_SIZE = sizeof(PTRC_HASH_ARR::proc_nm);
+constexpr int PROC_NM_SIZE = sizeof(CHK_PID::proc_nm);
 constexpr int FINISHED_IDLE_SEC = 5; // an entry in state 'f' is checked after this
 constexpr int CHECK_PERIOD_SEC = 9;  // any other entry after more than this
 constexpr char KEPT_ALIVE = 2;       // isalive from here up is the tracer's
-
-struct CHK_PID {
-    pid_t pid;
-    const char* proc_nm; // in the trace table, perhaps without a terminator
-    char isalive;
-};
-
-CHK_PID chk_pids[PTRC_HASH_SLOTS];
-std::size_t j = 0; // records in chk_pids
-
-int comp_chk_pid(const void* a, const void* b) {
-    const auto* first = static_cast<const CHK_PID*>(a);
-    const auto* second = static_cast<const CHK_PID*>(b);
-    return first->pid == second->pid &&
-                   std::strncmp(first->proc_nm, second->proc_nm, PROC_NM_SIZE) == 0
-               ? 0
-               : 1;
-}
-
-const CHK_PID* find_cached(const CHK_PID& wanted) {
-    if (j == 0)
-        return nullptr;
-    if (comp_chk_pid(&wanted, &chk_pids[j - 1]) == 0)
-        return &chk_pids[j - 1];
-    std::qsort(chk_pids, j, sizeof chk_pids[0], comp_chk_pid);
-    return static_cast<const CHK_PID*>(
-        std::bsearch(&wanted, chk_pids, j, sizeof chk_pids[0], comp_chk_pid));
-}
 
 // Reads /proc/<pid>/stat; its length, or -1 when it cannot be opened.
 ssize_t read_stat(pid_t pid, char* text, std::size_t size) {
@@ -73,15 +42,12 @@ ssize_t read_stat(pid_t pid, char* text, std::size_t size) {
     return length > 0 ? length : 0;
 }
 
-// A field as the log shows it.
-std::string shown_name(const char* proc_nm) {
-    return agt::printable({proc_nm, agt::text_length(proc_nm, PROC_NM_SIZE - 1)});
-}
-
-char look_up_process(pid_t pid, const char* proc_nm) {
+// 1 alive, 0 dead.
+char look_up_process(const CHK_PID& process) {
     char stat[512];
-    if (read_stat(pid, stat, sizeof stat) < 0) {
-        agt::log_printf("@@@ process down: %s(%d)", shown_name(proc_nm).c_str(), pid);
+    if (read_stat(process.pid, stat, sizeof stat) < 0) {
+        agt::log_printf("@@@ process down: %s(%d)", agt::printable(process.proc_nm).c_str(),
+                        process.pid);
         return 0;
     }
     long found_pid = 0;
@@ -89,31 +55,27 @@ char look_up_process(pid_t pid, const char* proc_nm) {
     char state = 0;
     if (std::sscanf(stat, "%ld (%127[^)]) %c", &found_pid, name, &state) < 3)
         return 1;
-    if (found_pid == pid && std::strncmp(name, proc_nm, PROC_NM_SIZE) == 0)
+    if (found_pid == process.pid && std::strncmp(name, process.proc_nm, PROC_NM_SIZE) == 0)
         return 1;
-    agt::log_printf("@@@ process down : %s(%d)", shown_name(proc_nm).c_str(), pid);
+    agt::log_printf("@@@ process down : %s(%d)", agt::printable(process.proc_nm).c_str(),
+                    process.pid);
     return 0;
 }
 
-// 1 alive, 0 dead. `k` counts the checks of this sweep; the first one empties the cache.
-char is_alive_pid(int k, pid_t pid, const char* proc_nm) {
-    const CHK_PID wanted = {pid, proc_nm, 0};
+// 1 alive, 0 dead. `k` counts the checks of this sweep; the first one forgets the last sweep's.
+char is_alive_pid(int k, pid_t pid, const char (&proc_nm)[PROC_NM_SIZE]) {
+    CHK_PID wanted = {pid, ""};
+    std::memcpy(wanted.proc_nm, proc_nm, sizeof wanted.proc_nm);
     if (k == 0)
-        j = 0;
-    const CHK_PID* cached = find_cached(wanted);
-    if (cached != nullptr)
-        return cached->isalive;
-    CHK_PID& record = chk_pids[j++];
-    record = wanted;
-    record.isalive = look_up_process(pid, proc_nm);
-    return record.isalive;
+        clear_chk_pids();
+    return isalive_of(wanted, look_up_process);
 }
 
 // Whether it is the entry's turn; counts its seconds otherwise.
-bool is_due(PTRC_HASH_ARR& entry, std::time_t now) {
+bool is_due(PTRC_HASH_ARR& entry) {
     const char trc_sts = agt::shared_load(entry.trc_sts);
-    if (trc_sts == 'h' ||
-        (trc_sts == 'f' && agt::shared_load(entry.lasted_access) < now - FINISHED_IDLE_SEC))
+    if (trc_sts == 'h' || (trc_sts == 'f' && agt::shared_load(entry.lasted_access) <
+                                                 std::time(nullptr) - FINISHED_IDLE_SEC))
         return true;
     const long elapsed =
         static_cast<signed char>(agt::shared_load(entry.chk_elps_sec)) + long{trc_sts_check_period};
@@ -141,11 +103,10 @@ void check_ptrc_hash_tbl() {
         set_magic_code(0);
         return;
     }
-    const std::time_t now = std::time(nullptr);
     int k = 0;
     for (unsigned int i = 0; i < used && running != 0; ++i) {
         const unsigned int slot = agt::shared_load(ptrc_hash_tbl->used.idx[i]);
-        if (slot < PTRC_HASH_SLOTS && is_due(ptrc_hash_tbl->h_arr[slot].param, now))
+        if (slot < PTRC_HASH_SLOTS && is_due(ptrc_hash_tbl->h_arr[slot].param))
             check_entry(ptrc_hash_tbl->h_arr[slot].param, k++);
     }
 }

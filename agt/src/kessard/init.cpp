@@ -115,8 +115,7 @@ bool take_trc_sts_check_period(const char* word) {
 }
 
 bool take_daily_update_yn(const char* word) {
-    daily_update_yn = std::strcmp(word, "Y") == 0;
-    return true;
+    return take_yes_no("SERVICE_HASH DAILY_UPDATE_YN", word, &daily_update_yn);
 }
 
 // The log line names this file and shows the update trigger's path, as it always has.

@@ -3,8 +3,10 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "field.h"
+#include "log_printf.h"
 #include "mutex.h"
 #include "read_cfg.h"
 
@@ -69,6 +71,14 @@ bool read_cfg_number(const agt::config_key& key, int* number) {
         return false;
     *number = to_number(value.c_str());
     return true;
+}
+
+bool take_yes_no(const char* name, const char* value, bool* yes) {
+    *yes = std::strcmp(value, "Y") == 0;
+    if (*yes || std::strcmp(value, "N") == 0)
+        return true;
+    agt::log_printf("<!> %s : neither Y nor N (%s)", name, value);
+    return false;
 }
 
 } // namespace kessard

@@ -78,6 +78,10 @@ int to_number(const char* value);
 // The same of a key in the file. False, with `number` as it was, when it is not found.
 [[nodiscard]] bool read_cfg_number(const agt::config_key& key, int* number);
 
+// Takes a switch. A value that is neither Y nor N is said in the log under the name and is not
+// taken for either: false then.
+[[nodiscard]] bool take_yes_no(const char* name, const char* value, bool* yes);
+
 // What taking a key does.
 struct cfg_step {
     const agt::config_key& key;
