@@ -22,8 +22,8 @@
 
 #include "agent_fixture.h"
 #include "field.h"
-#include "printable.h"
 #include "tcp_base.h"
+#include "wire/text.h"
 
 namespace test_support {
 

@@ -39,7 +39,7 @@ class FileTransfer : public testing::Test {
     void expect_refusal(const std::string& request, const std::string& text) {
         const bool accepted = text.starts_with("can't open");
         EXPECT_EQ(ask(request), (accepted ? ACCEPTED : "") + ext_answer('E', text));
-        EXPECT_TRUE(a.wait_log("<!> " + agt::printable(text) + "\n"));
+        EXPECT_TRUE(a.wait_log("<!> " + kessctl::printable(text) + "\n"));
     }
 };
 

@@ -7,15 +7,13 @@ using namespace test_support;
 
 // The lines of the file have this date, and times that never go back.
 void expect_day(const std::string& file, const std::string& date) {
+    texts times;
     std::istringstream lines(content(file));
-    std::string latest = date;
-    for (std::string line; std::getline(lines, line);) {
-        if (line.empty()) // behind a message that ends in a newline
-            continue;
-        EXPECT_TRUE(line.starts_with(date) && line.substr(0, 14) >= latest) << line;
-        latest = line.substr(0, 14);
-    }
-    EXPECT_GT(latest, date) << file;
+    for (std::string line; std::getline(lines, line);)
+        times.push_back(line.empty() ? times.back() : line.substr(0, 14)); // as a text's own line
+    ASSERT_FALSE(times.empty()) << file;
+    EXPECT_TRUE(times.front().starts_with(date) && times.back().starts_with(date)) << file;
+    EXPECT_TRUE(std::is_sorted(times.begin(), times.end())) << file;
 }
 
 class LogOverMidnight : public exchanges {};

@@ -163,9 +163,7 @@ TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
     start();
     trigger();
     EXPECT_TRUE(a.wait_log("\t[#014]"));
-    const long long start_ms = agt::monotonic_ms();
-    EXPECT_EQ(a.stop(), 0);
-    EXPECT_LT(agt::monotonic_ms() - start_ms, 6000);
+    expect_end();
     EXPECT_TRUE(
         in_order(a, {"[ kessard ] end.. resource clear.", "(I) completed join st_log.",
                      "(I) completed join health_check.", "(I) completed join shcmd_service_list.",
@@ -187,15 +185,6 @@ TEST_F(ServiceUpload, RunsAtTheDailyTimeToo) {
     start_running(a);
     EXPECT_TRUE(server.wait_for(UPDATE) && a.wait_log(THREAD_END, 2));
     EXPECT_TRUE(in_order(a, {"(I) time over!! start update service hhmi(0000)", STARTED, ENDED}));
-}
-
-TEST_F(ServiceUpload, OnlyAnnouncesWithoutTheKey) {
-    a.unset("SERVICE_HASH", "DAILY_UPDATE_YN");
-    start();
-    a.write_file("svc_update", "");
-    EXPECT_TRUE(a.wait_log("(I) start forced update service"));
-    EXPECT_EQ(a.stop(), 0);
-    EXPECT_EQ(a.count_log(STARTED), 0u);
 }
 
 } // namespace

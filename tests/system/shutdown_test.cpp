@@ -55,9 +55,7 @@ TEST_F(Shutdown, TakesSigintAndASecondSignal) {
     start();
     a.signal(SIGTERM);
     EXPECT_TRUE(a.wait_log(CLEAR));
-    a.signal(SIGINT);
-    EXPECT_EQ(a.wait_exit(END_LIMIT_MS), 0);
-    EXPECT_EQ(messages(a.log()).back(), COMPLETE);
+    expect_end(SIGINT);
 }
 
 TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {
@@ -108,16 +106,6 @@ TEST_F(Shutdown, WithAStalledFrameAndAHeldTable) {
     EXPECT_TRUE(wait_until([&] { return table_semaphore(GETNCNT) == 1; }));
     EXPECT_EQ(a.count_log("[[ SET_MODIFIED_SERVICE_REQ ]]"), 1u); // before anything is changed
     expect_orderly_end();
-}
-
-TEST_F(Shutdown, WhileTheWatchdogWaitsForItsQueue) {
-    a.set("KESSARD", "WORKER_MODE", "PROCESS");
-    const int semid = semget(a.sem_key("PARSE_LOG_QUE_SEMKEY"), 16, IPC_CREAT | 0666); // held
-    start();
-    EXPECT_EQ(a.console({"put-trace", "--name", "idler", "--idle", "100"}).status, 0);
-    EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
-    expect_orderly_end();
-    EXPECT_EQ(a.count_log("send_event"), 0u);
 }
 
 TEST_F(Shutdown, MarksNoRowButItsOwn) {

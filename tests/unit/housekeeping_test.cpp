@@ -95,7 +95,7 @@ TEST_F(Housekeeping, MarksLiveRenamedAndDeadProcesses) {
     for (const auto& [name, pid, before, after, line] : cases) {
         table.add(name, pid).isalive = before;
         if (!line.empty())
-            wanted.push_back(line + agt::printable(name) + "(" + std::to_string(pid) + ")");
+            wanted.push_back(line + kessctl::printable(name) + "(" + std::to_string(pid) + ")");
     }
     PTRC_HASH_ARR& endless = table.add("", 1); // no field has a terminator
     std::memset(endless.proc_nm, 'x', sizeof endless.proc_nm + sizeof endless.cont_nm);

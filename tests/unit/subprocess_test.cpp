@@ -102,8 +102,6 @@ TEST(Subprocess, KeepsTheFrontOfAnOutputBeyondTheMaximum) {
     EXPECT_EQ(much->exit_code, 0);
     EXPECT_EQ(much->stdout_.length, SUBPROCESS_OUTPUT_MAX - 1);
     EXPECT_EQ(much->is_cut, 1);
-    const result whole(subprocess_exec_output("head -c 67108863 /dev/zero"));
-    EXPECT_EQ(whole->is_cut, 0);
     EXPECT_STREQ(much->stderr_.buf_p, "end\n");
 }
 

@@ -88,6 +88,7 @@ TEST_F(SvcHash, ReadsFieldsOfAnyContent) {
     std::memset(&full, '7', sizeof full); // no terminator anywhere
     ASSERT_EQ(set(full), 9999);
     SVC_HASH_ARR& param = table.h_arr[9999].param;
+    EXPECT_EQ(param.host_name + std::string(param.server_id), std::string(64 + 15, '7'));
     EXPECT_EQ(param.call_trc_depth, 77777);
     EXPECT_EQ(param.tflag, 7);
     param.is_sync = 5;         // not the daemon's

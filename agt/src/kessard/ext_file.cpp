@@ -165,7 +165,7 @@ bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
 
 bool receive_file(int sockfd, const upload_file& file, char* buffer, std::string& error) {
     const char* path = file.path.c_str();
-    const std::string shown = agt::printable(file.path);
+    const agt::printable shown(file.path);
     agt::log_printf("(i) start (%d/%d) - file=|%s|, size=|%lld|", file.number, file.count,
                     shown.c_str(), file.size);
     agt::unique_fd fd = open_regular(path, O_WRONLY | O_CREAT);
@@ -253,7 +253,7 @@ bool send_content(int sockfd, int fd, const download_file& file, char* buffer,
 // False when the file cannot be opened, which ends the transfer. A failed send ends the connection
 // too: a peer that wakes up later must not take the next file's bytes for the rest of this one.
 bool send_file(int sockfd, const download_file& file, int number, int count, char* buffer) {
-    const std::string shown = agt::printable(file.path);
+    const agt::printable shown(file.path);
     agt::log_printf("(i) (%d/%d) start send file=|%s|", number, count, shown.c_str());
     const agt::unique_fd fd = open_regular(file.path, O_RDONLY);
     if (!fd.valid()) {

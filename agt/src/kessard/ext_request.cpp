@@ -151,7 +151,7 @@ struct request {
     void (*serve)(int sockfd, char* data, int length);
 };
 
-std::string shown_start(const char* text, std::size_t most) {
+agt::printable shown_start(const char* text, std::size_t most) {
     return agt::printable({text, agt::text_length(text, most)});
 }
 

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "printable.h"
+
 namespace kessctl {
 
 void put_field(char* field, std::size_t size, std::string_view text) {
@@ -17,6 +19,13 @@ std::string trimmed(const char* field, std::size_t size) {
     std::string text(field, strnlen(field, size));
     text.erase(text.find_last_not_of(' ') + 1);
     return text;
+}
+
+std::string printable(std::string_view text, std::string_view kept) {
+    std::string shown;
+    shown.reserve(text.size());
+    agt::show_bytes(text, kept, [&shown](char c) { shown += c; });
+    return shown;
 }
 
 bool is_number(std::string_view text) {
