@@ -4,6 +4,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
 #include <spawn.h>
@@ -101,6 +102,7 @@ extern "C" {
 WRAP(int, socket, (int domain, int type, int protocol) noexcept, -1, domain, type, protocol)
 WRAP(int, connect, (int fd, const sockaddr* peer, socklen_t size), -1, fd, peer, size)
 WRAP(int, accept4, (int fd, sockaddr* peer, socklen_t* size, int flags), -1, fd, peer, size, flags)
+WRAP(int, getpeername, (int fd, sockaddr* peer, socklen_t* size) noexcept, -1, fd, peer, size)
 WRAP(int, pipe2, (int* fds, int flags) noexcept, -1, fds, flags)
 WRAP(int, eventfd, (unsigned count, int flags) noexcept, -1, count, flags)
 WRAP(int, shmget, (key_t key, std::size_t size, int flags) noexcept, -1, key, size, flags)
@@ -124,6 +126,10 @@ WRAP_IF(concerns(NUMBER(read), fd), ssize_t, read, (int fd, void* to, std::size_
         fd, to, cut(NUMBER(read), fd, size))
 WRAP_IF(concerns(NUMBER(write), fd), ssize_t, write, (int fd, const void* from, std::size_t size),
         -1, fd, from, cut(NUMBER(write), fd, size))
+// A name server that is dead.
+WRAP(int, gethostbyname_r, (const char* name, hostent* entry, char* buffer, std::size_t size,
+     hostent** found, int* error), (sleep(30), *found = nullptr, 0),
+     name, entry, buffer, size, found, error)
 // clang-format on
 
 int open(const char* path, int flags, ...) {
@@ -140,7 +146,11 @@ int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) asm("poll");
 int poll_or_sleep(pollfd* fds, nfds_t count, int limit_ms) {
     if (fails(NUMBER(poll)))
         return -1;
-    return REAL(int, poll, (pollfd*, nfds_t, int))(fds, count, cut_sleep(fds, limit_ms));
+    const bool is_long = limit_ms > 60000; // and is interrupted: the clock may have moved
+    const int ready = REAL(int, poll, (pollfd*, nfds_t, int))(
+        fds, count, is_long ? 100 : cut_sleep(fds, limit_ms));
+    errno = is_long && ready == 0 ? EINTR : errno;
+    return is_long && ready == 0 ? -1 : ready;
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
@@ -175,6 +185,7 @@ int gettimeofday(timeval* out, void* zone) noexcept {
 }
 int clock_gettime(clockid_t clock, timespec* out) noexcept {
     const int ret = REAL(int, clock_gettime, (clockid_t, timespec*))(clock, out);
+    out->tv_sec += now != nullptr && clock == CLOCK_MONOTONIC ? now->monotonic_sec.load() : 0;
     out->tv_sec = clock == CLOCK_REALTIME ? shown(out->tv_sec) : out->tv_sec;
     return ret;
 }

@@ -9,10 +9,12 @@
 namespace faults {
 
 inline constexpr std::string_view CALLS[] = {
-    "recv",           "sendmsg", "read",   "write",      "poll",         "pselect",
-    "accept4",        "connect", "socket", "open",       "pipe2",        "eventfd",
-    "shmget",         "shmat",   "semget", "semtimedop", "fork",         "posix_spawn",
-    "pthread_create", "malloc",  "calloc", "time",       "gettimeofday", "clock_gettime"};
+    "recv",       "sendmsg", "read",         "write",          "poll",
+    "pselect",    "accept4", "connect",      "socket",         "open",
+    "pipe2",      "eventfd", "shmget",       "shmat",          "semget",
+    "semtimedop", "fork",    "posix_spawn",  "pthread_create", "malloc",
+    "calloc",     "time",    "gettimeofday", "clock_gettime",  "gethostbyname_r",
+    "getpeername"};
 
 constexpr std::size_t number_of(std::string_view call) {
     std::size_t number = 0;
@@ -35,6 +37,7 @@ struct table {
     fault of[std::size(CALLS)];
     std::atomic<std::size_t> smallest_bytes; // smaller blocks are always to be had
     std::atomic<long> clock_sec;             // added to the time of day
+    std::atomic<long> monotonic_sec;         // and to the clock that never steps; only grows
     std::atomic<int> longest_sleep_ms;       // sleeps are cut to it, time-outs are not; 0: neither
 };
 

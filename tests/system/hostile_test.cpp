@@ -1,7 +1,11 @@
 // Peers, neighbours and hosts that would end the daemon, hold it up or lock somebody out of it.
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 
 #include <future>
+#include <regex>
 
 #include "sem.h"
 #include "served_agent.h"
@@ -58,6 +62,46 @@ TEST_F(Hostile, WhoDripsOrTakesNothingHoldsUpNobody) {
     dripping.join();
 }
 
+// A network with nothing but a loopback device, for the thread and all that it starts from now on.
+struct private_network {
+    bool made = unshare(CLONE_NEWNET) == 0 && set_up(true);
+
+    static bool set_up(bool up) {
+        ifreq device = {.ifr_ifrn = {"lo"}, .ifr_ifru = {}};
+        device.ifr_flags = up ? IFF_UP : 0;
+        const agt::unique_fd any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        return ioctl(any.get(), SIOCSIFFLAGS, &device) == 0;
+    }
+};
+
+class Vanished : public private_network, public Hostile {
+  protected:
+    // Those of the daemon that stand.
+    auto connections() const {
+        char rows[64];
+        std::snprintf(rows, sizeof rows, ":%04X \\S+ 01 | \\S+:%04X 01 ", a.port(),
+                      a.server_port());
+        const std::string table = content("/proc/" + std::to_string(a.pid()) + "/net/tcp");
+        const std::regex standing(rows);
+        return std::distance(std::sregex_iterator(table.begin(), table.end(), standing), {});
+    }
+};
+
+TEST_F(Vanished, PeersLeaveTheirPlacesWithinAMinute) {
+    if (!made)
+        GTEST_SKIP() << "cannot make a network of its own";
+    a.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", 1000);
+    ASSERT_NO_FATAL_FAILURE(start());
+    std::vector<command_client> others(4); // and the first takes the fifth place
+    for (command_client& one : others)
+        ASSERT_TRUE(one.connect("127.0.0.1", a.port()));
+    EXPECT_TRUE(wait_until([&] { return connections() == 5 + 2; })); // the server has two
+    ASSERT_TRUE(set_up(false));
+    EXPECT_TRUE(wait_until([&] { return connections() == 0; }, 60000)) << connections();
+    ASSERT_TRUE(set_up(true));
+    EXPECT_TRUE(answers(a));
+}
+
 TEST_F(Hostile, APartOfAFrameIsDroppedAfterAPause) {
     ASSERT_NO_FATAL_FAILURE(start());
     const TCP_CMD_MSG frame = start_frame('D');
@@ -85,6 +129,7 @@ TEST_F(Hostile, ATakenTableIsWaitedForBesideTheOthers) {
     EXPECT_TRUE(in_order(a, {"<!> svc_hash_tbl semaphore is taken, waiting for it. (pid " +
                                  std::to_string(getpid()) + ")",
                              "<!> svc_hash_tbl is taken for too long, nothing is changed."}));
+    EXPECT_EQ(a.count_log("semaphore is taken"), 1u);
     agt::sem_unlock(table_sem(), 0, SEM_UNDO);
     EXPECT_TRUE(ask(one_service()));
     EXPECT_EQ(handled(), "001");
@@ -177,6 +222,31 @@ TEST_F(Hostile, ALimitOnFilesCostsOnlyLines) {
     EXPECT_TRUE(answers(a));
 }
 
+// The program finds no free descriptor below `first_free`, and none from `limit` on.
+TEST_F(Hostile, InheritedDescriptorsAreNamedWhenTheyLeaveNoRoom) {
+    const std::tuple<int, rlim_t, const char*> cases[] = {
+        {3 + 1014, 1024, "<!> health_check : short of resources, errno : 24 (Too many open files)"},
+        {3 + 1014, 4096, "<!> command connection refused. (descriptor "},
+        {1022, 4096, "<!> command port refused. (descriptor 1024 of 1024)"}};
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    for (const auto& [first_free, limit, line] : cases) {
+        std::vector<agt::unique_fd> filling;
+        for (int fd = 3; fd < first_free; ++fd)
+            if (fcntl(fd, F_SETFD, 0) != 0 && dup2(0, fd) == fd)
+                filling.emplace_back(fd);
+        const rlimit wanted = {limit, before.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &wanted), 0);
+        a.mark_log();
+        a.start();
+        setrlimit(RLIMIT_NOFILE, &before);
+        filling.clear();
+        EXPECT_TRUE(wait_until([&] { return !answers(a) && a.count_log(line) > 0; })) << line;
+        a.signal(SIGKILL);
+        a.wait_exit();
+    }
+}
+
 TEST_F(Hostile, AFifoInPlaceOfTheLogIsNotWaitedFor) {
     char today[64];
     const time_t now = std::time(nullptr);
@@ -187,17 +257,6 @@ TEST_F(Hostile, AFifoInPlaceOfTheLogIsNotWaitedFor) {
     a.start();
     EXPECT_TRUE(wait_until([&] { return answers(a); }));
     EXPECT_EQ(a.stop(), 0);
-}
-
-TEST_F(Hostile, ASignalDuringTheStartStartsNothing) {
-    a.write_file("svc_update", "");
-    set_fault('4', {.silent = true});
-    a.start();
-    EXPECT_TRUE(server.wait_for('4'));
-    EXPECT_EQ(a.stop(), 0);
-    EXPECT_TRUE(std::filesystem::exists(a.path("svc_update")));
-    EXPECT_EQ(server.count('H'), 0u);
-    EXPECT_EQ(a.count_log("statics log print start"), 0u);
 }
 
 // Standard output is a pipe that is full.

@@ -7,10 +7,11 @@
 
 namespace {
 
+using namespace std::string_literals;
 using namespace test_support;
 
 constexpr char NOTIFY = MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ;
-constexpr char LINK_UP[] = "(I) notify socket reconnect success";
+constexpr char LINK_UP[] = "<!> network error : send_flag on ["; // from here on it is up
 constexpr char BATCH_SENT[] = "sent 2 elements, noti_send_flag : 1";
 constexpr kessctl::answer_fault CLOSED = {.close_after_bytes = 0};
 
@@ -114,12 +115,13 @@ TEST_F(Notify, CountsABatchAsSentWhenTheAnswerFails) {
     set_fault(NOTIFY, {});
     put(3, 4); // the next batch starts empty
     expect_message(2, notify_frame(3, 2));
-    EXPECT_TRUE(in_order(
-        a, {"<!> noti_sockfd, recv_tcp_data error. rlen : 0\n", "<!> network error\n",
-            "<!> network error : send_flag off [1]\n", "<!> network error : socket close\n",
-            "sent 2 elements, noti_send_flag : 0",
-            "(i) successfully, notify(cmd) port connect [ip 127.0.0.1, port ", LINK_UP,
-            "<!> network error : send_flag on [1]", "sent 2 elements, noti_send_flag : 1"}));
+    EXPECT_TRUE(
+        in_order(a, {"<!> noti_sockfd, recv_tcp_data error. rlen : 0\n", "<!> network error\n",
+                     "<!> network error : send_flag off [1]\n",
+                     "<!> network error : socket close\n", "sent 2 elements, noti_send_flag : 0",
+                     "(i) successfully, notify(cmd) port connect [ip 127.0.0.1, port ",
+                     "(I) notify socket reconnect success", LINK_UP + "1]"s,
+                     "sent 2 elements, noti_send_flag : 1"}));
     set_fault(NOTIFY, CLOSED);
     put(5, 5);
     EXPECT_TRUE(a.wait_log(LINK_UP, 2));
@@ -157,7 +159,7 @@ TEST_F(NotifyLink, DropsRecordsWhileTheServerIsDown) {
     EXPECT_TRUE(wait_empty());
     EXPECT_GE(agt::monotonic_ms() - start_ms, 900); // one in 200 ms
     ASSERT_EQ(server.start("127.0.0.1", server.port()), "");
-    EXPECT_TRUE(a.wait_log("<!> network error : send_flag on [2]"));
+    EXPECT_TRUE(a.wait_log(LINK_UP + "2]"s));
     put(7, 8);
     expect_message(1, notify_frame(7, 2));
     a.mark_log();

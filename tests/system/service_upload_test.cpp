@@ -179,6 +179,17 @@ TEST_F(ServiceUpload, EndsWhileTheScriptHangs) {
     EXPECT_EQ(a.stop(), 0);
 }
 
+TEST_F(ServiceUpload, KeepsATriggerThatComesMeanwhile) {
+    write_script("while [ ! -e " + a.path("gate") + " ]; do sleep 0.05; done; echo gate 1");
+    start();
+    trigger();
+    a.write_file("svc_update", "");
+    pass_time(2500); // two looks at least
+    EXPECT_TRUE(std::filesystem::exists(a.path("svc_update")));
+    a.write_file("gate", "");
+    EXPECT_TRUE(server.wait_for(UPDATE, 2));
+}
+
 TEST_F(ServiceUpload, RunsAtTheDailyTimeToo) {
     a.set("SERVICE_HASH", "DAILY_UPDATE_HHMI", "0000");
     write_script("echo daily 1");

@@ -60,9 +60,12 @@ TEST_F(Shutdown, TakesSigintAndASecondSignal) {
 
 TEST_F(Shutdown, DuringAStartThatWaitsForTheServer) {
     mute('4');
+    a.write_file("svc_update", "");
     a.start();
     EXPECT_TRUE(server.wait_for('4'));
     expect_orderly_end();
+    EXPECT_TRUE(std::filesystem::exists(a.path("svc_update"))); // no thread took a step
+    EXPECT_EQ(server.count('H') + a.count_log("statics log print start"), 0u);
 
     const full_listener full; // accepts nobody
     a.set("TRAN_SERVER", "CMD_PORT", full.port());

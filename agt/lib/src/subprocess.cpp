@@ -223,6 +223,8 @@ pid_t spawn_shell(const char* command, int out, int err, bool own_group) {
     const int error = posix_spawn(&pid, SHELL, &actions, &attributes, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
+    if (error != 0)
+        errno = error;
     return error == 0 ? pid : -1;
 }
 

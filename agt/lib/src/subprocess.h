@@ -88,7 +88,7 @@ struct shell_reader {
 };
 
 // Starts "/bin/sh -c `command`", safely in a process with several threads. False when a pipe or the
-// process could not be made, with `reader` untouched.
+// process could not be made, with `reader` untouched and errno set.
 [[nodiscard]] bool shell_reader_start(const char* command, shell_reader* reader);
 
 } // namespace agt

@@ -238,6 +238,7 @@ struct name_lookup {
     unique_fd done{eventfd(0, EFD_CLOEXEC)};
     bool found = false;
     in_addr address{};
+    int error = 0; // that the resolver met
 };
 using shared_lookup = std::shared_ptr<name_lookup>;
 
@@ -246,11 +247,14 @@ void look_up(name_lookup& name) {
     hostent entry{};
     hostent* found = nullptr;
     int error = 0;
+    errno = 0;
     name.found =
         gethostbyname_r(name.host.c_str(), &entry, buffer, sizeof buffer, &found, &error) == 0 &&
         found != nullptr && found->h_addrtype == AF_INET && found->h_addr_list[0] != nullptr;
     if (name.found)
         std::memcpy(&name.address, found->h_addr_list[0], sizeof name.address);
+    const bool told = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
+    name.error = told ? errno : 0; // what else it leaves behind says nothing
 }
 
 void* look_up_in_thread(void* handed_over) {
@@ -282,6 +286,7 @@ bool resolve(const char* host, in_addr* out) {
     else if (wait_fd(name->done.get(), POLLIN, NO_LIMIT) != wait_result::ready)
         return false;
     *out = name->address;
+    errno = name->error;
     return name->found;
 }
 

@@ -91,7 +91,7 @@ int recv_tcp_data(int sockfd, void* buffer, int length);
 
 // Connects to `port` of `host` (a name or a dotted address) with TCP_NODELAY set. With
 // `nonblocking` the descriptor is non-blocking, and a connection that does not complete at once
-// fails. The descriptor, or -1.
+// fails. The descriptor, or -1 and errno, 0 for a name that is not known.
 [[nodiscard]] int create_tcp_client_session(const char* host, int port, int nonblocking);
 
 // Shuts a connection down and closes it; nothing for -1.

@@ -26,7 +26,7 @@ void set_idle(int sec, int usec) {
 }
 
 void say(const char* fmt, ...) {
-    char text[256];
+    char text[4096]; // a pipe takes so much whole or not at all
     va_list args;
     va_start(args, fmt);
     const int length = std::vsnprintf(text, sizeof text, fmt, args);

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -19,6 +20,7 @@
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "settings.h"
+#include "shortage.h"
 #include "tran_logf_que_info.h"
 #include "unique_fd.h"
 
@@ -46,6 +48,7 @@ ssize_t read_stat(pid_t pid, char* text, std::size_t size) {
 char look_up_process(const CHK_PID& process) {
     char stat[512];
     if (read_stat(process.pid, stat, sizeof stat) < 0) {
+        log_shortage("liveness check", errno);
         agt::log_printf("@@@ process down: %s(%d)", agt::printable(process.proc_nm).c_str(),
                         process.pid);
         return 0;

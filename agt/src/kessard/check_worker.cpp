@@ -293,7 +293,7 @@ void* check_worker(void*) {
     if (!agt::sleep_ms(START_DELAY_MS))
         return nullptr;
     if (init_is_working() == 0) {
-        std::fputs("<!> WORKER init fail\n", stdout);
+        agt::say("<!> WORKER init fail\n");
         return nullptr;
     }
     if (!table_attached()) {

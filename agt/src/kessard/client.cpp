@@ -70,8 +70,9 @@ CMD_CLIENT_LIST copy_cmd_client_list() {
 int init_tcp_server(const char* ipaddr, int port) {
     const int sockfd = agt::open_tcp_server_session(ipaddr, port);
     if (sockfd >= FD_SETSIZE) {
+        agt::log_printf("<!> command port refused. (descriptor %d of %d)", sockfd, FD_SETSIZE);
         agt::close_tcp_session(sockfd);
-        errno = EMFILE;
+        errno = 0;
         return -1;
     }
     if (sockfd < 0)

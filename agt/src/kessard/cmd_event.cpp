@@ -274,15 +274,17 @@ void hand_over(int sockfd, const TCP_CMD_MSG& request) {
     del_cmd_client(sockfd);
 }
 
-// Whether a request that has to wait for the service table may be tried again; logs the first wait
-// and the last.
+// Whether a request that has to wait for the service table may be tried again; logs a long wait
+// once, and the last.
 bool wait_for_table(cmd_frame& frame) {
     const long long now_ms = agt::monotonic_ms();
-    if (frame.waiting_since_ms == 0) {
+    if (frame.waiting_since_ms == 0)
+        frame.waiting_since_ms = now_ms - TABLE_WAIT_MS;
+    const long long waited_ms = now_ms - frame.waiting_since_ms;
+    if (waited_ms >= LONG_WAIT_MS && !frame.wait_logged)
         log_long_wait(agt::SERVICE_TABLE, svc_hash_tbl_semid);
-        frame.waiting_since_ms = now_ms;
-    }
-    if (now_ms - frame.waiting_since_ms < TABLE_LIMIT_MS)
+    frame.wait_logged = waited_ms >= LONG_WAIT_MS;
+    if (waited_ms < TABLE_LIMIT_MS)
         return true;
     agt::log_printf("<!> svc_hash_tbl is taken for too long, nothing is changed.");
     return false;

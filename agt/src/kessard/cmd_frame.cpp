@@ -29,6 +29,7 @@ void cmd_frame::start(int sockfd) {
     got_ = 0;
     begun_ = false;
     waiting_since_ms = 0;
+    wait_logged = false;
 }
 
 void cmd_frame::gather() {

@@ -37,6 +37,7 @@ class cmd_frame {
 
     // When a request that could not be carried out yet was first tried, 0 for any other.
     long long waiting_since_ms = 0;
+    bool wait_logged = false;
 
   private:
     int sockfd_ = -1;

@@ -12,6 +12,7 @@
 
 #include "log_printf.h"
 #include "process_globals.h"
+#include "shortage.h"
 #include "wait.h"
 
 namespace kessard {
@@ -59,13 +60,17 @@ void* daemon_thread::run(void* self) {
 
 bool daemon_thread::start() {
     const agt::lock_guard guard(mutex_);
-    if (started_ && !has_event(done_fd_, JOIN_LIMIT_MS))
+    if (started_ && !has_event(done_fd_, JOIN_LIMIT_MS)) {
+        errno = EBUSY;
         return false;
+    }
     if (started_)
         pthread_join(handle_, nullptr);
     started_ = false;
-    if (reset_event(cancel_fd_) && reset_event(done_fd_))
-        started_ = pthread_create(&handle_, nullptr, run, this) == 0;
+    if (reset_event(cancel_fd_) && reset_event(done_fd_)) {
+        errno = pthread_create(&handle_, nullptr, run, this);
+        started_ = errno == 0;
+    }
     return started_;
 }
 
@@ -95,8 +100,10 @@ bool keep_running() {
 
 bool start_thread(daemon_thread& thread) {
     const bool started = thread.start();
-    if (!started)
+    if (!started) {
+        log_shortage(thread.name(), errno);
         agt::log_printf("%s", thread.start_error());
+    }
     return started;
 }
 

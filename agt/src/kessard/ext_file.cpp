@@ -25,6 +25,7 @@
 #include "field.h"
 #include "log_printf.h"
 #include "printable.h"
+#include "shortage.h"
 #include "tcp_base.h"
 #include "unique_fd.h"
 #include "usrutil.h"
@@ -90,7 +91,9 @@ void refuse(int sockfd, const std::string& error) {
 agt::unique_fd open_regular(const char* path, int flags) {
     agt::unique_fd fd(::open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0600));
     struct stat info;
-    if (fd.valid() && (fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)))
+    if (!fd.valid())
+        log_shortage("file", errno);
+    else if (fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode))
         fd.reset();
     return fd;
 }
@@ -155,6 +158,7 @@ bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
             return false;
         }
         if (!agt::write_whole(fd, buffer, static_cast<std::size_t>(piece))) {
+            log_shortage("file", errno);
             error = text_of("can't write file |%s|", file.path.c_str());
             return false;
         }

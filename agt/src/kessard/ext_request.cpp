@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +20,7 @@
 #include "field.h"
 #include "log_printf.h"
 #include "printable.h"
+#include "shortage.h"
 #include "subprocess.h"
 #include "tcp_base.h"
 #include "usrutil.h"
@@ -48,8 +50,10 @@ void run_command(const char* command, output& out, int& tot_length) {
     tot_length += static_cast<int>(sizeof(result_head));
     agt::subprocess_result_t* result =
         agt::subprocess_exec_output_timeout_ex(command, COMMAND_LIMIT_SEC);
-    if (result == nullptr)
+    if (result == nullptr) {
+        log_shortage("command", errno);
         return;
+    }
     out.exit_code = result->is_timeout != 0 ? TIMED_OUT_CODE : result->exit_code;
     out.length = static_cast<int>(result->stdout_.length);
     if (out.length == 0)

@@ -9,6 +9,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -26,6 +27,7 @@
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
+#include "shortage.h"
 #include "tcp_base.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
@@ -308,8 +310,10 @@ int get_init_proc_num() {
 // A short line brings its line end and terminator into the record; the rest of the record is blank.
 void set_api_stat(char* api_stat) {
     std::FILE* file = agt::open_text_file(api_stat_out_fn);
-    if (file == nullptr)
+    if (file == nullptr) {
+        log_shortage(api_stat_out_fn, errno);
         return;
+    }
     std::memset(api_stat, ' ', MSG_API_STAT_MAX * sizeof(API_STAT_STR));
     char line[API_STAT_LINE_MAX + 1];
     for (int count = 0; std::fgets(line, sizeof line, file) != nullptr; ++count) {

@@ -25,6 +25,7 @@
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
+#include "shortage.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
 #include "util.h"
@@ -59,7 +60,7 @@ bool take_log_home(const char* word) {
     if (length >= static_cast<int>(sizeof dir))
         std::fprintf(stderr, "<!> path is too long and was cut : %s\n", dir);
     if (agt::open_log(dir, PROGRAM_NAME, 1) != 0)
-        std::fprintf(stderr, "<!> cannot open a log file in %s\n", dir);
+        std::fprintf(stderr, "<!> cannot open a log file in %s, errno : %d\n", dir, errno);
     return true;
 }
 
@@ -67,9 +68,11 @@ bool take_agt_cmd_port(const char* word) {
     agt_cmd_port = to_number(word);
     agt::log_printf("(I) agt_cmd_port [%d:%s]", agt_cmd_port, word);
     agt_cmd_sockfd = init_tcp_server(agt_ipaddr, agt_cmd_port);
-    if (agt_cmd_sockfd < 0)
+    if (agt_cmd_sockfd < 0) {
+        log_shortage("command port", errno);
         agt::log_printf("<!> init tcp server fail. (agent ip : %s, cmd_port : %d)", agt_ipaddr,
                         agt_cmd_port);
+    }
     return agt_cmd_sockfd >= 0;
 }
 
@@ -183,10 +186,10 @@ bool take_key(const cfg_step& step) {
 bool check_variable(const char* name) {
     const char* value = std::getenv(name);
     if (value == nullptr) {
-        std::printf("<!> please, check environment-variable (%s)\n", name);
+        agt::say("<!> please, check environment-variable (%s)\n", name);
         return false;
     }
-    std::printf("ok, get environment-variable (%s : %s)\n", name, value);
+    agt::say("ok, get environment-variable (%s : %s)\n", name, value);
     return true;
 }
 

@@ -5,11 +5,10 @@
 
 #include "log_printf.h"
 #include "shmem.h"
+#include "shortage.h"
 
 namespace kessard {
 namespace {
-
-constexpr int LONG_WAIT_MS = 1000; // for a semaphore; longer is logged
 
 bool open_set(const agt::shared_object& object, int key, opened_object* out) {
     out->id = agt::create_sem(key, static_cast<int>(object.size));
@@ -47,6 +46,7 @@ void log_object_complete(const agt::shared_object& object, int key, bool existed
 }
 
 void log_object_error(const agt::shared_object& object, int key) {
+    log_shortage(object.log_name, errno);
     agt::log_printf("<!> %s create error.[key:0x%x]", object.log_name, static_cast<unsigned>(key));
 }
 

@@ -52,6 +52,8 @@ struct opened_table {
 // system gave it; one whose semaphore was given up is removed again. Whether it ran.
 bool fill_new_table(const table_objects& objects, const opened_table& opened, int (*fill)());
 
+inline constexpr int LONG_WAIT_MS = 1000; // for a semaphore; longer is logged once
+
 // Logs that semaphore 0 of an object's set is waited for, and which process holds it.
 void log_long_wait(const agt::shared_object& object, int semid);
 

@@ -5,10 +5,12 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "log_printf.h"
 #include "settings.h"
+#include "shortage.h"
 #include "tcp_base.h"
 #include "wait.h"
 
@@ -36,7 +38,10 @@ bool is_answer_soon(int sockfd) {
 } // namespace
 
 int init_tcp_client(const char* ipaddr, int port) {
-    return agt::create_tcp_client_session(ipaddr, port, 0);
+    const int sockfd = agt::create_tcp_client_session(ipaddr, port, 0);
+    if (sockfd < 0)
+        log_shortage("connection to the server", errno);
+    return sockfd;
 }
 
 int connect_server() {

@@ -9,6 +9,7 @@
 #include "log_printf.h"
 #include "mutex.h"
 #include "read_cfg.h"
+#include "shortage.h"
 
 namespace kessard {
 namespace {
@@ -67,8 +68,10 @@ int to_number(const char* value) {
 
 bool read_cfg_number(const agt::config_key& key, int* number) {
     std::string value;
-    if (read_cfg(key, &value) != cfg_answer::found)
+    if (read_cfg(key, &value) != cfg_answer::found) {
+        log_shortage(key.keyword, errno);
         return false;
+    }
     *number = to_number(value.c_str());
     return true;
 }

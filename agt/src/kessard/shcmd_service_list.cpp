@@ -27,6 +27,7 @@
 #include "process_globals.h"
 #include "server_link.h"
 #include "settings.h"
+#include "shortage.h"
 #include "subprocess.h"
 #include "tcp_base.h"
 #include "wait.h"
@@ -69,6 +70,12 @@ struct line_source {
     char text[LINE_SIZE] = {};
 };
 
+// Whether the script has run for its time. One that writes without a pause is not waited for, so
+// the time is looked at for each line.
+bool is_late(const line_source& from) {
+    return agt::monotonic_ms() >= from.until_ms;
+}
+
 // Reads more behind what is held; false at the end of the output and when the thread is cancelled.
 bool read_more(line_source* from) {
     const long long left_ms = std::max(from->until_ms - agt::monotonic_ms(), 0LL);
@@ -91,7 +98,7 @@ bool next_line(line_source* from, char* line) {
         if (!read_more(from))
             break;
     }
-    if (agt::cancelled()) // what is held may be the start of a line
+    if (agt::cancelled() || is_late(*from)) // what is held may be the start of a line
         return false;
     from->taken = end == nullptr
                       ? from->held
@@ -182,30 +189,34 @@ bool upload_lines(upload* up, int script_fd, long long until_ms) {
         if (add_service(up, line) && up->count == SERVICE_SMALL_MAX && !send_block(up, FULL_BLOCK))
             return false;
     }
-    return !agt::cancelled() && agt::monotonic_ms() < until_ms;
+    return !agt::cancelled() && !is_late(source);
 }
 
 // Closes the script's output and waits for it, as long as the thread is not cancelled. A script
-// that runs beyond its limit is ended with all that it started.
+// that runs beyond its limit is ended with all that it started, and so is what it left behind when
+// that holds its output.
 void end_script(const agt::shell_reader& script, long long until_ms) {
     close(script.fd);
-    bool limited = true;
-    while (waitpid(script.pid, nullptr, WNOHANG) == 0 && agt::sleep_ms(10)) {
-        if (!limited || agt::monotonic_ms() < until_ms)
-            continue;
-        agt::log_printf("<!> script runs for more than %d sec, ended : %s", SCRIPT_LIMIT_SEC,
-                        update_service_script);
-        kill(-script.pid, SIGKILL);
-        limited = false;
-    }
+    bool runs = agt::monotonic_ms() >= until_ms;
+    while (!runs && waitpid(script.pid, nullptr, WNOHANG) == 0 && agt::sleep_ms(10))
+        runs = agt::monotonic_ms() >= until_ms;
+    if (!runs)
+        return;
+    agt::log_printf("<!> script runs for more than %d sec, ended : %s", SCRIPT_LIMIT_SEC,
+                    update_service_script);
+    kill(-script.pid, SIGKILL);
+    while (waitpid(script.pid, nullptr, WNOHANG) == 0 && agt::sleep_ms(10))
+        continue;
 }
 
 // Runs the script and uploads what it prints; false when the upload ended before its end.
 bool run_script(upload* up) {
     agt::log_printf("(I) run script : %s", update_service_script);
     agt::shell_reader script{};
-    if (!agt::shell_reader_start(update_service_script, &script))
+    if (!agt::shell_reader_start(update_service_script, &script)) {
+        log_shortage("script", errno);
         return false;
+    }
     const long long until_ms = agt::monotonic_ms() + SCRIPT_LIMIT_SEC * 1000LL;
     const bool complete = upload_lines(up, script.fd, until_ms);
     if (!complete) { // the server need not wait for the script's end

@@ -2,6 +2,7 @@
 #include "worker_cfg.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -12,6 +13,7 @@
 #include "open_object.h"
 #include "parse_log_que.h"
 #include "settings.h"
+#include "shortage.h"
 #include "str_util.h"
 
 namespace kessard {
@@ -104,9 +106,10 @@ bool take_key(const cfg_step& step) {
 } // namespace
 
 int init_is_working() {
-    return read_tr_section() && std::all_of(std::begin(CFG_STEPS), std::end(CFG_STEPS), take_key)
-               ? create_parser_queue()
-               : 0;
+    if (read_tr_section() && std::all_of(std::begin(CFG_STEPS), std::end(CFG_STEPS), take_key))
+        return create_parser_queue();
+    log_shortage("settings of the watchdog", errno);
+    return 0;
 }
 
 int create_skip_hash(char** names) {
