@@ -21,6 +21,7 @@ class Commands : public served_agent {
         a.set("PTRC_HASH", "TRC_STS_CHECK_PERIOD", 0); // what lines come by themselves
         a.unset("KESSARD", "WORKER_CHECK_INTERVAL");
         start();
+        EXPECT_TRUE(a.wait_log("device info send complete"));
     }
 
     // Sends a request and checks all 1407 bytes of the answer; `body` starts it, zeros follow.
@@ -169,8 +170,7 @@ TEST_F(Commands, LogTheRequestThenWhatTheyDidThenTheAnswer) {
           "(i) MSGSND : [[ SET_MODIFIED_SERVICE_RSP ]]", "(i) -> RESULT_CODE - '0'"}}};
     for (const auto& [request, lines] : cases) {
         a.mark_log();
-        EXPECT_TRUE(ask(request)) << client.error();
-        EXPECT_TRUE(a.wait_log(lines.back()));
+        EXPECT_TRUE(ask(request) && a.wait_log(lines.back())) << client.error();
         EXPECT_EQ(messages(a.log()), lines);
     }
 }
