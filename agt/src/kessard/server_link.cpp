@@ -2,6 +2,7 @@
 #include "server_link.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,6 +26,13 @@ void log_no_answer(const exchange_texts& texts, int length) {
         agt::log_printf("%s", texts.late);
     else
         agt::log_printf(texts.no_answer, length);
+}
+
+// Whether the whole answer comes soon enough for the lines that belong to it to wait for it.
+bool is_answer_soon(int sockfd) {
+    int there = 0;
+    return agt::wait_fd(sockfd, POLLIN, ANSWER_SOON_MS) == agt::wait_result::ready &&
+           ioctl(sockfd, FIONREAD, &there) == 0 && there >= TCP_CMD_MSG_SIZE;
 }
 
 } // namespace
@@ -76,7 +84,7 @@ bool send_request(int sockfd, char type, TCP_CMD_MSG* request, const exchange_te
 }
 
 bool receive_answer(int sockfd, TCP_CMD_MSG* answer, const exchange_texts& texts, int* rlen) {
-    if (agt::wait_fd(sockfd, POLLIN, ANSWER_SOON_MS) != agt::wait_result::ready)
+    if (!is_answer_soon(sockfd))
         agt::flush_log();
     const int length = agt::recv_tcp_data_ready(sockfd, answer, sizeof *answer, RECV_TIMEOUT_SEC);
     if (rlen != nullptr)
