@@ -17,11 +17,11 @@ constexpr char TLS[] = "TLS";
 constexpr std::size_t SHOWN_LENGTH = 60; // of a word
 
 std::string in_quotes(const std::string& word) {
-    return "'" + printable(word).substr(0, SHOWN_LENGTH) + "'";
+    return "'" + printable(word).str().substr(0, SHOWN_LENGTH) + "'";
 }
 
 std::string in_brackets(const std::string& name) {
-    return "[" + printable(name).substr(0, SHOWN_LENGTH) + "]";
+    return "[" + printable(name).str().substr(0, SHOWN_LENGTH) + "]";
 }
 
 bool is_of(const config_key& key, const char* section) {
@@ -195,7 +195,8 @@ std::string policy_text(const config_file& file) {
         const bool stands = file.entry_of(key) >= 0;
         any = any || stands;
         text += std::string(text.empty() ? "" : ", ") + key.keyword + " " +
-                (stands ? printable(file.value_of(key)) : std::string("absent, ") + key.otherwise);
+                (stands ? printable(file.value_of(key)).str()
+                        : std::string("absent, ") + key.otherwise);
     }
     return any ? text + (tls ? "" : ", no TLS") : "";
 }

@@ -23,6 +23,7 @@
 #include "agent_fixture.h"
 #include "field.h"
 #include "tcp_base.h"
+#include "wire/text.h"
 
 namespace test_support {
 
@@ -61,6 +62,21 @@ inline std::string local_text(const char* format, std::time_t when) {
     char text[128];
     return {text, std::strftime(text, sizeof text, format, std::localtime(&when))};
 }
+
+// While it lives, that time, which is soon or was just now, is midnight; for what is started, too.
+struct zone_of_midnight {
+    explicit zone_of_midnight(std::time_t when) {
+        const std::time_t west = when - std::time(nullptr) / 86400 * 86400;
+        char zone[64];
+        std::snprintf(zone, sizeof zone, "TST%ld:%ld:%ld", west / 3600, west / 60 % 60, west % 60);
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    ~zone_of_midnight() {
+        unsetenv("TZ");
+        tzset();
+    }
+};
 
 inline std::string host_name() {
     char name[65] = "";

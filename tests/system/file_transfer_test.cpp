@@ -41,7 +41,7 @@ class FileTransfer : public testing::Test {
     void expect_refusal(const std::string& request, const std::string& text) {
         const bool accepted = text.starts_with("can't open");
         EXPECT_EQ(ask(request), (accepted ? ACCEPTED : "") + ext_answer('E', text));
-        EXPECT_TRUE(a.wait_log("<!> " + text + "\n"));
+        EXPECT_TRUE(a.wait_log("<!> " + kessctl::printable(text) + "\n"));
     }
 };
 
@@ -86,7 +86,7 @@ TEST_F(FileTransfer, RefusesAnUploadThatCannotBe) {
     ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600) + mkfifo(path("nobody").c_str(), 0600), 0);
     const agt::unique_fd reader(open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK));
     for (const std::string& name :
-         {"fifo"s, "nobody"s, ""s, std::string(256, 'n'), "none/x"s, "../../dev/null"s})
+         {"fifo"s, "nobody"s, ""s, "no\n/x"s, std::string(256, 'n'), "none/x"s, "../../dev/null"s})
         expect_refusal("0002R" + ext_items({dir, name, "5", "420"}),
                        "can't open file |" + path(name) + "|");
 }

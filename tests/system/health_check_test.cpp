@@ -137,7 +137,7 @@ TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
     const std::string wide(150, 'w');
     const std::tuple<std::string, std::string, std::size_t> cases[] = {
         {"", none + none, 0},
-        {"WEB  1\n", record("WEB  1\n") + none, 1},
+        {"WEB \x1b\n", record("WEB \x1b\n") + none, 1},
         {"WEB", record("WEB") + none, 1},
         {wide + "\nB\n", wide.substr(0, 105) + record("B\n"), 2},
         {"A\nB\nC\nD\n", record("A\n") + record("B\n"), 3},
@@ -147,7 +147,9 @@ TEST_F(HealthCheck, TakesTwoLinesOfTheStatisticsFile) {
         a.mark_log();
         EXPECT_EQ(cycle().substr(791, 210), records) << text;
         EXPECT_EQ(a.count_log("(I) api_stat.out #"), logged) << text;
+        EXPECT_EQ(a.count_log("\x1b"), 0u);
     }
+    EXPECT_EQ(a.count_log("|" + std::string(1024, 'x') + "|\n"), 3u);
     std::filesystem::remove(a.path("api_stat.out"));
     EXPECT_EQ(cycle().substr(791, 210), std::string(210, 'x')); // as before
 }

@@ -59,7 +59,7 @@ TEST_F(ServiceList, IsLoadedAtStartAndByEveryRenewal) {
 
 TEST_F(ServiceList, ExchangesTheseBytesAndLogsTheTable) {
     std::vector<SERVICE_ELEMENT> one(1);
-    const texts words = {"PAYMENT",       "host=host",    "server=server",        "limit=7",
+    const texts words = {"PAYMENT",       "host=ho\tst",  "server=server",        "limit=7",
                          "call_limit=-1", "dbio_limit=2", "sql_limit=2147483647", "flags=Q",
                          "tflag=4"};
     ASSERT_EQ(kessctl::parse_service(words, &one[0]), "");
@@ -80,7 +80,7 @@ TEST_F(ServiceList, ExchangesTheseBytesAndLogsTheTable) {
     const std::string bucket = std::to_string(a.services()->h_arr[9999].hash_idx);
     for (const std::string& field :
          {"my_idx : 9999"s, "hash_idx : " + bucket, "pre_idx : -1"s, "next_idx : -1"s,
-          "host_name : |host" + std::string(60, ' ') + "|", "server_id : |server         |"s,
+          "host_name : |ho\\x09st" + std::string(59, ' ') + "|", "server_id : |server         |"s,
           "service_id : |PAYMENT         |"s, "limit : 7"s, "call_trc_limit : -1"s,
           "dbio_trc_limit : 2"s, "sql_trc_limit : 2147483647"s, "uflag_set : -128"s, "tflag : 4"s})
         wanted.push_back("[0] array_idx#9999, " + field + "\n");
@@ -162,7 +162,7 @@ TEST_F(ServiceList, TakesAnyElementNumber) {
     start();
     const std::vector<SERVICE_ELEMENT> all = services(40);
     std::vector<TCP_CMD_MSG> blocks;
-    for (const char* num : {"999", "8888", " 2,", "-1", "abc"}) {
+    for (const char* num : {"999", "8888", " 2,", "-1", "a\vc"}) {
         const std::size_t nth = blocks.size();
         blocks.push_back(kessctl::service_block_frame(&all[nth * 8], 8, nth == 4));
         std::memcpy(blocks.back().body.get_service_list_rsp.element_num, num, std::strlen(num));
@@ -170,7 +170,7 @@ TEST_F(ServiceList, TakesAnyElementNumber) {
     server.change([&](auto& options) { options.raw_blocks = blocks; });
     renew_and_wait();
     expect_loaded(8 + 8 + 2);
-    for (const char* num : {"999", "8888", " 2,", "-1", "abc"})
+    for (const char* num : {"999'", "888'", " 2,'", "-1", "a\\x0bc'"})
         EXPECT_EQ(a.count_log("(i) -> ELEMENT_NUM - '" + std::string(num)), 1u);
 }
 

@@ -5,6 +5,7 @@
 
 #include "checks.h"
 #include "log_printf.h"
+#include "printable.h"
 #include "read_cfg.h"
 #include "shmem.h"
 #include "tcp_recv.h"
@@ -127,6 +128,29 @@ TEST_F(Log, KeepsLinesOfThreadsAndForkedChildrenWhole) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(messages(directory.log()), texts(written + 40, line));
+}
+
+TEST_F(Log, StampsABatchWhenItLeaves) {
+    const std::time_t midnight = std::time(nullptr) + 3;
+    const zone_of_midnight zone(midnight);
+    const std::string today = dir + local_text("/kessard-%Y-%m-%d-log", midnight);
+    wait_until([&] { return std::time(nullptr) >= midnight - 2; }); // no second of another zone
+    EXPECT_EQ(agt::open_log(dir.c_str(), "kessard", 1), 0);
+    {
+        const agt::log_batch batch;
+        agt::log_printf("collected");
+        agt::log_line({"pi", "eces"});
+        wait_until([&] { return std::time(nullptr) >= midnight; });
+    }
+    EXPECT_EQ(messages(content(today)), (texts{"collected", "pieces"}));
+    EXPECT_TRUE(content(today).starts_with(local_text("%m-%d 00:00:0", midnight)));
+}
+
+TEST(Library, ShowsControlBytesAndLeavesTheOthers) {
+    const std::string all = std::string("\0\x1f ~\x7f\x80\xff", 7) + "\n\t\\";
+    const char field[] = {'a', '\n', 'b'};
+    EXPECT_EQ(agt::printable(all, "\n").c_str() + std::string(agt::printable(field)),
+              "\\x00\\x1f ~\\x7f\x80\xff\n\\x09\\a\\x0a");
 }
 
 std::string repeat(std::size_t n, char c) {

@@ -101,6 +101,7 @@ TEST(Subprocess, KeepsTheFrontOfAnOutputBeyondTheMaximum) {
     ASSERT_NE(much, nullptr);
     EXPECT_EQ(much->exit_code, 0);
     EXPECT_EQ(much->stdout_.length, SUBPROCESS_OUTPUT_MAX - 1);
+    EXPECT_EQ(much->is_cut, 1);
     EXPECT_STREQ(much->stderr_.buf_p, "end\n");
 }
 

@@ -88,15 +88,17 @@ TEST_F(SvcHash, ReadsFieldsOfAnyContent) {
     std::memset(&full, '7', sizeof full); // no terminator anywhere
     ASSERT_EQ(set(full), 9999);
     SVC_HASH_ARR& param = table.h_arr[9999].param;
-    EXPECT_EQ(param.call_trc_depth, 777777);
-    EXPECT_EQ(param.tflag, 77);
+    EXPECT_EQ(param.host_name + std::string(param.server_id), std::string(64 + 15, '7'));
+    EXPECT_EQ(param.call_trc_depth, 77777);
+    EXPECT_EQ(param.tflag, 7);
     param.is_sync = 5;         // not the daemon's
     full.service_id[16] = '8'; // behind the key
     full.update_mode[0] = 'Y';
-    std::memcpy(full.uflag_set, "SQsq-    ", 9);
+    std::memcpy(full.uflag_set, "SQsq-   E", 9);
     const std::tuple<const char*, int, long> numbers[] = {
-        {"0", 30, 0},   {"", 30, 0},      {"x1", 30, 0},
-        {"-5", 30, -5}, {" 12x", 12, 12}, {"2147483647", INT_MAX, INT_MAX}};
+        {"0", 30, 0},        {"", 30, 0},      {"x1", 30, 0},
+        {"-5", 30, -5},      {" 12x", 12, 12}, {"2147483647", INT_MAX, INT_MAX},
+        {"4294967298", 2, 2}}; // one beyond an int loses its high bits
     for (const auto& [text, limit, sql_trc_limit] : numbers) {
         agt::put_text(full.limit, text);
         agt::put_text(full.sql_trc_limit, text);

@@ -250,6 +250,11 @@ TEST_F(Watchdog, PutsUnderTheSemaphoreAndReportsNoProcessWhenTheDaemonEndsMeanwh
     table.add("worker", 72, 2);
     const int semid = a.sem_id("PARSE_LOG_QUE_SEMKEY");
     ASSERT_EQ(semctl(semid, 0, SETVAL, 0), 0);
+    const agt::unique_fd ended(open("/dev/null", O_CLOEXEC)); // an end cuts the wait: no fault
+    agt::set_cancel_fd(ended.get());
+    EXPECT_TRUE(check_worker_pass());
+    agt::set_cancel_fd(-1);
+    EXPECT_EQ(a.count_log("put_parse_log_que fail") + a.count_log("send_event"), 0u);
     std::thread watchdog([] { check_worker_pass(); });
     EXPECT_TRUE(wait_until([&] { return semctl(semid, 0, GETNCNT) == 1; }));
     EXPECT_EQ(queue->info.rear, 0);

@@ -1,5 +1,5 @@
 // Fixed-width text fields of the wire and of the shared tables: char[N] holding at most N-1
-// characters and a last byte.
+// characters and a last byte, which is a terminator whatever the sender put there.
 #pragma once
 
 #include <cstdio>
@@ -20,12 +20,12 @@ template <std::size_t N> void copy_text(char (&out)[N], const char* text) {
     out[length] = '\0';
 }
 
-// A terminated copy of a field that need not have a terminator.
+// A terminated copy of a field.
 template <std::size_t N> struct field_text {
-    char text[N + 1];
+    char text[N];
     explicit field_text(const char (&field)[N]) {
-        std::memcpy(text, field, N);
-        text[N] = '\0';
+        std::memcpy(text, field, N - 1);
+        text[N - 1] = '\0';
     }
     operator const char*() const { return text; }
 };
@@ -56,7 +56,7 @@ template <std::size_t N> void put_percent(char (&field)[N], double value) {
     put_decimal(field, value, static_cast<int>(N) - 1, 2);
 }
 
-// The decimal value of a field, which need not have a terminator; 0 when it holds no number.
+// The decimal value of a field; 0 when it holds no number.
 // Leading blanks are skipped and what follows the digits is ignored; a value beyond the range of
 // long is the nearest one.
 template <std::size_t N> long get_long(const char (&field)[N]) {

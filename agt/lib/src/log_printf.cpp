@@ -24,7 +24,7 @@ char log_dir[256] AGT_GUARDED_BY(log_lock);
 char log_title[256] AGT_GUARDED_BY(log_lock);
 std::time_t now AGT_GUARDED_BY(log_lock) = -1; // the second that tm and time_str belong to
 struct tm tm AGT_GUARDED_BY(log_lock);
-char time_str[LOG_PREFIX_SIZE] AGT_GUARDED_BY(log_lock);
+char time_str[LOG_PREFIX_SIZE + 1] AGT_GUARDED_BY(log_lock);
 
 void lock() AGT_ACQUIRES(log_lock) {
     log_lock.lock();
@@ -36,6 +36,8 @@ void unlock() AGT_RELEASES(log_lock) {
 // The batch that collects what the thread logs. A forked child leaves what stands in it to its
 // parent.
 thread_local log_batch* batch = nullptr;
+
+constexpr mode_t FILE_MODE = 0644; // at most, whatever the process's mask is
 
 void unlock_in_child() AGT_RELEASES(log_lock) {
     batch = nullptr;
@@ -78,7 +80,7 @@ int open_file() AGT_REQUIRES(log_lock) {
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof name)
         return -1;
     constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    log_file = ::open(name, flags, 0666);
+    log_file = ::open(name, flags, FILE_MODE);
     struct stat info {};
     if (log_file >= 0 && (fstat(log_file, &info) != 0 || !S_ISREG(info.st_mode)))
         close_file(); // a FIFO or a device would have to be waited for
@@ -111,10 +113,10 @@ void write_line(char* message, std::size_t length) {
     const lock_guard guard(log_lock);
     take_time(std::time(nullptr));
     check_day();
-    const std::size_t prefix = std::strlen(time_str);
-    std::memcpy(message - prefix, time_str, prefix);
+    char* line = message - LOG_PREFIX_SIZE;
+    std::memcpy(line, time_str, LOG_PREFIX_SIZE);
     message[length] = '\n';
-    append(message - prefix, prefix + length + 1);
+    append(line, LOG_PREFIX_SIZE + length + 1);
 }
 
 } // namespace
@@ -193,34 +195,29 @@ char* log_batch::start_line() {
     const std::time_t second = std::time(nullptr);
     if (second != second_ || used_ + LOG_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1 > CAPACITY)
         flush();
-    if (second != second_)
-        take_prefix(second);
-    return text_ + used_ + prefix_length_;
+    second_ = second;
+    return text_ + used_ + LOG_PREFIX_SIZE;
 }
 
 void log_batch::end_line(std::size_t length) {
     if (length == 0)
         return;
-    char* start = text_ + used_;
-    std::memcpy(start, prefix_, prefix_length_);
-    start[prefix_length_ + length] = '\n';
-    used_ += prefix_length_ + length + 1;
-}
-
-void log_batch::take_prefix(std::time_t second) {
-    const lock_guard guard(log_lock);
-    take_time(second);
-    second_ = second;
-    prefix_length_ = std::strlen(time_str);
-    std::memcpy(prefix_, time_str, sizeof time_str);
+    const std::size_t size = LOG_PREFIX_SIZE + length + 1;
+    std::memcpy(text_ + used_, &size, sizeof size);
+    used_ += size;
+    text_[used_ - 1] = '\n';
 }
 
 void log_batch::flush() {
     if (used_ == 0)
         return;
     const lock_guard guard(log_lock);
-    take_time(second_);
+    take_time(std::time(nullptr));
     check_day();
+    for (std::size_t at = 0, size = 0; at < used_; at += size) {
+        std::memcpy(&size, text_ + at, sizeof size);
+        std::memcpy(text_ + at, time_str, LOG_PREFIX_SIZE);
+    }
     append(text_, used_);
     used_ = 0;
 }

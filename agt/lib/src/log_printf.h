@@ -2,9 +2,9 @@
 // starting with "MM-DD HH:MM:SS" and two blanks.
 //
 // Every line, and every batch of lines, reaches the file by one append write, so the lines of
-// threads and of forked children never mix. The file changes at the first line written on another
-// local day. The logger never reports its own failures: without an open file lines are dropped, and
-// opening is tried again only on the next day.
+// threads and of forked children never mix. Its time is that of this write. The file changes at the
+// first line written on another local day. The logger never reports its own failures: without an
+// open file lines are dropped, and opening is tried again only on the next day.
 //
 // One lock guards the file and all conversion to local time; it is taken around fork, so that a
 // child of a threaded process can log. It is the last lock in any order: nothing else is taken
@@ -20,7 +20,7 @@ namespace agt {
 
 inline constexpr std::size_t LOG_MESSAGE_SIZE =
     4096; // bytes of a message with its terminator; longer ones are cut
-inline constexpr std::size_t LOG_PREFIX_SIZE = 32; // holds the time in front of it
+inline constexpr std::size_t LOG_PREFIX_SIZE = 16; // of the time in front of it
 
 // Opens the file of today (`mflag` non-zero) or of the day last seen. `dir` and `title` are kept
 // for later days; null keeps the previous ones. 0 when open (also when a file was open already,
@@ -52,17 +52,14 @@ class log_batch {
     friend class log_message;
 
     void flush();
-    void take_prefix(std::time_t second);
     char* start_line();
     void end_line(std::size_t length);
 
     static constexpr std::size_t CAPACITY = std::size_t{32} * 1024;
     log_batch* outer_;
-    std::time_t second_ = 0;
-    std::size_t prefix_length_ = 0;
+    std::time_t second_ = 0; // in which the last line was collected
     std::size_t used_ = 0;
-    char prefix_[LOG_PREFIX_SIZE];
-    char text_[CAPACITY];
+    char text_[CAPACITY]; // lines, each with its length in the place of its time
 };
 
 // Writes what the calling thread's batch has collected.

@@ -98,8 +98,10 @@ void grow(subprocess_output_t& out) {
 
 // Reads until nothing is left, the stream ends or about `most` bytes have come: a child that writes
 // without a pause must not keep its limit from being looked at. A full buffer drops what is read.
-void append_from(int fd, subprocess_output_t& out, std::size_t most) {
+// Whether it did.
+bool append_from(int fd, subprocess_output_t& out, std::size_t most) {
     char dropped[SUBPROCESS_OUTPUT_STEP];
+    bool is_cut = false;
     for (std::size_t taken = 0; taken < most;) {
         const std::size_t room = out.size - out.length - 1;
         const ssize_t got =
@@ -107,10 +109,11 @@ void append_from(int fd, subprocess_output_t& out, std::size_t most) {
         if (got < 0 && errno == EINTR)
             continue;
         if (got == 0 || (got < 0 && errno == EAGAIN))
-            return;
+            break;
         if (got < 0)
             end_process("read");
         taken += static_cast<std::size_t>(got);
+        is_cut = is_cut || room == 0;
         if (room == 0)
             continue;
         out.length += static_cast<std::size_t>(got);
@@ -118,16 +121,18 @@ void append_from(int fd, subprocess_output_t& out, std::size_t most) {
         if (out.length + 1 == out.size)
             grow(out);
     }
+    return is_cut;
 }
 
 // Whether the child has closed one of the streams. Both are emptied then: the one that was looked
 // at first may have got its last output while the other was looked at.
-bool take_output(pollfd (&watched)[2], subprocess_output_t* (&sinks)[2]) {
+bool take_output(pollfd (&watched)[2], subprocess_output_t* (&sinks)[2], int& is_cut) {
     const bool ended = ((watched[0].revents | watched[1].revents) & POLLHUP) != 0;
     for (int i = 0; i < 2; ++i) {
         const bool no_writer = (watched[i].revents & POLLHUP) != 0;
-        if (ended || (watched[i].revents & POLLIN) != 0)
-            append_from(watched[i].fd, *sinks[i], no_writer ? SIZE_MAX : PASS_BYTES);
+        if ((ended || (watched[i].revents & POLLIN) != 0) &&
+            append_from(watched[i].fd, *sinks[i], no_writer ? SIZE_MAX : PASS_BYTES))
+            is_cut = 1;
     }
     return ended;
 }
@@ -147,7 +152,7 @@ void collect_output(int out_fd, int err_fd, const capture& how, subprocess_resul
             result.is_timeout = 1;
             return;
         }
-        if (ready > 0 && take_output(watched, sinks))
+        if (ready > 0 && take_output(watched, sinks, result.is_cut))
             return;
     }
 }

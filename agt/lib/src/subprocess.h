@@ -36,6 +36,7 @@ struct subprocess_result_t {
     int is_timeout;    // 1 when the limit cut the run off
     subprocess_output_t stdout_;
     subprocess_output_t stderr_; // empty when merged into stdout_
+    int is_cut;                  // 1 when some of an output did not fit and was dropped
 };
 
 // What runs in the child; when it returns, the child exits with status 0.

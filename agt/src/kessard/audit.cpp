@@ -33,7 +33,7 @@ int served_sockfd = -1;
 void send_line(int severity, const std::string& text) {
     const std::string line = "<" + std::to_string(LOG_AUTHPRIV | severity) + ">" + PROGRAM_NAME +
                              "[" + std::to_string(getpid()) +
-                             "]: " + agt::printable(text).substr(0, TEXT_LENGTH);
+                             "]: " + agt::printable(text).str().substr(0, TEXT_LENGTH);
     sendto(log_sockfd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
            reinterpret_cast<const sockaddr*>(&SYSTEM_LOG), sizeof SYSTEM_LOG);
 }

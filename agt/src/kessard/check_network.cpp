@@ -116,6 +116,8 @@ void open_noti_link(int active_limit) {
     agt::log_printf("(I) Active Service Detail Monitoring ON.(%dms)", active_limit);
     const server_address server = get_server_address();
     sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
+    if (sockfd < 0 && agt::cancelled())
+        return;
     if (sockfd < 0) {
         agt::log_printf("<!> server notify(cmd) port connect fail(ip : %s, port : %d)",
                         server.srv_ipaddr, server.srv_cmd_port);
@@ -159,8 +161,9 @@ int try_connect() {
     set_server_address(ipaddr.c_str(), port);
     sockfd = init_tcp_client(ipaddr.c_str(), port);
     if (sockfd < 0) {
-        agt::log_printf("<!> server notify(cmd) port connect fail[ip %s, port %d]", ipaddr.c_str(),
-                        port);
+        if (!agt::cancelled())
+            agt::log_printf("<!> server notify(cmd) port connect fail[ip %s, port %d]",
+                            ipaddr.c_str(), port);
         return -1;
     }
     agt::log_printf("(i) successfully, notify(cmd) port connect [ip %s, port %d]", ipaddr.c_str(),

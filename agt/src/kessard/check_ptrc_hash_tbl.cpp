@@ -16,6 +16,7 @@
 #include "field.h"
 #include "index_stack.h"
 #include "log_printf.h"
+#include "printable.h"
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "settings.h"
@@ -48,7 +49,8 @@ char look_up_process(const CHK_PID& process) {
     char stat[512];
     if (read_stat(process.pid, stat, sizeof stat) < 0) {
         log_shortage("liveness check", errno);
-        agt::log_printf("@@@ process down: %.*s(%d)", PROC_NM_SIZE, process.proc_nm, process.pid);
+        agt::log_printf("@@@ process down: %s(%d)", agt::printable(process.proc_nm).c_str(),
+                        process.pid);
         return 0;
     }
     long found_pid = 0;
@@ -58,7 +60,8 @@ char look_up_process(const CHK_PID& process) {
         return 1;
     if (found_pid == process.pid && std::strncmp(name, process.proc_nm, PROC_NM_SIZE) == 0)
         return 1;
-    agt::log_printf("@@@ process down : %.*s(%d)", PROC_NM_SIZE, process.proc_nm, process.pid);
+    agt::log_printf("@@@ process down : %s(%d)", agt::printable(process.proc_nm).c_str(),
+                    process.pid);
     return 0;
 }
 

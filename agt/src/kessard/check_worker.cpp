@@ -23,6 +23,7 @@
 #include "log_printf.h"
 #include "open_object.h"
 #include "parse_log_que.h"
+#include "printable.h"
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "settings.h"
@@ -157,10 +158,12 @@ int send_event(const PTRC_HASH_ARR_LIST* entry, const char* code) {
     write_header(&record, code);
     int put = 0;
     const int ret = put_event(record, &put);
+    if (put < 0 && agt::cancelled()) // the end did not wait for the queue
+        return ret;
     if (put < 0)
         agt::log_printf("<!> put_parse_log_que fail");
-    agt::log_printf("[CHECK_WORKER] send_event [%s, pid:%d, tid:%lu] [ret:%d]\n", subject.proc_nm,
-                    subject._pid, subject._tid, put);
+    agt::log_printf("[CHECK_WORKER] send_event [%s, pid:%d, tid:%lu] [ret:%d]\n",
+                    agt::printable(subject.proc_nm).c_str(), subject._pid, subject._tid, put);
     return ret;
 }
 
@@ -176,7 +179,7 @@ void add_worker(const PTRC_HASH_ARR_LIST* entry) {
     worker->ptr = entry;
     agt::copy_text(worker->proc_nm, subject.proc_nm);
     HASH_ADD_INT(worker_list, pid, worker);
-    agt::log_printf("[ADD] %s(%d)", worker->proc_nm, worker->pid);
+    agt::log_printf("[ADD] %s(%d)", agt::printable(worker->proc_nm).c_str(), worker->pid);
 }
 
 ST_WORKER_LIST* find_worker(pid_t pid) {
@@ -235,7 +238,8 @@ void report_dead_workers() {
          worker = static_cast<ST_WORKER_LIST*>(worker->hh.next)) {
         if (worker->is_alive != 0)
             continue;
-        agt::log_printf("[CHECK_WORKER] send event. %s(%d)", worker->proc_nm, worker->pid);
+        agt::log_printf("[CHECK_WORKER] send event. %s(%d)",
+                        agt::printable(worker->proc_nm).c_str(), worker->pid);
         send_event(worker->ptr, EVENT_THREAD_IDLE);
     }
     delete_worker();

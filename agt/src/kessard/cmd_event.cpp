@@ -26,6 +26,7 @@
 #include "kessard/tran_logf_que_info.h"
 #include "log_printf.h"
 #include "open_object.h"
+#include "printable.h"
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
 #include "shared_field.h"
@@ -48,13 +49,9 @@ enum class outcome { done, later };
 
 // The last byte of every text field of a request becomes its terminator, whatever the sender put
 // there.
-template <std::size_t N> void terminate(char (&field)[N]) {
-    field[N - 1] = '\0';
-}
-
 template <std::size_t N> void show_field(const char* label, char (&field)[N]) {
-    terminate(field);
-    agt::log_line({"(i) -> ", label, " - '", field, "'"});
+    field[N - 1] = '\0';
+    agt::log_line({"(i) -> ", label, " - '", agt::printable(field), "'"});
 }
 
 void show_nothing(TCP_CMD_MSG&) {}
@@ -132,8 +129,7 @@ void log_file_systems(int rows) {
     agt::log_printf("## file_sys_num : %d", rows);
     for (int i = 0; i < rows; ++i) {
         const FILE_SYSTEM& row = tran_agt_shm->file_system[i];
-        agt::log_printf("#%d# file_system : %.*s", i, static_cast<int>(sizeof row.file_system),
-                        row.file_system);
+        agt::log_printf("#%d# file_system : %s", i, agt::printable(row.file_system).c_str());
         agt::log_printf("#%d# alert_pcnt : %d", i, row.alert_pcnt);
         agt::log_printf("#%d# alert_cnt : %d", i, row.alert_cnt);
     }
@@ -160,7 +156,8 @@ outcome set_sys_resource(TCP_CMD_MSG& request, TCP_CMD_MSG&) {
 // failed.
 int set_services(const SERVICE_ELEMENT* elements, int n) {
     for (int i = 0; i < n; ++i) {
-        agt::log_printf("(I) SERVICE_ID : %-*.*s", 16, 16, elements[i].service_id);
+        agt::log_printf("(I) SERVICE_ID : %-*s", 16,
+                        agt::printable(elements[i].service_id).c_str());
         if (set_svc_hash_tbl(&elements[i]) == nullptr && elements[i].update_mode[0] != 'D')
             return i;
     }
@@ -236,10 +233,10 @@ outcome carry_out(const command& wanted, TCP_CMD_MSG& request, TCP_CMD_MSG& answ
 void send_answer(const command& wanted, int sockfd, TCP_CMD_MSG& answer) {
     const int slen = send_msg(sockfd, answer);
     const agt::log_batch batch;
-    if (slen < 0) {
+    if (slen < 0 && !agt::cancelled())
         agt::log_printf("<!> tcp send error.. slen : %d", slen);
+    if (slen < 0)
         drop_cmd_client(sockfd, "answer not taken");
-    }
     agt::log_printf("(i) MSGSND : [[ %s ]]", wanted.response);
     agt::log_printf("(i) -> RESULT_CODE - '%c'", result_code_of(answer));
 }
@@ -372,7 +369,7 @@ void cmd_event(const CMD_CLIENT* client) {
         hand_over(*client, frame.message());
     } else {
         if (type != MSG_EXT_REQ)
-            agt::log_printf("<!> error! unknown command type('%c')", type);
+            agt::log_printf("<!> error! unknown command type('%s')", agt::printable(type).c_str());
         drop_cmd_client(sockfd, type == MSG_EXT_REQ ? "remote commands not allowed"
                                                     : "unknown command type");
     }

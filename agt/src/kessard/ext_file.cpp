@@ -25,6 +25,7 @@
 #include "ext_reply.h"
 #include "field.h"
 #include "log_printf.h"
+#include "printable.h"
 #include "shortage.h"
 #include "tcp_recv.h"
 #include "tcp_send.h"
@@ -80,7 +81,7 @@ int send_accepted(int sockfd, std::uint32_t length) {
 
 void refuse(int sockfd, const std::string& error) {
     if (!error.empty())
-        agt::log_printf("<!> %s", error.c_str());
+        agt::log_printf("<!> %s", agt::printable(error).c_str());
     const EXT_RSP_HDR header =
         make_ext_header(EXT_STATUS_ERROR, static_cast<std::uint32_t>(error.size()));
     agt::send_tcp_data2(sockfd, &header, sizeof header, error.data(),
@@ -175,8 +176,9 @@ bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
 
 bool store_file(int sockfd, const upload_file& file, char* buffer, std::string& error) {
     const char* path = file.path.c_str();
-    agt::log_printf("(i) start (%d/%d) - file=|%s|, size=|%lld|", file.number, file.count, path,
-                    file.size);
+    const agt::printable shown(file.path);
+    agt::log_printf("(i) start (%d/%d) - file=|%s|, size=|%lld|", file.number, file.count,
+                    shown.c_str(), file.size);
     agt::unique_fd fd = open_regular(path, O_WRONLY | O_CREAT);
     if (!fd.valid() || !make_empty(fd.get())) {
         error = text_of("can't open file |%s|", path);
@@ -185,13 +187,13 @@ bool store_file(int sockfd, const upload_file& file, char* buffer, std::string& 
     if (!receive_content(sockfd, fd.get(), file, buffer, error))
         return false;
     if (fchmod(fd.get(), file.permission) != 0)
-        agt::log_printf("<!> can't set permission of file |%s|", path);
+        agt::log_printf("<!> can't set permission of file |%s|", shown.c_str());
     if (::close(fd.release()) != 0) {
         error = text_of("can't write file |%s|", path);
         return false;
     }
     agt::log_printf("(i) ok    (%d/%d) - file=|%s|, total recv size=|%lld|", file.number,
-                    file.count, path, std::max(file.size, 0LL));
+                    file.count, shown.c_str(), std::max(file.size, 0LL));
     return true;
 }
 
@@ -270,22 +272,24 @@ bool send_content(int sockfd, int fd, const download_file& file, char* buffer,
 // False when the file cannot be opened, which ends the transfer. A failed send ends the connection
 // too: a peer that wakes up later must not take the next file's bytes for the rest of this one.
 bool send_file(int sockfd, const download_file& file, int number, int count, char* buffer) {
-    agt::log_printf("(i) (%d/%d) start send file=|%s|", number, count, file.path);
+    const agt::printable shown(file.path);
+    agt::log_printf("(i) (%d/%d) start send file=|%s|", number, count, shown.c_str());
     const agt::unique_fd fd = open_regular(file.path, O_RDONLY);
     std::uint32_t sent = 0;
     const bool taken = fd.valid() && send_content(sockfd, fd.get(), file, buffer, sent);
     audit_file("download", taken, sent, file.permission, file.path);
     if (!fd.valid()) {
-        agt::log_printf("<!> fopen error.... |%s|", file.path);
+        agt::log_printf("<!> fopen error.... |%s|", shown.c_str());
         return false;
     }
     if (!taken) {
-        agt::log_printf("<!> error for send file data.... |%s|", file.path);
+        agt::log_printf("<!> error for send file data.... |%s|", shown.c_str());
         shutdown(sockfd, SHUT_RDWR);
         return true;
     }
     agt::say("read_len = %u\n", sent);
-    agt::log_printf("(i) (%d/%d) ok    send file=|%s|, size=|%u|", number, count, file.path, sent);
+    agt::log_printf("(i) (%d/%d) ok    send file=|%s|, size=|%u|", number, count, shown.c_str(),
+                    sent);
     return true;
 }
 

@@ -2,6 +2,8 @@
 #include "ext_request.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,7 +19,9 @@
 #include "audit.h"
 #include "ext_file.h"
 #include "ext_reply.h"
+#include "field.h"
 #include "log_printf.h"
+#include "printable.h"
 #include "shortage.h"
 #include "subprocess.h"
 #include "tcp_send.h"
@@ -31,6 +35,7 @@ constexpr int DEFAULT_TIME_VALUE = 10;
 constexpr int COMMAND_LIMIT_SEC = 10;
 constexpr int TIMED_OUT_CODE = -99;
 constexpr int NO_OUTPUT_CODE = -1;
+constexpr mode_t COMMAND_MASK = 022; // in the place of a daemon's, which is empty
 constexpr char SEPARATORS[] = {EXT_SEPARATOR, '\0'};
 
 // What goes out in front of each output.
@@ -72,63 +77,69 @@ void run_command(const char* command, output& out, int& tot_length) {
         out.exit_code = NO_OUTPUT_CODE;
     else
         out.buf_p = std::exchange(result->stdout_.buf_p, nullptr);
+    if (result->is_cut != 0)
+        agt::log_printf("<!> output of a command is cut at %d bytes", out.length);
     tot_length += out.length;
     agt::subprocess_result_free(result);
 }
 
-result_head head_of(const output& out) {
-    return {htonl(static_cast<std::uint32_t>(out.exit_code)),
-            htonl(static_cast<std::uint32_t>(out.length))};
+// While it is on, what is sent is gathered; off lets it go.
+void gather_sent(int sockfd, int on) {
+    setsockopt(sockfd, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
 }
 
-// The header leaves in one piece with the first result.
-int send_first(int sockfd, const ST_CMD_EXEC& exec) {
-    const EXT_RSP_HDR header =
-        make_ext_header(EXT_STATUS_ACCEPTED, static_cast<std::uint32_t>(exec.tot_length));
-    if (exec.cmd_count == 0)
-        return agt::send_tcp_data(sockfd, &header, sizeof header);
-    const output& out = exec.outputs[0];
-    const result_head head = head_of(out);
-    unsigned char first[sizeof header + sizeof head];
-    std::memcpy(first, &header, sizeof header);
-    std::memcpy(first + sizeof header, &head, sizeof head);
-    return agt::send_tcp_data2(sockfd, first, sizeof first, out.buf_p, out.length);
+// Sends what a result has, its head first. The bytes of what went out whole.
+int send_result(int sockfd, const output& out) {
+    const result_head head = {htonl(static_cast<std::uint32_t>(out.exit_code)),
+                              htonl(static_cast<std::uint32_t>(out.length))};
+    if (agt::send_tcp_data(sockfd, &head, sizeof head) < 1)
+        return 0;
+    const int slen = out.length == 0 ? 0 : agt::send_tcp_data(sockfd, out.buf_p, out.length);
+    return static_cast<int>(sizeof head) + std::max(slen, 0);
 }
 
 int send_results(int sockfd, const ST_CMD_EXEC& exec) {
-    int slen = send_first(sockfd, exec);
+    const EXT_RSP_HDR header =
+        make_ext_header(EXT_STATUS_ACCEPTED, static_cast<std::uint32_t>(exec.tot_length));
+    gather_sent(sockfd, 1);
+    const int slen = agt::send_tcp_data(sockfd, &header, sizeof header);
     if (slen < 1) {
         agt::log_printf("<!> tcp error.. for header: %d", slen);
         return slen;
     }
-    agt::log_printf("(i) send header... ok.. len=(%d)", static_cast<int>(sizeof(EXT_RSP_HDR)));
-    int total = slen - static_cast<int>(sizeof(EXT_RSP_HDR));
-    for (int i = 1; i < exec.cmd_count; ++i) {
-        const output& out = exec.outputs[i];
-        const result_head head = head_of(out);
-        slen = agt::send_tcp_data2(sockfd, &head, sizeof head, out.buf_p, out.length);
-        if (slen < 1)
-            break;
-        total += slen;
+    agt::log_printf("(i) send header... ok.. len=(%d)", slen);
+    int total = 0;
+    bool whole = true;
+    for (int i = 0; i < exec.cmd_count && whole; ++i) {
+        const int sent = send_result(sockfd, exec.outputs[i]);
+        whole = sent == static_cast<int>(sizeof(result_head)) + exec.outputs[i].length;
+        total += sent;
     }
+    gather_sent(sockfd, 0);
     agt::log_printf("(i) send datas... ok.. len=(%d)", total);
     return total;
 }
 
-// The time value 0, or none, stands for the default.
+// The time value 0, or none, stands for the default; one beyond an int loses its high bits.
 int take_time_value(char*& data, int& length) {
-    const long value = std::strtol(data, nullptr, 10);
+    const int value = static_cast<int>(std::strtol(data, nullptr, 10));
     char* separator = std::strchr(data, EXT_SEPARATOR);
     if (separator != nullptr) {
         length -= static_cast<int>(separator + 1 - data) + 1; // exactly what remains of the frame
         data = separator + 1;
     }
-    return value == 0 ? DEFAULT_TIME_VALUE
-                      : static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+    return value == 0 ? DEFAULT_TIME_VALUE : value;
+}
+
+// The files that commands make are not everybody's to write.
+void set_command_mask() {
+    if (const mode_t own = umask(COMMAND_MASK); own != 0)
+        umask(own);
 }
 
 void run_commands(int sockfd, char* data, int length, int time_value) {
     agt::log_printf("(i) MSGRCV : [[ EXT_REQ - SVC_CMD ]] len=%d, timeout=%d", length, time_value);
+    set_command_mask();
     ST_CMD_EXEC exec{};
     if (!decode_cmd_packet(data, length, &exec, time_value))
         return;
@@ -160,6 +171,10 @@ struct request {
     const char* code;
     void (*serve)(int sockfd, char* data, int length);
 };
+
+agt::printable shown_start(const char* text, std::size_t most) {
+    return agt::printable({text, agt::text_length(text, most)});
+}
 
 constexpr request REQUESTS[] = {
     {EXT_SVC_CMD, svc_cmd},
@@ -222,9 +237,10 @@ void serve_ext_request(int sockfd, const unsigned char* frame, int rlen) {
             return std::memcmp(known.code, code, EXT_REQ_CODE_SIZE) == 0;
         });
     if (*pdu != EXT_PDU_REQUEST)
-        agt::log_printf("<!> unsupported  EXT_PDU = |%.*s|", 1, pdu);
+        agt::log_printf("<!> unsupported  EXT_PDU = |%s|", shown_start(pdu, 1).c_str());
     else if (wanted == std::end(REQUESTS))
-        agt::log_printf("<!> unsupported EXT_REQ = |%.*s|", int{EXT_REQ_CODE_SIZE}, code);
+        agt::log_printf("<!> unsupported EXT_REQ = |%s|",
+                        shown_start(code, EXT_REQ_CODE_SIZE).c_str());
     else
         wanted->serve(sockfd, packet + EXT_REQ_DATA_AT, received - EXT_REQ_PDU_AT);
 }

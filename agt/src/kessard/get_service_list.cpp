@@ -18,6 +18,7 @@
 #include "field.h"
 #include "log_printf.h"
 #include "open_object.h"
+#include "printable.h"
 #include "process_globals.h"
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
@@ -56,7 +57,7 @@ int load_block() {
     {
         const agt::log_batch batch;
         agt::log_printf("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]");
-        agt::log_printf("(i) -> ELEMENT_NUM - '%s'", agt::field_text(block.element_num).text);
+        agt::log_printf("(i) -> ELEMENT_NUM - '%s'", agt::printable(block.element_num).c_str());
     }
     const int n = std::min(agt::get_number(block.element_num), int{SERVICE_ELEMENT_MAX});
     for (int i = 0; i < n; ++i)
@@ -142,10 +143,12 @@ void th_join_get_service_list() {
     join_thread(th);
 }
 
+// A cancelled retrieval stays marked, so that it is joined, and does not say that it is at its end.
 void* get_service_list(void*) {
     const int conn_sockfd = connect_server();
     if (conn_sockfd < 0) {
-        finish();
+        if (!agt::cancelled())
+            finish();
         return nullptr;
     }
     if (!request_list(conn_sockfd)) {
@@ -158,7 +161,6 @@ void* get_service_list(void*) {
     const svc_hash_tbl_copy loaded = reload_table(conn_sockfd);
     set_svc_filtering(filtering);
     agt::close_tcp_session(conn_sockfd);
-    // A cancelled retrieval stays marked, so that it is joined.
     if (agt::cancelled())
         return nullptr;
     if (loaded != nullptr)

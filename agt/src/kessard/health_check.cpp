@@ -21,6 +21,7 @@
 #include "jcache_hash_stk.h"
 #include "kessard/cmd_msg.h"
 #include "log_printf.h"
+#include "printable.h"
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "server_link.h"
@@ -40,6 +41,7 @@ std::atomic<int> svr_cmd_sockfd{-1};
 namespace {
 
 constexpr char RECONNECTED_LINE[] = "################################################";
+constexpr std::size_t API_STAT_LINE_MAX = 1024;   // characters; a longer one is read as several
 constexpr char PROCESS_TID[] = "000000000000000"; // in the tid of a process entry
 constexpr const char* OWN_PROGRAMS[] = {"trailsink", "pulsed", "beaconer"};
 
@@ -240,10 +242,10 @@ void health_check_cycle(bool* reconnect) {
         agt::log_printf("%s", RECONNECTED_LINE);
     }
     const auto& answer = r_msg.body.health_check_rsp;
-    agt::log_printf("(i) ##### health check complete (slen : %d, rlen : %d), result_code : %c, "
+    agt::log_printf("(i) ##### health check complete (slen : %d, rlen : %d), result_code : %s, "
                     "svr_gap_time : %s",
-                    lengths.slen, lengths.rlen, answer.result_code[0],
-                    agt::field_text(answer.svr_gap_time).text);
+                    lengths.slen, lengths.rlen, agt::printable(answer.result_code[0]).c_str(),
+                    agt::printable(answer.svr_gap_time).c_str());
 }
 
 int transfer_device_info() {
@@ -313,9 +315,9 @@ void set_api_stat(char* api_stat) {
         return;
     }
     std::memset(api_stat, ' ', MSG_API_STAT_MAX * sizeof(API_STAT_STR));
-    char line[1024];
+    char line[API_STAT_LINE_MAX + 1];
     for (int count = 0; std::fgets(line, sizeof line, file) != nullptr; ++count) {
-        agt::log_printf("(I) api_stat.out #%d --> |%s|", count, line);
+        agt::log_printf("(I) api_stat.out #%d --> |%s|", count, agt::printable(line, "\n").c_str());
         if (count >= MSG_API_STAT_MAX)
             break;
         std::memcpy(api_stat + count * sizeof(API_STAT_STR), line,

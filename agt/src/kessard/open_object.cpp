@@ -61,6 +61,8 @@ bool fill_new_table(const table_objects& objects, const opened_table& opened, in
     const object_lock lock(objects.segment, opened.semaphores.id);
     if (lock.given_up()) { // the next start must not take it for a table in order
         agt::remove_shm(opened.segment.id);
+        agt::log_printf("(i) %s is not initialised and is removed again.[key:0x%x]",
+                        objects.segment.log_name, static_cast<unsigned>(objects.shmkey));
         return false;
     }
     fill();

@@ -6,6 +6,7 @@
 #include "log_printf.h"
 #include "sem.h"
 #include "shared_objects.h"
+#include "wait.h"
 
 namespace kessard {
 
@@ -89,7 +90,7 @@ void log_unsound_table(const table_objects& objects, const opened_table& opened,
     if (!opened.segment.existed || agt::stacks_add_up(table))
         return;
     const object_lock lock(objects.segment, opened.semaphores.id, look_again_ms);
-    if (!agt::stacks_add_up(table))
+    if (!agt::stacks_add_up(table) && !agt::cancelled())
         agt::log_printf("<!> %s is not in order : %u slots used, %u free of %d. (stop the agent, "
                         "run kessctl clean, start it)",
                         objects.segment.log_name, agt::shared_load(table.used.top),

@@ -7,6 +7,7 @@
 #include "hash_chain.h"
 #include "log_printf.h"
 #include "open_object.h"
+#include "printable.h"
 #include "settings.h"
 #include "svc_hash_stk.h"
 #include "tran_logf_que_info.h"
@@ -68,8 +69,8 @@ SVC_HASH_ARR_LIST* insert_slot(int bucket, int tail, const SERVICE_ELEMENT& elem
 SVC_HASH_ARR_LIST* change_slot(int index, const SERVICE_ELEMENT& element) {
     SVC_HASH_ARR_LIST* slot = &svc_hash_tbl->h_arr[index];
     const char mode = element.update_mode[0];
-    agt::log_printf("<!> service_id(%s) is already exist, update_mode : '%c'",
-                    agt::field_text(element.service_id).text, mode);
+    agt::log_printf("<!> service_id(%s) is already exist, update_mode : '%s'",
+                    agt::printable(element.service_id).c_str(), agt::printable(mode).c_str());
     switch (mode) {
     case 'A':
     case 'X':
@@ -94,8 +95,9 @@ bool open_svc_hash_tbl() {
         return false;
     svc_hash_tbl = static_cast<SVC_HASH_TBL*>(opened.segment.address);
     svc_hash_tbl_semid = opened.semaphores.id;
-    fill_new_table(objects, opened, init_svc_hash_tbl);
-    log_object_complete(objects.segment, objects.shmkey, opened.segment.existed);
+    if (opened.segment.existed || opened.segment.id == 0 ||
+        fill_new_table(objects, opened, init_svc_hash_tbl))
+        log_object_complete(objects.segment, objects.shmkey, opened.segment.existed);
     log_unsound_table(objects, opened, *svc_hash_tbl);
     return true;
 }

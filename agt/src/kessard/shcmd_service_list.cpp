@@ -23,6 +23,7 @@
 #include "get_service_list.h"
 #include "kessard/cmd_msg.h"
 #include "log_printf.h"
+#include "printable.h"
 #include "process_globals.h"
 #include "server_link.h"
 #include "settings.h"
@@ -42,7 +43,6 @@ constexpr char FURTHER_BLOCK = '4';
 constexpr exchange_texts texts_of(const char* no_answer) {
     return {.not_sent = "<!> server send error.. slen : %d",
             .no_answer = no_answer,
-            .no_magic = "<!> magic bit mismatch. sockfd : %d, rlen : %d",
             .sent = "(I) Send Msg To Server (-> UPDATE_SERVICE_LIST_REQ )"};
 }
 constexpr exchange_texts FULL_BLOCK =
@@ -122,8 +122,9 @@ template <std::size_t N> void copy_word(char (&field)[N], std::string_view word)
 struct upload {
     int conn_sockfd;
     char host_name[65];
-    int total = 0; // services in all
-    int count = 0; // services in the block
+    int total = 0;         // services in all
+    int count = 0;         // services in the block
+    bool no_magic = false; // in the last answer; said once the connection and the script are gone
 };
 
 // Parses a line into the next element of the block; false after a log line when it is not two
@@ -136,7 +137,8 @@ bool add_service(upload* up, const char* line) {
     const std::string_view limit = take_word(&text);
     copy_word(element.service_id, service_id);
     if (limit.empty()) {
-        agt::log_printf("<!> SKIP.. DATA -> fail get service, format string : %s", line);
+        agt::log_printf("<!> SKIP.. DATA -> fail get service, format string : %s",
+                        agt::printable(line, "\n").c_str());
         return false;
     }
     copy_word(element.limit, limit);
@@ -144,11 +146,13 @@ bool add_service(upload* up, const char* line) {
     ++up->total;
     ++up->count;
     agt::log_printf("\t[#%03d] host_name : %s, service_id : %s, limit : %s", up->total,
-                    element.host_name, element.service_id, element.limit);
+                    element.host_name, agt::printable(element.service_id).c_str(),
+                    agt::printable(element.limit).c_str());
     return true;
 }
 
-// Sends the block and waits for its answer; false after a log line when the upload is over.
+// Sends the block and waits for its answer; false when the upload is over, after a log line unless
+// the magic is wrong.
 bool send_block(upload* up, const exchange_texts& texts) {
     auto& body = request();
     std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, up->count);
@@ -158,8 +162,12 @@ bool send_block(upload* up, const exchange_texts& texts) {
     if (exchange(up->conn_sockfd, MSG_UPDATE_SERVICE_LIST_REQ, &s_msg, &r_msg, texts) !=
         exchange_result::answered)
         return false;
+    up->no_magic = agt::magic_bit_check(up->conn_sockfd, &r_msg) != 1;
+    if (up->no_magic)
+        return false;
     if (r_msg.hdr.msg_type[0] != MSG_UPDATE_SERVICE_LIST_RSP) {
-        agt::log_printf("<!> Response Msg MisMatch Type : '%c'", r_msg.hdr.msg_type[0]);
+        agt::log_printf("<!> Response Msg MisMatch Type : '%s'",
+                        agt::printable(r_msg.hdr.msg_type[0]).c_str());
         return false;
     }
     agt::log_printf("(I) Receive Msg From Server (<- UPDATE_SERVICE_LIST_RSP )");
@@ -167,7 +175,8 @@ bool send_block(upload* up, const exchange_texts& texts) {
     if (result == '0')
         agt::log_printf("(I) Update Service List Complete.");
     else
-        agt::log_printf("<!> Update Service List Fail. Result Code : '%c'", result);
+        agt::log_printf("<!> Update Service List Fail. Result Code : '%s'",
+                        agt::printable(result).c_str());
     up->count = 0;
     return true;
 }
@@ -225,6 +234,9 @@ bool upload_services(int conn_sockfd) {
     request().result_code[0] = NO_BLOCK_YET;
     const bool complete = put_host_name(up.host_name, sizeof up.host_name) && run_script(&up);
     agt::close_tcp_session(up.conn_sockfd);
+    if (up.no_magic)
+        agt::log_printf("<!> magic bit mismatch. sockfd : %d, rlen : %d", conn_sockfd,
+                        TCP_CMD_MSG_SIZE);
     if (complete)
         agt::log_printf("(I) Total [%d] Services Server Update, Success..", up.total);
     return complete;
@@ -237,10 +249,10 @@ int connect_for_upload() {
     agt::log_printf("###(I) trying server connect. (ip %s, port %d)", server.srv_ipaddr,
                     server.srv_cmd_port);
     const int conn_sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
-    if (conn_sockfd < 0)
+    if (conn_sockfd < 0 && !agt::cancelled())
         agt::log_printf("<!> server connection fail. (ip %s, port %d)", server.srv_ipaddr,
                         server.srv_cmd_port);
-    else
+    if (conn_sockfd >= 0)
         agt::log_printf("(i) server connection success. (ip %s, port %d, fd %d)", server.srv_ipaddr,
                         server.srv_cmd_port, conn_sockfd);
     return conn_sockfd;

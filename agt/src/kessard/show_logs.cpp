@@ -6,9 +6,9 @@
 #include <iterator>
 #include <string_view>
 
-#include "field.h"
 #include "index_stack.h"
 #include "log_printf.h"
+#include "printable.h"
 
 namespace kessard {
 namespace {
@@ -34,7 +34,7 @@ void show_number(std::string_view head, std::string_view name, long value) {
 
 template <std::size_t N>
 void show_text(std::string_view head, std::string_view name, const char (&text)[N]) {
-    agt::log_line({head, name, " : |", {text, agt::text_length(text, N)}, "|"});
+    agt::log_line({head, name, " : |", agt::printable(text), "|"});
 }
 
 void show_slot(std::string_view head, const SVC_HASH_ARR_LIST& slot) {

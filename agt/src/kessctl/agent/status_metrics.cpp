@@ -18,12 +18,17 @@ struct label {
     std::string value;
 };
 
+// The format asks for UTF-8, which the names of processes need not be: what is not ASCII becomes
+// \xHH, too.
 std::string escaped(const std::string& value) {
     std::string text;
     for (const char c : value) {
+        char byte[8] = {c};
         if (c == '\\' || c == '"')
-            text += '\\';
-        text += c == '\n' ? "\\n" : std::string(1, c);
+            std::snprintf(byte, sizeof byte, "\\%c", c);
+        else if (c < 0)
+            std::snprintf(byte, sizeof byte, "\\\\x%02x", static_cast<unsigned char>(c));
+        text += c == '\n' ? "\\n" : byte;
     }
     return text;
 }

@@ -3,6 +3,8 @@
 // Each request takes a connection of its own, so what one request cannot carry costs one more
 // connection. The first request that fails is the last; a command that fails is not a failed
 // request.
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <climits>
 #include <cstdio>
@@ -10,6 +12,7 @@
 
 #include "commands/commands.h"
 #include "server/ext_client.h"
+#include "wire/text.h"
 
 namespace kessctl {
 namespace {
@@ -44,11 +47,14 @@ bool succeeded(const command_result& result, bool strict) {
     return end == command_end::succeeded || (end == command_end::no_output && !strict);
 }
 
-// Shows a command as a terminal would, then how it ended.
+// Shows a command as a terminal would, then how it ended. What others wrote does not command the
+// terminal.
 void print_result(const std::string& command, const command_result& result) {
+    const bool on_terminal = isatty(STDOUT_FILENO) == 1;
+    const std::string shown = on_terminal ? printable(result.output, "\n\t") : result.output;
     std::printf("$ %s\n", command.c_str());
-    std::fwrite(result.output.data(), 1, result.output.size(), stdout);
-    if (!result.output.empty() && result.output.back() != '\n')
+    std::fwrite(shown.data(), 1, shown.size(), stdout);
+    if (!shown.empty() && shown.back() != '\n')
         std::putchar('\n');
     std::printf("-> %s\n", describe(result).c_str());
     std::fflush(stdout);

@@ -2,8 +2,9 @@
 #include "wire/text.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
+
+#include "printable.h"
 
 namespace kessctl {
 
@@ -20,18 +21,10 @@ std::string trimmed(const char* field, std::size_t size) {
     return text;
 }
 
-std::string printable(std::string_view text) {
+std::string printable(std::string_view text, std::string_view kept) {
     std::string shown;
-    for (const char c : text) {
-        if (c >= ' ' && c <= '~') {
-            shown += c;
-            continue;
-        }
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\x%02x",
-                      static_cast<unsigned>(static_cast<unsigned char>(c)));
-        shown += escaped;
-    }
+    shown.reserve(text.size());
+    agt::show_bytes(text, kept, [&shown](char c) { shown += c; });
     return shown;
 }
 

@@ -15,8 +15,8 @@ void put_field(char* field, std::size_t size, std::string_view text);
 // blanks behind it.
 std::string trimmed(const char* field, std::size_t size);
 
-// `text` with every byte outside printable ASCII written as \xNN.
-std::string printable(std::string_view text);
+// `text` with its control bytes written as \xHH, but for those in `kept`.
+std::string printable(std::string_view text, std::string_view kept = {});
 
 // The text of a whole field, trimmed and printable.
 template <std::size_t N> std::string shown(const char (&field)[N]) {
