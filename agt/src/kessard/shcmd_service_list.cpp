@@ -30,6 +30,7 @@
 #include "shortage.h"
 #include "subprocess.h"
 #include "tcp_base.h"
+#include "tcp_recv.h"
 #include "wait.h"
 
 namespace kessard {
