@@ -21,6 +21,7 @@
 #include "config/check_config.h"
 #include "host/listener.h"
 #include "server/command_client.h"
+#include "tls.h"
 #include "wait.h"
 
 namespace kessctl {
@@ -63,7 +64,7 @@ void examine_config(patient& agent) {
 }
 
 // The daemon closes a connection whose other side has ended, without a word and without a line in
-// its log.
+// its log. One that refuses the certificate answers, too.
 bool answers(const patient& agent, std::string* why) {
     const std::string address = agent.value(agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
     const int port = number_read(agent.value(agt::config_key_of("TRAN_AGENT", "CMD_PORT")));
@@ -73,7 +74,8 @@ bool answers(const patient& agent, std::string* why) {
         return false;
     client.use_tls(identity, agent.tls.server_name);
     if (client.connect(address == "0.0.0.0" ? "127.0.0.1" : address, port, ANSWER_LIMIT_MS) &&
-        shutdown(client.fd(), SHUT_WR) == 0 && client.wait_closed(ANSWER_LIMIT_MS))
+        shutdown(client.fd(), SHUT_WR) == 0 &&
+        (client.wait_closed(ANSWER_LIMIT_MS) || !agt::tls_failure(client.fd()).empty()))
         return true;
     *why = "port " + std::to_string(port) + ": " + client.error();
     return false;

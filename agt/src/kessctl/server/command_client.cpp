@@ -116,6 +116,8 @@ bool command_client::wait_closed(int limit_ms) {
     const int got = agt::recv_tcp_data(sockfd_.get(), &byte, 1);
     if (got == 0 || (got < 0 && errno == ECONNRESET))
         return true;
+    if (const std::string of_tls = agt::tls_failure(sockfd_.get()); !of_tls.empty())
+        return fail("TLS: " + of_tls);
     return fail(got > 0 ? "the agent sent something" : "the agent kept the connection open");
 }
 
