@@ -126,6 +126,7 @@ TEST_F(Console, CallsFineWhatTheDaemonStartsWith) {
     std::filesystem::create_directory(daemon.path("run"));
     expect_in(run({"check-config", SOURCE_TREE "agt/conf/agt.cfg"}), // its port may be in use
               {KEYS_CHECKED + "errors: 0, "});
+    daemon.set("TRAN_AGENT", "#REMOTE_COMMANDS_YN", "N"); // a remark
     daemon.write_cfg();
     const std::string clean = daemon.cfg_file() + KEYS_CHECKED + "errors: 0, warnings: 0\n";
     EXPECT_EQ(run({"check-config", "--strict"}), "0\n" + clean);

@@ -82,7 +82,8 @@ void check_absent(checker& check, const config_key& key) {
     }
     const auto [first, end] = check.file.body_of(header);
     for (int i = first; i < end; ++i)
-        if (agt::is_meant_for(check.file.at(i).text, key.keyword)) {
+        if (!check.file.at(i).text.starts_with('#') &&
+            agt::is_meant_for(check.file.at(i).text, key.keyword)) {
             check.add(check.file.at(i).line, severity::error, key,
                       "missing: " + agt::keyword_fault(check.file.at(i).text, key) +
                           missing_text(key));
