@@ -53,12 +53,24 @@ void exchanges::empty_log() const {
         std::filesystem::resize_file(log.path(), 0);
 }
 
+kessctl::command_client exchanges::new_client() const {
+    kessctl::command_client made;
+    if (identity != nullptr)
+        made.use_tls(identity, "agent.example");
+    return made;
+}
+
+bool exchanges::is_answered(const TCP_CMD_MSG& request, TCP_CMD_MSG* got) const {
+    kessctl::command_client asking = new_client();
+    return asking.connect("127.0.0.1", a.port()) && asking.request(request, got);
+}
+
 bool exchanges::command() {
     SERVICE_ELEMENT gone = kessctl::make_service("NOT THERE");
     gone.update_mode[0] = 'D';
     TCP_CMD_MSG got;
     return repeat([&] {
-        return answers(a, kessctl::modified_services_frame(&gone, 1), &got) &&
+        return is_answered(kessctl::modified_services_frame(&gone, 1), &got) &&
                kessctl::field_text(got, "element_num") == "001";
     });
 }
@@ -94,7 +106,8 @@ bool exchanges::notify() {
 }
 
 bool exchanges::renew() const {
-    return answers(a, kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ));
+    TCP_CMD_MSG got;
+    return is_answered(kessctl::start_frame(MSG_RENEW_SERVICE_LIST_REQ), &got);
 }
 
 bool exchanges::reload() {

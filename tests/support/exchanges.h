@@ -11,6 +11,7 @@ inline constexpr unsigned LEAST_SERVICES = 200; // in the table when no list is 
 class exchanges : public served_agent {
   protected:
     int limit_ms = LIMIT_MS;
+    std::shared_ptr<agt::tls_identity> identity; // of the clients; null without TLS
 
     exchanges(); // the agent is configured for all of them, and not started
 
@@ -37,7 +38,11 @@ class exchanges : public served_agent {
     void spoil_until(const std::atomic<bool>& over);
     void empty_log() const;
 
+    // A client that may ask: one of its own for each exchange.
+    kessctl::command_client new_client() const;
+
   private:
+    bool is_answered(const TCP_CMD_MSG& request, TCP_CMD_MSG* got) const;
     template <class Attempt> bool repeat(Attempt attempt) { return wait_until(attempt, limit_ms); }
     int isalive(pid_t pid); // of a process's entry in the trace table, -1 without one
 
