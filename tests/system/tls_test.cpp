@@ -268,7 +268,7 @@ TEST_F(Tls, LeavesNothingOfAThousandConnectionsAndServesChildrenBesideThem) {
     };
     connect(50);
     const auto resident = [&] { return std::stol(status_of(a.pid(), "VmRSS")); };
-    const long kilobytes = resident();
+    [[maybe_unused]] const long kilobytes = resident();
     const std::size_t files = open_files(a.pid()).size();
     std::thread beside(connect, 950);
     for (int i = 0; i < 200; ++i)
