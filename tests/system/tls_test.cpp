@@ -66,6 +66,17 @@ TEST_F(Tls, ServesCommandsAndReportsToTheServer) {
     expect_end();
 }
 
+TEST_F(Tls, WarnsOnceOfACertificateThatEndsSoon) {
+    ca.issue("agent", "DNS:agent.example", "", "-days 5");
+    start();
+    constexpr char WARNING[] = "<!> TLS : the certificate expires soon. (";
+    EXPECT_TRUE(a.wait_log(WARNING));
+    EXPECT_TRUE(in_order(a.console({"status"}).out, {"TLS certificate valid for 4 days, until "}));
+    EXPECT_TRUE(in_order(a.console({"metrics"}).out, {"\nkessard_certificate_valid_days 4\n"}));
+    agt::sleep_ms(2500); // it is looked at every second
+    EXPECT_EQ(a.count_log(WARNING), 1u);
+}
+
 TEST_F(Tls, RefusesPeersWithNothingButAnAlert) {
     ca.issue("other", "DNS:other.example");
     ca.issue("common", "", ""); // its common name counts
