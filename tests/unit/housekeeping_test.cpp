@@ -129,6 +129,7 @@ TEST_F(Housekeeping, LooksOnceForNeighboursAndRightForInterleavedProcesses) {
 // What the C library's sort and search make of the same look-ups.
 class library_cache {
   public:
+    library_cache() { records_.reserve(1); } // qsort() and bsearch() take no null
     char isalive_of(const CHK_PID& wanted, char (*look_up)(const CHK_PID&)) {
         if (!records_.empty() && compare(&wanted, &records_.back()) == 0)
             return records_.back().isalive;
