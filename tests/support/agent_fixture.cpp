@@ -179,6 +179,7 @@ void* agent::attach(const std::string& keyword, std::size_t size, int flags) {
         ADD_FAILURE() << keyword << ": " << std::strerror(errno);
         return nullptr;
     }
+    const std::lock_guard guard(attaching_);
     attached_.push_back(object);
     return object;
 }

@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -126,6 +127,7 @@ class agent {
     std::optional<process> program_;
     std::vector<process> earlier_;
     std::size_t log_mark_ = 0;
+    std::mutex attaching_; // exchanges may run at once
     std::vector<void*> attached_;
 };
 
