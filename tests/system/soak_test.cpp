@@ -185,7 +185,8 @@ void Soak::soak() {
         EXPECT_TRUE(settled);
         EXPECT_LE(now.anon_kb, first.anon_kb + MEMORY_BOUND_KB);
         server.forget_messages();
-        empty_log();
+        if (!HasFailure())
+            empty_log();
     }
     over = true;
     for (std::thread& one : neighbours)
