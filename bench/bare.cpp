@@ -28,6 +28,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "bare_listen.h"
 #include "bare_local.h"
 
 namespace {
@@ -144,21 +145,6 @@ struct work {
 constexpr work WORKS[] = {{"echo", echo},   {"crowd", crowd}, {"ping", ping},
                           {"shell", shell}, {"store", store}, {"fetch", fetch}};
 
-// Listens on a port that the system chooses and prints it.
-bool listen_somewhere() {
-    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in own{};
-    own.sin_family = AF_INET;
-    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof own;
-    if (bind(listener, reinterpret_cast<sockaddr*>(&own), size) != 0 || listen(listener, 5) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&own), &size) != 0)
-        return false;
-    std::printf("%d\n", ntohs(own.sin_port));
-    std::fflush(stdout);
-    return true;
-}
-
 // Comes back only when the work is none of these.
 void work_without_connection(char** argv) {
     if (std::strcmp(argv[1], "waits") == 0)
@@ -170,7 +156,8 @@ void work_without_connection(char** argv) {
 }
 
 void serve(const work& one) {
-    if (!listen_somewhere())
+    listener = bench::listen_somewhere();
+    if (listener < 0)
         return;
     for (int sockfd = -1; (sockfd = accept_one()) >= 0; close(sockfd))
         one.serve(sockfd);

@@ -17,6 +17,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "bare_listen.h"
+
 namespace {
 
 constexpr int FRAME_BYTES = 1407;
@@ -60,25 +62,11 @@ SSL_CTX* make_ctx(char** files) {
     return made ? ctx : nullptr;
 }
 
-int listen_somewhere() {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in own{};
-    own.sin_family = AF_INET;
-    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof own;
-    if (bind(listener, reinterpret_cast<sockaddr*>(&own), size) != 0 || listen(listener, 5) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&own), &size) != 0)
-        return -1;
-    std::printf("%d\n", ntohs(own.sin_port));
-    std::fflush(stdout);
-    return listener;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
     SSL_CTX* ctx = argc < 4 ? nullptr : make_ctx(argv + 1);
-    const int listener = ctx == nullptr ? -1 : listen_somewhere();
+    const int listener = ctx == nullptr ? -1 : bench::listen_somewhere();
     std::signal(SIGPIPE, SIG_IGN);
     for (int sockfd = -1; (sockfd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;
          close(sockfd)) {

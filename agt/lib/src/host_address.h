@@ -14,8 +14,8 @@ struct address_block {
 // Takes "192.0.2.7" or "192.0.2.0/24"; false, and `out` is untouched, when it is neither.
 [[nodiscard]] bool parse_address_block(const char* text, address_block* out);
 
-// The first address of `host`, a name or a dotted address. False and errno, 0 for
-// a name that is not known, when it cannot be resolved or the calling thread is cancelled meanwhile.
+// The first address of `host`, a name or a dotted address. False and errno, 0 for a name that is
+// not known, when it cannot be resolved or the calling thread is cancelled meanwhile.
 [[nodiscard]] bool resolve_host(const char* host, in_addr* out);
 
 // Writes the first address of `host` in dotted form into `out` (20 bytes). 0; -1 for an empty name;
