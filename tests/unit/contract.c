@@ -4,6 +4,7 @@
 #include "kessard/noti_send_que.h"
 #include "kessard/parse_log_que.h"
 #include "kessard/ptrc_hash_tbl.h"
+#include "kessard/state_file.h"
 #include "kessard/svc_hash_tbl.h"
 #include "kessard/tran_agt_shm.h"
 #include "kessard/tran_logf_que_info.h"
