@@ -165,6 +165,12 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     return REAL(ssize_t, sendmsg, (int, const msghdr*, int))(fd, &shorter, flags);
 }
 
+ssize_t send(int fd, const void* from, std::size_t size, int flags) {
+    if (fails(NUMBER(send)))
+        return -1;
+    return REAL(ssize_t, send, (int, const void*, std::size_t, int))(fd, from, size, flags);
+}
+
 ssize_t sendto(int fd, const void* from, std::size_t size, int flags, const sockaddr* to,
                socklen_t length) {
     sockaddr_un elsewhere{AF_UNIX, ""};
@@ -187,8 +193,9 @@ void* calloc(std::size_t count, std::size_t size) noexcept {
     return fails(NUMBER(calloc)) ? nullptr : __libc_calloc(count, size);
 }
 
-time_t time(time_t*) noexcept {
-    return shown(REAL(time_t, time, (time_t*))(nullptr));
+time_t time(time_t* out) noexcept {
+    const time_t now_sec = shown(REAL(time_t, time, (time_t*))(nullptr));
+    return out == nullptr ? now_sec : *out = now_sec;
 }
 int gettimeofday(timeval* out, void* zone) noexcept {
     const int ret = REAL(int, gettimeofday, (timeval*, void*))(out, zone);

@@ -1,11 +1,7 @@
 // The real program while calls fail, peers reset, neighbours spoil its tables, and it is killed.
-#include "faults.h"
-
-#include <sys/mman.h>
-#include <sys/un.h>
-
-#include "exchanges.h"
+#include "certificates.h"
 #include "ext_peer.h"
+#include "faulty_agent.h"
 #include "sem.h"
 
 namespace {
@@ -13,117 +9,7 @@ namespace {
 using namespace std::string_literals;
 using namespace test_support;
 
-class Faults : public exchanges {
-  protected:
-    faults::table* table = nullptr;
-
-    void SetUp() override {
-        if (FAULTS_LIBRARY[0] == '\0')
-            GTEST_SKIP() << "a sanitizer wraps the same calls";
-        a.write_file("faults", std::string(sizeof *table, '\0'));
-        const agt::unique_fd file(open(a.path("faults").c_str(), O_RDWR | O_CLOEXEC));
-        table = static_cast<faults::table*>(
-            mmap(nullptr, sizeof *table, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0));
-        table->longest_sleep_ms = 20;
-        a.variables["KESSARD_FAULTS"] = a.path("faults");
-        a.variables["LD_PRELOAD"] = FAULTS_LIBRARY;
-    }
-    unsigned hits(const std::string& call) const { return table->of[faults::number_of(call)].hits; }
-    // Lets a call fail from its `first` time on, every so often; 0: once.
-    void set(const std::string& call, int error, unsigned every = 1, unsigned first = 1) {
-        faults::fault& one = table->of[faults::number_of(call)];
-        one.calls = one.hits = 0;
-        one.every = every;
-        one.first = first;
-        one.error = error;
-    }
-    void clear() {
-        for (faults::fault& one : table->of)
-            one.error = 0;
-        limit_ms = LIMIT_MS;
-    }
-    bool ended() const {
-        siginfo_t info{};
-        return waitid(P_PID, static_cast<id_t>(a.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-               info.si_pid != 0;
-    }
-};
-
-// The system log that the daemon is led to.
-class system_log {
-  public:
-    explicit system_log(const std::string& path) {
-        std::strcpy(address_.sun_path, path.c_str());
-        unlink(path.c_str());
-        EXPECT_EQ(bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof address_),
-                  0);
-    }
-    void fill() const {
-        while (sendto(fd_.get(), "", 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address_),
-                      sizeof address_) == 1)
-            continue;
-    }
-    // Whether a line with all of the pieces in their order comes.
-    bool has(const texts& pieces) {
-        char line[1024];
-        return wait_until([&] {
-            for (ssize_t got = 0; (got = recv(fd_.get(), line, sizeof line, MSG_DONTWAIT)) >= 0;)
-                lines.emplace_back(line, static_cast<std::size_t>(got));
-            return std::ranges::any_of(lines,
-                                       [&](const auto& one) { return in_order(one, pieces); });
-        });
-    }
-    texts lines;
-
-  private:
-    sockaddr_un address_{AF_UNIX, ""};
-    agt::unique_fd fd_{socket(AF_UNIX, SOCK_DGRAM, 0)};
-};
-
-TEST_F(Faults, TheAuditNamesEveryActAndWaitsForNobody) {
-    const std::string path = a.path("log-socket");
-    std::strcpy(table->system_log, path.c_str());
-    a.set("TRAN_AGENT", "AUDIT_YN", "Y");
-    a.set("TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.1");
-    std::optional<system_log> log(path);
-    start_running(a);
-    EXPECT_EQ(a.count_log("(i) policy : ALLOWED_ADDRESSES 127.0.0.1, REMOTE_COMMANDS_YN absent, Y, "
-                          "AUDIT_YN Y, no TLS"),
-              1u);
-    const std::string from = "peer=127.0.0.1:";
-    const std::string daemon = ">kessard[" + std::to_string(a.pid()) + "]: ";
-    a.write_file("sent", "12345", 0640);
-    const std::pair<texts, std::vector<texts>> acts[] = {
-        {{"set-config", "--log-qcnt", "16"},
-         {{"<86" + daemon + "accepted " + from, " name=-"},
-          {"<85" + daemon + "command " + from, "type=SET_SYS_CONFIG_SET_REQ result=0",
-           "=8->16 magic="},
-          {"<86" + daemon + "ended " + from, " name=- reason=closed by the peer"}}},
-        {{"exec", "echo hi \x01; exit 3", "true #" + std::string(600, 'x')},
-         {{"<85" + daemon + "request " + from, "code=0001 data=echo hi \\x01; exit 3\\x1ftrue #x"},
-          {"<85>kessard[", "remote-command " + from, "exit=3 seconds=0.",
-           " bytes=5 text=echo hi \\x01"},
-          {"<86>kessard[", "ended " + from, "reason=request served"}}},
-        {{"put", a.path("sent"), a.path("up")},
-         {{"upload " + from, "result=ok size=5 mode=0640 path=" + a.path("up/sent")}}},
-        {{"get", a.path("sent"), a.path("up")},
-         {{"download " + from, "result=ok size=5 mode=0640 path=" + a.path("sent")}}}};
-    for (const auto& [words, lines] : acts) {
-        a.run(words);
-        for (const texts& line : lines)
-            EXPECT_TRUE(log->has(line)) << line.back();
-    }
-    for (const std::string& line : log->lines)
-        EXPECT_LE(line.size() - line.find("]: ") - 3, 500u);
-    log->fill();
-    EXPECT_EQ(a.run({"exec", "echo on"})[0], '0');
-    log.reset();
-    EXPECT_EQ(a.run({"exec", "echo on"})[0], '0');
-    log.emplace(path);
-    EXPECT_EQ(a.run({"renew"})[0], '0');
-    EXPECT_TRUE(log->has({"type=RENEW_SERVICE_LIST_REQ result=0"}));
-    EXPECT_EQ(a.count_log("remote-command"), 0u);
-}
+using Faults = faulty_agent;
 
 struct fault_case {
     std::string call;
@@ -241,6 +127,24 @@ TEST_F(Faults, InterruptedCallsAreRepeatedAndShortOnesCompleted) {
             EXPECT_GT(hits(call), 0u) << call;
         expect_end();
         clear();
+    }
+}
+
+// What the daemon sends over TLS fails, from the first of it on: the answer, the steps of the
+// handshake with the server, the request, the acknowledgements.
+TEST_F(Faults, ARetrievalOverTlsThatFailsIsFollowedByOthers) {
+    const authority ca(a);
+    ca.secure(a, server, client);
+    identity = ca.identity("operator");
+    start_running(a);
+    EXPECT_TRUE(reload());
+    for (unsigned nth = 1; nth <= 10 && !HasFailure(); ++nth) {
+        SCOPED_TRACE(nth);
+        set("send", ECONNRESET, 0, nth);
+        renew();
+        EXPECT_TRUE(wait_until([&] { return hits("send") > 0; }));
+        clear();
+        EXPECT_TRUE(reload());
     }
 }
 

@@ -8,7 +8,8 @@
 //
 // `retrieving` is the "already running" mark. A failure to name the host or to send the request
 // leaves it set for good: later starts are refused until the process restarts. That is the required
-// behaviour.
+// behaviour in clear text. Over TLS, where a server that hangs up behind the handshake is met by
+// the first thing sent, such a failure ends a retrieval like any other.
 #include "get_service_list.h"
 
 #include <algorithm>
@@ -24,6 +25,7 @@
 #include "set_svc_hash_tbl.h"
 #include "show_logs.h"
 #include "tcp_base.h"
+#include "tls.h"
 #include "tran_logf_que_info.h"
 #include "wait.h"
 
@@ -152,7 +154,10 @@ void* get_service_list(void*) {
         return nullptr;
     }
     if (!request_list(conn_sockfd)) {
+        const bool ends = agt::tls_session_of(conn_sockfd) != nullptr && !agt::cancelled();
         agt::close_tcp_session(conn_sockfd);
+        if (ends)
+            finish();
         return nullptr;
     }
     const signed char filtering = get_svc_filtering();
