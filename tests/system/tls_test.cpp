@@ -152,6 +152,20 @@ TEST_F(Tls, DoesNotStartWithFilesThatCannotBeUsed) {
     a.set("TLS", "CERT_FILE", "tls/expired.crt");
     a.set("TLS", "KEY_FILE", "tls/expired.key");
     refuses("expired.crt: certificate has expired");
+    a.write_file("tls/kessard_tls.so", "");
+    a.variables["LD_LIBRARY_PATH"] = a.path("tls");
+    refuses("kessard_tls.so: file too short");
+}
+
+TEST_F(Tls, LocksOutWhoIsRevoked) {
+    start();
+    EXPECT_TRUE(renew());
+    ca.shell(
+        "printf '[ca]\\ndefault_ca=d\\n[d]\\ndatabase=index\\n' >ca.cnf; : >index\n"
+        "openssl() { command openssl ca -config ca.cnf -md sha256 -cert ca.crt -keyfile ca.key "
+        "\"$@\"; }; openssl -revoke operator.crt; openssl -gencrl -crldays 1 >>ca.crt");
+    EXPECT_TRUE(wait_until([&] { return !client.connect("127.0.0.1", a.port()) || !renew(); }));
+    EXPECT_TRUE(a.wait_log("certificate revoked, certificate of operator.example"));
 }
 
 TEST_F(Tls, LetsNoServerPassThatItDoesNotKnow) {
