@@ -26,6 +26,7 @@ using update_trigger_text = char[256];
 using api_stat_out_text = char[512];
 using skipped_name_text = char[sizeof(PTRC_HASH_ARR::proc_nm)];
 using tls_file_text = char[512];
+using state_file_text = char[512];
 
 inline constexpr char LOG_SUBDIRECTORY[] = "/proc/kessard"; // of LOG_HOME
 inline constexpr int HHMI_SIZE = 4;                         // characters of a time of day
@@ -116,6 +117,8 @@ inline constexpr config_key KEYS[] = {
     {"TRAN_AGENT", "IP_ADDRESS", own_address, 1, LENGTH_OF<agt_ipaddr_text>, "",
      "Address on which the daemon takes commands"},
     {"TRAN_AGENT", "CMD_PORT", port, 1, 65535, "", "TCP port on which the daemon takes commands"},
+    {"COMMON", "STATE_FILE", file, 1, LENGTH_OF<state_file_text>, "",
+     "File in which the daemon keeps its own figures", start, is_silent, "none"},
     {"TRAN_SERVER", "IP_ADDRESS", host, 1, LENGTH_OF<srv_ipaddr_text>, "",
      "Address of the central server"},
     {"TRAN_SERVER", "CMD_PORT", port, 1, 65535, "", "Command port of the central server"},

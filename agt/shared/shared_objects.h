@@ -83,4 +83,12 @@ static_assert([] {
     return true;
 }());
 
+// The place of an object there.
+constexpr int row_of(const shared_object& object) {
+    int row = 0;
+    while (SHARED_OBJECTS[row] != &object)
+        ++row;
+    return row;
+}
+
 } // namespace agt

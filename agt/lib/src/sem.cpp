@@ -138,7 +138,7 @@ int operate(int sem_id, int num, int sem_op, int sem_flg, int limit_ms) {
     do
         ret = semtimedop(sem_id, &operation, 1, nullptr);
     while (ret != 0 && errno == EINTR);
-    if (ret == 0 || errno != EAGAIN || (sem_flg & IPC_NOWAIT) != 0)
+    if (ret == 0 || errno != EAGAIN || (sem_flg & IPC_NOWAIT) != 0 || limit_ms == 0)
         return ret;
     operation.sem_flg = static_cast<short>(sem_flg);
     return wait_in_queue(sem_id, operation, limit_ms);

@@ -17,6 +17,7 @@
 #include "process_globals.h"
 #include "server_link.h"
 #include "settings.h"
+#include "state_file.h"
 #include "tcp_base.h"
 #include "util.h"
 #include "wait.h"
@@ -45,7 +46,8 @@ enum class link_state {
 std::atomic<int> sockfd{-1};
 std::atomic<link_state> state{link_state::down};
 
-daemon_thread net_th("network_check", network_checker, "<!> network pthread_create error.");
+daemon_thread net_th("network_check", network_checker, "<!> network pthread_create error.",
+                     STATE_WATCHER, LINK_POLL_SEC * 1000);
 daemon_thread th("check_network", check_network, "<!> pthread_create error.");
 
 link_state when_up(link_state now) {
@@ -183,6 +185,7 @@ void* network_checker(void*) {
     change_state(when_watched);
     int retry_usec = FIRST_RETRY_USEC;
     while (keep_running()) {
+        note_pass();
         if (noti_send_flag() != 0) {
             agt::set_idle(LINK_POLL_SEC, 0);
             continue;

@@ -27,6 +27,7 @@
 #include "process_globals.h"
 #include "ptrc_hash_stk.h"
 #include "settings.h"
+#include "state_file.h"
 #include "util.h"
 #include "wait.h"
 #include "worker_cfg.h"
@@ -42,7 +43,8 @@ constexpr char EVENT_RANGE_ERROR[] = "2010";
 constexpr char EVENT_LOG_TYPE = 'V';
 constexpr std::size_t PROC_NM_SIZE = sizeof(PTRC_HASH_ARR::proc_nm);
 
-daemon_thread th("check_worker", check_worker, "<!> network pthread_create error.");
+daemon_thread th("check_worker", check_worker, "<!> network pthread_create error.", STATE_WATCHDOG,
+                 START_DELAY_MS);
 
 struct ST_WORKER_LIST {
     pid_t pid;
@@ -302,7 +304,8 @@ void* check_worker(void*) {
     }
     agt::log_printf("=== [CHECK_WORKER] check_int : %d,  rest_int : %d",
                     worker_cfg.worker_check_interval, worker_cfg.worker_rest_interval);
-    while (keep_running() && check_worker_pass())
+    set_rhythm(worker_cfg.worker_check_interval * 1000LL);
+    for (note_pass(); keep_running() && check_worker_pass(); note_pass())
         agt::set_idle(worker_cfg.worker_check_interval, 0);
     return nullptr;
 }

@@ -13,6 +13,7 @@
 #include "log_printf.h"
 #include "process_globals.h"
 #include "shortage.h"
+#include "state_file.h"
 #include "wait.h"
 
 namespace kessard {
@@ -53,7 +54,9 @@ void* daemon_thread::run(void* self) {
     std::snprintf(name, sizeof name, "%s", thread->name_);
     pthread_setname_np(pthread_self(), name);
     agt::set_cancel_fd(thread->cancel_fd_);
+    begin_thread_figures(thread->place_, thread->name_, thread->rhythm_ms_);
     void* ret = thread->entry_(nullptr);
+    end_thread_figures();
     send_event(thread->done_fd_);
     return ret;
 }

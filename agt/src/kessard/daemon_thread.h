@@ -12,6 +12,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdint>
 
 #include "mutex.h"
 
@@ -22,9 +23,12 @@ inline constexpr int JOIN_LIMIT_MS =
 
 class daemon_thread {
   public:
-    // `start_error` is the log line of a thread that could not be created.
-    constexpr daemon_thread(const char* name, void* (*entry)(void*), const char* start_error)
-        : name_(name), entry_(entry), start_error_(start_error) {}
+    // `start_error` is the log line of a thread that could not be created, `place` and `rhythm_ms`
+    // are those in the state file (-1: none).
+    constexpr daemon_thread(const char* name, void* (*entry)(void*), const char* start_error,
+                            int place = -1, std::int64_t rhythm_ms = 0)
+        : name_(name), entry_(entry), start_error_(start_error), place_(place),
+          rhythm_ms_(rhythm_ms) {}
     daemon_thread(const daemon_thread&) = delete;
     daemon_thread& operator=(const daemon_thread&) = delete;
 
@@ -55,6 +59,8 @@ class daemon_thread {
     const char* name_;
     void* (*entry_)(void*);
     const char* start_error_;
+    int place_;
+    std::int64_t rhythm_ms_;
     agt::mutex mutex_;
     pthread_t handle_ AGT_GUARDED_BY(mutex_) = 0;
     std::atomic<bool> started_{false};

@@ -24,6 +24,7 @@
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
 #include "show_logs.h"
+#include "state_file.h"
 #include "tcp_base.h"
 #include "tls.h"
 #include "tran_logf_que_info.h"
@@ -44,7 +45,8 @@ constexpr exchange_texts TEXTS = {
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
 std::atomic<bool> retrieving{false};
-daemon_thread th("get_service_list", get_service_list, "pthread_create error");
+daemon_thread th("get_service_list", get_service_list, "pthread_create error", STATE_RETRIEVAL,
+                 RECV_TIMEOUT_SEC * 1000);
 
 bool request_list(int conn_sockfd) {
     auto& body = s_msg.body.get_service_list_req;
@@ -92,6 +94,7 @@ void receive_list(int conn_sockfd) {
             init_svc_hash_tbl();
         if (r_msg.hdr.msg_type[0] != MSG_GET_SERVICE_LIST_RSP)
             return;
+        note_pass();
         services += load_block();
         if (!acknowledge(conn_sockfd) ||
             r_msg.body.get_service_list_rsp.result_code[0] == LAST_BLOCK ||
@@ -139,6 +142,7 @@ void th_join_get_service_list() {
         th.join(JOIN_LIMIT_MS); // takes back one that ended by itself
         return;
     }
+    const long_step waiting(LIST_LIMIT_SEC * 1000LL);
     // At the end of the daemon a retrieval may have been started after the others were cancelled.
     if (running == 0 || !th.wait_end())
         th.cancel();

@@ -28,6 +28,7 @@
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
 #include "shortage.h"
+#include "state_file.h"
 #include "tcp_base.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
@@ -50,7 +51,8 @@ constexpr exchange_texts TEXTS = {.not_sent = "<!> server send error.. slen : %d
 
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
-daemon_thread th("health_check", health_check, "pthread_create error");
+daemon_thread th("health_check", health_check, "pthread_create error", STATE_HEALTH_CHECK,
+                 HEALTH_CHECK_INTERVAL_SEC * 1000);
 
 // Fields of these messages end in a comma, so that the body reads as a comma-separated line.
 template <std::size_t N> void end_field(char (&field)[N]) {
@@ -215,6 +217,7 @@ void* health_check(void*) {
     bool reconnect = false;
     int device_info_sent = -1;
     while (keep_running()) {
+        note_pass();
         if (device_info_sent < 0)
             device_info_sent = transfer_device_info();
         if (agt::sleep_ms(HEALTH_CHECK_INTERVAL_SEC * 1000))

@@ -27,6 +27,7 @@
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
 #include "shortage.h"
+#include "state_file.h"
 #include "tls_policy.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
@@ -137,6 +138,7 @@ constexpr cfg_step CFG_STEPS[] = {
     {config_key_of("COMMON", "LOG_HOME"), take_log_home},
     {config_key_of("TRAN_AGENT", "IP_ADDRESS"), take_text<agt_ipaddr>},
     {config_key_of("TRAN_AGENT", "CMD_PORT"), take_agt_cmd_port},
+    {config_key_of("COMMON", "STATE_FILE"), take_state_file},
     {config_key_of("TRAN_SERVER", "IP_ADDRESS"), take_srv_ipaddr},
     {config_key_of("TRAN_SERVER", "CMD_PORT"), take_srv_cmd_port},
     {config_key_of("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT"), take_active_limit},

@@ -11,6 +11,7 @@
 #include "init.h"
 #include "main_loop.h"
 #include "process_globals.h"
+#include "state_file.h"
 #include "threads.h"
 #include "wait.h"
 
@@ -18,6 +19,7 @@ namespace kessard {
 namespace {
 
 constexpr int HIGHEST_CLOSED_FD = 255;
+constexpr int MAIN_RHYTHM_MS = 3000;
 constexpr int MMAP_THRESHOLD_BYTES = 128 * 1024;
 
 [[noreturn]] void help(const char* prog) {
@@ -96,6 +98,7 @@ void keep_memory_small() {
 int main(int argc, char** argv) {
     using namespace kessard;
     running = 1;
+    begin_thread_figures(STATE_MAIN, "main", MAIN_RHYTHM_MS);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     keep_memory_small();
     if (parse_options(argc, argv))

@@ -22,6 +22,7 @@
 #include "log_printf.h"
 #include "process_globals.h"
 #include "service_manager.h"
+#include "state_file.h"
 #include "tcp_base.h"
 #include "tcp_send.h"
 #include "threads.h"
@@ -147,6 +148,7 @@ void start() {
     notify_service_manager("READY=1");
     agt::set_send_limit(ANSWER_LIMIT_MS);
     for (unsigned int served = 0; running != 0;) {
+        note_pass();
         fd_set ready = readFds;
         fd_set handshakes;
         int highest = maxFd;
@@ -177,6 +179,8 @@ void end() {
     close_fd();
     deactivate_process(process_idx);
     agt::log_printf("[ %s ] end.. complete.", PROGRAM_NAME);
+    end_thread_figures();
+    figure_set(figures->ended, 1);
     agt::close_log();
 }
 

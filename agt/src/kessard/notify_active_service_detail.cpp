@@ -18,6 +18,7 @@
 #include "noti_send_que.h"
 #include "process_globals.h"
 #include "server_link.h"
+#include "state_file.h"
 #include "util.h"
 #include "wait.h"
 
@@ -38,7 +39,7 @@ constexpr exchange_texts FLUSH_TEXTS = {
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
 daemon_thread th("notify_active_service_detail", notify_active_service_detail,
-                 "pthread_create error");
+                 "pthread_create error", STATE_NOTIFIER, LINK_DOWN_USEC / 1000);
 
 struct batch {
     int pending = 0;     // records in s_msg
@@ -145,6 +146,7 @@ void* notify_active_service_detail(void*) {
     const agt::log_batch lines; // empty whenever the thread waits for long
     batch out;
     while (running != 0) {
+        note_pass();
         const NOTI_SEND_QUE_DATA* record = get_noti_send_que();
         if (record != nullptr) {
             take_record(&out, *record);

@@ -6,6 +6,7 @@
 #include "log_printf.h"
 #include "shmem.h"
 #include "shortage.h"
+#include "state_file.h"
 
 namespace kessard {
 namespace {
@@ -21,6 +22,13 @@ bool open_segment(const agt::shared_object& object, int key, opened_object* out)
     out->existed = existed != 0;
     out->address = out->id < 0 ? nullptr : agt::attach_shm(out->id);
     return out->address != nullptr;
+}
+
+constexpr int AT_ONCE = 0; // no wait
+
+// The place of the set that guards a segment.
+int guard_row(const agt::shared_object& segment) {
+    return agt::row_of(segment) + 1;
 }
 
 } // namespace
@@ -74,18 +82,29 @@ void log_long_wait(const agt::shared_object& object, int semid) {
                     agt::sem_last_pid(semid, 0));
 }
 
-object_lock::object_lock(const agt::shared_object& object, int semid)
-    : hold_(semid, 0, LONG_WAIT_MS) {
-    if (!hold_.held() && errno == EAGAIN) {
-        log_long_wait(object, semid);
-        hold_.try_again(-1);
+object_lock::object_lock(const agt::shared_object& object, int semid) : hold_(semid, 0, AT_ONCE) {
+    if (is_taken()) {
+        const semaphore_wait waits(guard_row(object), 0);
+        hold_.try_again(LONG_WAIT_MS);
+        if (is_taken()) {
+            log_long_wait(object, semid);
+            hold_.try_again(-1);
+        }
     }
     judge(object, semid);
 }
 
 object_lock::object_lock(const agt::shared_object& object, int semid, int limit_ms)
-    : hold_(semid, 0, limit_ms) {
+    : hold_(semid, 0, AT_ONCE) {
+    if (is_taken()) {
+        const semaphore_wait waits(guard_row(object), 0);
+        hold_.try_again(limit_ms);
+    }
     judge(object, semid);
+}
+
+bool object_lock::is_taken() const {
+    return !hold_.held() && errno == EAGAIN;
 }
 
 void object_lock::judge(const agt::shared_object& object, int semid) {

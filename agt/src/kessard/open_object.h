@@ -75,6 +75,7 @@ class object_lock {
     void keep() { hold_.keep(); }
 
   private:
+    bool is_taken() const; // by somebody else, right behind an attempt
     void judge(const agt::shared_object& object, int semid);
 
     agt::sem_hold hold_;

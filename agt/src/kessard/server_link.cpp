@@ -10,6 +10,7 @@
 #include "log_printf.h"
 #include "settings.h"
 #include "shortage.h"
+#include "state_file.h"
 #include "tcp_base.h"
 #include "tcp_recv.h"
 #include "tcp_send.h"
@@ -20,6 +21,8 @@
 namespace kessard {
 namespace {
 
+constexpr int CONNECT_LIMIT_MS =
+    180000; // a look-up of the name, a server whose packets are dropped, a handshake
 constexpr int ANSWER_SOON_MS = 20; // as long as lines may wait for the answer that belongs to them
 
 void log_no_answer(const exchange_texts& texts, int length) {
@@ -41,6 +44,7 @@ bool is_answer_soon(int sockfd) {
 } // namespace
 
 int init_tcp_client(const char* ipaddr, int port) {
+    const long_step connecting(CONNECT_LIMIT_MS);
     const int sockfd = agt::create_tcp_client_session(ipaddr, port, 0);
     if (sockfd < 0)
         log_shortage("connection to the server", errno);

@@ -28,6 +28,7 @@
 #include "server_link.h"
 #include "settings.h"
 #include "shortage.h"
+#include "state_file.h"
 #include "subprocess.h"
 #include "tcp_base.h"
 #include "tcp_recv.h"
@@ -55,7 +56,8 @@ constexpr std::string_view BLANKS = " \t\n\v\f\r";
 TCP_CMD_MSG s_msg;
 TCP_CMD_MSG r_msg;
 std::atomic<int> uploads{0};
-daemon_thread th("shcmd_service_list", shcmd_service_list, "pthread_create error");
+daemon_thread th("shcmd_service_list", shcmd_service_list, "pthread_create error", STATE_UPLOAD,
+                 SCRIPT_LIMIT_SEC * 1000);
 
 BODY_UPDATE_SERVICE_LIST_REQ& request() {
     return s_msg.body.update_service_list_req;
@@ -155,6 +157,7 @@ bool add_service(upload* up, const char* line) {
 // Sends the block and waits for its answer; false when the upload is over, after a log line unless
 // the magic is wrong.
 bool send_block(upload* up, const exchange_texts& texts) {
+    note_pass();
     auto& body = request();
     std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, up->count);
     body.result_code[0] = body.result_code[0] == NO_BLOCK_YET ? FIRST_BLOCK : FURTHER_BLOCK;

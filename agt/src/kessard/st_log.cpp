@@ -17,6 +17,7 @@
 #include "process_globals.h"
 #include "settings.h"
 #include "shcmd_service_list.h"
+#include "state_file.h"
 #include "tls_policy.h"
 #include "wait.h"
 
@@ -30,10 +31,12 @@ constexpr char STATISTICS_LINE[] =
     "----------------------------------------------------------------------------";
 constexpr char NO_DAILY_UPDATE[] = "----";
 constexpr int DAILY_PAUSE_MS = 5000;
+constexpr int PASS_MS = 1000;
+constexpr int RHYTHM_MS = PASS_MS + DAILY_PAUSE_MS;
 constexpr long long COMPLAINT_MS = 60000; // between two lines about one trouble
 constexpr std::size_t DATE_SIZE = 8;
 
-daemon_thread th("st_log", st_log, "<!> pthread_create error");
+daemon_thread th("st_log", st_log, "<!> pthread_create error", STATE_HOUSEKEEPING, RHYTHM_MS);
 
 struct pass_state {
     int ptime = 0;           // passes to the next print
@@ -176,8 +179,9 @@ void* st_log(void*) {
     agt::log_printf("(i) statics log print start... running : %d", running.load());
     start_st_log_passes();
     while (keep_running()) {
+        note_pass();
         st_log_pass();
-        agt::sleep_ms(1000);
+        agt::sleep_ms(PASS_MS);
     }
     return nullptr;
 }
