@@ -15,8 +15,9 @@
 
 #include "kessard/layout.h"
 
-#define STATE_FILE_MAGIC INT64_C(0x455441545353454b) /* "KESSTATE" where the low byte comes first  \
-                                                      */
+#define STATE_FILE_MAGIC                                                                           \
+    INT64_C(0x455441545353454b) /* "KESSTATE" where the low byte comes first                       \
+                                 */
 #define STATE_FILE_VERSION 1
 
 #define STATE_THREADS 8
@@ -99,8 +100,8 @@ typedef struct {
     int64_t link_up;       /* 1: the notify link is up */
     int64_t link_since_ms; /* since when it is up or down */
     int64_t link_reconnections;
-    int64_t notifications_sent;
-    int64_t notifications_dropped; /* taken while the link was down, or not sent */
+    int64_t notifications_sent;    /* and answered */
+    int64_t notifications_dropped; /* taken while the link was down, or not answered */
 
     STATE_TRANSFER retrieval;
     STATE_TRANSFER upload;

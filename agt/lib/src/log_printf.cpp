@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -20,6 +21,7 @@ namespace {
 mutex log_lock;
 int log_file AGT_GUARDED_BY(log_lock) = -1;
 int cur_day AGT_GUARDED_BY(log_lock) = -1; // day of the year in the current file name
+std::int64_t* lost_lines AGT_GUARDED_BY(log_lock) = nullptr; // where they are counted
 char log_dir[256] AGT_GUARDED_BY(log_lock);
 char log_title[256] AGT_GUARDED_BY(log_lock);
 std::time_t now AGT_GUARDED_BY(log_lock) = -1; // the second that tm and time_str belong to
@@ -94,9 +96,10 @@ void check_day() AGT_REQUIRES(log_lock) {
     open_file();
 }
 
-void append(const char* text, std::size_t length) AGT_REQUIRES(log_lock) {
-    if (log_file >= 0) [[maybe_unused]]
-        const bool whole = write_whole(log_file, text, length); // a full disk loses it
+// A full disk loses them.
+void append(const char* text, std::size_t length, int lines) AGT_REQUIRES(log_lock) {
+    if ((log_file < 0 || !write_whole(log_file, text, length)) && lost_lines != nullptr)
+        std::atomic_ref(*lost_lines).fetch_add(lines, std::memory_order_relaxed);
 }
 
 // Length of the message after cutting; 0 when nothing is to be written.
@@ -116,7 +119,7 @@ void write_line(char* message, std::size_t length) {
     char* line = message - LOG_PREFIX_SIZE;
     std::memcpy(line, time_str, LOG_PREFIX_SIZE);
     message[length] = '\n';
-    append(line, LOG_PREFIX_SIZE + length + 1);
+    append(line, LOG_PREFIX_SIZE + length + 1, 1);
 }
 
 } // namespace
@@ -132,6 +135,11 @@ int open_log(const char* dir, const char* title, int mflag) {
     if (mflag != 0)
         take_time(std::time(nullptr));
     return open_file();
+}
+
+void count_lost_lines(std::int64_t* lines) {
+    const lock_guard guard(log_lock);
+    lost_lines = lines;
 }
 
 void close_log() {
@@ -214,11 +222,12 @@ void log_batch::flush() {
     const lock_guard guard(log_lock);
     take_time(std::time(nullptr));
     check_day();
-    for (std::size_t at = 0, size = 0; at < used_; at += size) {
+    int lines = 0;
+    for (std::size_t at = 0, size = 0; at < used_; at += size, ++lines) {
         std::memcpy(&size, text_ + at, sizeof size);
         std::memcpy(text_ + at, time_str, LOG_PREFIX_SIZE);
     }
-    append(text_, used_);
+    append(text_, used_, lines);
     used_ = 0;
 }
 

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <initializer_list>
 #include <string_view>
@@ -26,6 +27,9 @@ inline constexpr std::size_t LOG_PREFIX_SIZE = 16; // of the time in front of it
 // for later days; null keeps the previous ones. 0 when open (also when a file was open already,
 // which then stays), -1 when it could not be opened.
 int open_log(const char* dir, const char* title, int mflag);
+
+// Counts the lines that could not be written there, by relaxed additions; nowhere before.
+void count_lost_lines(std::int64_t* lines);
 
 // Closes the file; later lines are dropped.
 void close_log();

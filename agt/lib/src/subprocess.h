@@ -68,7 +68,6 @@ subprocess_result_t* subprocess_exec_output_timeout(const char* command, int sec
 subprocess_result_t* subprocess_exec_output_timeout_ex(const char* command, int seconds);
 
 // Whether there is a result and the child exited with status 0.
-// Nothing in the programs calls it.
 bool subprocess_completed_successfully(const subprocess_result_t* result);
 
 // Shows a result on standard output.

@@ -12,6 +12,7 @@
 #include "log_printf.h"
 #include "read_cfg.h"
 #include "settings.h"
+#include "state_file.h"
 
 namespace kessard {
 namespace {
@@ -53,15 +54,18 @@ bool admit_cmd_client(const sockaddr_in& peer) {
     };
     if (allowed_num == 0 || std::any_of(allowed, allowed + allowed_num, covers))
         return true;
+    figure_add(figures->connections_refused[STATE_REFUSED_ADDRESS]);
     log_refusal("command connection", peer);
     audit_connection("refused", peer, -1, "address not allowed");
     return false;
 }
 
 bool admit_ext_request(const sockaddr_in& peer) {
-    if (!remote_commands_yn)
-        log_refusal("remote command", peer);
-    return remote_commands_yn;
+    if (remote_commands_yn)
+        return true;
+    figure_add(figures->remote_commands_refused);
+    log_refusal("remote command", peer);
+    return false;
 }
 
 } // namespace kessard

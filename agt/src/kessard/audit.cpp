@@ -17,6 +17,7 @@
 #include "printable.h"
 #include "process_globals.h"
 #include "settings.h"
+#include "state_file.h"
 #include "tls.h"
 
 namespace kessard {
@@ -34,8 +35,9 @@ void send_line(int severity, const std::string& text) {
     const std::string line = "<" + std::to_string(LOG_AUTHPRIV | severity) + ">" + PROGRAM_NAME +
                              "[" + std::to_string(getpid()) +
                              "]: " + agt::printable(text).str().substr(0, TEXT_LENGTH);
-    sendto(log_sockfd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-           reinterpret_cast<const sockaddr*>(&SYSTEM_LOG), sizeof SYSTEM_LOG);
+    if (sendto(log_sockfd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&SYSTEM_LOG), sizeof SYSTEM_LOG) < 0)
+        figure_add(figures->audit_lines_lost);
 }
 
 // Blanks in a name would look like the end of it.

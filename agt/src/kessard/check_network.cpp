@@ -67,10 +67,21 @@ link_state when_watched(link_state now) {
     return now == link_state::up_at_start ? link_state::up : now;
 }
 
+bool is_up(link_state now) {
+    return now == link_state::up || now == link_state::up_at_start;
+}
+
+void tell_link(bool up) {
+    figure_now(figures->link_since_ms);
+    figure_set(figures->link_up, up ? 1 : 0);
+}
+
 void change_state(link_state (*next)(link_state)) {
     link_state now = state;
     while (!state.compare_exchange_weak(now, next(now)))
         continue;
+    if (is_up(now) != is_up(next(now)))
+        tell_link(is_up(next(now)));
 }
 
 // Tries to bring the link back; the microseconds to wait before the next try.
@@ -80,6 +91,7 @@ int reconnect() {
         state = link_state::retrying;
         return NEXT_RETRY_USEC;
     }
+    figure_add(figures->link_reconnections);
     agt::log_printf("(I) notify socket reconnect success");
     network_on();
     return FIRST_RETRY_USEC;
@@ -88,8 +100,7 @@ int reconnect() {
 } // namespace
 
 int noti_send_flag() {
-    const link_state now = state;
-    return now == link_state::up || now == link_state::up_at_start ? 1 : 0;
+    return is_up(state) ? 1 : 0;
 }
 
 int send_flag() {
@@ -116,6 +127,8 @@ void open_noti_link(int active_limit) {
         return;
     }
     agt::log_printf("(I) Active Service Detail Monitoring ON.(%dms)", active_limit);
+    figure_set(figures->link_wanted, 1);
+    tell_link(false);
     const server_address server = get_server_address();
     sockfd = init_tcp_client(server.srv_ipaddr, server.srv_cmd_port);
     if (sockfd < 0 && agt::cancelled())
@@ -155,8 +168,10 @@ int try_connect() {
     int active_limit = 0;
     std::string ipaddr;
     int port = 0;
-    if (!read_cfg_number(config_key_of("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT"), &active_limit) ||
-        active_limit <= 0 ||
+    if (!read_cfg_number(config_key_of("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT"), &active_limit))
+        return -1;
+    figure_set(figures->link_wanted, active_limit > 0 ? 1 : 0);
+    if (active_limit <= 0 ||
         read_cfg(config_key_of("TRAN_SERVER", "IP_ADDRESS"), &ipaddr) != cfg_answer::found ||
         !read_cfg_number(config_key_of("TRAN_SERVER", "CMD_PORT"), &port))
         return -1;

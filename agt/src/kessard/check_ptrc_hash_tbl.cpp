@@ -21,6 +21,7 @@
 #include "ptrc_hash_stk.h"
 #include "settings.h"
 #include "shortage.h"
+#include "state_file.h"
 #include "tran_logf_que_info.h"
 #include "unique_fd.h"
 
@@ -87,11 +88,27 @@ bool is_due(PTRC_HASH_ARR& entry) {
     return due;
 }
 
-void check_entry(PTRC_HASH_ARR& entry, int k) {
-    if (is_alive_pid(k, agt::get_number(entry.pid), entry.proc_nm) == 0)
+// Whether it is alive.
+bool check_entry(PTRC_HASH_ARR& entry, int k) {
+    const bool alive = is_alive_pid(k, agt::get_number(entry.pid), entry.proc_nm) != 0;
+    if (!alive)
         agt::shared_store(entry.isalive, char{0});
     else if (agt::shared_load(entry.isalive) < KEPT_ALIVE)
         agt::shared_store(entry.isalive, char{1});
+    return alive;
+}
+
+std::int64_t monotonic_us() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * std::int64_t{1000000} + now.tv_nsec / 1000;
+}
+
+void tell_sweep(std::int64_t start_us, std::int64_t entries, std::int64_t dead) {
+    figure_set(figures->sweep_us, monotonic_us() - start_us);
+    figure_set(figures->sweep_entries, entries);
+    figure_set(figures->sweep_dead, dead);
+    figure_add(figures->sweeps);
 }
 
 } // namespace
@@ -106,12 +123,15 @@ void check_ptrc_hash_tbl() {
         set_magic_code(0);
         return;
     }
+    const std::int64_t start_us = monotonic_us();
     int k = 0;
+    int dead = 0;
     for (unsigned int i = 0; i < used && running != 0; ++i) {
         const unsigned int slot = agt::shared_load(ptrc_hash_tbl->used.idx[i]);
         if (slot < PTRC_HASH_SLOTS && is_due(ptrc_hash_tbl->h_arr[slot].param))
-            check_entry(ptrc_hash_tbl->h_arr[slot].param, k++);
+            dead += check_entry(ptrc_hash_tbl->h_arr[slot].param, k++) ? 0 : 1;
     }
+    tell_sweep(start_us, k, dead);
 }
 
 } // namespace kessard

@@ -162,6 +162,7 @@ int send_event(const PTRC_HASH_ARR_LIST* entry, const char* code) {
     const int ret = put_event(record, &put);
     if (put < 0 && agt::cancelled()) // the end did not wait for the queue
         return ret;
+    figure_add(put < 0 ? figures->watchdog_events_lost : figures->watchdog_events);
     if (put < 0)
         agt::log_printf("<!> put_parse_log_que fail");
     agt::log_printf("[CHECK_WORKER] send_event [%s, pid:%d, tid:%lu] [ret:%d]\n",
@@ -280,6 +281,7 @@ bool check_worker_pass() {
     examine_entries(static_cast<unsigned int>(counts.top));
     if (worker_cfg.worker_mode == WORKER_MODE_THREAD)
         report_dead_workers();
+    figure_add(figures->watchdog_passes);
     return true;
 }
 

@@ -13,6 +13,7 @@
 #include "log_printf.h"
 #include "mutex.h"
 #include "process_globals.h"
+#include "state_file.h"
 #include "tcp_base.h"
 #include "tls.h"
 #include "tls_policy.h"
@@ -95,6 +96,7 @@ int init_cmd_client() {
 int add_cmd_client(int sockfd, const sockaddr_in& sock_addr) {
     if (client_list.client_num < 0 || client_list.client_num >= MAX_CMD_CLIENT) {
         agt::log_printf("<!> client_list error.. client_num : %d", client_list.client_num);
+        figure_add(figures->connections_refused[STATE_REFUSED_PLACE]);
         audit_connection("refused", sock_addr, sockfd, "too many connections");
         return -1;
     }
@@ -103,6 +105,7 @@ int add_cmd_client(int sockfd, const sockaddr_in& sock_addr) {
     client.sockfd = sockfd;
     frame_of(sockfd).start(sockfd);
     client.sock_addr = sock_addr;
+    figure_add(figures->connections_accepted);
     audit_connection("accepted", sock_addr, sockfd, "");
     return ++client_list.client_num;
 }
@@ -217,11 +220,12 @@ int cmd_new_connection(int listen_sockfd) {
     if (got.result != agt::accept_result::accepted)
         return -1;
     const int sockfd = got.sockfd;
-    if (sockfd >= FD_SETSIZE)
+    if (sockfd >= FD_SETSIZE) {
+        figure_add(figures->connections_refused[STATE_REFUSED_SHORTAGE]);
         agt::log_printf("<!> command connection refused. (descriptor %d of %d)", sockfd,
                         FD_SETSIZE);
-    if (sockfd >= FD_SETSIZE)
         audit_connection("refused", peer, sockfd, "too many descriptors");
+    }
     if (!admit_cmd_client(peer) || sockfd >= FD_SETSIZE) {
         agt::close_tcp_session(sockfd);
         return -1;

@@ -30,6 +30,7 @@
 #include "server_link.h"
 #include "set_svc_hash_tbl.h"
 #include "shared_field.h"
+#include "state_file.h"
 #include "subprocess.h"
 #include "tcp_base.h"
 #include "tcp_recv.h"
@@ -311,6 +312,12 @@ void audit_command(const command& wanted, TCP_CMD_MSG& answer, const state_field
                   effect_text(before, after).c_str());
 }
 
+void count_command(char type) {
+    const auto code = static_cast<unsigned char>(type);
+    if (code < STATE_COMMANDS)
+        figure_add(figures->commands[code]);
+}
+
 // Carries the request of a frame out and answers it, unless it has to wait.
 void serve_command(const command& wanted, cmd_frame& frame, TCP_CMD_MSG& answer) {
     const int sockfd = frame.sockfd();
@@ -321,6 +328,7 @@ void serve_command(const command& wanted, cmd_frame& frame, TCP_CMD_MSG& answer)
     const outcome result = carry_out(wanted, frame.message(), answer);
     if (result == outcome::later && wait_for_table(frame))
         return;
+    count_command(wanted.type);
     if (audit_yn)
         audit_command(wanted, answer, before, audited ? wanted.state(frame.message()) : before);
     frame.done();
@@ -366,8 +374,11 @@ void cmd_event(const CMD_CLIENT* client) {
     if (wanted != nullptr) {
         serve_command(*wanted, frame, s_msg);
     } else if (type == MSG_EXT_REQ && admit_ext_request(client->sock_addr)) {
+        count_command(type);
         hand_over(*client, frame.message());
     } else {
+        if (type != MSG_EXT_REQ)
+            count_command(type);
         if (type != MSG_EXT_REQ)
             agt::log_printf("<!> error! unknown command type('%s')", agt::printable(type).c_str());
         drop_cmd_client(sockfd, type == MSG_EXT_REQ ? "remote commands not allowed"

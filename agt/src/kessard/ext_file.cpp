@@ -27,6 +27,7 @@
 #include "log_printf.h"
 #include "printable.h"
 #include "shortage.h"
+#include "state_file.h"
 #include "tcp_recv.h"
 #include "tcp_send.h"
 #include "unique_fd.h"
@@ -170,6 +171,7 @@ bool receive_content(int sockfd, int fd, const upload_file& file, char* buffer,
             return false;
         }
         left -= piece;
+        figure_add(figures->file_bytes_received, piece);
     }
     return true;
 }
@@ -199,6 +201,7 @@ bool store_file(int sockfd, const upload_file& file, char* buffer, std::string& 
 
 bool receive_file(int sockfd, const upload_file& file, char* buffer, std::string& error) {
     const bool stored = store_file(sockfd, file, buffer, error);
+    figure_add(stored ? figures->files_received : figures->file_failures);
     audit_file("upload", stored, file.size, file.permission, file.path.c_str());
     return stored;
 }
@@ -265,6 +268,7 @@ bool send_content(int sockfd, int fd, const download_file& file, char* buffer,
         if (agt::send_tcp_data(sockfd, buffer, static_cast<int>(got)) < 1)
             return false;
         sent += static_cast<std::uint32_t>(got);
+        figure_add(figures->file_bytes_sent, got);
     }
     return true;
 }
@@ -277,6 +281,7 @@ bool send_file(int sockfd, const download_file& file, int number, int count, cha
     const agt::unique_fd fd = open_regular(file.path, O_RDONLY);
     std::uint32_t sent = 0;
     const bool taken = fd.valid() && send_content(sockfd, fd.get(), file, buffer, sent);
+    figure_add(taken ? figures->files_sent : figures->file_failures);
     audit_file("download", taken, sent, file.permission, file.path);
     if (!fd.valid()) {
         agt::log_printf("<!> fopen error.... |%s|", shown.c_str());
@@ -305,6 +310,7 @@ void file_upload(int sockfd, char* data, int length) {
     upload_target target;
     const piece_buffer buffer = make_piece_buffer(error);
     if (buffer == nullptr || !take_target(data, length, target, error)) {
+        figure_add(figures->file_failures);
         refuse(sockfd, error);
         return;
     }
@@ -333,6 +339,7 @@ void file_download(int sockfd, char* data, int length) {
     if (buffer != nullptr)
         error = announce_all(items, count, files, body.get());
     if (!error.empty()) {
+        figure_add(figures->file_failures);
         refuse(sockfd, error);
         return;
     }

@@ -23,6 +23,7 @@
 #include "log_printf.h"
 #include "printable.h"
 #include "shortage.h"
+#include "state_file.h"
 #include "subprocess.h"
 #include "tcp_send.h"
 #include "usrutil.h"
@@ -60,6 +61,14 @@ void audit_run(const char* command, const agt::subprocess_result_t* result, long
                   static_cast<double>(ms) / 1000, ran ? result->stdout_.length : 0, command);
 }
 
+void count_run(const agt::subprocess_result_t* result) {
+    figure_add(figures->remote_commands);
+    if (result != nullptr && result->is_timeout != 0)
+        figure_add(figures->remote_commands_timed_out);
+    else if (!agt::subprocess_completed_successfully(result))
+        figure_add(figures->remote_commands_failed);
+}
+
 // The output is empty when the command wrote nothing; its exit code is lost then, whatever it was.
 void run_command(const char* command, output& out, int& tot_length) {
     tot_length += static_cast<int>(sizeof(result_head));
@@ -68,6 +77,7 @@ void run_command(const char* command, output& out, int& tot_length) {
         agt::subprocess_exec_output_timeout_ex(command, COMMAND_LIMIT_SEC);
     if (result == nullptr)
         log_shortage("command", errno);
+    count_run(result);
     audit_run(command, result, agt::monotonic_ms() - start_ms);
     if (result == nullptr)
         return;

@@ -84,8 +84,9 @@ bool within_bounds(int services, long long start_ms) {
     return false;
 }
 
-// Receives blocks until the last one, the first failure or the bounds.
-void receive_list(int conn_sockfd) {
+// Receives blocks until the last one, the first failure or the bounds. The services of a whole
+// list; negative for one that is not.
+int receive_list(int conn_sockfd) {
     const long long start_ms = agt::monotonic_ms();
     int services = 0;
     for (bool first = true; !agt::cancelled() && receive_answer(conn_sockfd, &r_msg, TEXTS);
@@ -93,22 +94,26 @@ void receive_list(int conn_sockfd) {
         if (first)
             init_svc_hash_tbl();
         if (r_msg.hdr.msg_type[0] != MSG_GET_SERVICE_LIST_RSP)
-            return;
+            return -1;
         note_pass();
         services += load_block();
-        if (!acknowledge(conn_sockfd) ||
-            r_msg.body.get_service_list_rsp.result_code[0] == LAST_BLOCK ||
-            !within_bounds(services, start_ms))
-            return;
+        if (!acknowledge(conn_sockfd))
+            return -1;
+        if (r_msg.body.get_service_list_rsp.result_code[0] == LAST_BLOCK)
+            return services;
+        if (!within_bounds(services, start_ms))
+            return -1;
     }
+    return -1;
 }
 
 // Reloads the table under its semaphore; a copy of what it holds then, null without memory for one.
-svc_hash_tbl_copy reload_table(int conn_sockfd) {
+// `*services` are those of a whole list, else negative.
+svc_hash_tbl_copy reload_table(int conn_sockfd, int* services) {
     const object_lock lock(agt::SERVICE_TABLE, svc_hash_tbl_semid);
     if (lock.given_up())
         return nullptr;
-    receive_list(conn_sockfd);
+    *services = receive_list(conn_sockfd);
     svc_hash_tbl_copy copy = copy_svc_hash_tbl(*svc_hash_tbl);
     if (copy == nullptr)
         agt::log_printf("<!> no memory for the dump of svc_hash_tbl");
@@ -151,6 +156,7 @@ void th_join_get_service_list() {
 
 // A cancelled retrieval stays marked, so that it is joined, and does not say that it is at its end.
 void* get_service_list(void*) {
+    transfer_figures retrieval(figures->retrieval);
     const int conn_sockfd = connect_server();
     if (conn_sockfd < 0) {
         if (!agt::cancelled())
@@ -165,10 +171,15 @@ void* get_service_list(void*) {
         return nullptr;
     }
     const signed char filtering = get_svc_filtering();
+    figure_set(figures->filter_switched_off, filtering);
     set_svc_filtering(0);
     agt::sleep_ms(1000);
-    const svc_hash_tbl_copy loaded = reload_table(conn_sockfd);
+    int services = -1;
+    const svc_hash_tbl_copy loaded = reload_table(conn_sockfd, &services);
     set_svc_filtering(filtering);
+    figure_set(figures->filter_switched_off, STATE_FILTER_NONE);
+    if (services >= 0)
+        retrieval.good(services);
     agt::close_tcp_session(conn_sockfd);
     if (agt::cancelled())
         return nullptr;

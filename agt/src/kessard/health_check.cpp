@@ -78,6 +78,20 @@ void close_connection() {
     agt::close_tcp_session(svr_cmd_sockfd.exchange(-1));
 }
 
+void tell_answer() {
+    figure_now(figures->server_answered_ms);
+    figure_set(figures->server_failing, 0);
+}
+
+// The end of the daemon is no failure of the server.
+void tell_failure(int error) {
+    if (agt::cancelled())
+        return;
+    figure_set(figures->server_error, error);
+    figure_add(figures->server_failures);
+    figure_add(figures->server_failing);
+}
+
 bool connect_if_needed() {
     if (svr_cmd_sockfd > 0)
         return true;
@@ -231,13 +245,21 @@ void health_check_cycle(bool* reconnect) {
     agt::log_printf("(i) ##### health check start, ip : %s(%d) every %d(sec) send %d bytes.",
                     server.srv_ipaddr, server.srv_cmd_port, HEALTH_CHECK_INTERVAL_SEC,
                     TCP_CMD_MSG_SIZE);
+    figure_now(figures->server_tried_ms);
     if (!connect_if_needed()) {
+        tell_failure(server_error);
         *reconnect = true;
         return;
     }
     exchange_lengths lengths;
-    if (!build_health_check() || !exchange_or_close(MSG_HEALTH_CHECK_REQ, &lengths))
+    if (!build_health_check())
         return;
+    if (!exchange_or_close(MSG_HEALTH_CHECK_REQ, &lengths)) {
+        tell_failure(server_error);
+        return;
+    }
+    figure_add(figures->server_answers);
+    tell_answer();
     if (*reconnect) {
         *reconnect = false;
         agt::log_printf("%s", RECONNECTED_LINE);
@@ -258,6 +280,8 @@ int transfer_device_info() {
         build_device_info(s_msg.body.device_info_req);
         if (!exchange_or_close(MSG_DEVICE_INFO_REQ, nullptr))
             return -1;
+        figure_set(figures->device_info_sent, 1);
+        tell_answer();
     }
     agt::log_printf("(i) ##### device info send complete");
     return 1;

@@ -216,6 +216,18 @@ int init_config() {
     return 1;
 }
 
+// Puts back the service filter that a retrieval had switched off when its daemon was killed; unless
+// somebody has set it since, or a new segment has none yet.
+void put_filter_back(bool existed) {
+    const std::int64_t left = agt::shared_load(figures->filter_switched_off);
+    if (existed && left != 0 && left != STATE_FILTER_NONE && get_svc_filtering() == 0) {
+        set_svc_filtering(static_cast<signed char>(left));
+        agt::log_printf("(i) service filter put back to %d, a retrieval was killed",
+                        get_svc_filtering());
+    }
+    figure_set(figures->filter_switched_off, STATE_FILTER_NONE);
+}
+
 // The runtime settings segment; a new one takes its queue count from the configuration.
 bool create_settings() {
     const int key = tran_logf_que_info_shmkey;
@@ -231,6 +243,7 @@ bool create_settings() {
         set_tran_logf_qcnt(qcnt);
     }
     log_object_complete(agt::SETTINGS_SEGMENT, key, existed != 0);
+    put_filter_back(existed != 0);
     if (get_tran_logf_qcnt() < 1)
         agt::log_printf("<!> tran_logf_que_info names %d log queues, left by a start that failed. "
                         "(stop the agent, run kessctl clean, start it)",

@@ -99,6 +99,7 @@ int main(int argc, char** argv) {
     using namespace kessard;
     running = 1;
     begin_thread_figures(STATE_MAIN, "main", MAIN_RHYTHM_MS);
+    figure_now(figures->started_ms);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     keep_memory_small();
     if (parse_options(argc, argv))

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -147,13 +148,15 @@ void start() {
     agt::log_printf("[ %s ] start... running : %d", PROGRAM_NAME, running.load());
     notify_service_manager("READY=1");
     agt::set_send_limit(ANSWER_LIMIT_MS);
+    const int longest_wait_ms = std::min(SELECT_TIMEOUT_MS, service_watchdog_ms());
     for (unsigned int served = 0; running != 0;) {
         note_pass();
+        keep_service_manager_posted();
         fd_set ready = readFds;
         fd_set handshakes;
         int highest = maxFd;
         fd_set* writable = watch_handshakes(&ready, &handshakes, &highest);
-        const int left_ms = handshakes_left_ms(frames_left_ms(SELECT_TIMEOUT_MS));
+        const int left_ms = handshakes_left_ms(frames_left_ms(longest_wait_ms));
         const timespec timeout = {left_ms / 1000, left_ms % 1000 * 1000000L};
         const int ret = pselect(highest + 1, &ready, writable, nullptr, &timeout, &loop_mask);
         if (ret < 0 && errno == EINTR) {

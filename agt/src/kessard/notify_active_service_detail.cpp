@@ -51,6 +51,10 @@ long now_sec() {
     return static_cast<long>(agt::monotonic_ms() / 1000) + 1;
 }
 
+void drop(int records) {
+    figure_add(figures->notifications_dropped, records);
+}
+
 // Sends the pending records and waits for the answer, whose content does not matter; a failure of
 // either takes the link down. False when they could not be sent, and at the end of the daemon.
 bool send_batch(int pending, const exchange_texts& texts) {
@@ -59,11 +63,15 @@ bool send_batch(int pending, const exchange_texts& texts) {
     std::snprintf(body.element_num, sizeof body.element_num, "%0*d", 3, pending);
     const exchange_result result =
         exchange(noti_sockfd(), MSG_NOTIFY_ACTIVE_SERVICE_DETAIL_REQ, &s_msg, &r_msg, texts);
-    if (result == exchange_result::answered)
+    if (result == exchange_result::answered) {
+        figure_add(figures->notifications_sent, pending);
         return true;
+    }
     if (agt::cancelled())
         return false;
     network_off();
+    if (result == exchange_result::not_answered)
+        drop(pending);
     return result == exchange_result::not_answered;
 }
 
@@ -72,8 +80,12 @@ void send_full(batch* out) {
     agt::log_printf("[notify_active_service_detail] socket send : %d elements, "
                     "ACTIVE_SERVICE_DETAIL size %d bytes",
                     pending, static_cast<int>(sizeof(ACTIVE_SERVICE_DETAIL)));
-    if (noti_send_flag() == 1 && !send_batch(pending, TEXTS))
+    if (noti_send_flag() != 1) {
+        drop(pending);
+    } else if (!send_batch(pending, TEXTS)) {
+        drop(pending);
         return;
+    }
     agt::log_printf("(I) [notify_active_service_detail] sent %d elements, noti_send_flag : %d",
                     pending, noti_send_flag());
     out->batch_time = now_sec();
@@ -81,6 +93,7 @@ void send_full(batch* out) {
 
 void take_record(batch* out, const NOTI_SEND_QUE_DATA& record) {
     if (noti_send_flag() == 0) {
+        drop(1);
         agt::flush_log();
         agt::set_idle(0, LINK_DOWN_USEC);
         return;
@@ -115,6 +128,7 @@ void flush(batch* out) {
                         ": %d, flush_time(%d sec)",
                         out->pending, noti_send_flag(), static_cast<int>(flush_time));
     } else {
+        drop(out->pending);
         agt::log_printf("<!> [notify_active_service_detail] flush skip, noti_send_flag : %d",
                         noti_send_flag());
     }

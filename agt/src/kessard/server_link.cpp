@@ -25,6 +25,13 @@ constexpr int CONNECT_LIMIT_MS =
     180000; // a look-up of the name, a server whose packets are dropped, a handshake
 constexpr int ANSWER_SOON_MS = 20; // as long as lines may wait for the answer that belongs to them
 
+// Of a length that a failed call returned, errno being that of the call.
+int error_of(int length) {
+    if (length == 0 || (length == -1 && errno == EPIPE))
+        return STATE_SERVER_CLOSED;
+    return length == -2 || errno == EAGAIN ? int{STATE_SERVER_NO_ANSWER} : errno;
+}
+
 void log_no_answer(const exchange_texts& texts, int length) {
     if (agt::cancelled())
         return;
@@ -46,10 +53,13 @@ bool is_answer_soon(int sockfd) {
 int init_tcp_client(const char* ipaddr, int port) {
     const long_step connecting(CONNECT_LIMIT_MS);
     const int sockfd = agt::create_tcp_client_session(ipaddr, port, 0);
-    if (sockfd < 0)
+    if (sockfd < 0) {
+        server_error = errno == 0 ? int{STATE_SERVER_NAME} : errno;
         log_shortage("connection to the server", errno);
+    }
     if (sockfd < 0 || secure_server_socket(sockfd, ipaddr))
         return sockfd;
+    server_error = STATE_SERVER_TLS;
     agt::close_tcp_session(sockfd);
     return -1;
 }
@@ -84,6 +94,8 @@ bool send_request(int sockfd, char type, TCP_CMD_MSG* request, const exchange_te
                   int* slen) {
     set_header(request, type);
     const int length = send_msg(sockfd, *request);
+    if (length < 1)
+        server_error = error_of(length);
     if (slen != nullptr)
         *slen = length;
     if (length >= 1 && texts.sent != nullptr)
@@ -100,8 +112,9 @@ bool receive_answer(int sockfd, TCP_CMD_MSG* answer, const exchange_texts& texts
     if (rlen != nullptr)
         *rlen = length;
     if (length < 1) {
+        const int error = error_of(length);
         log_no_answer(texts, length);
-        log_server_failure(sockfd);
+        server_error = log_server_failure(sockfd) ? int{STATE_SERVER_TLS} : error;
         return false;
     }
     if (texts.no_magic == nullptr || agt::magic_bit_check(sockfd, answer) == 1)

@@ -40,6 +40,10 @@ struct exchange_texts {
     const char* sent = nullptr;     // the request is out
 };
 
+// Why the calling thread's last connection to the server, or exchange with it, failed: an errno, or
+// STATE_SERVER_*.
+inline thread_local int server_error = 0;
+
 enum class exchange_result { answered, not_sent, not_answered };
 
 // The lengths that an exchange leaves behind: of a whole message, or what the failing call

@@ -232,7 +232,7 @@ bool run_script(upload* up) {
 }
 
 // The whole exchange on an open connection; whether it came to its end.
-bool upload_services(int conn_sockfd) {
+bool upload_services(int conn_sockfd, transfer_figures* figures_of_it) {
     upload up{};
     up.conn_sockfd = conn_sockfd;
     request().result_code[0] = NO_BLOCK_YET;
@@ -241,6 +241,8 @@ bool upload_services(int conn_sockfd) {
     if (up.no_magic)
         agt::log_printf("<!> magic bit mismatch. sockfd : %d, rlen : %d", conn_sockfd,
                         TCP_CMD_MSG_SIZE);
+    if (complete)
+        figures_of_it->good(up.total);
     if (complete)
         agt::log_printf("(I) Total [%d] Services Server Update, Success..", up.total);
     return complete;
@@ -286,8 +288,9 @@ bool shcmd_service_list_running() {
 }
 
 void* shcmd_service_list(void*) {
+    transfer_figures own(figures->upload);
     const int conn_sockfd = connect_for_upload();
-    const bool over = conn_sockfd < 0 || upload_services(conn_sockfd);
+    const bool over = conn_sockfd < 0 || upload_services(conn_sockfd, &own);
     if (over && !agt::cancelled()) {
         agt::log_printf("(I) End Thread-function(cmd_service_list)...");
         th_start_get_service_list();

@@ -78,7 +78,6 @@ void fill_head(KESSARD_STATE* state) {
     agt::copy_text(state->release, KESSARD_VERSION);
     read_boot_id(state->boot_id);
     state->pid = getpid();
-    state->started_ms = agt::monotonic_ms();
     state->started_sec = std::time(nullptr);
 }
 
@@ -108,6 +107,7 @@ bool make_file(const char* path) {
         agt::shared_store(made->magic, STATE_FILE_MAGIC, std::memory_order_release);
         if (std::rename(fresh.c_str(), path) == 0) {
             figures = made;
+            agt::count_lost_lines(&figures->log_lines_lost);
             return true;
         }
     }
@@ -173,6 +173,23 @@ long_step::long_step(std::int64_t limit_ms)
 long_step::~long_step() {
     note_pass();
     set_rhythm(rhythm_ms_);
+}
+
+transfer_figures::transfer_figures(STATE_TRANSFER& figures_of_kind)
+    : of_(figures_of_kind), start_ms_(agt::monotonic_ms()) {
+    figure_add(of_.begun);
+}
+
+transfer_figures::~transfer_figures() {
+    if (!good_ && !agt::cancelled())
+        figure_add(of_.failed);
+}
+
+void transfer_figures::good(int elements) {
+    good_ = true;
+    figure_set(of_.elements, elements);
+    figure_set(of_.took_ms, agt::monotonic_ms() - start_ms_);
+    figure_now(of_.good_ms);
 }
 
 semaphore_wait::semaphore_wait(int row, int number) {

@@ -52,6 +52,24 @@ class long_step {
     std::int64_t rhythm_ms_;
 };
 
+// One retrieval or upload, as long as it lives. It has failed unless it was good, or the end of the
+// daemon cut it off.
+class transfer_figures {
+  public:
+    explicit transfer_figures(STATE_TRANSFER& figures_of_kind);
+    transfer_figures(const transfer_figures&) = delete;
+    transfer_figures& operator=(const transfer_figures&) = delete;
+    ~transfer_figures();
+
+    // It brought so many services to their place.
+    void good(int elements);
+
+  private:
+    STATE_TRANSFER& of_;
+    std::int64_t start_ms_;
+    bool good_ = false;
+};
+
 // While it lives, the calling thread waits for semaphore `number` of the set in row `row` of the
 // shared objects.
 class semaphore_wait {

@@ -15,6 +15,7 @@
 #include "config_slips.h"
 #include "log_printf.h"
 #include "settings.h"
+#include "state_file.h"
 #include "tls.h"
 #include "tls_identity.h"
 #include "util.h"
@@ -77,13 +78,19 @@ std::string date_of(std::time_t when) {
     return text;
 }
 
+void tell_expiry() {
+    figure_set(figures->certificate_end_sec, identity.expires());
+}
+
 // Takes files that have changed.
 void refresh() {
     std::string why;
     const agt::tls_identity::change change = identity.refresh(&why);
-    if (change == agt::tls_identity::change::taken)
+    if (change == agt::tls_identity::change::taken) {
+        tell_expiry();
         agt::log_printf("(I) TLS : changed files taken, certificate valid until %s",
                         date_of(identity.expires()).c_str());
+    }
     if (change == agt::tls_identity::change::kept)
         agt::log_printf("<!> TLS : changed files cannot be used, the old ones are kept. (%s)",
                         why.c_str());
@@ -119,6 +126,7 @@ bool start_tls() {
         agt::log_printf("<!> TLS : %s", fault.c_str());
         return false;
     }
+    tell_expiry();
     agt::log_printf("(I) TLS on. certificate %s, valid until %s", files.cert.c_str(),
                     date_of(identity.expires()).c_str());
     return true;
@@ -147,13 +155,15 @@ bool secure_server_socket(int sockfd, const char* ipaddr) {
     return false;
 }
 
-void log_server_failure(int sockfd) {
+bool log_server_failure(int sockfd) {
     const std::string why = agt::tls_failure(sockfd);
     if (!why.empty())
         log_failure("with the server", peer_of(sockfd), why);
+    return !why.empty();
 }
 
 void log_tls_refusal(const sockaddr_in& peer, const std::string& why) {
+    figure_add(figures->connections_refused[STATE_REFUSED_TLS]);
     audit_connection("refused", peer, -1, why.c_str());
     log_failure("of a command connection", peer, why);
 }

@@ -30,9 +30,9 @@ agt::tls_session* begin_cmd_session(int sockfd);
 // (none when the end of the daemon cuts it off); the socket stays open.
 [[nodiscard]] bool secure_server_socket(int sockfd, const char* ipaddr);
 
-// Logs and counts a server that broke TLS off behind the handshake; nothing for a socket that did
-// not fail so.
-void log_server_failure(int sockfd);
+// Logs and counts a server that broke TLS off behind the handshake; false for a socket that did not
+// fail so.
+bool log_server_failure(int sockfd);
 
 // Logs and counts a peer of the command port whose handshake came to nothing.
 void log_tls_refusal(const sockaddr_in& peer, const std::string& why);
