@@ -4,12 +4,11 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "agent/daemon_health.h"
 #include "wire/text.h"
 
 namespace kessctl {
 namespace {
-
-using problem_list = std::vector<problem>;
 
 constexpr int START_SEC = 10; // the last objects appear five seconds after the daemon starts
 constexpr char RESTART_ALL[] = "restart the daemon, then the processes that use it";
@@ -211,6 +210,8 @@ agent_diagnosis diagnose(const agent_snapshot& now, double full_percent) {
     problem_list problems;
     if (!now.daemon.running)
         problems.push_back(absence(now));
+    else
+        judge_state(now, problems);
     judge_daemon(now, problems);
     judge_certificate(now, problems);
     for (const object_state& segment : now.segments)
@@ -228,14 +229,6 @@ agent_diagnosis diagnose(const agent_snapshot& now, double full_percent) {
     else if (!found.reasons().empty())
         found.health = agent_health::degraded;
     return found;
-}
-
-std::string object_name(const agt::shared_object& object) {
-    return std::string(object.keyword) + " (" + object.name + ")";
-}
-
-std::string semaphore_name(const agt::shared_object& object, std::size_t number) {
-    return std::string(object.keyword) + "[" + std::to_string(number) + "] (" + object.name + ")";
 }
 
 const char* health_name(agent_health health) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "agent/agent_snapshot.h"
+#include "agent/problem.h"
 
 namespace kessctl {
 
@@ -16,12 +17,6 @@ enum class agent_health {
     ok = 0,
     degraded = 1,
     absent = 2 // no daemon runs, whatever it left behind; or the configuration cannot be read
-};
-
-struct problem {
-    std::string what;
-    std::string advice;
-    bool degrades = true; // the agent is not well with it
 };
 
 struct agent_diagnosis {
@@ -39,10 +34,6 @@ inline constexpr char CLEAN_AND_START[] =
 // Judges a snapshot. A queue, or the service or trace table, filled to `full_percent` is a problem.
 // The cache table is meant to fill up and traced processes are meant to end, so these are none.
 [[nodiscard]] agent_diagnosis diagnose(const agent_snapshot& now, double full_percent);
-
-// "KEYWORD (name)", as problems name a shared object, and "KEYWORD[number] (name)" of a semaphore.
-std::string object_name(const agt::shared_object& object);
-std::string semaphore_name(const agt::shared_object& object, std::size_t number);
 
 // "ok", "degraded", "absent".
 const char* health_name(agent_health health);

@@ -2,6 +2,7 @@
 #include "agent/agent_snapshot.h"
 
 #include <sys/sem.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -116,6 +117,22 @@ void read_agent_segment(agent_snapshot& now) {
         now.host = shown(host);
 }
 
+std::string server_address(const std::string& cfg_file) {
+    return printable(cfg_value(cfg_file, agt::config_key_of("TRAN_SERVER", "IP_ADDRESS")) + ":" +
+                     cfg_value(cfg_file, agt::config_key_of("TRAN_SERVER", "CMD_PORT")));
+}
+
+// One that only the daemon's user may read is as the daemon says.
+std::optional<certificate_state> find_certificate(const agent_snapshot& now) {
+    std::optional<certificate_state> found = read_certificate(now.cfg_file);
+    const std::int64_t end_sec = now.state.known() ? now.state.values.certificate_end_sec : 0;
+    if (found && end_sec > 0 && access(found->file.c_str(), R_OK) != 0 && errno == EACCES) {
+        found->expires = static_cast<time_t>(end_sec);
+        found->fault.clear();
+    }
+    return found;
+}
+
 } // namespace
 
 semaphore_state read_semaphore(int semid, int number) {
@@ -148,7 +165,9 @@ agent_snapshot take_snapshot(const std::string& cfg_file) {
             cfg_value(cfg_file, agt::config_key_of("KESSARD", "WORKER_CHECK_INTERVAL")).c_str()) !=
         0;
     now.daemon = find_daemon(cfg_file);
-    now.certificate = read_certificate(cfg_file);
+    now.state = read_state(cfg_file, now.daemon);
+    now.server = server_address(cfg_file);
+    now.certificate = find_certificate(now);
     read_objects(now);
     TRAN_LOGF_QUE_INFO settings;
     if (read_settings(cfg_file, &settings).empty())

@@ -16,6 +16,7 @@
 
 #include "host/daemon_process.h"
 #include "host/shared_view.h"
+#include "host/state_view.h"
 #include "host/tls_files.h"
 
 namespace kessctl {
@@ -104,6 +105,8 @@ struct agent_snapshot {
     std::string cfg_file;
     std::string cfg_fault; // the configuration cannot be read: everything else is empty
     daemon_state daemon;
+    state_view state;                             // the daemon's own figures
+    std::string server;                           // "address:port" of the configuration
     std::optional<certificate_state> certificate; // where connections are TLS
     bool watchdog_on = false;                     // by the configuration
     std::vector<object_state> segments;

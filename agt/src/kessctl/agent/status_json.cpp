@@ -1,6 +1,7 @@
 // A snapshot for programs.
 #include <nlohmann/json.hpp>
 
+#include "agent/state_json.h"
 #include "agent/status_report.h"
 #include "log_flags.h"
 #include "wire/text.h"
@@ -183,6 +184,7 @@ std::string status_json(const agent_snapshot& now, const agent_diagnosis& found,
                 {"config", printable(now.cfg_file)}};
     if (now.cfg_fault.empty()) {
         out["daemon"] = daemon_json(now);
+        add_state(out, now);
         out["certificate"] = certificate_json(now);
         out["host"] = now.host;
         out["settings"] = settings_json(now);

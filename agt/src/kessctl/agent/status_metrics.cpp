@@ -1,76 +1,17 @@
 // A snapshot in the text exposition format of Prometheus, version 0.0.4.
 //
-// A family's samples follow its HELP and TYPE lines at once. Labels hold little that changes:
-// traced processes are told by name, not by pid, so that a restart of an application starts no new
-// series.
+// Labels hold little that changes: traced processes are told by name, not by pid, so that a restart
+// of an application starts no new series.
 #include <algorithm>
-#include <cstdio>
 #include <map>
 
+#include "agent/exposition.h"
+#include "agent/state_metrics.h"
 #include "agent/status_report.h"
 #include "log_flags.h"
 
 namespace kessctl {
 namespace {
-
-struct label {
-    const char* name;
-    std::string value;
-};
-
-// The format asks for UTF-8, which the names of processes need not be: what is not ASCII becomes
-// \xHH, too.
-std::string escaped(const std::string& value) {
-    std::string text;
-    for (const char c : value) {
-        char byte[8] = {c};
-        if (c == '\\' || c == '"')
-            std::snprintf(byte, sizeof byte, "\\%c", c);
-        else if (c < 0)
-            std::snprintf(byte, sizeof byte, "\\\\x%02x", static_cast<unsigned char>(c));
-        text += c == '\n' ? "\\n" : byte;
-    }
-    return text;
-}
-
-class metric_family {
-  public:
-    metric_family(std::string& out, const char* name, const char* type, const char* help)
-        : out_(out), name_(name) {
-        out_ += "# HELP " + name_ + " " + help + "\n# TYPE " + name_ + " " + type + "\n";
-    }
-
-    template <class Number> void sample(const std::vector<label>& labels, Number value) {
-        std::string text;
-        for (const label& one : labels)
-            text += (text.empty() ? "{" : ",") + std::string(one.name) + "=\"" +
-                    escaped(one.value) + "\"";
-        char number[40];
-        std::snprintf(number, sizeof number, "%.15g", static_cast<double>(value));
-        out_ += name_ + text + (text.empty() ? " " : "} ") + number + "\n";
-    }
-
-  private:
-    std::string& out_;
-    std::string name_;
-};
-
-// A family of one sample without labels.
-template <class Number>
-void single(std::string& out, const char* name, const char* type, const char* help, Number value) {
-    metric_family(out, name, type, help).sample({}, value);
-}
-
-// A family of one sample per row; nothing without rows.
-template <class Rows, class Labels, class Value>
-void family(std::string& out, const char* name, const char* type, const char* help,
-            const Rows& rows, Labels labels, Value value) {
-    if (rows.empty())
-        return;
-    metric_family samples(out, name, type, help);
-    for (const auto& row : rows)
-        samples.sample(labels(row), value(row));
-}
 
 void daemon_metrics(std::string& out, const agent_snapshot& now) {
     single(out, "kessard_command_port_listening", "gauge",
@@ -115,9 +56,15 @@ fill_rows sound(fill_rows fills) {
     return fills;
 }
 
+fill_rows known(fill_rows fills) {
+    std::erase_if(fills, [](const fill_level& fill) { return !fill.known; });
+    return fills;
+}
+
 void fill_metrics(std::string& out, const agent_snapshot& now) {
     const fill_rows tables = sound(now.tables());
     const fill_rows queues = sound(now.queues);
+    const auto is_sound = [](const fill_level& fill) { return fill.fault.empty(); };
     const auto table = [](const fill_level& fill) {
         return std::vector<label>{{"table", fill.id}};
     };
@@ -126,6 +73,12 @@ void fill_metrics(std::string& out, const agent_snapshot& now) {
     };
     const auto used = [](const fill_level& fill) { return fill.used; };
     const auto slots = [](const fill_level& fill) { return fill.slots; };
+    family(out, "kessard_table_sound", "gauge",
+           "Whether the counts and indexes of a shared table are in range.", known(now.tables()),
+           table, is_sound);
+    family(out, "kessard_queue_sound", "gauge",
+           "Whether the indexes of a shared queue are in range.", known(now.queues), queue,
+           is_sound);
     family(out, "kessard_table_entries", "gauge", "Entries in a shared table.", tables, table,
            used);
     family(out, "kessard_table_capacity_entries", "gauge", "Entries that a shared table can hold.",
@@ -255,6 +208,7 @@ std::string status_metrics(const agent_snapshot& now, const agent_diagnosis& fou
     if (now.object_count() == 0 && !now.daemon.running)
         return out;
     daemon_metrics(out, now);
+    state_metrics(out, now);
     settings_metrics(out, now);
     fill_metrics(out, now);
     process_metrics(out, now);

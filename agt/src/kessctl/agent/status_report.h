@@ -15,11 +15,13 @@ struct report_options {
     std::string filter;      // text in a service's id, host or server; case does not matter
     std::string sort = "id"; // id, host, limit (the highest first) or slot
     bool all_traces = false; // list every traced process in the text
+    bool all = false;        // everything, whatever the length of the text
     bool colour = false;     // in the text
 };
 
-// For people: the health and the problems, then a section per kind of object. Ends with a line
-// end, as the others.
+// For people: the health and the problems, the server and the daemon, then a section per kind of
+// object, for as long as a screen of 24 lines has room; longer when all, services or traces are
+// wanted. Ends with a line end, as the others.
 std::string status_text(const agent_snapshot& now, const agent_diagnosis& found,
                         const report_options& wanted);
 

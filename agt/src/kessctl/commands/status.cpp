@@ -146,8 +146,10 @@ void add_status(CLI::App& app, exit_status* status) {
                      "Order of the services: id, host, limit (highest first) or slot")
         ->check(CLI::IsMember({"id", "host", "limit", "slot"}))
         ->capture_default_str();
-    command->add_flag("--traces", chosen->report.all_traces,
-                      "List all traced processes, not only the first ten");
+    command->add_flag("--traces", chosen->report.all_traces, "List the traced processes");
+    command->add_flag("--all", chosen->report.all,
+                      "Everything, each thread, process, queue and object, not only what fits a "
+                      "screen");
     command->footer("Exit status: 0 all is well, 1 something is wrong (the output says what), 2 no "
                     "daemon runs for this\n"
                     "configuration, whatever it left behind, or the configuration cannot be read. "

@@ -18,8 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char CFG_VARIABLE[] = "TRAN_AGT_CFG_FILE=";
-
 std::string proc_path(pid_t pid, const char* name) {
     return "/proc/" + std::to_string(pid) + "/" + name;
 }
@@ -54,6 +52,24 @@ time_t boot_time() {
         if (line.starts_with("btime "))
             return std::atoll(line.c_str() + std::size("btime ") - 1);
     return 0;
+}
+
+// A path of the environment that a process was started with.
+fs::path path_variable(pid_t pid, const std::string& variable) {
+    const std::string environment = '\0' + read_whole(proc_path(pid, "environ"));
+    const std::size_t at = environment.find('\0' + variable);
+    if (at == environment.npos)
+        return {};
+    // An absolute path replaces what stands before it.
+    return fs::path(proc_path(pid, "cwd")) / (environment.c_str() + at + 1 + variable.size());
+}
+
+std::string status_line(pid_t pid, const std::string& name) {
+    std::ifstream file(proc_path(pid, "status"));
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with(name))
+            return line.substr(name.size());
+    return {};
 }
 
 } // namespace
@@ -101,11 +117,14 @@ pid_t parent_of(pid_t pid) {
 
 std::optional<uid_t> uid_of(pid_t pid) {
     uid_t uid = 0;
-    std::ifstream file(proc_path(pid, "status"));
-    for (std::string line; std::getline(file, line);)
-        if (std::sscanf(line.c_str(), "Uid: %*u %u", &uid) == 1)
-            return uid;
+    if (std::sscanf(status_line(pid, "Uid:").c_str(), "%*u %u", &uid) == 1)
+        return uid;
     return {};
+}
+
+pid_t inner_pid(pid_t pid) {
+    const std::string pids = status_line(pid, "NSpid:");
+    return std::atoi(pids.substr(pids.find_last_of(" \t") + 1).c_str());
 }
 
 fs::path program_of(pid_t pid) {
@@ -118,12 +137,11 @@ time_t start_time(pid_t pid) {
 }
 
 fs::path cfg_file_of(pid_t pid) {
-    const std::string environment = '\0' + read_whole(proc_path(pid, "environ"));
-    const std::size_t at = environment.find('\0' + std::string(CFG_VARIABLE));
-    if (at == environment.npos)
-        return {};
-    // An absolute path replaces what stands before it.
-    return fs::path(proc_path(pid, "cwd")) / (environment.c_str() + at + sizeof CFG_VARIABLE);
+    return path_variable(pid, "TRAN_AGT_CFG_FILE=");
+}
+
+fs::path home_of(pid_t pid) {
+    return path_variable(pid, "TRAN_AGT_HOME=");
 }
 
 // A segment is mapped as the file "/SYSV<key>" with its identifier as the inode.

@@ -35,6 +35,10 @@ pid_t parent_of(pid_t pid);
 // The user that it runs as; none when there is no such process.
 std::optional<uid_t> uid_of(pid_t pid);
 
+// Its own number for itself, which is another one in a namespace of processes; 0 when there is no
+// such process.
+pid_t inner_pid(pid_t pid);
+
 // The file that it executes; empty when that may not be seen.
 std::filesystem::path program_of(pid_t pid);
 
@@ -44,6 +48,9 @@ time_t start_time(pid_t pid);
 // TRAN_AGT_CFG_FILE of the environment that a process was started with, as a path from here; empty
 // without one or when it may not be read.
 std::filesystem::path cfg_file_of(pid_t pid);
+
+// The same of TRAN_AGT_HOME.
+std::filesystem::path home_of(pid_t pid);
 
 struct attached_segment {
     int id;
