@@ -5,12 +5,13 @@
 #include <cstdio>
 
 #include "agent/daemon_health.h"
+#include "agent/report_text.h"
 #include "wire/text.h"
 
 namespace kessctl {
 namespace {
 
-constexpr int START_SEC = 10; // the last objects appear five seconds after the daemon starts
+constexpr int START_SEC = 10; // the watchdog makes its objects five seconds after its start
 constexpr char RESTART_ALL[] = "restart the daemon, then the processes that use it";
 constexpr char LOOK_AT_PROCESS[] =
     "look at its log; whoever keeps the agent's processes has to start it again";
@@ -20,20 +21,10 @@ bool is_attached(const daemon_state& daemon, int shmid) {
                        [shmid](const attached_segment& one) { return one.id == shmid; });
 }
 
-// Whether the daemon has had the time to make all of its objects, or has the last one.
-bool has_started(const agent_snapshot& now) {
-    const auto last =
-        std::find_if(now.segments.begin(), now.segments.end(), [](const object_state& segment) {
-            return segment.object == &agt::PARSE_QUEUES;
-        });
-    return now.daemon.running &&
-           (now.uptime_sec() >= START_SEC ||
-            (last != now.segments.end() && is_attached(now.daemon, last->id)));
-}
-
 bool is_missed(const agent_snapshot& now, const object_state& state) {
-    return now.daemon.running &&
-           (!state.object->watchdog_only || (now.watchdog_on && has_started(now)));
+    return has_started(now) &&
+           (!state.object->watchdog_only ||
+            (now.watchdog_on && now.taken - now.daemon.youngest_thread >= START_SEC));
 }
 
 void judge_object(const agent_snapshot& now, const object_state& state, problem_list& problems) {
@@ -95,6 +86,11 @@ void judge_semaphores(const agent_snapshot& now, const semaphore_set& set, probl
 
 void judge_daemon(const agent_snapshot& now, problem_list& problems) {
     const daemon_state& daemon = now.daemon;
+    if (daemon.running && !has_started(now) && now.uptime_sec() >= START_SEC)
+        problems.push_back(
+            {"the daemon has not finished its start for " + duration(now.uptime_sec()),
+             "it waits for the server or for a semaphore: the end of its log says "
+             "which; when the server's packets are lost that takes minutes"});
     for (const std::string& stranger : daemon.strangers)
         problems.push_back({stranger, "end it, unless it serves a request; a daemon whose file was "
                                       "changed since it started is restarted"});
@@ -173,7 +169,7 @@ problem absence(const agent_snapshot& now) {
     return {objects == 0 ? "no daemon runs and none of the shared objects exists"
                          : "no daemon runs; " + std::to_string(objects) +
                                " shared objects are there without it",
-            "start it: kessard -d; if it runs as another user, look as root"};
+            "start it: " + start_command() + "; if it runs as another user, look as root"};
 }
 
 // What the next start finds and nobody has attached.
@@ -195,6 +191,21 @@ void judge_rest(const agent_snapshot& now, problem_list& problems) {
 }
 
 } // namespace
+
+bool has_started(const agent_snapshot& now) {
+    const daemon_state& daemon = now.daemon;
+    if (!daemon.attachments_known)
+        return daemon.running && now.uptime_sec() >= START_SEC;
+    const auto last =
+        std::find_if(now.segments.begin(), now.segments.end(), [](const object_state& segment) {
+            return segment.object == &agt::AGENT_SEGMENT;
+        });
+    return daemon.running && last != now.segments.end() &&
+           std::any_of(daemon.attached.begin(), daemon.attached.end(),
+                       [key = object_key(last->key)](const attached_segment& one) {
+                           return one.key == static_cast<unsigned>(key);
+                       });
+}
 
 std::vector<std::string> agent_diagnosis::reasons() const {
     std::vector<std::string> texts;

@@ -35,6 +35,10 @@ inline constexpr char CLEAN_AND_START[] =
 // The cache table is meant to fill up and traced processes are meant to end, so these are none.
 [[nodiscard]] agent_diagnosis diagnose(const agent_snapshot& now, double full_percent);
 
+// Whether the daemon runs and has the last of the objects that its start makes, or has had the time
+// where that cannot be seen.
+bool has_started(const agent_snapshot& now);
+
 // "ok", "degraded", "absent".
 const char* health_name(agent_health health);
 

@@ -11,7 +11,7 @@
 namespace kessctl {
 namespace {
 
-constexpr int START_SEC = 10; // the file is made, and all threads are
+constexpr int START_SEC = 10; // the file is made
 
 bool older(const state_view& state, std::int64_t when_ms, std::int64_t limit_sec) {
     return state.age_ms(when_ms) > limit_sec * 1000;
@@ -60,11 +60,6 @@ void judge_thread(const agent_snapshot& now, std::size_t place, problem_list& pr
     const STATE_THREAD& thread = now.state.values.threads[place];
     const std::string name = "thread " + std::string(thread_name(place));
     const std::string wait = wait_text(now, thread);
-    const bool passes = now.state.values.threads[STATE_MAIN].running != 0;
-    const bool needed = place == STATE_HOUSEKEEPING || place == STATE_HEALTH_CHECK;
-    if (thread.running == 0 && passes && needed && now.uptime_sec() > START_SEC)
-        problems.push_back({name + " does not run",
-                            "the daemon's log says why it could not be made; restart the daemon"});
     if (thread_stalled(now.state, place))
         problems.push_back({name + " has not passed for " +
                                 duration(now.state.age_ms(thread.last_pass_ms) / 1000) +

@@ -31,6 +31,7 @@ constexpr int ANSWER_LIMIT_MS = 3000;
 constexpr int HELD_LIMIT_MS =
     1000; // a semaphore that one living process holds for longer is reported
 constexpr int LOOK_AGAIN_MS = 20;
+constexpr int START_LIMIT_SEC = 10;
 constexpr int TRIGGER_LIMIT_SEC = 60;
 constexpr double FREE_LIMIT_PCNT = 5.0;
 
@@ -45,6 +46,11 @@ struct patient {
     tls_options tls;
     agent_snapshot now;
     int found = 0;
+    std::string unseen{}; // what only the agent's user and root may look at
+
+    bool may_look() const {
+        return geteuid() == 0 || now.daemon.user.value_or(geteuid()) == geteuid();
+    }
 
     std::string value(const agt::config_key& key) const { return cfg_value(file.path(), key); }
     void report(const std::string& what, const std::string& advice) {
@@ -54,6 +60,10 @@ struct patient {
 };
 
 void examine_config(patient& agent) {
+    if (!agent.may_look()) {
+        agent.unseen += ", configuration";
+        return;
+    }
     const std::vector<finding> all = check_config(agent.file, agent.home);
     const long errors = std::count_if(
         all.begin(), all.end(), [](const finding& one) { return one.level == severity::error; });
@@ -61,6 +71,10 @@ void examine_config(patient& agent) {
         agent.report("configuration: errors in " + agent.file.path() + ": " +
                          std::to_string(errors),
                      "run kessctl check-config " + agent.file.path());
+}
+
+std::int64_t refused_for_places(const state_view& state) {
+    return state.known() ? state.values.connections_refused[STATE_REFUSED_PLACE] : 0;
 }
 
 // The daemon closes a connection whose other side has ended, without a word and without a line in
@@ -81,17 +95,31 @@ bool answers(const patient& agent, std::string* why) {
     return false;
 }
 
+// Whether the connection just made found no place.
+void examine_places(patient& agent) {
+    const state_view after = read_state(agent.file.path(), agent.now.daemon);
+    if (refused_for_places(after) > refused_for_places(agent.now.state))
+        agent.report("command port: all five places are held, so the connection was closed",
+                     "end connections that nobody needs: ss -tnp sport = :" +
+                         std::to_string(agent.now.daemon.port));
+}
+
 // Who holds the port of a daemon that does not run, and whether one that listens answers.
 void examine_port(patient& agent) {
     const daemon_state& daemon = agent.now.daemon;
     std::string why;
-    if (!daemon.listening)
+    if (!daemon.listening || (daemon.running && !has_started(agent.now)))
         return;
     if (!daemon.running && daemon.seen.empty())
         agent.report("daemon: port " + std::to_string(daemon.port) +
                          " is held by another process: " + process_texts(listeners_of(daemon.port)),
-                     "end that process or change CMD_PORT, then start kessard -d");
-    else if (!answers(agent, &why))
+                     "end that process or change CMD_PORT, then start the daemon: " +
+                         start_command());
+    else if (answers(agent, &why))
+        examine_places(agent);
+    else if (why.starts_with("TLS: ") && !agent.may_look())
+        agent.unseen += ", command port";
+    else
         agent.report("daemon: " + process_texts(daemon.seen) + " does not answer, " + why,
                      "look at the end of its log; end it with SIGTERM and start it again");
 }
@@ -115,6 +143,8 @@ bool stays_held(int semid, int number, pid_t pid) {
 }
 
 void examine_semaphores(patient& agent) {
+    if (agent.now.daemon.running && !has_started(agent.now))
+        return;
     for (const semaphore_set& set : agent.now.semaphores)
         for (std::size_t i = 0; i < set.semaphores.size(); ++i) {
             const semaphore_state& one = set.semaphores[i];
@@ -127,6 +157,10 @@ void examine_semaphores(patient& agent) {
 }
 
 void examine_log(patient& agent) {
+    if (!agent.may_look()) {
+        agent.unseen += ", log";
+        return;
+    }
     const std::string directory =
         full_path(agent.value(agt::config_key_of("COMMON", "LOG_HOME")), agent.home) +
         agt::LOG_SUBDIRECTORY;
@@ -158,16 +192,32 @@ void examine_trigger(patient& agent) {
                          : "the daemon cannot remove it: look at the permissions of its directory");
 }
 
+// What a start of a second or two has not made yet is not missing.
+agent_snapshot look_when_started(const std::string& cfg_file) {
+    agent_snapshot now = take_snapshot(cfg_file);
+    while (!now.daemon.seen.empty() && !has_started(now) &&
+           std::time(nullptr) - start_time(now.daemon.seen.front()) < START_LIMIT_SEC) {
+        agt::sleep_ms(LOOK_AGAIN_MS);
+        now = take_snapshot(cfg_file);
+    }
+    return now;
+}
+
 exit_status examine(const doctor_options& chosen) {
     agt::config_file file;
     const std::string wrong = open_cfg(chosen.cfg_file, "give --config", &file);
     if (!wrong.empty())
         return complain(wrong);
     const char* home = std::getenv("TRAN_AGT_HOME");
-    patient agent{file, home == nullptr ? "" : home, chosen.tls, take_snapshot(chosen.cfg_file)};
+    patient agent{file, home == nullptr ? "" : home, chosen.tls,
+                  look_when_started(chosen.cfg_file)};
     for (const auto step : {examine_config, examine_snapshot, examine_port, examine_semaphores,
                             examine_log, examine_trigger})
         step(agent);
+    if (!agent.unseen.empty())
+        std::printf("not looked at: %s; you may not look, run it as user %u, the agent's, or as "
+                    "root\n",
+                    agent.unseen.c_str() + 2, *agent.now.daemon.user);
     std::printf("findings: %d\n", agent.found);
     return agent.found == 0 ? EXIT_OK : EXIT_REFUSED;
 }

@@ -139,6 +139,7 @@ daemon_state find_daemon(const std::string& cfg_file) {
     daemon_marks marks{sockets_at(state.address, state.port), {}, segment_owner(cfg_file)};
     marks.holders = holders_of(marks.sockets);
     state.listening = !marks.sockets.empty();
+    state.user = marks.owner;
     const std::vector<candidate> candidates = list_candidates(cfg_file);
     const candidate* chosen = choose(candidates, marks);
     for (const candidate& one : candidates) {
@@ -152,10 +153,22 @@ daemon_state find_daemon(const std::string& cfg_file) {
     if (chosen == nullptr)
         return state;
     state.pid = chosen->pid;
+    state.user = chosen->uid;
     state.started = start_time(chosen->pid);
+    state.youngest_thread = youngest_thread(chosen->pid);
     state.attachments_known = chosen->readable;
     state.attached = chosen->attached;
     return state;
+}
+
+std::string start_command() {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    const auto is_there = [&](const char* path) { return fs::exists(path, error); };
+    const bool service =
+        is_there("/run/systemd/system") && (is_there("/etc/systemd/system/kessard.service") ||
+                                            is_there("/lib/systemd/system/kessard.service"));
+    return service ? "systemctl start kessard" : "kessard -d, as the agent's user";
 }
 
 std::vector<pid_t> daemons_of(const std::string& cfg_file) {

@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,10 +25,12 @@ struct daemon_state {
     bool running = false;
     pid_t pid = 0; // 0: not known
     time_t started = 0;
+    time_t youngest_thread = 0; // when it started
     bool attachments_known = false;
     std::vector<attached_segment> attached; // those of the configuration's keys
     std::vector<pid_t> seen;                // all that can be seen, `pid` among them
     std::vector<std::string> strangers;     // each with what it is
+    std::optional<uid_t> user;              // of the daemon, else of the agent's segments
     std::string address;                    // of the command port
     int port = 0;
     bool listening = false; // somebody does, on the command port
@@ -38,5 +41,8 @@ daemon_state find_daemon(const std::string& cfg_file);
 
 // All processes that are a daemon of the configuration, as `seen` above.
 std::vector<pid_t> daemons_of(const std::string& cfg_file);
+
+// How the daemon is started on this host.
+std::string start_command();
 
 } // namespace kessctl

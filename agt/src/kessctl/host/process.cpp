@@ -64,6 +64,16 @@ fs::path path_variable(pid_t pid, const std::string& variable) {
     return fs::path(proc_path(pid, "cwd")) / (environment.c_str() + at + 1 + variable.size());
 }
 
+// The names in a directory that are numbers.
+std::vector<pid_t> numbers_in(const std::string& directory) {
+    std::vector<pid_t> pids;
+    std::error_code error;
+    for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error))
+        if (const int pid = std::atoi(at->path().filename().c_str()); pid > 0)
+            pids.push_back(pid);
+    return pids;
+}
+
 std::string status_line(pid_t pid, const std::string& name) {
     std::ifstream file(proc_path(pid, "status"));
     for (std::string line; std::getline(file, line);)
@@ -75,12 +85,7 @@ std::string status_line(pid_t pid, const std::string& name) {
 } // namespace
 
 std::vector<pid_t> all_processes() {
-    std::vector<pid_t> pids;
-    std::error_code error;
-    for (fs::directory_iterator at("/proc", error), end; !error && at != end; at.increment(error))
-        if (const int pid = std::atoi(at->path().filename().c_str()); pid > 0)
-            pids.push_back(pid);
-    return pids;
+    return numbers_in("/proc");
 }
 
 bool process_alive(pid_t pid) {
@@ -134,6 +139,13 @@ fs::path program_of(pid_t pid) {
 
 time_t start_time(pid_t pid) {
     return boot_time() + read_stat(pid).start_ticks / sysconf(_SC_CLK_TCK);
+}
+
+time_t youngest_thread(pid_t pid) {
+    time_t youngest = 0;
+    for (const pid_t thread : numbers_in(proc_path(pid, "task")))
+        youngest = std::max(youngest, start_time(thread));
+    return youngest;
 }
 
 fs::path cfg_file_of(pid_t pid) {

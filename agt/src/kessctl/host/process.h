@@ -45,6 +45,9 @@ std::filesystem::path program_of(pid_t pid);
 // When the process started, by the system's clock; the system's own start when there is none.
 time_t start_time(pid_t pid);
 
+// The same of the thread of a process that was started last.
+time_t youngest_thread(pid_t pid);
+
 // TRAN_AGT_CFG_FILE of the environment that a process was started with, as a path from here; empty
 // without one or when it may not be read.
 std::filesystem::path cfg_file_of(pid_t pid);

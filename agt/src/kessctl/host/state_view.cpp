@@ -82,9 +82,11 @@ bool is_sound(const KESSARD_STATE& values, std::int64_t now_ms) {
                                     thread.waits_for, thread.waits_number, thread.waits_since_ms});
         sound = sound && std::max(thread.last_pass_ms, thread.waits_since_ms) <= now_ms;
     }
-    const auto* rest = &values.server_tried_ms;
-    const auto count = (sizeof values - offsetof(KESSARD_STATE, server_tried_ms)) / sizeof *rest;
-    check(std::span(rest, count));
+    constexpr auto first = offsetof(KESSARD_STATE, server_tried_ms);
+    constexpr auto filter = offsetof(KESSARD_STATE, filter_switched_off); // may be below 0
+    constexpr auto number = sizeof values.filter_switched_off;
+    check(std::span(&values.server_tried_ms, (filter - first) / number));
+    check(std::span(values.commands, (sizeof values - filter) / number - 1));
     for (const std::int64_t when :
          {values.started_ms, values.server_tried_ms, values.server_answered_ms,
           values.link_since_ms, values.retrieval.good_ms, values.upload.good_ms})
