@@ -23,9 +23,6 @@
 namespace kessctl {
 namespace {
 
-constexpr agt::config_key STATE_FILE_KEY = {"COMMON", "STATE_FILE", agt::key_kind::file, 1, 511, "",
-                                            ""};
-
 constexpr struct {
     const char* id;
     const char* name;
@@ -136,7 +133,7 @@ double state_view::epoch_sec(std::int64_t when_ms) const {
 
 state_view read_state(const std::string& cfg_file, const daemon_state& daemon) {
     state_view view;
-    view.path = path_of(cfg_value(cfg_file, STATE_FILE_KEY), daemon);
+    view.path = path_of(cfg_value(cfg_file, agt::config_key_of("COMMON", "STATE_FILE")), daemon);
     if (view.path.empty())
         return view;
     if (!view.path.starts_with('/')) {
