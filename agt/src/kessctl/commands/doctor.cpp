@@ -18,6 +18,7 @@
 #include <CLI/CLI.hpp>
 
 #include "agent/agent_diagnosis.h"
+#include "agent/daily_log.h"
 #include "config/check_config.h"
 #include "host/listener.h"
 #include "server/command_client.h"
@@ -161,9 +162,7 @@ void examine_log(patient& agent) {
         agent.unseen += ", log";
         return;
     }
-    const std::string directory =
-        full_path(agent.value(agt::config_key_of("COMMON", "LOG_HOME")), agent.home) +
-        agt::LOG_SUBDIRECTORY;
+    const std::string directory = log_directory(agent.file.path(), agent.home);
     struct statvfs disk {};
     if (access(directory.c_str(), W_OK | X_OK) != 0 || statvfs(directory.c_str(), &disk) != 0)
         return agent.report(

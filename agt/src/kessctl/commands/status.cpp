@@ -7,14 +7,13 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <sstream>
 
 #include "agent/status_report.h"
 #include "commands/commands.h"
+#include "commands/terminal.h"
 #include "unique_fd.h"
 #include "wait.h"
 
@@ -36,12 +35,6 @@ exit_status look_once(const status_options& chosen, std::string* out) {
     *out = chosen.json ? status_json(now, found, chosen.report)
                        : status_text(now, found, chosen.report);
     return static_cast<exit_status>(found.health);
-}
-
-bool wants_colour() {
-    const char* terminal = std::getenv("TERM");
-    return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr &&
-           terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
 }
 
 std::string watch_head(const status_options& chosen) {
