@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <iterator>
+#include <utility>
 
 namespace kessctl {
 
@@ -44,6 +45,18 @@ std::string since_text(time_t when, time_t now) {
     constexpr time_t day_sec = 86400;
     const std::string text = clock_text(when);
     return now - when < day_sec && text.size() > 1 ? text.substr(text.find(' ') + 1) : text;
+}
+
+std::vector<std::string> wrap(std::string text, std::size_t room) {
+    std::vector<std::string> lines;
+    while (text.size() > room && text.find(' ') != text.npos) {
+        std::size_t end = text.rfind(' ', room);
+        end = end == text.npos || end == 0 ? text.find(' ') : end;
+        lines.push_back(text.substr(0, end));
+        text.erase(0, end + 1);
+    }
+    lines.push_back(std::move(text));
+    return lines;
 }
 
 } // namespace kessctl

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <ctime>
 #include <string>
+#include <vector>
 
 namespace kessctl {
 
@@ -18,5 +19,8 @@ std::string clock_text(time_t when);
 
 // The same of a moment before `now`, without the date when that is less than a day ago.
 std::string since_text(time_t when, time_t now);
+
+// The text in lines of `room` bytes, broken at blanks; a longer word stays whole.
+std::vector<std::string> wrap(std::string text, std::size_t room);
 
 } // namespace kessctl

@@ -24,7 +24,28 @@ bool in_order(const service_row& a, const service_row& b, const std::string& key
     return std::tie(a.service_id, a.slot) < std::tie(b.service_id, b.slot);
 }
 
+bool in_order(const process_row& a, const process_row& b, const std::string& key) {
+    if (key == "program" && a.program != b.program)
+        return a.program < b.program;
+    if (key == "state" && a.as_wanted() != b.as_wanted())
+        return b.as_wanted();
+    if (key == "restarts" && a.restarts != b.restarts)
+        return a.restarts > b.restarts;
+    return a.row < b.row;
+}
+
 } // namespace
+
+std::vector<process_row> select_processes(const agent_snapshot& now, const report_options& wanted) {
+    std::vector<process_row> chosen;
+    for (const process_row& process : now.processes)
+        if (contains(process.program, wanted.filter))
+            chosen.push_back(process);
+    std::sort(chosen.begin(), chosen.end(), [&](const process_row& a, const process_row& b) {
+        return in_order(a, b, wanted.sort);
+    });
+    return chosen;
+}
 
 std::vector<service_row> select_services(const agent_snapshot& now, const report_options& wanted) {
     std::vector<service_row> chosen;

@@ -33,6 +33,10 @@ std::string status_json(const agent_snapshot& now, const agent_diagnosis& found,
 // it.
 std::string status_metrics(const agent_snapshot& now, const agent_diagnosis& found);
 
+// The processes of the registry whose program the filter lets through, by row, program, state
+// (those that are not as wanted first) or restarts (the most first).
+std::vector<process_row> select_processes(const agent_snapshot& now, const report_options& wanted);
+
 // The services that the filter lets through, in the order wanted.
 std::vector<service_row> select_services(const agent_snapshot& now, const report_options& wanted);
 

@@ -33,17 +33,12 @@ std::string coloured(const std::string& text, const char* code, bool colour) {
 }
 
 // Adds a text behind a mark of two columns, in lines that fit the screen, broken at blanks.
-void add_wrapped(std::string& out, const std::string& mark, std::string text) {
-    constexpr std::size_t room = COLUMNS - 4;
-    const char* indent = "  ";
-    out += indent + mark;
-    while (text.size() > room && text.find(' ') != text.npos) {
-        std::size_t end = text.rfind(' ', room);
-        end = end == text.npos || end == 0 ? text.find(' ') : end;
-        out += text.substr(0, end) + "\n    ";
-        text.erase(0, end + 1);
+void add_wrapped(std::string& out, const std::string& mark, const std::string& text) {
+    std::string before = "  " + mark;
+    for (const std::string& line : wrap(text, COLUMNS - 4)) {
+        out += before + line + "\n";
+        before = "    ";
     }
-    out += text + "\n";
 }
 
 long lines_of(const std::string& text) {

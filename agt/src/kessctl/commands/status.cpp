@@ -1,26 +1,21 @@
 // kessctl status: one look at an agent, or one after another.
-#include <sys/ioctl.h>
 #include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <memory>
-#include <sstream>
 
 #include "agent/status_report.h"
 #include "commands/commands.h"
 #include "commands/terminal.h"
+#include "commands/watch.h"
 #include "unique_fd.h"
 #include "wait.h"
 
 namespace kessctl {
 namespace {
-
-constexpr char HOME_AND_CLEAR[] = "\x1b[H\x1b[2J";
 
 struct status_options {
     look_options look;
@@ -48,39 +43,7 @@ std::string watch_head(const status_options& chosen) {
     return head;
 }
 
-// A line cut to `columns`; colours, which take no column, stay whole.
-std::string cut_line(const std::string& line, std::size_t columns) {
-    std::string out;
-    for (std::size_t at = 0, column = 0; at < line.size(); ++at) {
-        const std::size_t colour_end = line[at] == '\x1b' ? line.find('m', at) : line.npos;
-        if (colour_end != line.npos) {
-            out.append(line, at, colour_end - at + 1);
-            at = colour_end;
-        } else if (column++ < columns) {
-            out += line[at];
-        }
-    }
-    return out;
-}
-
-// As many lines and columns as the terminal shows, so that redrawing does not scroll.
-std::string fit_to_terminal(const std::string& text) {
-    winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row < 3 || size.ws_col == 0)
-        return text;
-    const auto total = std::count(text.begin(), text.end(), '\n');
-    const auto fitting = total < size.ws_row ? total : size.ws_row - 2;
-    std::string out;
-    std::istringstream lines(text);
-    std::string line;
-    for (auto i = fitting; i > 0 && std::getline(lines, line); --i)
-        out += cut_line(line, size.ws_col) + "\n";
-    return fitting == total ? out
-                            : out + "... " + std::to_string(total - fitting) + " more lines\n";
-}
-
-// Looks again and again until a signal asks for the end; on a terminal each picture replaces the
-// one before.
+// Looks again and again until a signal asks for the end, for readers that are no terminal.
 exit_status watch(const status_options& chosen) {
     sigset_t ending;
     sigemptyset(&ending);
@@ -89,18 +52,14 @@ exit_status watch(const status_options& chosen) {
     sigprocmask(SIG_BLOCK, &ending, nullptr);
     const agt::unique_fd signals(signalfd(-1, &ending, SFD_CLOEXEC));
     agt::set_cancel_fd(signals.get());
-    const bool redraw = isatty(STDOUT_FILENO) == 1;
     exit_status status = EXIT_OK;
     do {
         std::string text;
         status = look_once(chosen, &text);
-        text = watch_head(chosen) + text;
-        const std::string picture = redraw ? HOME_AND_CLEAR + fit_to_terminal(text) : text + "\n";
-        std::fwrite(picture.data(), 1, picture.size(), stdout);
+        text = watch_head(chosen) + text + "\n";
+        std::fwrite(text.data(), 1, text.size(), stdout);
         std::fflush(stdout);
     } while (agt::sleep_ms(static_cast<int>(chosen.interval_sec * 1000)));
-    if (redraw)
-        std::putchar('\n'); // behind the terminal's ^C
     return status;
 }
 
@@ -108,7 +67,9 @@ exit_status show_status(status_options& chosen) {
     chosen.report.services = chosen.report.services || !chosen.report.filter.empty();
     chosen.report.colour = wants_colour();
     if (chosen.interval_sec > 0)
-        return watch(chosen);
+        return draws_on_terminal()
+                   ? watch_on_screen(chosen.look, chosen.report, chosen.interval_sec)
+                   : watch(chosen);
     std::string text;
     const exit_status status = look_once(chosen, &text);
     std::fwrite(text.data(), 1, text.size(), stdout);
@@ -147,9 +108,10 @@ void add_status(CLI::App& app, exit_status* status) {
                     "daemon runs for this\n"
                     "configuration, whatever it left behind, or the configuration cannot be read. "
                     "With --watch, that\n"
-                    "of the last look. Output that is no terminal gets no colours; --watch then "
-                    "adds one block of\n"
-                    "lines after another.");
+                    "of the last look; it draws one screen with the agent's last minutes, whose "
+                    "last line tells the\n"
+                    "keys, and adds one block of lines after another where the output is no "
+                    "terminal.");
     command->callback([chosen, status] { *status = show_status(*chosen); });
 }
 
