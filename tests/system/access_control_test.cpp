@@ -1,5 +1,4 @@
 // Who may command the agent, and what a service manager is told, through the real program.
-#include <sys/un.h>
 
 #include "checks.h"
 
@@ -125,28 +124,6 @@ TEST(AccessControl, DoesNotStartWithASlipInAKeyThatProtects) {
         EXPECT_EQ(a.count_log("agt_cmd_port"), 0u);
         EXPECT_TRUE(in_order(checked, {cfg + ":" + std::to_string(last) + ": error: ", said}));
     }
-}
-
-TEST(ServiceManager, HearsOfTheMainLoopAndOfTheEnd) {
-    agent a;
-    sockaddr_un address{AF_UNIX, ""};
-    std::strcpy(address.sun_path, a.path("notify").c_str());
-    const agt::unique_fd sockfd(socket(AF_UNIX, SOCK_DGRAM, 0));
-    ASSERT_EQ(bind(sockfd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const timeval limit{LIMIT_MS / 1000, 0};
-    setsockopt(sockfd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    a.variables["NOTIFY_SOCKET"] = address.sun_path;
-    a.start();
-    const auto receive = [&] {
-        char text[64];
-        const ssize_t length = recv(sockfd.get(), text, sizeof text, 0);
-        return std::string(text, length > 0 ? static_cast<std::size_t>(length) : 0);
-    };
-    EXPECT_EQ(receive(), "READY=1");
-    EXPECT_EQ(a.count_log("[ kessard ] start... running : 1"), 1u);
-    a.signal(SIGTERM);
-    EXPECT_EQ(receive(), "STOPPING=1");
-    EXPECT_EQ(a.wait_exit(), 0);
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 #include "set_svc_hash_tbl.h"
 #include "settings.h"
 #include "shmem.h"
+#include "state_file.h"
 #include "tran_agt.h"
 #include "tran_logf_que_info.h"
 
@@ -227,16 +228,21 @@ TEST_F(HealthCheck, RetrievesTheListAfterAFailedConnect) {
     EXPECT_EQ(svr_cmd_sockfd, -1);
     EXPECT_FALSE(reconnect); // a connection that broke does not either
     EXPECT_EQ(a.count_log("<!> XXXX server recv error.. , rlen : 0\n"), 1u);
+    EXPECT_EQ(figures->server_error, STATE_SERVER_CLOSED);
     server.close_listener();
     EXPECT_EQ(cycle(), "");
     EXPECT_EQ(cycle(), "");
     EXPECT_TRUE(reconnect);
+    EXPECT_EQ(figures->server_error, ECONNREFUSED);
+    EXPECT_EQ(figures->server_failing, 3);
+    EXPECT_GT(figures->server_tried_ms, 0);
     EXPECT_EQ(a.count_log("<!> server connection fail. (ip 127.0.0.1, port "), 2u);
     EXPECT_EQ(a.count_log(line), 0u);
     EXPECT_EQ(server.open_listener(), "");
     set_fault('0', {.wrong_type = 'x'}); // not looked at
     EXPECT_NE(cycle(), "");
     EXPECT_FALSE(reconnect);
+    EXPECT_EQ(figures->server_failing, 0);
     const texts wanted = {line, "get service list thread is starting..", line, "check complete"};
     EXPECT_TRUE(in_order(a.log(), wanted));
     th_join_get_service_list();
@@ -251,6 +257,7 @@ TEST_F(HealthCheck, ReconnectsToAMuteServer) {
     EXPECT_NE(cycle(), "");
     EXPECT_GE(agt::monotonic_ms() - start_ms, 10000);
     EXPECT_EQ(a.count_log("<!> XXXX server recv error.. , rlen : -2\n"), 1u);
+    EXPECT_EQ(figures->server_error, STATE_SERVER_NO_ANSWER);
     set_fault('0', {});
     EXPECT_NE(cycle(), "");
     EXPECT_EQ(server.connections(), 2);

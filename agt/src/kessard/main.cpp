@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "init.h"
 #include "main_loop.h"
@@ -100,6 +101,7 @@ int main(int argc, char** argv) {
     running = 1;
     begin_thread_figures(STATE_MAIN, "main", MAIN_RHYTHM_MS);
     figure_now(figures->started_ms);
+    figure_set(figures->started_sec, std::time(nullptr));
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     keep_memory_small();
     if (parse_options(argc, argv))

@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <string>
 
 #include "config_keys.h"
@@ -78,7 +77,6 @@ void fill_head(KESSARD_STATE* state) {
     agt::copy_text(state->release, KESSARD_VERSION);
     read_boot_id(state->boot_id);
     state->pid = getpid();
-    state->started_sec = std::time(nullptr);
 }
 
 // The memory of a new file, all zero; null and errno when there is none.
