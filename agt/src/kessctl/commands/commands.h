@@ -16,6 +16,7 @@ subcommand add_show;
 subcommand add_status;
 subcommand add_metrics;
 subcommand add_log;
+subcommand add_exporter;
 subcommand add_put_notification;
 subcommand add_put_trace;
 subcommand add_show_events;
@@ -27,9 +28,24 @@ subcommand add_doctor;
 subcommand add_clean;
 
 // All of them, in the order of the help text.
-inline constexpr subcommand* SUBCOMMANDS[] = {
-    add_serve,  add_renew,   add_set_config, add_set_resource,     add_services,  add_show,
-    add_status, add_metrics, add_log,        add_put_notification, add_put_trace, add_show_events,
-    add_exec,   add_put,     add_get,        add_check_config,     add_doctor,    add_clean};
+inline constexpr subcommand* SUBCOMMANDS[] = {add_serve,
+                                              add_renew,
+                                              add_set_config,
+                                              add_set_resource,
+                                              add_services,
+                                              add_show,
+                                              add_status,
+                                              add_metrics,
+                                              add_log,
+                                              add_exporter,
+                                              add_put_notification,
+                                              add_put_trace,
+                                              add_show_events,
+                                              add_exec,
+                                              add_put,
+                                              add_get,
+                                              add_check_config,
+                                              add_doctor,
+                                              add_clean};
 
 } // namespace kessctl

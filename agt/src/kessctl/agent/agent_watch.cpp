@@ -1,0 +1,32 @@
+// Looking at an agent again and again.
+#include "agent/agent_watch.h"
+
+#include "wait.h"
+
+namespace kessctl {
+namespace {
+
+constexpr long long LOOK_MS = 1000;
+
+}
+
+std::shared_ptr<const agent_look> agent_watch::look() {
+    const agt::lock_guard lock(mutex_);
+    if (last_ == nullptr || agt::monotonic_ms() - last_ms_ >= LOOK_MS) {
+        const auto fresh = std::make_shared<agent_look>();
+        fresh->now = take_snapshot(cfg_file_);
+        fresh->found = diagnose(fresh->now, full_percent_);
+        fresh->history = history_;
+        last_ = fresh;
+        last_ms_ = agt::monotonic_ms();
+    }
+    return last_;
+}
+
+void agent_watch::keep() {
+    const std::shared_ptr<const agent_look> seen = look();
+    const agt::lock_guard lock(mutex_);
+    add_figures(history_, seen->now);
+}
+
+} // namespace kessctl
