@@ -26,9 +26,10 @@ ul { list-style: none; }
 .problems li { border-left: 4px solid var(--warn); padding-left: 10px; margin: 6px 0; }
 .problems .note { border-left-color: var(--line); }
 .problems span { color: var(--soft); }
-.grid { display: grid; grid-template-columns: 1fr 1fr; gap: 16px; align-items: start; }
-.grid section { margin: 0; min-width: 0; }
+.columns { columns: 2; column-gap: 16px; }
+.columns section { break-inside: avoid; }
 .facts li, .fills li { margin-bottom: 8px; }
+.facts li { padding-left: 18px; text-indent: -18px; }
 .facts li::before, td:first-child::before { content: "\25cf\a0"; color: var(--soft); }
 .facts .good::before, .good td:first-child::before { color: var(--good); }
 .facts .bad::before, .bad td:first-child::before { content: "\25b2\a0"; color: var(--bad); }
@@ -52,8 +53,8 @@ td:first-child { white-space: nowrap; }
 footer { display: flex; flex-wrap: wrap; gap: 4px 20px; justify-content: space-between; color: var(--soft);
   font-size: 13px; margin-top: 16px; overflow-wrap: anywhere; }
 a { color: var(--chart); }
-@media (max-width: 760px) { main { padding: 10px; } .grid { grid-template-columns: minmax(0, 1fr); gap: 10px; }
-  header, .problems { margin-bottom: 10px; } }
+@media (max-width: 760px) { main { padding: 10px; } .columns { columns: 1; }
+  header, section, .problems { margin-bottom: 10px; } }
 )";
 
 } // namespace kessctl

@@ -160,13 +160,14 @@ std::string charts(const agent_snapshot& now, const figure_history& history) {
 
 std::string status_page(const agent_snapshot& now, const agent_diagnosis& found,
                         const figure_history& history) {
-    const std::string title = std::string(health_name(found.health)) + ": kessard on " + now.host;
+    const std::string title = std::string(health_name(found.health)) + ": kessard" +
+                              (now.host.empty() ? "" : " on " + now.host);
     return "<!DOCTYPE html>\n<html lang=en><head><meta charset=utf-8>" +
            element("title", "", title) +
            "<meta name=viewport content=\"width=device-width,initial-scale=1\">"
            "<meta http-equiv=refresh content=10><link rel=icon href=\"data:,\"><style>" +
            PAGE_STYLE + "</style></head>\n<body><main>\n" + verdict(now, found) +
-           "<div class=grid>\n" + section("Server and link", fact_list(now)) +
+           "<div class=columns>\n" + section("Server and link", fact_list(now)) +
            section("The last hour", charts(now, history)) +
            section("Tables and queues", fill_bars(now)) + section("Threads", thread_table(now)) +
            section("Workers", worker_table(now)) + section("Traced", trace_line(now)) +
