@@ -1,9 +1,12 @@
 // Support library: clearing shared memory, whole frames within limits whatever the peer does, the
 // form of the log's lines, what the configuration reader finds and says.
 #include <cerrno>
+#include <climits>
+#include <cstdarg>
 #include <regex>
 
 #include "checks.h"
+#include "line_text.h"
 #include "log_printf.h"
 #include "printable.h"
 #include "read_cfg.h"
@@ -139,11 +142,44 @@ TEST_F(Log, StampsABatchWhenItLeaves) {
     {
         const agt::log_batch batch;
         agt::log_printf("collected");
-        agt::log_line({"pi", "eces"});
+        agt::log_line("pi", std::string_view("eces"));
         wait_until([&] { return std::time(nullptr) >= midnight; });
     }
     EXPECT_EQ(messages(content(today)), (texts{"collected", "pieces"}));
     EXPECT_TRUE(content(today).starts_with(local_text("%m-%d 00:00:0", midnight)));
+}
+
+[[gnu::format(printf, 1, 2)]] void expect_as_printf(const char* fmt, ...) {
+    char expected[4096];
+    char made[4096];
+    va_list args;
+    va_start(args, fmt);
+    std::vsnprintf(expected, sizeof expected, fmt, args);
+    va_end(args);
+    for (const std::size_t room : {sizeof made - 1, std::size_t{21}, std::size_t{5}}) {
+        agt::line_text text(made, room);
+        va_start(args, fmt);
+        text.add_formatted(fmt, args);
+        va_end(args);
+        EXPECT_EQ(std::string_view(text), std::string_view(expected).substr(0, room));
+    }
+}
+
+TEST(Library, FormsLinesAsPrintfDoes) {
+    expect_as_printf("%s", "");
+    expect_as_printf("(%s) %d,%d %u %ld %lu.", "text", INT_MIN, 7, UINT_MAX, LONG_MIN, ULONG_MAX);
+    expect_as_printf("%d%% of %s, %c%c, 0x%x %5d %-4s|%.*s|%zu %lld", 3, "x", 'y', '\0', 255U, 4,
+                     "z", 2, "cut", sizeof(int), 5LL);
+    expect_as_printf("%s%c%s%%%.3f", "ends", '.', std::string(4096, 'x').c_str(), 1.5);
+    char many[64];
+    agt::line_text text(many, sizeof many);
+    text.add("a literal");
+    text.add(-12);
+    text.add('c');
+    text.add(agt::text_in<4>{"xyz", 2});
+    text.add(agt::shown("exactly eight\r\n and more of it, which is cut"));
+    EXPECT_EQ(std::string_view(text),
+              "a literal-12cxyexactly eight\\x0d\\x0a and more of it, which is cu");
 }
 
 TEST(Library, ShowsControlBytesAndLeavesTheOthers) {

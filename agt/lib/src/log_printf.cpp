@@ -102,14 +102,6 @@ void append(const char* text, std::size_t length, int lines) AGT_REQUIRES(log_lo
         std::atomic_ref(*lost_lines).fetch_add(lines, std::memory_order_relaxed);
 }
 
-// Length of the message after cutting; 0 when nothing is to be written.
-std::size_t format_message(char* out, const char* fmt, va_list args) {
-    const int length = std::vsnprintf(out, LOG_MESSAGE_SIZE, fmt, args);
-    if (length <= 0)
-        return 0;
-    return text_length(out, LOG_MESSAGE_SIZE - 1);
-}
-
 // Writes the message with the time in front of it, for which there is room before it, and a line
 // end.
 void write_line(char* message, std::size_t length) {
@@ -147,43 +139,26 @@ void close_log() {
     close_file();
 }
 
-// A line while it is put together: in the thread's batch, or by itself.
-class log_message {
-  public:
-    // Where the message goes, LOG_MESSAGE_SIZE bytes.
-    char* text() const { return text_; }
+// cppcheck-suppress uninitMemberVar
+log_message::log_message()
+    : text(batch == nullptr ? line_ + LOG_PREFIX_SIZE : batch->start_line(), LOG_MESSAGE_SIZE - 1) {
+}
 
-    // Ends the line behind `length` characters; an empty one is left out.
-    void end(std::size_t length) {
-        if (length == 0)
-            return;
-        if (batch != nullptr)
-            batch->end_line(length);
-        else
-            write_line(text_, length);
-    }
-
-  private:
-    char line_[LOG_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1];
-    char* text_ = batch == nullptr ? line_ + LOG_PREFIX_SIZE : batch->start_line();
-};
+log_message::~log_message() {
+    if (text.size() == 0)
+        return;
+    if (batch != nullptr)
+        batch->end_line(text.size());
+    else
+        write_line(line_ + LOG_PREFIX_SIZE, text.size());
+}
 
 void log_printf(const char* fmt, ...) {
     log_message message;
     va_list args;
     va_start(args, fmt);
-    // cppcheck-suppress uninitvar
-    message.end(format_message(message.text(), fmt, args));
+    message.text.add_formatted(fmt, args);
     va_end(args);
-}
-
-void log_line(std::initializer_list<std::string_view> pieces) {
-    log_message message;
-    std::size_t length = 0;
-    for (const std::string_view piece : pieces)
-        // cppcheck-suppress uninitvar
-        length += piece.copy(message.text() + length, LOG_MESSAGE_SIZE - 1 - length);
-    message.end(length);
 }
 
 // cppcheck-suppress uninitMemberVar
@@ -201,19 +176,10 @@ log_batch::~log_batch() {
 // Where the message of the next line goes.
 char* log_batch::start_line() {
     const std::time_t second = std::time(nullptr);
-    if (second != second_ || used_ + LOG_PREFIX_SIZE + LOG_MESSAGE_SIZE + 1 > CAPACITY)
+    if (second != second_ || used_ + LONGEST_LINE > CAPACITY)
         flush();
     second_ = second;
     return text_ + used_ + LOG_PREFIX_SIZE;
-}
-
-void log_batch::end_line(std::size_t length) {
-    if (length == 0)
-        return;
-    const std::size_t size = LOG_PREFIX_SIZE + length + 1;
-    std::memcpy(text_ + used_, &size, sizeof size);
-    used_ += size;
-    text_[used_ - 1] = '\n';
 }
 
 void log_batch::flush() {

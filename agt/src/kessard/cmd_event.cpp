@@ -50,9 +50,9 @@ enum class outcome { done, later };
 
 // The last byte of every text field of a request becomes its terminator, whatever the sender put
 // there.
-template <std::size_t N> void show_field(const char* label, char (&field)[N]) {
+template <std::size_t N> void show_field(std::string_view label, char (&field)[N]) {
     field[N - 1] = '\0';
-    agt::log_line({"(i) -> ", label, " - '", agt::printable(field), "'"});
+    agt::log_line("(i) -> ", label, " - '", agt::shown(field), "'");
 }
 
 void show_nothing(TCP_CMD_MSG&) {}
@@ -239,7 +239,7 @@ void send_answer(const command& wanted, int sockfd, TCP_CMD_MSG& answer) {
     if (slen < 0)
         drop_cmd_client(sockfd, "answer not taken");
     agt::log_printf("(i) MSGSND : [[ %s ]]", wanted.response);
-    agt::log_printf("(i) -> RESULT_CODE - '%c'", result_code_of(answer));
+    agt::log_line("(i) -> RESULT_CODE - '", result_code_of(answer), "'");
 }
 
 // What the child that serves an extended request inherits beyond its own connection.

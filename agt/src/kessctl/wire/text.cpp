@@ -22,10 +22,9 @@ std::string trimmed(const char* field, std::size_t size) {
 }
 
 std::string printable(std::string_view text, std::string_view kept) {
-    std::string shown;
-    shown.reserve(text.size());
-    agt::show_bytes(text, kept, [&shown](char c) { shown += c; });
-    return shown;
+    std::string out(4 * text.size(), '\0');
+    out.resize(agt::put_shown(agt::shown(text), kept, out.data(), out.size()));
+    return out;
 }
 
 bool is_number(std::string_view text) {
