@@ -1,22 +1,94 @@
 // kessctl: the operator's console of kessard.
+#include <fcntl.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include "commands/commands.h"
+#include "config_lines.h"
+#include "wire/text.h"
+
+namespace {
+
+using namespace kessctl;
+
+// Nothing that is opened may take the place of a standard file that the caller closed: what is
+// meant for that file would go there.
+void hold_standard_files() {
+    for (int fd = 0; fd <= 2; ++fd)
+        if (fcntl(fd, F_GETFD) < 0)
+            open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
+}
+
+// The names that may stand where a word was not understood: subcommands or options.
+std::vector<std::string> names_in(const CLI::App& command, bool options) {
+    std::vector<std::string> names;
+    for (const CLI::Option* option : command.get_options())
+        for (const std::string& name : option->get_lnames())
+            if (options)
+                names.push_back("--" + name);
+    for (const CLI::App* one : command.get_subcommands({}))
+        if (!options)
+            names.push_back(one->get_name());
+    return names;
+}
+
+// ", nearest is ..." when one of the names is near.
+std::string nearest(const std::string& word, const std::vector<std::string>& names) {
+    const auto found = std::find_if(names.begin(), names.end(), [&](const std::string& name) {
+        return agt::is_near(word.substr(0, word.find('=')), name);
+    });
+    return found == names.end() ? "" : ", nearest is '" + *found + "'";
+}
+
+// What is wrong with the words of a command line. Behind an option that is not known, words are
+// most likely its values.
+std::string explain(const CLI::App* app, const CLI::Error& wrong) {
+    const CLI::App* command = app;
+    while (!command->get_subcommands().empty())
+        command = command->get_subcommands().back();
+    const std::vector<std::string> words = app->remaining(true);
+    const auto is_option = [](const std::string& word) { return word.starts_with("-"); };
+    const bool options = std::any_of(words.begin(), words.end(), is_option);
+    std::string text;
+    for (const std::string& word : words)
+        if (is_option(word) == options)
+            text += "kessctl: there is no '" + printable(word) + "'" +
+                    nearest(word, names_in(*command, options)) + "\n";
+    return (text.empty() ? "kessctl: " + std::string(wrong.what()) + "\n" : text) +
+           "Run with --help for more information.\n";
+}
+
+// The outcome of a run: that of the command, unless what it wrote did not get through.
+exit_status outcome(exit_status status) {
+    errno = 0;
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
+        return status;
+    return complain(std::string("standard output cannot be written") +
+                    (errno == 0 ? "" : std::string(": ") + std::strerror(errno)));
+}
+
+} // namespace
 
 // NOLINTNEXTLINE(bugprone-exception-escape): want of memory may end it
 int main(int argc, char** argv) {
-    using namespace kessctl;
+    hold_standard_files();
     CLI::App app("Console of the kessard agent, and a stand-in for its central server.", "kessctl");
     exit_status status = EXIT_OK;
     app.require_subcommand(1);
+    app.set_version_flag("--version", "kessctl " KESSARD_VERSION);
     for (subcommand* const add : SUBCOMMANDS)
         add(app, &status);
-    app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage or no "
-               "connection.");
+    app.failure_message(explain);
+    app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage, no "
+               "connection,\nor a standard output that cannot be written.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {
-        return app.exit(wrong) == 0 ? EXIT_OK : EXIT_ERROR;
+        status = app.exit(wrong) == 0 ? EXIT_OK : EXIT_ERROR;
     }
-    return status;
+    return outcome(status);
 }
