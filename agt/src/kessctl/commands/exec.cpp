@@ -9,8 +9,10 @@
 #include <climits>
 #include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "commands/commands.h"
+#include "commands/json_output.h"
 #include "server/ext_client.h"
 #include "wire/text.h"
 
@@ -20,8 +22,11 @@ namespace {
 struct exec_options {
     agent_address agent;
     std::vector<std::string> commands;
-    int time_value = 0; // 0: none is sent
+    std::vector<std::string> sent; // the texts that the agent gets for them
+    int time_value = 0;            // 0: none is sent
     bool strict = false;
+    bool raw = false;
+    bool json = false;
 };
 
 std::string describe(const command_result& result) {
@@ -60,16 +65,32 @@ void print_result(const std::string& command, const command_result& result) {
     std::fflush(stdout);
 }
 
-// The results that came before a failure are shown too.
-exit_status run_request(exec_options& chosen, const ext_request& request) {
+nlohmann::ordered_json as_json(const std::string& command, const command_result& result) {
+    const command_end end = result.whole ? end_of(result) : command_end::no_output;
+    const bool exited = end == command_end::succeeded || end == command_end::exit_status;
+    return {{"command", command},
+            {"end", describe(result)},
+            {"exit_status", exited ? nlohmann::ordered_json(result.exit_code) : nullptr},
+            {"output", result.output}};
+}
+
+// The results that came before a failure are shown too, or join `all`.
+exit_status run_request(exec_options& chosen, const ext_request& request,
+                        nlohmann::ordered_json* all) {
     command_client client;
     if (!connect_agent(chosen.agent, client))
         return EXIT_ERROR;
     std::vector<command_result> results;
-    const exit_status sent = report(run_commands(client, request, chosen.agent.limit_ms, &results));
-    exit_status status = sent;
+    const ext_result sent = run_commands(client, request, chosen.agent.limit_ms, &results);
+    exit_status status = report(sent, chosen.agent, client);
     for (std::size_t i = 0; i < results.size(); ++i) {
-        print_result(chosen.commands[request.first + i], results[i]);
+        const std::string& command = chosen.commands[request.first + i];
+        if (chosen.sent[request.first + i] != command)
+            take_report(&results[i]);
+        if (chosen.json)
+            all->push_back(as_json(command, results[i]));
+        else
+            print_result(command, results[i]);
         if (status == EXIT_OK && !succeeded(results[i], chosen.strict))
             status = EXIT_REFUSED;
     }
@@ -80,18 +101,23 @@ exit_status exec(exec_options& chosen) {
     std::vector<ext_request> requests;
     if (check_items(chosen.commands) != EXIT_OK)
         return EXIT_ERROR;
-    const std::string wrong =
-        plan_requests(command_form(chosen.time_value), chosen.commands, &requests);
+    const ext_form form = command_form(chosen.time_value);
+    for (const std::string& command : chosen.commands)
+        chosen.sent.push_back(chosen.raw ? command : reporting(form, command));
+    const std::string wrong = plan_requests(form, chosen.sent, &requests);
     if (!wrong.empty())
         return complain(wrong);
     exit_status status = EXIT_OK;
+    nlohmann::ordered_json all = nlohmann::ordered_json::array();
     for (const ext_request& request : requests) {
-        const exit_status ran = run_request(chosen, request);
+        const exit_status ran = run_request(chosen, request, &all);
         if (ran != EXIT_OK)
             status = ran;
-        if (ran == EXIT_ERROR)
+        if (ran == EXIT_ERROR || std::ferror(stdout) != 0)
             break;
     }
+    if (chosen.json)
+        print_json(all);
     return status;
 }
 
@@ -109,13 +135,17 @@ void add_exec(CLI::App& app, exit_status* status) {
                      "than 30) of one request, so more are sent as several; each command has 10 s "
                      "whatever it is")
         ->check(CLI::Range(1, INT_MAX));
-    command->add_flag("--strict", chosen->strict, "Count a command without output as failed");
+    command->add_flag("--strict", chosen->strict,
+                      "Count a command whose end is not known as failed");
+    command->add_flag("--raw", chosen->raw, "Send the texts as they are");
+    add_json_flag(*command, chosen->json);
     command->add_option("command", chosen->commands, "Command lines, one per argument")->required();
-    command->footer("Exit status 1 when a command failed: its exit status is not 0, it ran into "
-                    "its limit, a signal\n"
-                    "ended it or it could not be run. Of a command that writes nothing the agent "
-                    "does not tell how it\n"
-                    "ended; that is no failure unless --strict is given.");
+    command->footer(
+        "Exit status 1 when a command failed: its exit status is not 0, it ran into its limit, a "
+        "signal\nended it or it could not be run. The agent tells the exit status only of a "
+        "command that writes\nsomething, so \"echo;\" goes in front of each, and the empty line is "
+        "taken off its output. With\n--raw, or without room for that, the end of a command that "
+        "writes nothing is not known, which\nis no failure unless --strict is given.");
     command->callback([chosen, status] { *status = exec(*chosen); });
 }
 

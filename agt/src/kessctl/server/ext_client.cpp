@@ -18,6 +18,7 @@ constexpr std::size_t ERROR_TEXT_MAX = 4096;
 constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
 constexpr int TIMED_OUT_CODE = -99;
 constexpr int UNKNOWN_CODE = -1;
+constexpr char REPORT[] = "echo;"; // in front of a command that reports its end
 
 std::uint32_t number_at(const unsigned char* bytes) {
     std::uint32_t value = 0;
@@ -77,6 +78,12 @@ ext_form command_form(int time_value) {
             time_value == 0 ? "" : std::to_string(time_value), static_cast<std::size_t>(most)};
 }
 
+std::string reporting(const ext_form& form, const std::string& command) {
+    const std::size_t head_size = form.head.empty() ? 0 : form.head.size() + 1;
+    return head_size + std::size(REPORT) - 1 + command.size() > DATA_MAX ? command
+                                                                         : REPORT + command;
+}
+
 std::string check_item(const std::string& text) {
     if (text.empty())
         return "an empty text cannot be sent";
@@ -114,8 +121,14 @@ ext_result receive_header(command_client& client, int limit_ms, std::uint32_t* l
     return {ext_result::failed, "the answer's status is '" + printable({&header.status, 1}) + "'"};
 }
 
+void take_report(command_result* result) {
+    result->reported = result->output.starts_with('\n');
+    if (result->reported)
+        result->output.erase(0, 1);
+}
+
 command_end end_of(const command_result& result) {
-    if (result.output.empty())
+    if (result.output.empty() && !result.reported)
         return result.exit_code == UNKNOWN_CODE ? command_end::no_output : command_end::not_started;
     switch (result.exit_code) {
     case 0:

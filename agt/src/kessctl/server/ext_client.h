@@ -52,6 +52,11 @@ struct ext_form {
 // commands (ten without a value, never more than thirty) of a request's data.
 ext_form command_form(int time_value);
 
+// A command that reports its end even when it writes nothing: the agent tells the exit status only
+// of a command that wrote something, so an empty line goes out in front of its output. The command
+// as it is where a request has no room for that.
+std::string reporting(const ext_form& form, const std::string& command);
+
 // Empty when the text can be an item, else why not.
 [[nodiscard]] std::string check_item(const std::string& text);
 
@@ -69,13 +74,18 @@ TCP_CMD_MSG ext_frame(const ext_request& request);
 struct command_result {
     int exit_code;
     std::string output;
-    bool whole = true; // what came of the output is all of it
+    bool whole = true;     // what came of the output is all of it
+    bool reported = false; // the code is the command's own although the output may be empty
 };
 
-// How a command ended, as far as its result tells. Without output the agent reports the same code
-// whatever happened.
+// How a command ended, as far as its result tells. Of one that writes nothing and does not report
+// its end, the agent has the same code whatever happened.
 enum class command_end { succeeded, exit_status, timed_out, signalled, no_output, not_started };
 command_end end_of(const command_result& result);
+
+// Takes the line of a reporting command off the output of its result. A shell that finds its text
+// wrong writes that instead.
+void take_report(command_result* result);
 
 // Runs the commands of one request on the agent's host, waiting for them and `limit_ms` more. What
 // came before a failure is appended to `results` too.
