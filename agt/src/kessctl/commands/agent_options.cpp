@@ -1,14 +1,65 @@
 // What every subcommand that talks to an agent has in common.
 #include "commands/agent_options.h"
 
+#include <arpa/inet.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 
+#include "host_address.h"
 #include "wire/print_frame.h"
 #include "wire/text.h"
 
 namespace kessctl {
+namespace {
+
+// Whether a list of addresses and blocks, separated by commas, holds the address; an empty one
+// holds all.
+bool holds(const std::string& list, in_addr address) {
+    std::istringstream items(list);
+    bool found = list.empty();
+    for (std::string item; std::getline(items, item, ',');) {
+        agt::address_block block{};
+        found = found || (agt::parse_address_block(item.c_str(), &block) &&
+                          (ntohl(address.s_addr) & block.mask) == block.address);
+    }
+    return found;
+}
+
+// Why an agent closed a connection on which it has said nothing. The configuration of an agent on
+// this host tells; of another, that it read the request before.
+std::string reason_of_close(const agent_address& agent, const command_client& client,
+                            bool extended) {
+    const std::string no_remote_commands =
+        "it refuses remote commands and transfers (REMOTE_COMMANDS_YN is N)";
+    const std::string no_place = "all its places for connections are taken";
+    char own[INET_ADDRSTRLEN] = "";
+    const in_addr address = client.own_address();
+    inet_ntop(AF_INET, &address, own, sizeof own);
+    agt::config_file file;
+    if (is_own_agent(agent) && file.open(default_cfg_file()).empty()) {
+        if (!holds(file.value_of(agt::config_key_of("TRAN_AGENT", "ALLOWED_ADDRESSES")), address))
+            return std::string("ALLOWED_ADDRESSES does not hold ") + own;
+        const auto& switch_key = agt::config_key_of("TRAN_AGENT", "REMOTE_COMMANDS_YN");
+        return extended && file.value_of(switch_key) == "N" ? no_remote_commands : no_place;
+    }
+    if (extended && agent.identity == nullptr &&
+        client.closed_early() == command_client::early_close::read)
+        return no_remote_commands;
+    return no_place + ", its ALLOWED_ADDRESSES do not hold " + own +
+           " or what stands for it there, or " +
+           (agent.identity == nullptr ? "it wants TLS" : "it does not want this certificate");
+}
+
+// Says why the agent most likely closed the connection at once, if it did.
+void explain_close(const agent_address& agent, const command_client& client, bool extended) {
+    if (client.closed_early() != command_client::early_close::not_closed)
+        complain("most likely " + reason_of_close(agent, client, extended) + "; its log says");
+}
+
+} // namespace
 
 void add_tls_files(CLI::App& command, tls_options& tls) {
     command.add_option("--cert", tls.files.cert,
@@ -26,7 +77,9 @@ void add_tls_options(CLI::App& command, tls_options& tls) {
 }
 
 void add_agent_options(CLI::App& command, agent_address& agent) {
-    command.add_option("--host", agent.host, "Address of the agent")->capture_default_str();
+    command.add_option("--host", agent.host,
+                       "Address of the agent (default: IP_ADDRESS of TRAN_AGT_CFG_FILE, 127.0.0.1 "
+                       "where that is 0.0.0.0)");
     command
         .add_option("--port", agent.port,
                     "Command port of the agent (default: CMD_PORT of TRAN_AGT_CFG_FILE)")
@@ -67,10 +120,26 @@ CLI::Validator fits(std::size_t size, bool number) {
         "");
 }
 
+CLI::Validator within(const CLI::Validator& range, const CLI::Option* force) {
+    return CLI::Validator(
+        [range, force](std::string& text) -> std::string {
+            const std::string wrong = force->count() > 0 ? "" : range(text);
+            return wrong.empty() ? "" : wrong + " (--force sends it all the same)";
+        },
+        "");
+}
+
+CLI::Option* add_force_flag(CLI::App& command) {
+    return command.add_flag("--force")->description("Send values outside of their ranges too");
+}
+
 bool connect_agent(agent_address& agent, command_client& client) {
+    const std::string cfg = default_cfg_file();
+    if (agent.host.empty())
+        agent.host = agent_host(cfg);
     if (agent.port == 0)
-        agent.port = std::atoi(
-            cfg_value(default_cfg_file(), agt::config_key_of("TRAN_AGENT", "CMD_PORT")).c_str());
+        agent.port =
+            std::atoi(cfg_value(cfg, agt::config_key_of("TRAN_AGENT", "CMD_PORT")).c_str());
     if (agent.port <= 0) {
         complain(
             "no port: give --port, or name the agent's configuration file in TRAN_AGT_CFG_FILE");
@@ -87,21 +156,35 @@ bool connect_agent(agent_address& agent, command_client& client) {
     if (client.connect(agent.host, agent.port, agent.limit_ms))
         return true;
     complain(client.error());
+    explain_close(agent, client, false);
     return false;
 }
 
-exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int limit_ms,
-                      TCP_CMD_MSG* answer) {
-    if (!client.request(request, answer, limit_ms))
-        return complain(client.error());
+bool is_own_agent(const agent_address& agent) {
+    const std::string cfg = default_cfg_file();
+    return std::to_string(agent.port) ==
+               cfg_value(cfg, agt::config_key_of("TRAN_AGENT", "CMD_PORT")) &&
+           (agent.host == "127.0.0.1" || agent.host == "localhost" ||
+            agent.host == cfg_value(cfg, agt::config_key_of("TRAN_AGENT", "IP_ADDRESS")));
+}
+
+exit_status ask_agent(const agent_address& agent, command_client& client,
+                      const TCP_CMD_MSG& request, TCP_CMD_MSG* answer) {
+    if (!client.request(request, answer, agent.limit_ms)) {
+        complain(client.error());
+        explain_close(agent, client, false);
+        return EXIT_ERROR;
+    }
     print_frame(stdout, "<- ", *answer);
     return field_text(*answer, "result_code") == "0" ? EXIT_OK : EXIT_REFUSED;
 }
 
-exit_status report(const ext_result& result) {
+exit_status report(const ext_result& result, const agent_address& agent,
+                   const command_client& client) {
     if (result.ok())
         return EXIT_OK;
     complain(result.text);
+    explain_close(agent, client, true);
     return result.outcome == ext_result::refused ? EXIT_REFUSED : EXIT_ERROR;
 }
 

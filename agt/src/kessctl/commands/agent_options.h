@@ -14,6 +14,7 @@
 
 namespace CLI {
 class App;
+class Option;
 class Validator;
 } // namespace CLI
 
@@ -28,8 +29,8 @@ struct tls_options {
 };
 
 struct agent_address {
-    std::string host = "127.0.0.1";
-    int port = 0; // 0: CMD_PORT of the configuration file
+    std::string host; // empty: where the agent of the configuration file listens
+    int port = 0;     // 0: CMD_PORT of the configuration file
     int limit_ms = COMMAND_LIMIT_MS;
     tls_options tls;
     std::shared_ptr<agt::tls_identity> identity; // of the first connection, kept for the next
@@ -62,18 +63,29 @@ void add_look_options(CLI::App& command, look_options& look);
 // Accepts text that fits a field of `size` bytes, or a number that does.
 CLI::Validator fits(std::size_t size, bool number = false);
 
-// Connects, taking the port from the configuration file if none was given. False after a line on
-// standard error.
+// Accepts what `range` accepts, and anything where the flag `force` is given.
+CLI::Validator within(const CLI::Validator& range, const CLI::Option* force);
+
+// Adds --force, for values that within() does not let through.
+CLI::Option* add_force_flag(CLI::App& command);
+
+// Connects, taking host and port from the configuration file where they were not given. False after
+// a line on standard error.
 [[nodiscard]] bool connect_agent(agent_address& agent, command_client& client);
+
+// Whether an agent that was connected to is the one of the configuration file, so that its shared
+// memory is on this host.
+bool is_own_agent(const agent_address& agent);
 
 // Sends a request and prints the answer. EXIT_OK for result_code '0', EXIT_REFUSED for another,
 // EXIT_ERROR, after a line on standard error, when there is no answer.
-exit_status ask_agent(command_client& client, const TCP_CMD_MSG& request, int limit_ms,
-                      TCP_CMD_MSG* answer);
+exit_status ask_agent(const agent_address& agent, command_client& client,
+                      const TCP_CMD_MSG& request, TCP_CMD_MSG* answer);
 
 // What became of an extended request, as an exit status: EXIT_REFUSED when the agent refused it,
 // EXIT_ERROR when it failed, each after a line on standard error.
-exit_status report(const ext_result& result);
+exit_status report(const ext_result& result, const agent_address& agent,
+                   const command_client& client);
 
 // Whether each text can be an item of an extended request: EXIT_OK, or EXIT_ERROR after a line on
 // standard error.

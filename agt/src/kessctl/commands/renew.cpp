@@ -16,7 +16,7 @@ exit_status renew(agent_address& agent) {
     TCP_CMD_MSG request = start_frame(MSG_RENEW_SERVICE_LIST_REQ);
     agt::put_text(request.body.renew_service_list_req.ipaddr, agent.host.c_str());
     TCP_CMD_MSG answer;
-    return ask_agent(client, request, agent.limit_ms, &answer);
+    return ask_agent(agent, client, request, &answer);
 }
 
 } // namespace

@@ -57,13 +57,13 @@ std::string collect(const services_options& chosen, char mode, std::vector<SERVI
 }
 
 // Sends block after block, stopping at the first that the agent did not take whole.
-exit_status send_blocks(command_client& client, const std::vector<SERVICE_ELEMENT>& services,
-                        int limit_ms) {
+exit_status send_blocks(const agent_address& agent, command_client& client,
+                        const std::vector<SERVICE_ELEMENT>& services) {
     for (std::size_t at = 0; at < services.size(); at += SERVICE_ELEMENT_MAX) {
         const std::size_t count = std::min<std::size_t>(services.size() - at, SERVICE_ELEMENT_MAX);
         TCP_CMD_MSG answer;
-        const exit_status asked = ask_agent(
-            client, modified_services_frame(services.data() + at, count), limit_ms, &answer);
+        const exit_status asked =
+            ask_agent(agent, client, modified_services_frame(services.data() + at, count), &answer);
         if (asked != EXIT_OK)
             return asked;
         const long taken = std::strtol(field_text(answer, "element_num").c_str(), nullptr, 10);
@@ -84,9 +84,8 @@ exit_status change_services(services_options& chosen, char mode) {
     if (!wrong.empty())
         return complain(wrong);
     command_client client;
-    return connect_agent(chosen.agent, client)
-               ? send_blocks(client, services, chosen.agent.limit_ms)
-               : EXIT_ERROR;
+    return connect_agent(chosen.agent, client) ? send_blocks(chosen.agent, client, services)
+                                               : EXIT_ERROR;
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 #include "commands/commands.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <climits>
 #include <memory>
 
 #include "field.h"
@@ -26,6 +26,7 @@ struct setting {
     std::size_t at;
     std::size_t size;
     bool number;
+    CLI::Validator range;
     std::string (*current)(const TRAN_LOGF_QUE_INFO&);
 };
 
@@ -33,26 +34,39 @@ std::string tracing_switch(const TRAN_LOGF_QUE_INFO& now) {
     return now.magic_code == TRACE_ON_MAGIC_CODE ? "1" : std::to_string(now.magic_code);
 }
 
-#define SETTING(option, member, number, value, help)                                               \
+CLI::Validator one_of(const std::vector<std::string>& words) {
+    return CLI::IsMember(words);
+}
+
+const CLI::Validator SWITCH = one_of({"1", "0"});
+const CLI::Validator NO_LESS_THAN_0 = CLI::Range(0, INT_MAX);
+const CLI::Validator LETTERS(
+    [](const std::string& text) {
+        return text.find_first_not_of("SEVBCIXQ") == text.npos ? "" : text + " not of SEVBCIXQ";
+    },
+    "");
+
+#define SETTING(option, member, number, range, value, help)                                        \
     {                                                                                              \
-        option, help, offsetof(config_body, member), sizeof(config_body::member), number,          \
+        option, help, offsetof(config_body, member), sizeof(config_body::member), number, range,   \
             [](const TRAN_LOGF_QUE_INFO& now) -> std::string { return value; }                     \
     }
 const setting SETTINGS[] = {
-    SETTING("--log-flags", log_flag_set, false, agt::letters_of_flags(now.log_flag_set),
+    SETTING("--log-flags", log_flag_set, false, LETTERS, agt::letters_of_flags(now.log_flag_set),
             "Log types, letters of SEVBCIXQ"),
-    SETTING("--log-qcnt", log_qcnt, true, std::to_string(now.qcnt), "Log queues: 1, 2, 4, 8 or 16"),
-    SETTING("--log-onoff", log_onoff, true, tracing_switch(now), "Tracing: 1 on, 0 off"),
-    SETTING("--sfilter", sfilter_onoff, true, std::to_string(now.svc_filtering),
+    SETTING("--log-qcnt", log_qcnt, true, one_of({"1", "2", "4", "8", "16"}),
+            std::to_string(now.qcnt), "Log queues: 1, 2, 4, 8 or 16"),
+    SETTING("--log-onoff", log_onoff, true, SWITCH, tracing_switch(now), "Tracing: 1 on, 0 off"),
+    SETTING("--sfilter", sfilter_onoff, true, SWITCH, std::to_string(now.svc_filtering),
             "Service filter: 1 on, 0 off"),
-    SETTING("--call-trc-depth", call_trc_depth, true, std::to_string(now.call_trc_depth),
-            "Call-trace depth"),
-    SETTING("--call-trc-limit", call_trc_limit, true, std::to_string(now.call_trc_limit),
-            "Call-trace limit"),
-    SETTING("--dbio-trc-limit", dbio_trc_limit, true, std::to_string(now.dbio_trc_limit),
-            "Database-I/O trace limit"),
-    SETTING("--sql-trc-limit", sql_trc_limit, true, std::to_string(now.sql_trc_limit),
-            "SQL trace limit"),
+    SETTING("--call-trc-depth", call_trc_depth, true, NO_LESS_THAN_0,
+            std::to_string(now.call_trc_depth), "Call-trace depth, 0 or more"),
+    SETTING("--call-trc-limit", call_trc_limit, true, NO_LESS_THAN_0,
+            std::to_string(now.call_trc_limit), "Call-trace limit, 0 or more"),
+    SETTING("--dbio-trc-limit", dbio_trc_limit, true, NO_LESS_THAN_0,
+            std::to_string(now.dbio_trc_limit), "Database-I/O trace limit, 0 or more"),
+    SETTING("--sql-trc-limit", sql_trc_limit, true, NO_LESS_THAN_0,
+            std::to_string(now.sql_trc_limit), "SQL trace limit, 0 or more"),
 };
 #undef SETTING
 constexpr std::size_t SETTING_COUNT = std::size(SETTINGS);
@@ -63,16 +77,6 @@ struct config_options {
     CLI::Option* given[SETTING_COUNT];
 };
 
-// Whether the agent addressed is the one of the configuration file, so that its shared memory is on
-// this host.
-bool is_agent_of_cfg(const agent_address& agent) {
-    const std::string cfg = default_cfg_file();
-    return std::to_string(agent.port) ==
-               cfg_value(cfg, agt::config_key_of("TRAN_AGENT", "CMD_PORT")) &&
-           (agent.host == "127.0.0.1" || agent.host == "localhost" ||
-            agent.host == cfg_value(cfg, agt::config_key_of("TRAN_AGENT", "IP_ADDRESS")));
-}
-
 // Fills in the settings that were not given; empty, or why that cannot be done.
 std::string keep_others(config_options& chosen) {
     TRAN_LOGF_QUE_INFO now{};
@@ -81,7 +85,7 @@ std::string keep_others(config_options& chosen) {
         if (chosen.given[i]->count() > 0)
             continue;
         const std::string give = std::string("give ") + SETTINGS[i].option + " too: ";
-        if (!is_agent_of_cfg(chosen.agent))
+        if (!is_own_agent(chosen.agent))
             return give +
                    "the current settings can be read only for the agent of TRAN_AGT_CFG_FILE";
         const std::string wrong = read ? "" : read_settings(default_cfg_file(), &now);
@@ -109,7 +113,7 @@ exit_status set_config(config_options& chosen) {
         put_field(reinterpret_cast<char*>(&body) + SETTINGS[i].at, SETTINGS[i].size,
                   chosen.values[i]);
     TCP_CMD_MSG answer;
-    return ask_agent(client, request, chosen.agent.limit_ms, &answer);
+    return ask_agent(chosen.agent, client, request, &answer);
 }
 
 } // namespace
@@ -119,10 +123,12 @@ void add_set_config(CLI::App& app, exit_status* status) {
     CLI::App* command = app.add_subcommand(
         "set-config", "Change the agent's settings; those not given stay as they are");
     add_agent_options(*command, chosen->agent);
+    const CLI::Option* force = add_force_flag(*command);
     for (std::size_t i = 0; i < SETTING_COUNT; ++i)
         chosen->given[i] =
             command->add_option(SETTINGS[i].option, chosen->values[i], SETTINGS[i].help)
-                ->check(fits(SETTINGS[i].size, SETTINGS[i].number));
+                ->check(fits(SETTINGS[i].size, SETTINGS[i].number) &
+                        within(SETTINGS[i].range, force));
     command->callback([chosen, status] { *status = set_config(*chosen); });
 }
 

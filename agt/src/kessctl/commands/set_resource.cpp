@@ -1,6 +1,7 @@
 // kessctl set-resource.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <climits>
 #include <memory>
 
 #include "commands/commands.h"
@@ -44,9 +45,8 @@ exit_status set_resource(resource_options& chosen) {
               body.file_sys_list); // zeros behind it: a blank of its own would be an item
     command_client client;
     TCP_CMD_MSG answer;
-    return connect_agent(chosen.agent, client)
-               ? ask_agent(client, request, chosen.agent.limit_ms, &answer)
-               : EXIT_ERROR;
+    return connect_agent(chosen.agent, client) ? ask_agent(chosen.agent, client, request, &answer)
+                                               : EXIT_ERROR;
 }
 
 } // namespace
@@ -57,14 +57,17 @@ void add_set_resource(CLI::App& app, exit_status* status) {
     CLI::App* command =
         app.add_subcommand("set-resource", "Set the thresholds of the CPU and file-system alerts");
     add_agent_options(*command, chosen->agent);
-    command->add_option("--cpu-sec", chosen->cpu_sec, "Seconds the CPU load must last")
-        ->check(fits(sizeof(body::cpu_alert_sec), true))
+    const CLI::Option* force = add_force_flag(*command);
+    const CLI::Validator percent = within(CLI::Range(0, 100), force);
+    command->add_option("--cpu-sec", chosen->cpu_sec, "Seconds the CPU load must last, 0 or more")
+        ->check(fits(sizeof(body::cpu_alert_sec), true) & within(CLI::Range(0, INT_MAX), force))
         ->required();
-    command->add_option("--cpu-pcnt", chosen->cpu_pcnt, "CPU load, per cent")
-        ->check(fits(sizeof(body::cpu_alert_pcnt), true))
+    command->add_option("--cpu-pcnt", chosen->cpu_pcnt, "CPU load, 0 to 100 per cent")
+        ->check(fits(sizeof(body::cpu_alert_pcnt), true) & percent)
         ->required();
-    command->add_option("--fs-pcnt", chosen->fs_pcnt, "Fullness of a file system, per cent")
-        ->check(fits(sizeof(body::file_sys_alert_pcnt), true))
+    command
+        ->add_option("--fs-pcnt", chosen->fs_pcnt, "Fullness of a file system, 0 to 100 per cent")
+        ->check(fits(sizeof(body::file_sys_alert_pcnt), true) & percent)
         ->required();
     command
         ->add_option("--fs", chosen->mount_points,

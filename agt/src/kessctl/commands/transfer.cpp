@@ -45,7 +45,7 @@ exit_status transfer(agent_address& agent, const std::vector<ext_request>& reque
         const ext_result result = step(client, request, observe);
         bar.end_line();
         if (!result.ok())
-            return report(result);
+            return report(result, agent, client);
     }
     return EXIT_OK;
 }

@@ -18,4 +18,9 @@ std::string cfg_value(const std::string& cfg_file, const agt::config_key& key) {
     return word;
 }
 
+std::string agent_host(const std::string& cfg_file) {
+    const std::string address = cfg_value(cfg_file, agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
+    return address.empty() || address == "0.0.0.0" ? "127.0.0.1" : address;
+}
+
 } // namespace kessctl

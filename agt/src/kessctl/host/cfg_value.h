@@ -13,4 +13,8 @@ std::string default_cfg_file();
 // The word of a key, as the file has it now; empty when the file, the key or the word is not there.
 std::string cfg_value(const std::string& cfg_file, const agt::config_key& key);
 
+// Where to connect to the agent of the file: its IP_ADDRESS, or this host when that is 0.0.0.0 or
+// not there.
+std::string agent_host(const std::string& cfg_file);
+
 } // namespace kessctl

@@ -1,6 +1,8 @@
 // A connection to a daemon's command port.
 #include "server/command_client.h"
 
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/timerfd.h>
 
 #include <cerrno>
@@ -15,6 +17,8 @@
 
 namespace kessctl {
 namespace {
+
+constexpr int RESET_LIMIT_MS = 300;
 
 // Ends the waits of this thread after `limit_ms`.
 class time_limit {
@@ -42,23 +46,42 @@ bool command_client::fail(const std::string& what) {
 }
 
 bool command_client::failed_transfer(const char* doing, int ret) {
-    if (ret == 0)
-        return fail(std::string(doing) + ": the agent closed the connection");
-    if (errno == ECANCELED)
+    const int error = ret == 0 ? 0 : errno;
+    timed_out_ = error == ECANCELED;
+    if (timed_out_)
         return fail(std::string(doing) + ": no end within the time limit");
-    const std::string reason = std::strerror(errno);
-    const std::string of_tls = agt::tls_failure(sockfd_.get());
+    const std::string reason = std::strerror(error);
+    const std::string of_tls = error == 0 ? "" : agt::tls_failure(sockfd_.get());
+    const bool closed = of_tls.empty() && (error == 0 || error == ECONNRESET || error == EPIPE);
+    if (closed && !heard_)
+        closed_early_ = error == 0 && !is_reset_late() ? early_close::read : early_close::unread;
+    if (closed)
+        return fail(std::string(doing) + ": the agent closed the connection");
     return fail(std::string(doing) + ": " + (of_tls.empty() ? reason : "TLS: " + of_tls));
+}
+
+// Whether the agent, which has closed the connection, did so with something unread: what was sent
+// after that is answered by a reset.
+bool command_client::is_reset_late() const {
+    pollfd watched = {sockfd_.get(), 0, 0};
+    return poll(&watched, 1, RESET_LIMIT_MS) > 0;
 }
 
 bool command_client::connect(const std::string& host, int port, int limit_ms) {
     peer_ = host + " port " + std::to_string(port);
     const time_limit limit(limit_ms);
     close();
+    heard_ = false;
+    closed_early_ = early_close::not_closed;
     errno = 0;
     sockfd_.reset(agt::create_tcp_client_session(host.c_str(), port, 0));
-    if (sockfd_.valid())
+    if (sockfd_.valid()) {
+        sockaddr_in own{};
+        socklen_t size = sizeof own;
+        getsockname(sockfd_.get(), reinterpret_cast<sockaddr*>(&own), &size);
+        own_address_ = own.sin_addr;
         return identity_ == nullptr || secure(host, limit_ms);
+    }
     return fail(std::string("cannot connect: ") +
                 (errno != 0 ? std::strerror(errno) : "no such host"));
 }
@@ -91,6 +114,7 @@ bool command_client::send(const TCP_CMD_MSG& frame, int limit_ms) {
 bool command_client::receive_bytes(void* out, std::size_t length, int limit_ms) {
     const time_limit limit(limit_ms);
     const int got = agt::recv_tcp_data(sockfd_.get(), out, static_cast<int>(length));
+    heard_ = heard_ || got > 0;
     return got == static_cast<int>(length) || failed_transfer("waiting for the answer", got);
 }
 

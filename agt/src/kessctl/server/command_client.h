@@ -7,6 +7,8 @@
 // an answer may still be on its way, so the connection is of no further use. One thread at a time.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <memory>
 #include <string>
 
@@ -61,12 +63,21 @@ class command_client {
     int fd() const { return sockfd_.get(); }
     // Why the last call that failed did, with the peer.
     const std::string& error() const { return error_; }
+    // Whether it did because the agent took too long.
+    bool timed_out() const { return timed_out_; }
+    // How the agent closed the connection without having sent anything on it: after it had read
+    // what was sent, or with that left unread; not_closed when it did not.
+    enum class early_close { not_closed, read, unread };
+    early_close closed_early() const { return closed_early_; }
+    // This host's address on the last connection, as the agent sees it; 0.0.0.0 without one.
+    in_addr own_address() const { return own_address_; }
 
   private:
     // Keep what went wrong for error(); false, to be returned.
     bool fail(const std::string& what);
     bool failed_transfer(const char* doing, int ret);
 
+    bool is_reset_late() const;
     bool secure(const std::string& host, int limit_ms);
 
     agt::unique_fd sockfd_;
@@ -74,6 +85,10 @@ class command_client {
     std::string server_name_;
     std::string peer_;
     std::string error_;
+    bool timed_out_ = false;
+    bool heard_ = false; // the agent has sent something on this connection
+    early_close closed_early_ = early_close::not_closed;
+    in_addr own_address_{};
 };
 
 } // namespace kessctl
