@@ -2,6 +2,7 @@
 #include <sys/un.h>
 
 #include "faulty_agent.h"
+#include "kessard/state_file.h"
 
 namespace {
 
@@ -43,6 +44,7 @@ TEST_F(Audit, NamesEveryActAndWaitsForNobody) {
     const std::string path = a.path("log-socket");
     std::strcpy(table->system_log, path.c_str());
     a.set("TRAN_AGENT", "AUDIT_YN", "Y");
+    a.set("COMMON", "STATE_FILE", "state");
     a.set("TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.1");
     std::optional<system_log> log(path);
     start_running(a);
@@ -78,6 +80,12 @@ TEST_F(Audit, NamesEveryActAndWaitsForNobody) {
     EXPECT_EQ(a.run({"exec", "echo on"})[0], '0');
     log.reset();
     EXPECT_EQ(a.run({"exec", "echo on"})[0], '0');
+    EXPECT_TRUE(wait_until([&] { // two lines of the daemon and two of its child, each time
+        const std::string bytes = content(a.path("state"));
+        KESSARD_STATE state{};
+        std::memcpy(&state, bytes.data(), std::min(bytes.size(), sizeof state));
+        return state.audit_lines_lost == 8;
+    }));
     log.emplace(path);
     EXPECT_EQ(a.run({"renew"})[0], '0');
     EXPECT_TRUE(log->has({"type=RENEW_SERVICE_LIST_REQ result=0"}));
