@@ -29,7 +29,8 @@ int init_sem_val(int sem_id, int nth_sem, int val);
 // when the calling thread was cancelled while it waited (wait.h).
 [[nodiscard]] int sem_lock(int sem_id, int num, int sem_flg);
 
-// The same for at most `limit_ms` milliseconds (-1: no limit); -1 with EAGAIN when they are over.
+// The same for at most `limit_ms` milliseconds (-1: no limit, 0: at once or not at all); -1 with
+// EAGAIN when they are over.
 [[nodiscard]] int sem_lock_within(int sem_id, int num, int sem_flg, int limit_ms);
 
 // Gives semaphore `num` back (operation +1); 0, or -1.
