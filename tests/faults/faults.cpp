@@ -36,7 +36,9 @@ table* now = nullptr;
     for (std::size_t i = 0; i < std::size(CALLS); ++i)
         wrapped[i] = dlsym(RTLD_NEXT, CALLS[i].data());
     const char* path = std::getenv("KESSARD_FAULTS");
-    if (path == nullptr || std::strcmp(program_invocation_short_name, "kessard") != 0)
+    const char* of = std::getenv("KESSARD_FAULTS_OF"); // which program; the daemon without it
+    if (path == nullptr ||
+        std::strcmp(program_invocation_short_name, of == nullptr ? "kessard" : of) != 0)
         return;
     const int fd = open(path, O_RDWR | O_CLOEXEC);
     void* memory = mmap(nullptr, sizeof(table), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
