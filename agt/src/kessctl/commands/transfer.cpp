@@ -3,9 +3,11 @@
 // Each request takes a connection of its own, so what one request cannot carry costs one more
 // connection. The first request that fails is the last.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <climits>
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <set>
@@ -14,6 +16,7 @@
 #include "commands/progress_bar.h"
 #include "server/ext_client.h"
 #include "server/ext_transfer.h"
+#include "wire/text.h"
 
 namespace kessctl {
 namespace {
@@ -21,6 +24,7 @@ namespace {
 struct transfer_options {
     agent_address agent;
     std::vector<std::string> paths; // files, then the directory
+    bool direct = false;
 };
 
 using transfer_step =
@@ -50,39 +54,122 @@ exit_status transfer(agent_address& agent, const std::vector<ext_request>& reque
     return EXIT_OK;
 }
 
-// Looks at the files to upload and makes their items. Empty, or what is wrong.
-std::string describe_files(const std::vector<std::string>& paths, std::vector<local_file>* files,
-                           std::vector<std::string>* items) {
+// Looks at the files to upload. Empty, or what is wrong.
+std::string describe_files(const std::vector<std::string>& paths, std::vector<local_file>* files) {
     std::set<std::string> names;
     for (const std::string& path : paths) {
         const std::string wrong = describe_file(path, &files->emplace_back());
         if (!wrong.empty())
             return wrong;
-        const local_file& file = files->back();
-        if (!names.insert(file.name).second)
-            return "two of the files are named '" + file.name + "'";
-        items->push_back(upload_item(file));
+        if (!names.insert(files->back().name).second)
+            return "two of the files are named '" + files->back().name + "'";
     }
     return {};
 }
 
-exit_status put(transfer_options& chosen) {
-    std::vector<local_file> files;
+// Runs a command of the agent's shell.
+ext_result run_command(agent_address& agent, const std::string& command) {
+    command_client client;
+    std::vector<ext_request> requests;
+    std::vector<command_result> results;
+    const ext_form form = command_form(0);
+    const std::string wrong = plan_requests(form, {reporting(form, command)}, &requests);
+    if (!wrong.empty() || !connect_agent(agent, client))
+        return {ext_result::failed, wrong};
+    const ext_result sent = run_commands(client, requests[0], agent.limit_ms, &results);
+    if (!sent.ok())
+        return sent;
+    take_report(&results[0]);
+    const command_end end = end_of(results[0]);
+    std::string& said = results[0].output;
+    said.erase(said.find_last_not_of('\n') + 1);
+    if (end == command_end::exit_status)
+        return {ext_result::refused, printable(said, "\n")};
+    return end == command_end::succeeded ? ext_result{}
+                                         : ext_result{ext_result::failed, "it did not end"};
+}
+
+// What a signal that ends an upload has said.
+std::string* left_behind = nullptr;
+
+void say_left_behind(int signo) {
+    const ssize_t said = write(STDERR_FILENO, left_behind->data(), left_behind->size());
+    raise(said < 0 ? SIGKILL : signo);
+}
+
+void say_at_signal(std::string* text) {
+    left_behind = text;
+    struct sigaction action {};
+    action.sa_handler = say_left_behind;
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+    for (const int signo : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(signo, &action, nullptr);
+}
+
+// Sends the files under the names that they get at first; *begun once one of them is on its way.
+exit_status send_files(agent_address& agent, const std::string& directory,
+                       const std::vector<local_file>& files, bool* begun) {
     std::vector<std::string> items;
     std::vector<ext_request> requests;
-    const std::string directory = take_directory(chosen);
-    if (check_items({directory}) != EXIT_OK)
-        return EXIT_ERROR;
-    std::string wrong = describe_files(chosen.paths, &files, &items);
-    if (wrong.empty())
-        wrong = plan_requests({EXT_SVC_FILE_UP, directory, UPLOAD_MAX}, items, &requests);
+    for (const local_file& file : files)
+        items.push_back(upload_item(file));
+    const std::string wrong =
+        plan_requests({EXT_SVC_FILE_UP, directory, UPLOAD_MAX}, items, &requests);
     if (!wrong.empty())
         return complain(wrong);
     return transfer(
-        chosen.agent, requests,
+        agent, requests,
         [&](command_client& client, const ext_request& request, const transfer_observer& observe) {
-            return upload_files(client, request, files, chosen.agent.limit_ms, observe);
+            const transfer_observer note = [&](const std::string& name, std::uint64_t done,
+                                               std::uint64_t size) {
+                *begun = true;
+                observe(name, done, size);
+            };
+            return upload_files(client, request, files, agent.limit_ms, note);
         });
+}
+
+// Sends the files under temporary names and has them moved to their own.
+exit_status put_in_place(agent_address& agent, const std::string& directory,
+                         std::vector<local_file>& files) {
+    placing steps;
+    bool begun = false;
+    const std::string wrong = plan_placing(directory, &files, &steps);
+    if (!wrong.empty())
+        return complain(wrong);
+    const std::string lie = "what has come lies in " + directory + " under " +
+                            files[0].sent_name.substr(0, files[0].sent_name.rfind('-')) + "-*";
+    std::string at_signal = "\nkessctl: " + lie + "\n";
+    say_at_signal(&at_signal);
+    const exit_status sent = send_files(agent, directory, files, &begun);
+    if (sent != EXIT_OK) {
+        if (begun && !run_command(agent, steps.remove).ok())
+            complain(lie);
+        return sent;
+    }
+    for (const std::string& command : steps.commands) {
+        const ext_result moved = run_command(agent, command);
+        if (moved.ok())
+            continue;
+        complain(moved.text);
+        if (moved.outcome == ext_result::failed)
+            complain(lie + ", unless it was moved");
+        return moved.outcome == ext_result::refused ? EXIT_REFUSED : EXIT_ERROR;
+    }
+    return EXIT_OK;
+}
+
+exit_status put(transfer_options& chosen) {
+    std::vector<local_file> files;
+    const std::string directory = take_directory(chosen);
+    if (check_items({directory}) != EXIT_OK)
+        return EXIT_ERROR;
+    const std::string wrong = describe_files(chosen.paths, &files);
+    if (!wrong.empty())
+        return complain(wrong);
+    bool begun = false;
+    return chosen.direct ? send_files(chosen.agent, directory, files, &begun)
+                         : put_in_place(chosen.agent, directory, files);
 }
 
 exit_status get(transfer_options& chosen) {
@@ -106,12 +193,13 @@ exit_status get(transfer_options& chosen) {
         });
 }
 
-void add_transfer(CLI::App* command, exit_status* status,
-                  exit_status (*action)(transfer_options&)) {
-    const auto chosen = std::make_shared<transfer_options>();
+std::shared_ptr<transfer_options> add_transfer(CLI::App* command, exit_status* status,
+                                               exit_status (*action)(transfer_options&)) {
+    auto chosen = std::make_shared<transfer_options>();
     add_agent_options(*command, chosen->agent);
     command->add_option("paths", chosen->paths, "FILE... DIR")->expected(2, INT_MAX)->required();
     command->callback([chosen, status, action] { *status = action(*chosen); });
+    return chosen;
 }
 
 } // namespace
@@ -121,8 +209,12 @@ void add_put(CLI::App& app, exit_status* status) {
         app.add_subcommand("put", "Copy files to a directory of the agent's host, which is made");
     command->footer("Files keep their permissions for reading, writing and executing. $NAME in DIR "
                     "is a variable of\n"
-                    "the agent's environment.");
-    add_transfer(command, status, put);
+                    "the agent's environment. Files go there under temporary names and are moved "
+                    "to their own by a\n"
+                    "command, so that none is there in half.");
+    command->add_flag("--direct", add_transfer(command, status, put)->direct,
+                      "Write under the final names: nothing is moved, owner and links of a file "
+                      "that is there stay");
 }
 
 void add_get(CLI::App& app, exit_status* status) {

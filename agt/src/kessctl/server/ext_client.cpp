@@ -13,7 +13,6 @@
 namespace kessctl {
 namespace {
 
-constexpr std::size_t DATA_MAX = std::size_t{TCP_CMD_MSG_SIZE} - EXT_REQ_DATA_AT;
 constexpr std::size_t ERROR_TEXT_MAX = 4096;
 constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
 constexpr int TIMED_OUT_CODE = -99;
@@ -57,11 +56,11 @@ std::string plan_requests(const ext_form& form, const std::vector<std::string>& 
     out->clear();
     for (std::size_t i = 0; i < items.size(); ++i) {
         const std::size_t head_size = form.head.empty() ? 0 : form.head.size() + 1;
-        if (head_size + items[i].size() > DATA_MAX)
+        if (head_size + items[i].size() > EXT_DATA_MAX)
             return std::string("'") + items[i].substr(0, 60) +
-                   "...' is too long: a request carries " + std::to_string(DATA_MAX) + " bytes";
+                   "...' is too long: a request carries " + std::to_string(EXT_DATA_MAX) + " bytes";
         if (out->empty() || out->back().count == form.most ||
-            out->back().data.size() + 1 + items[i].size() > DATA_MAX)
+            out->back().data.size() + 1 + items[i].size() > EXT_DATA_MAX)
             out->push_back({form.code, form.head, i, 0});
         ext_request& request = out->back();
         if (!request.data.empty())
@@ -80,8 +79,8 @@ ext_form command_form(int time_value) {
 
 std::string reporting(const ext_form& form, const std::string& command) {
     const std::size_t head_size = form.head.empty() ? 0 : form.head.size() + 1;
-    return head_size + std::size(REPORT) - 1 + command.size() > DATA_MAX ? command
-                                                                         : REPORT + command;
+    return head_size + std::size(REPORT) - 1 + command.size() > EXT_DATA_MAX ? command
+                                                                             : REPORT + command;
 }
 
 std::string check_item(const std::string& text) {
@@ -98,7 +97,7 @@ TCP_CMD_MSG ext_frame(const ext_request& request) {
     char* bytes = reinterpret_cast<char*>(&frame);
     std::memcpy(bytes + EXT_REQ_CODE_AT, request.code, EXT_REQ_CODE_SIZE);
     bytes[EXT_REQ_PDU_AT] = EXT_PDU_REQUEST;
-    std::copy_n(request.data.begin(), std::min(request.data.size(), DATA_MAX),
+    std::copy_n(request.data.begin(), std::min(request.data.size(), EXT_DATA_MAX),
                 bytes + EXT_REQ_DATA_AT);
     return frame;
 }

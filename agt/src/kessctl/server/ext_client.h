@@ -19,6 +19,7 @@
 
 namespace kessctl {
 
+inline constexpr std::size_t EXT_DATA_MAX = std::size_t{TCP_CMD_MSG_SIZE} - EXT_REQ_DATA_AT;
 inline constexpr int AGENT_COMMAND_LIMIT_MS = 10000; // of each command of a request
 inline constexpr std::size_t UPLOAD_MAX = 9;         // files of one request
 inline constexpr int DEFAULT_TIME_VALUE = 10;        // of a request that carries none

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <random>
 #include <regex>
 
 #include "host/new_file.h"
@@ -25,6 +26,7 @@ namespace kessctl {
 namespace {
 
 constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
+constexpr int SLOW_MS = 1000; // without a byte of a file, the agent may be unable to send it
 constexpr mode_t PERMISSION_BITS = 0777;
 constexpr char SEPARATOR = static_cast<char>(EXT_SEPARATOR);
 
@@ -38,6 +40,18 @@ ext_result failed_call(const std::string& path) {
 
 std::string base_name(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
+}
+
+// A text whose references to variables, as the agent finds them (a bracket, a name, a bracket), are
+// written by `of_reference` and the rest by `of_plain`.
+template <class Plain, class Reference>
+std::string with_references(const std::string& text, Plain of_plain, Reference of_reference) {
+    static const std::regex reference(R"(\$[{(]?([a-zA-Z0-9_]+)[)}]?)");
+    std::string out;
+    std::string rest = text;
+    for (std::smatch at; std::regex_search(rest, at, reference); rest = at.suffix().str())
+        out += of_plain(at.prefix().str()) + of_reference(at[0], at[1]);
+    return out + of_plain(rest);
 }
 
 // ---- upload
@@ -87,27 +101,51 @@ ext_result send_file(command_client& client, const local_file& file, int limit_m
     return {};
 }
 
+// Moves the file $2 of the directory to the name $1; what it cannot move it removes.
+constexpr char PLACE_ONE[] =
+    R"(&&r=0&&p(){ t=$(readlink -nf "./$1"&&echo x)&&t=${t%x}&&{ [ ! -e "$t" ]||{ [ -f "$t" ]&&[ -w "$t" ]&&{ chown --reference="$t" "./$2";:;} 2>/dev/null;};}&&mv -fT "./$2" "$t"||{ rm -f "./$2";echo "cannot replace $1";r=1;};}&&{ )";
+constexpr char PLACE_END[] = "exit $r;}";
+
+std::string in_shell_quotes(const std::string& text) {
+    std::string quoted = "'";
+    for (const char c : text)
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+// A path as the shell says it; a variable that is not set stays as it is written, as with the
+// agent.
+std::string shell_path(const std::string& path) {
+    const auto reference = [](const std::string& whole, const std::string& name) {
+        std::string kept;
+        for (const char c : whole)
+            kept += c == '$' || c == '}' ? std::string("\\") + c : std::string(1, c);
+        return "\"${" + name + "-" + kept + "}\"";
+    };
+    return (path.starts_with('-') ? "./" : "") + with_references(path, in_shell_quotes, reference);
+}
+
+std::string unique_text() {
+    std::random_device source;
+    char text[20];
+    std::snprintf(text, sizeof text, "%08x%08x", source(), source());
+    return text;
+}
+
 // ---- download
 
 std::string announced_name(const ST_FILE_INFO& info) {
     return std::string(info.name, strnlen(info.name, sizeof info.name));
 }
 
-// As the agent finds references to variables: a bracket, a name, a bracket.
 std::string name_pattern(const std::string& name) {
-    static const std::regex reference(R"(\$[{(]?[a-zA-Z0-9_]+[)}]?)");
-    std::string pattern;
-    const auto put = [&pattern](const std::string& plain) {
-        for (const char c : plain)
+    const auto plain = [](const std::string& text) {
+        std::string pattern;
+        for (const char c : text)
             pattern += {'\\', c};
+        return pattern;
     };
-    std::string rest = name;
-    for (std::smatch at; std::regex_search(rest, at, reference); rest = at.suffix().str()) {
-        put(at.prefix().str());
-        pattern += '*';
-    }
-    put(rest);
-    return pattern;
+    return with_references(name, plain, [](const std::string&, const std::string&) { return "*"; });
 }
 
 // The name of a file that was asked for, as a pattern: a variable stands for what the agent's
@@ -141,6 +179,17 @@ ext_result receive_announcement(command_client& client, std::size_t count, int l
     return {};
 }
 
+// Whether the agent begins to send a file. One that cannot open it waits for the byte that ends the
+// transfer; given it, it closes the connection, while one that is only slow goes on.
+bool begins(command_client& client, int limit_ms) {
+    char byte = 0;
+    if (agt::wait_data(client.fd(), std::min(limit_ms, SLOW_MS)) != agt::wait_result::ready &&
+        (!client.send_bytes("", 1, limit_ms) ||
+         agt::wait_data(client.fd(), limit_ms) != agt::wait_result::ready))
+        return false;
+    return agt::recv_now(client.fd(), &byte, sizeof byte, MSG_PEEK) > 0;
+}
+
 ext_result receive_file(command_client& client, const ST_FILE_INFO& info, new_file& file,
                         int limit_ms, const transfer_observer& observe) {
     const std::string name = announced_name(info);
@@ -150,6 +199,9 @@ ext_result receive_file(command_client& client, const ST_FILE_INFO& info, new_fi
     for (std::uint64_t done = 0; done < size;) {
         const auto length =
             static_cast<std::size_t>(std::min<std::uint64_t>(size - done, piece.size()));
+        if (done == 0 && !begins(client, limit_ms))
+            return failed("the agent announces " + printable(name) +
+                          " and does not send it: most likely it may not read it");
         if (!client.receive_bytes(piece.data(), length, limit_ms))
             return failed(printable(name) + " did not come whole: " + client.error());
         if (!file.write(piece.data(), length))
@@ -171,13 +223,36 @@ std::string describe_file(const std::string& path, local_file* out) {
         return path + ": not a regular file";
     if (info.st_size > std::numeric_limits<std::uint32_t>::max())
         return path + ": too large, a transfer carries files of up to 4294967295 bytes";
-    *out = {path, base_name(path), static_cast<std::uint32_t>(info.st_size),
+    *out = {path, base_name(path), base_name(path), static_cast<std::uint32_t>(info.st_size),
             info.st_mode & PERMISSION_BITS};
     return check_item(out->name);
 }
 
+std::string plan_placing(const std::string& directory, std::vector<local_file>* files,
+                         placing* out) {
+    const std::string enter = "CDPATH= cd -- " + shell_path(directory);
+    const std::string stem = ".kessctl-" + unique_text() + "-";
+    const std::size_t room = EXT_DATA_MAX - reporting(command_form(0), "").size();
+    const std::string head = enter + PLACE_ONE;
+    for (local_file& file : *files) {
+        file.sent_name = stem + std::to_string(&file - files->data());
+        const std::string one = "p " + in_shell_quotes(file.name) + " " + file.sent_name + ";";
+        if (head.size() + one.size() + std::size(PLACE_END) > room)
+            return "the names of " + directory + " and '" + file.name +
+                   "' are too long to put the file in place by a command: use --direct";
+        if (out->commands.empty() ||
+            out->commands.back().size() + one.size() + std::size(PLACE_END) > room)
+            out->commands.push_back(head);
+        out->commands.back() += one;
+    }
+    for (std::string& command : out->commands)
+        command += PLACE_END;
+    out->remove = enter + "&&rm -f ./" + stem + "*";
+    return {};
+}
+
 std::string upload_item(const local_file& file) {
-    return file.name + SEPARATOR + std::to_string(file.size) + SEPARATOR +
+    return file.sent_name + SEPARATOR + std::to_string(file.size) + SEPARATOR +
            std::to_string(file.permission);
 }
 
