@@ -139,8 +139,9 @@ agent_snapshot take_snapshot(const std::string& cfg_file);
 // One semaphore as it is; its value is -1 with errno when it is gone or not ours to read.
 semaphore_state read_semaphore(int semid, int number);
 
-// Parts of a snapshot whose `cfg_file` is set, each attaching what it reads: the tables with their
-// services and traces, and the queues.
+// Parts of a snapshot whose `cfg_file` is set, each attaching what it reads: the service table with
+// its services, all tables with services and traces, and the queues.
+void read_services(agent_snapshot& now);
 void read_tables(agent_snapshot& now);
 void read_queues(agent_snapshot& now);
 

@@ -83,16 +83,6 @@ service_row decode_service(unsigned slot, const SVC_HASH_ARR& service) {
     return out;
 }
 
-void read_services(agent_snapshot& now) {
-    const segment_view view(now.cfg_file, agt::SERVICE_TABLE);
-    now.service_fill = read_fill<SVC_HASH_TBL>(view, "service table", "service");
-    for (const unsigned slot : read_used_slots<SVC_HASH_TBL>(view, now.service_fill)) {
-        SVC_HASH_ARR_LIST entry;
-        if (view.copy(offsetof(SVC_HASH_TBL, h_arr) + slot * sizeof entry, &entry))
-            now.services.push_back(decode_service(slot, entry.param));
-    }
-}
-
 // Reads what a trace entry says of its process and its state, and leaves the rest of *entry as it
 // is.
 bool read_trace(const segment_view& view, unsigned slot, PTRC_HASH_ARR* entry) {
@@ -134,6 +124,16 @@ template <class Queue> void read_queue(const segment_view& view, std::size_t at,
 }
 
 } // namespace
+
+void read_services(agent_snapshot& now) {
+    const segment_view view(now.cfg_file, agt::SERVICE_TABLE);
+    now.service_fill = read_fill<SVC_HASH_TBL>(view, "service table", "service");
+    for (const unsigned slot : read_used_slots<SVC_HASH_TBL>(view, now.service_fill)) {
+        SVC_HASH_ARR_LIST entry;
+        if (view.copy(offsetof(SVC_HASH_TBL, h_arr) + slot * sizeof entry, &entry))
+            now.services.push_back(decode_service(slot, entry.param));
+    }
+}
 
 void read_tables(agent_snapshot& now) {
     read_services(now);

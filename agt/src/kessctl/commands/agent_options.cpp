@@ -169,13 +169,14 @@ bool is_own_agent(const agent_address& agent) {
 }
 
 exit_status ask_agent(const agent_address& agent, command_client& client,
-                      const TCP_CMD_MSG& request, TCP_CMD_MSG* answer) {
+                      const TCP_CMD_MSG& request, TCP_CMD_MSG* answer, bool shown) {
     if (!client.request(request, answer, agent.limit_ms)) {
         complain(client.error());
         explain_close(agent, client, false);
         return EXIT_ERROR;
     }
-    print_frame(stdout, "<- ", *answer);
+    if (shown)
+        print_frame(stdout, "<- ", *answer);
     return field_text(*answer, "result_code") == "0" ? EXIT_OK : EXIT_REFUSED;
 }
 

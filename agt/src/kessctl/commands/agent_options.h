@@ -77,10 +77,10 @@ CLI::Option* add_force_flag(CLI::App& command);
 // memory is on this host.
 bool is_own_agent(const agent_address& agent);
 
-// Sends a request and prints the answer. EXIT_OK for result_code '0', EXIT_REFUSED for another,
-// EXIT_ERROR, after a line on standard error, when there is no answer.
+// Sends a request and, if `shown`, prints the answer. EXIT_OK for result_code '0', EXIT_REFUSED for
+// another, EXIT_ERROR, after a line on standard error, when there is no answer.
 exit_status ask_agent(const agent_address& agent, command_client& client,
-                      const TCP_CMD_MSG& request, TCP_CMD_MSG* answer);
+                      const TCP_CMD_MSG& request, TCP_CMD_MSG* answer, bool shown = true);
 
 // What became of an extended request, as an exit status: EXIT_REFUSED when the agent refused it,
 // EXIT_ERROR when it failed, each after a line on standard error.

@@ -6,12 +6,22 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
 
+#include "agent/agent_snapshot.h"
+#include "commands/json_output.h"
 #include "server/service_file.h"
+#include "wait.h"
 #include "wire/frame.h"
+#include "wire/text.h"
 
 namespace kessctl {
 namespace {
+
+constexpr int LOOK_AGAIN_MS = 50;
+constexpr char RETRIEVAL_THREAD[] = "get_service_list";
+constexpr char CHANGE_DELETE = 'D';
 
 struct change {
     const char* name;
@@ -22,13 +32,14 @@ struct change {
 const change CHANGES[] = {
     {"add", "Add services; those that exist already stay as they are", 'A'},
     {"update", "Overwrite services, adding those that do not exist", 'Y'},
-    {"delete", "Delete services", 'D'},
+    {"delete", "Delete services", CHANGE_DELETE},
 };
 
 struct services_options {
     agent_address agent;
     std::vector<std::string> words;
     std::string file;
+    bool json = false;
 };
 
 // The services of the words: a word without '=' starts one. Empty, or what is wrong.
@@ -56,14 +67,48 @@ std::string collect(const services_options& chosen, char mode, std::vector<SERVI
     return wrong.empty() && out->empty() ? "no services: give some, or a --file" : wrong;
 }
 
+// Waits until the agent has its list, which replaces what is changed before. Only an agent on this
+// host can be looked at; empty, or that it takes too long.
+std::string wait_for_list(const agent_address& agent) {
+    const pid_t pid = find_daemon(default_cfg_file()).pid;
+    const long long until_ms = agt::monotonic_ms() + agent.limit_ms;
+    while (has_thread(pid, RETRIEVAL_THREAD)) {
+        if (agt::monotonic_ms() > until_ms)
+            return "the agent still fetches its service list, which would replace the change: "
+                   "try again later";
+        agt::sleep_ms(LOOK_AGAIN_MS);
+    }
+    return {};
+}
+
+// Takes the services out that the table does not have, and names them. False, with nothing taken
+// out, when the table cannot be read.
+bool take_missing(std::vector<SERVICE_ELEMENT>* services, std::vector<std::string>* missing) {
+    agent_snapshot now;
+    now.cfg_file = default_cfg_file();
+    read_services(now);
+    if (!now.service_fill.known || !now.service_fill.fault.empty())
+        return false;
+    std::set<std::string> ids;
+    for (const service_row& row : now.services)
+        ids.insert(row.service_id);
+    std::erase_if(*services, [&](const SERVICE_ELEMENT& one) {
+        if (ids.contains(shown(one.service_id)))
+            return false;
+        missing->push_back(shown(one.service_id));
+        return true;
+    });
+    return true;
+}
+
 // Sends block after block, stopping at the first that the agent did not take whole.
-exit_status send_blocks(const agent_address& agent, command_client& client,
+exit_status send_blocks(const services_options& chosen, command_client& client,
                         const std::vector<SERVICE_ELEMENT>& services) {
     for (std::size_t at = 0; at < services.size(); at += SERVICE_ELEMENT_MAX) {
         const std::size_t count = std::min<std::size_t>(services.size() - at, SERVICE_ELEMENT_MAX);
         TCP_CMD_MSG answer;
-        const exit_status asked =
-            ask_agent(agent, client, modified_services_frame(services.data() + at, count), &answer);
+        const TCP_CMD_MSG request = modified_services_frame(services.data() + at, count);
+        const exit_status asked = ask_agent(chosen.agent, client, request, &answer, !chosen.json);
         if (asked != EXIT_OK)
             return asked;
         const long taken = std::strtol(field_text(answer, "element_num").c_str(), nullptr, 10);
@@ -74,18 +119,46 @@ exit_status send_blocks(const agent_address& agent, command_client& client,
             return EXIT_REFUSED;
         }
     }
-    std::printf("%zu services sent\n", services.size());
     return EXIT_OK;
+}
+
+void print_sent(const services_options& chosen, std::size_t sent, bool is_known,
+                const std::vector<std::string>& missing) {
+    if (chosen.json) {
+        nlohmann::ordered_json all = {{"sent", sent}, {"missing", nullptr}};
+        if (is_known)
+            all["missing"] = missing;
+        print_json(all);
+        return;
+    }
+    for (const std::string& id : missing)
+        complain("no such service: " + id);
+    std::printf("%zu services sent%s\n", sent,
+                is_known ? "" : "; whether they were there cannot be known from here");
 }
 
 exit_status change_services(services_options& chosen, char mode) {
     std::vector<SERVICE_ELEMENT> services;
-    const std::string wrong = collect(chosen, mode, &services);
+    std::vector<std::string> missing;
+    std::string wrong = collect(chosen, mode, &services);
     if (!wrong.empty())
         return complain(wrong);
     command_client client;
-    return connect_agent(chosen.agent, client) ? send_blocks(chosen.agent, client, services)
-                                               : EXIT_ERROR;
+    if (!connect_agent(chosen.agent, client))
+        return EXIT_ERROR;
+    const bool is_own = is_own_agent(chosen.agent);
+    if (is_own)
+        wrong = wait_for_list(chosen.agent);
+    if (!wrong.empty()) {
+        complain(wrong);
+        return EXIT_REFUSED;
+    }
+    const bool is_known = mode != CHANGE_DELETE || (is_own && take_missing(&services, &missing));
+    const exit_status sent = send_blocks(chosen, client, services);
+    if (sent != EXIT_OK)
+        return sent;
+    print_sent(chosen, services.size(), is_known, missing);
+    return missing.empty() ? EXIT_OK : EXIT_REFUSED;
 }
 
 } // namespace
@@ -100,6 +173,7 @@ void add_services(CLI::App& app, exit_status* status) {
         action->add_option("service", chosen->words,
                            "SERVICE_ID [key=value ...] ..., as in a services file");
         action->add_option("--file", chosen->file, "Services file, one service per line");
+        add_json_flag(*action, chosen->json);
         action->callback(
             [chosen, status, mode = row.mode] { *status = change_services(*chosen, mode); });
     }

@@ -100,6 +100,20 @@ std::string process_comm(pid_t pid) {
     return name;
 }
 
+bool has_thread(pid_t pid, const std::string& name) {
+    constexpr std::size_t kept = 15; // of a name
+    const std::string wanted = name.substr(0, kept);
+    std::error_code error;
+    for (fs::directory_iterator at(proc_path(pid, "task"), error), end; !error && at != end;
+         at.increment(error)) {
+        std::string found;
+        std::getline(std::ifstream(at->path() / "comm"), found);
+        if (found == wanted)
+            return true;
+    }
+    return false;
+}
+
 std::string process_name(pid_t pid) {
     return printable(process_comm(pid));
 }

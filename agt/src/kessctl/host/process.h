@@ -29,6 +29,9 @@ std::string process_text(pid_t pid);
 // The same of several, separated by commas.
 std::string process_texts(const std::vector<pid_t>& pids);
 
+// Whether the process has a thread of that name, as far as the system keeps names.
+bool has_thread(pid_t pid, const std::string& name);
+
 // Its parent; 0 when there is no such process.
 pid_t parent_of(pid_t pid);
 

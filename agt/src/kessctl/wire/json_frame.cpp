@@ -19,15 +19,20 @@ nlohmann::ordered_json::json_pointer path_of(const std::string& name) {
 
 } // namespace
 
+nlohmann::ordered_json fields_json(const TCP_CMD_MSG& frame) {
+    nlohmann::ordered_json fields = nlohmann::ordered_json::object();
+    for (const field_value& field : decode(frame))
+        fields[path_of(field.name)] = field.text;
+    return fields;
+}
+
 std::string json_line(const std::string& time, const traffic& seen) {
     nlohmann::ordered_json line = {{"time", time},
                                    {"connection", seen.connection},
                                    {"direction", seen.sent ? "sent" : "received"}};
     if (const std::optional<TCP_CMD_MSG> frame = frame_of(seen.bytes)) {
         line["message"] = message_name(frame->hdr.msg_type[0]);
-        line["fields"] = nlohmann::ordered_json::object();
-        for (const field_value& field : decode(*frame))
-            line["fields"][path_of(field.name)] = field.text;
+        line["fields"] = fields_json(*frame);
     } else {
         line["bytes"] = seen.bytes.size();
     }
