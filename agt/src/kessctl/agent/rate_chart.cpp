@@ -48,18 +48,26 @@ std::string number(const char* format, double value) {
     return text;
 }
 
-// "x,y " on the picture.
-std::string place(double ago_sec, double share) {
-    return number("%.1f,", WIDTH * (1 - ago_sec / HISTORY_SEC)) +
-           number("%.1f ", HEIGHT * (1 - ROOM * share));
+// The minutes that the picture covers: an hour, or less of a history that has just begun.
+int minutes_of(const figure_history& history, time_t now) {
+    for (const int minutes : {5, 15, 30})
+        if (history.empty() || now - history.front().when <= minutes * 60)
+            return minutes;
+    return HISTORY_SEC / 60;
 }
 
-std::string picture_of(const stretch& one, double peak) {
+// One stretch as a line and what lies below it; the picture is `span_sec` wide and a little more
+// than `peak` high.
+std::string picture_of(const stretch& one, double span_sec, double peak) {
+    const auto place = [&](const rate_point& point, double rate) {
+        return number("%.1f,", WIDTH * (1 - point.ago_sec / span_sec)) +
+               number("%.1f ", HEIGHT * (1 - (peak > 0 ? ROOM * rate / peak : 0)));
+    };
     std::string line;
     for (const rate_point& point : one)
-        line += place(point.ago_sec, peak > 0 ? point.rate / peak : 0);
-    return "<polygon points=\"" + place(one.front().ago_sec, 0) + line +
-           place(one.back().ago_sec, 0) + "\"/><polyline points=\"" + line + "\"/>";
+        line += place(point, point.rate);
+    return "<polygon points=\"" + place(one.front(), 0) + line + place(one.back(), 0) +
+           "\"/><polyline points=\"" + line + "\"/>";
 }
 
 std::string rate_text(double rate) {
@@ -83,10 +91,11 @@ std::string rate_chart(const figure_history& history, counted_figure count, cons
                       "</figcaption><svg viewBox=\"0 0 720 120\" preserveAspectRatio=none role=img "
                       "aria-label=\"" +
                       html(std::string(heading) + ": " + figures) + "\">";
+    const int minutes = minutes_of(history, now);
     for (const stretch& one : all)
-        out += picture_of(one, peak);
-    return out + "</svg><p class=axis><span>60 min ago</span><span>30</span><span>now</span></p>"
-                 "</figure>";
+        out += picture_of(one, minutes * 60.0, peak);
+    return out + "</svg><p class=axis><span>" + std::to_string(minutes) +
+           " min ago</span><span>now</span></p></figure>";
 }
 
 } // namespace kessctl

@@ -7,8 +7,8 @@
 
 namespace kessctl {
 
-// A heading with the rate now and the peak, and an SVG of the hour that ends at `now`; what is not
-// known is left out of the line.
+// A heading with the rate now and the peak, and an SVG of the time up to `now`, an hour at most;
+// what is not known is left out of the line.
 std::string rate_chart(const figure_history& history, counted_figure count, const char* heading,
                        time_t now);
 
