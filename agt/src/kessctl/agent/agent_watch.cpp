@@ -36,7 +36,9 @@ std::shared_ptr<const agent_look> agent_watch::look() {
 void agent_watch::keep() {
     const std::shared_ptr<const agent_look> seen = look();
     const agt::lock_guard lock(mutex_);
-    add_figures(history_, seen->now);
+    const auto longer = std::make_shared<look_history>(*history_);
+    longer->add(seen->now, last_ms_);
+    history_ = longer;
 }
 
 } // namespace kessctl

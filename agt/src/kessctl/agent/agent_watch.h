@@ -5,15 +5,17 @@
 #include <string>
 
 #include "agent/agent_diagnosis.h"
-#include "agent/figure_history.h"
+#include "agent/look_history.h"
 #include "mutex.h"
 
 namespace kessctl {
 
+inline constexpr int KEEP_SEC = 10; // between two looks that go into the history
+
 struct agent_look {
     agent_snapshot now;
     agent_diagnosis found;
-    figure_history history; // up to the last call of keep()
+    std::shared_ptr<const look_history> history;
 };
 
 class agent_watch {
@@ -24,7 +26,7 @@ class agent_watch {
     // The agent as it is, or was less than a second ago. Whoever asks while another looks waits for
     // that look.
     std::shared_ptr<const agent_look> look();
-    // Looks and adds what it sees to the history.
+    // Looks and adds what it sees to the history; every KEEP_SEC.
     void keep();
 
   private:
@@ -33,7 +35,8 @@ class agent_watch {
     agt::mutex mutex_;
     std::shared_ptr<const agent_look> last_ AGT_GUARDED_BY(mutex_);
     long long last_ms_ AGT_GUARDED_BY(mutex_) = 0;
-    figure_history history_ AGT_GUARDED_BY(mutex_);
+    std::shared_ptr<const look_history>
+        history_ AGT_GUARDED_BY(mutex_) = std::make_shared<look_history>(KEEP_SEC);
 };
 
 } // namespace kessctl

@@ -8,7 +8,7 @@ namespace kessctl {
 namespace {
 
 constexpr double CELL_SEC = 5;
-constexpr std::size_t CELLS_KEPT = 300;
+constexpr std::size_t CELLS_KEPT = 360; // an hour, of cells of ten seconds
 
 } // namespace
 

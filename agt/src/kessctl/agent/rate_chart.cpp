@@ -3,43 +3,23 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <vector>
 
 #include "agent/html.h"
 
 namespace kessctl {
 namespace {
 
+constexpr int HOUR_SEC = 3600;
 constexpr double WIDTH = 720;
 constexpr double HEIGHT = 120;
 constexpr double ROOM = 0.95; // of the height, for the peak
 
-struct rate_point {
-    double ago_sec;
-    double rate;
-};
-using stretch = std::vector<rate_point>; // without a gap
-
-std::vector<stretch> stretches(const figure_history& history, counted_figure count, time_t now) {
-    std::vector<stretch> found(1);
-    for (std::size_t at = 0; at < history.size(); ++at) {
-        const std::optional<double> rate = rate_at(history, at, count);
-        if (rate)
-            found.back().push_back({static_cast<double>(now - history[at].when), *rate});
-        else if (!found.back().empty())
-            found.emplace_back();
-    }
-    if (found.back().empty())
-        found.pop_back();
-    return found;
-}
-
-double peak_of(const std::vector<stretch>& all) {
-    double peak = 0;
-    for (const stretch& one : all)
-        for (const rate_point& point : one)
-            peak = std::max(peak, point.rate);
-    return peak;
+// The minutes that the picture covers: an hour, or less of a history that has just begun.
+int minutes_of(double known_sec) {
+    for (const int minutes : {5, 15, 30})
+        if (known_sec <= minutes * 60)
+            return minutes;
+    return HOUR_SEC / 60;
 }
 
 std::string number(const char* format, double value) {
@@ -48,52 +28,51 @@ std::string number(const char* format, double value) {
     return text;
 }
 
-// The minutes that the picture covers: an hour, or less of a history that has just begun.
-int minutes_of(const figure_history& history, time_t now) {
-    for (const int minutes : {5, 15, 30})
-        if (history.empty() || now - history.front().when <= minutes * 60)
-            return minutes;
-    return HISTORY_SEC / 60;
-}
-
-// One stretch as a line and what lies below it; the picture is `span_sec` wide and a little more
-// than `peak` high.
-std::string picture_of(const stretch& one, double span_sec, double peak) {
-    const auto place = [&](const rate_point& point, double rate) {
-        return number("%.1f,", WIDTH * (1 - point.ago_sec / span_sec)) +
-               number("%.1f ", HEIGHT * (1 - (peak > 0 ? ROOM * rate / peak : 0)));
-    };
-    std::string line;
-    for (const rate_point& point : one)
-        line += place(point, point.rate);
-    return "<polygon points=\"" + place(one.front(), 0) + line + place(one.back(), 0) +
-           "\"/><polyline points=\"" + line + "\"/>";
-}
-
 std::string rate_text(double rate) {
     return number(rate < 10 ? "%.2g" : "%.0f", rate);
 }
 
+// The rates from `from` to `to`, all known, as a line and what lies below it; the picture shows
+// `cells` of them.
+std::string line_of(const std::vector<double>& rates, std::size_t from, std::size_t to,
+                    std::size_t cells, double peak) {
+    const auto across = [&](std::size_t at) {
+        return number("%.1f,", WIDTH * (1 - static_cast<double>(rates.size() - 1 - at) /
+                                                static_cast<double>(cells)));
+    };
+    std::string line;
+    for (std::size_t at = from; at < to; ++at)
+        line +=
+            across(at) + number("%.1f ", HEIGHT * (1 - (peak > 0 ? ROOM * rates[at] / peak : 0)));
+    const std::string ground = number("%.0f ", HEIGHT);
+    return "<polygon points=\"" + across(from) + ground + line + across(to - 1) + ground +
+           "\"/><polyline points=\"" + line + "\"/>";
+}
+
 } // namespace
 
-std::string rate_chart(const figure_history& history, counted_figure count, const char* heading,
-                       time_t now) {
-    const std::vector<stretch> all = stretches(history, count, now);
-    const double peak = peak_of(all);
-    const bool known_now =
-        !all.empty() && all.back().back().ago_sec <= static_cast<double>(now - history.back().when);
-    const std::string figures =
-        all.empty() ? "not known yet"
-                    : (known_now ? rate_text(all.back().back().rate) + " now, " : "") + "peak " +
-                          rate_text(peak);
+std::string rate_chart(const look_history& history, const char* figure, const char* heading) {
+    const std::vector<double> rates =
+        history.course(figure, static_cast<std::size_t>(HOUR_SEC / history.cell_sec()));
+    const auto known = [](double rate) { return rate >= 0; };
+    const auto first = std::find_if(rates.begin(), rates.end(), known);
+    const double peak = *std::max_element(rates.begin(), rates.end());
+    const int minutes = minutes_of(static_cast<double>(rates.end() - first) * history.cell_sec());
+    const auto cells = static_cast<std::size_t>(minutes * 60 / history.cell_sec());
+    const std::optional<double> now = history.last(figure);
+    const std::string figures = (now ? rate_text(*now) + " now, " : "") +
+                                (peak < 0 ? "not known yet" : "peak " + rate_text(peak));
     std::string out = "<figure><figcaption>" + element("b", "", heading) + " " +
                       element("span", "", figures) +
                       "</figcaption><svg viewBox=\"0 0 720 120\" preserveAspectRatio=none role=img "
                       "aria-label=\"" +
                       html(std::string(heading) + ": " + figures) + "\">";
-    const int minutes = minutes_of(history, now);
-    for (const stretch& one : all)
-        out += picture_of(one, minutes * 60.0, peak);
+    for (auto from = first; from != rates.end();) {
+        const auto to = std::find_if_not(from, rates.end(), known);
+        out += line_of(rates, static_cast<std::size_t>(from - rates.begin()),
+                       static_cast<std::size_t>(to - rates.begin()), cells, peak);
+        from = std::find_if(to, rates.end(), known);
+    }
     return out + "</svg><p class=axis><span>" + std::to_string(minutes) +
            " min ago</span><span>now</span></p></figure>";
 }

@@ -3,13 +3,12 @@
 
 #include <string>
 
-#include "agent/figure_history.h"
+#include "agent/look_history.h"
 
 namespace kessctl {
 
-// A heading with the rate now and the peak, and an SVG of the time up to `now`, an hour at most;
-// what is not known is left out of the line.
-std::string rate_chart(const figure_history& history, counted_figure count, const char* heading,
-                       time_t now);
+// A heading with the rate now and the peak, and an SVG of the time up to the last look, an hour at
+// most; what is not known is left out of the line.
+std::string rate_chart(const look_history& history, const char* figure, const char* heading);
 
 } // namespace kessctl

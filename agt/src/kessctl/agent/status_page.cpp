@@ -149,17 +149,17 @@ std::string trace_line(const agent_snapshot& now) {
                        " entries dead");
 }
 
-std::string charts(const agent_snapshot& now, const figure_history& history) {
+std::string charts(const agent_snapshot& now, const look_history& history) {
     if (!now.state.known())
         return {};
-    return rate_chart(history, &figure_point::notifications, "Notifications a second", now.taken) +
-           rate_chart(history, &figure_point::commands, "Commands a second", now.taken);
+    return rate_chart(history, "notifications", "Notifications a second") +
+           rate_chart(history, "commands", "Commands a second");
 }
 
 } // namespace
 
 std::string status_page(const agent_snapshot& now, const agent_diagnosis& found,
-                        const figure_history& history) {
+                        const look_history& history) {
     const std::string title = std::string(health_name(found.health)) + ": kessard" +
                               (now.host.empty() ? "" : " on " + now.host);
     return "<!DOCTYPE html>\n<html lang=en><head><meta charset=utf-8>" +

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "agent/agent_diagnosis.h"
-#include "agent/figure_history.h"
+#include "agent/look_history.h"
 
 namespace kessctl {
 
@@ -12,6 +12,6 @@ namespace kessctl {
 // that loads itself again: the verdict first, then what the daemon does and how full its objects
 // are.
 std::string status_page(const agent_snapshot& now, const agent_diagnosis& found,
-                        const figure_history& history);
+                        const look_history& history);
 
 } // namespace kessctl

@@ -20,8 +20,6 @@
 namespace kessctl {
 namespace {
 
-constexpr int KEEP_MS = 10000; // between two points of the history
-
 struct exporter_options {
     look_options look;
     std::string listen = "127.0.0.1:9477";
@@ -61,7 +59,7 @@ agt::http_answer answer_path(agent_watch& agent, const std::string& path) {
     } else if (path == "/") {
         const std::shared_ptr<const agent_look> seen = agent.look();
         answer.type = "text/html; charset=utf-8";
-        answer.body = status_page(seen->now, seen->found, seen->history);
+        answer.body = status_page(seen->now, seen->found, *seen->history);
     } else {
         answer.status = not_found;
         answer.body = "only /, /metrics and /healthz\n";
@@ -96,7 +94,7 @@ exit_status serve_figures(const exporter_options& chosen) {
     server.start([&](const std::string& path) { return answer_path(agent, path); }, ending.get());
     do
         agent.keep();
-    while (agt::sleep_ms(KEEP_MS));
+    while (agt::sleep_ms(KEEP_SEC * 1000));
     return EXIT_OK;
 }
 
