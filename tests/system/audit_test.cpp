@@ -60,13 +60,14 @@ TEST_F(Audit, NamesEveryActAndWaitsForNobody) {
           {"<85" + daemon + "command " + from, "type=SET_SYS_CONFIG_SET_REQ result=0",
            "=8->16 magic="},
           {"<86" + daemon + "ended " + from, " name=- reason=closed by the peer"}}},
-        {{"exec", "echo hi \x01; exit 3", "true #" + std::string(600, 'x')},
+        {{"exec", "--raw", "echo hi \x01; exit 3", "true #" + std::string(600, 'x')},
          {{"<85" + daemon + "request " + from, "code=0001 data=echo hi \\x01; exit 3\\x1ftrue #x"},
           {"<85>kessard[", "remote-command " + from, "exit=3 seconds=0.",
            " bytes=5 text=echo hi \\x01"},
           {"<86>kessard[", "ended " + from, "reason=request served"}}},
         {{"put", a.path("sent"), a.path("up")},
-         {{"upload " + from, "result=ok size=5 mode=0640 path=" + a.path("up/sent")}}},
+         {{"upload " + from, "result=ok size=5 mode=0640 path=" + a.path("up/.kessctl-")},
+          {"remote-command " + from, "text=echo;set -- 'sent' .kessctl-"}}},
         {{"get", a.path("sent"), a.path("up")},
          {{"download " + from, "result=ok size=5 mode=0640 path=" + a.path("sent")}}}};
     for (const auto& [words, lines] : acts) {

@@ -1,7 +1,10 @@
 // The commands of the console that change and show an agent, and the stand-in server as a program.
 #include <nlohmann/json.hpp>
 
+#include <regex>
+
 #include "checks.h"
+#include "server/command_client.h"
 
 namespace {
 
@@ -62,7 +65,8 @@ TEST_F(ConsoleCommands, ChangeAndShowAnAgentBehindItsServer) {
             "/home: alert at 80 %", "0 processes"});
     expect({"services", "add", "THIRD", "limit=9", "FIRST", "limit=8"}, {"2 services sent"});
     expect({"services", "update", "SECOND", "limit=10"}, {"1 services sent"});
-    expect({"services", "delete", "NOWHERE", "FIRST"}, {"2 services sent"});
+    expect({"services", "delete", "NOWHERE", "FIRST"},
+           {"1 services sent", "no such service: NOWHERE"}, 1);
     expect({"show", "services"}, {"2 services, 2 slots", "SECOND", " 10 "});
     expect({"show", "services"}, {"2 services, 2 slots", "THIRD", " 9 "});
     expect({"put-notification", "--service", "SECOND"}, {});
@@ -84,11 +88,94 @@ TEST_F(ConsoleCommands, ServeLogsEveryMessageAndReadsItsServicesAgain) {
     kill(server->pid(), SIGHUP);
     EXPECT_TRUE(wait_until([&] { return in_order(server->out(), {" 2 services from "}); }));
     expect({"renew"}, {"RENEW_SERVICE_LIST_RSP"});
-    EXPECT_TRUE(wait_until([&] { return in_order(a.run({"show", "services"}), {"NEW"}); }));
+    expect({"services", "add", "LATER"}, {"1 services sent"}); // waits for the list
+    expect({"show", "services"}, {"3 services", "FIRST", "NEW", "LATER"});
     kill(server->pid(), SIGTERM);
     EXPECT_EQ(server->wait_exit(), 0);
     EXPECT_TRUE(in_order(server->out(),
                          {"listening on 127.0.0.1 port ", "-> ", "GET_SERVICE_LIST_REQ", "<- "}));
+}
+
+// Every view and answer that is to be JSON is JSON, and has what the text has.
+TEST_F(ConsoleCommands, AnswerInJson) {
+    a.set("TRAN_AGENT", "IP_ADDRESS", "127.0.0.2"); // where the console connects then
+    start_running(a);
+    const auto answer = [&](const texts& words) {
+        return json::parse(a.console(words).out, nullptr, false);
+    };
+    EXPECT_EQ(answer({"renew", "--json"}), json({{"result_code", "0"}}));
+    EXPECT_TRUE(in_order(a, {"thread function END"}));
+    EXPECT_EQ(answer({"services", "add", "ONE", "limit=7", "--json"}),
+              json({{"sent", 1}, {"missing", json::array()}}));
+    EXPECT_EQ(answer({"services", "delete", "NONE", "--json"}),
+              json({{"sent", 0}, {"missing", {"NONE"}}}));
+    EXPECT_EQ(answer({"show", "services", "--json"})[0]["limit_sec"], 7);
+    EXPECT_EQ(answer({"show", "settings", "--json"})["svc_filtering"], "0");
+    EXPECT_EQ(answer({"show", "registry", "--json"})["file_systems"], json::array());
+    a.run({"put-notification", "--service", "ONE"});
+    EXPECT_EQ(answer({"show", "queues", "--json"})[0]["records"][0]["fields"]["service_id"], "ONE");
+    const json ran = answer({"exec", "--json", "printf '\\377'; exit 3", "kill -9 $$"});
+    EXPECT_EQ(ran[0]["exit_status"], 3);
+    EXPECT_EQ(ran[0]["output"], "\uFFFD");
+    EXPECT_EQ(ran[1]["exit_status"], nullptr);
+    EXPECT_TRUE(answer({"doctor", "--json"}).is_array());
+    a.variables["TRAN_AGT_CFG_FILE"] = "/dev/null";
+    const texts there = {"--host", "127.0.0.2", "--port", std::to_string(a.port())};
+    texts afar = {"services", "delete", "--json", "NONE"};
+    afar.insert(afar.end(), there.begin(), there.end());
+    EXPECT_EQ(answer(afar), json({{"sent", 1}, {"missing", nullptr}}));
+}
+
+// Runs a line of bash in which $k is the console; its status, output and errors.
+std::string bash(const agent& a, const std::string& line) {
+    const program_result ran =
+        run_program({"/bin/bash", "-c", "k=" KESSCTL_PROGRAM "; " + line}, a.variables);
+    return std::to_string(ran.status) + "\n" + ran.out + ran.err;
+}
+
+TEST_F(ConsoleCommands, NoticeOutputThatIsLostAndFitATerminal) {
+    start_running(a);
+    const std::string lost = "2\nkessctl: standard output cannot be written";
+    for (const std::string command : {"metrics", "show settings", "exec 'echo a'", "--help"})
+        for (const std::string to : {" >/dev/full", " >&-"})
+            EXPECT_TRUE(bash(a, "$k " + command + to).starts_with(lost)) << command << to;
+    EXPECT_EQ(bash(a, "$k --help | head -0; echo ${PIPESTATUS[0]}"), "0\n141\n");
+    a.run({"services", "add", "LONGEST_SERVICE1", "host=LONGEST_HOST_123", "server=LONGEST_SERVER1",
+           "limit=99999", "depth=999", "call_limit=99999", "dbio_limit=99999", "sql_limit=99999",
+           "flags=SEVBCIXQ"});
+    a.write_file("a_file_with_a_name_of_more_than_twenty_four_letters", "1");
+    const std::string commands[] = {
+        "show services", "put " + a.path("a_file_with_a_name_of_more_than_twenty_four_letters") +
+                             " " + a.path("up")};
+    for (const std::string& command : commands) {
+        const std::string shown =
+            bash(a, "script -qec \"stty cols 80; $k " + command + "\" /dev/null | tr '\\r' '\\n'");
+        EXPECT_FALSE(std::regex_search(shown, std::regex("[^\n]{80}"))) << shown;
+        EXPECT_TRUE(in_order(shown, {command[0] == 's' ? "LONGEST_SERVER1" : "###] 100 %"}));
+    }
+}
+
+TEST_F(ConsoleCommands, SayWhyAnAgentClosesAtOnce) {
+    const auto closed = [&](const texts& words, const texts& reasons) {
+        expect(words, {"the agent closed the connection", "most likely"}, 2);
+        expect(words, reasons, 2);
+    };
+    a.set("TRAN_AGENT", "REMOTE_COMMANDS_YN", "N");
+    start_running(a);
+    texts afar = {"exec", "--host", "127.0.0.1", "--port", std::to_string(a.port()), "true"};
+    closed({"exec", "true"}, {"REMOTE_COMMANDS_YN is N"});
+    a.variables["TRAN_AGT_CFG_FILE"] = "/dev/null";
+    closed(afar, {"REMOTE_COMMANDS_YN is N"});
+    std::vector<kessctl::command_client> taken(5);
+    for (kessctl::command_client& one : taken)
+        EXPECT_TRUE(one.connect("127.0.0.1", a.port()));
+    closed(afar, {"all its places", "ALLOWED_ADDRESSES", "127.0.0.1", "TLS"});
+    a.variables["TRAN_AGT_CFG_FILE"] = a.cfg_file();
+    closed({"renew"}, {"all its places"});
+    EXPECT_EQ(a.stop(), 0);
+    a.set("TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.2,10.0.0.0/8");
+    start_running(a);
+    closed({"renew"}, {"ALLOWED_ADDRESSES does not hold 127.0.0.1"});
 }
 
 TEST_F(ConsoleCommands, SayWhatIsWrong) {
@@ -100,6 +187,13 @@ TEST_F(ConsoleCommands, SayWhatIsWrong) {
           "c", "d", "e", "f"},
          "at most 5 file systems"},
         {{"show", "settings", "--cfg", "/nowhere"}, "/nowhere"},
+        {{"set-config", "--log-qcnt", "3"}, "3 not in {1,2,4,8,16} (--force"},
+        {{"set-config", "--log-flags", "SZ"}, "SZ not of SEVBCIXQ (--force"},
+        {{"set-config", "--sfilter", "3", "--force"}, "cannot connect"},
+        {{"set-resource", "--cpu-sec", "1", "--cpu-pcnt", "900", "--fs-pcnt", "1"}, "0 to 100"},
+        {{"statu"}, "there is no 'statu', nearest is 'status'"},
+        {{"show", "servces"}, "there is no 'servces', nearest is 'services'"},
+        {{"status", "--ful", "3"}, "there is no '--ful', nearest is '--full'"},
         {{"show", "services"}, "SVC_HASH_TBL_SHMKEY"},
         {{"renew"}, "127.0.0.1"},
         {{"serve", "--services", "/nowhere"}, "/nowhere: No such file or directory"},

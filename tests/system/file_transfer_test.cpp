@@ -217,6 +217,45 @@ TEST_F(FileTransfer, ConsolePutAndGet) {
               "1\nkessctl: makedir(/dev/null/x) failed...\n");
 }
 
+// A console that is stopped in the middle leaves nothing under the name, and whatever stands there
+// is replaced only if it could have been written to.
+TEST_F(FileTransfer, ConsolePutReplacesWholeFiles) {
+    const texts odd = {"-n", "it's $HOME", "new\nline\n", "`x`\"\\"};
+    texts put = {"put", "--"};
+    for (const std::string& name : odd) {
+        a.write_file(name, name, 0640);
+        put.push_back(path(name));
+    }
+    put.push_back("${KT_HOME}/to/$KT_UNSET/${KT_UNSET}");
+    EXPECT_EQ(a.run(put), "0\n");
+    for (const std::string& name : odd)
+        EXPECT_EQ(content(path("to/$KT_UNSET/${KT_UNSET}/" + name)), name);
+
+    a.write_file("up/old", "before");
+    std::filesystem::create_symlink(path("up/old"), path("up/file"));
+    a.write_file("file", "");
+    ASSERT_EQ(truncate(path("file").c_str(), 0xffffffff), 0);
+    process cut({KESSCTL_PROGRAM, "put", path("file"), path("up")}, a.variables);
+    EXPECT_TRUE(a.wait_log("/up/.kessctl-"));
+    kill(cut.pid(), SIGTERM);
+    EXPECT_EQ(cut.wait_exit(), 128 + SIGTERM);
+    EXPECT_TRUE(in_order(cut.err(), {"what has come lies in " + path("up") + " under .kessctl-"}));
+    EXPECT_EQ(content(path("up/file")), "before");
+    ASSERT_EQ(truncate(path("file").c_str(), 3), 0);
+    EXPECT_EQ(a.run({"put", path("file"), path("up")}), "0\n");
+    EXPECT_EQ(content(path("up/old")), std::string(3, '\0')); // behind the link
+    EXPECT_TRUE(std::filesystem::is_symlink(path("up/file")));
+
+    std::filesystem::create_directories(path("to/a/file"));
+    std::filesystem::create_directory(path("to/b"));
+    ASSERT_EQ(mkfifo(path("to/b/file").c_str(), 0600), 0);
+    for (const char* to : {"to/a", "to/b"}) {
+        EXPECT_EQ(a.run({"put", path("file"), path(to)}), "1\nkessctl: cannot replace file\n");
+        const std::filesystem::directory_iterator left(path(to));
+        EXPECT_EQ(std::distance(begin(left), end(left)), 1) << to;
+    }
+}
+
 // An agent that announces one file, with this name, and sends it.
 void send_one_file(int listener, const std::string& name) {
     sockaddr_in peer{};
@@ -227,9 +266,12 @@ void send_one_file(int listener, const std::string& name) {
     std::string padded = name;
     padded.resize(128);
     const std::string answer =
-        ext_answer('A', on_wire(1) + on_wire(3) + on_wire(0104755) + padded) + "abc";
+        ext_answer('A', on_wire(1) + on_wire(3) + on_wire(0104755) + padded) +
+        (name == "g1d" ? "" : "abc");
     const int size = static_cast<int>(answer.size());
     EXPECT_EQ(agt::send_tcp_data(sockfd.get(), answer.data(), size), size);
+    if (name == "g1d") // which it may not read: it waits for the end
+        EXPECT_EQ(agt::recv_tcp_data(sockfd.get(), request, 1), 1);
 }
 
 TEST(ConsoleGet, WritesInItsDirectoryOnly) {
@@ -248,6 +290,12 @@ TEST(ConsoleGet, WritesInItsDirectoryOnly) {
         fake.join();
         EXPECT_EQ(got[0], name == "good" ? '0' : '2') << name << got;
     }
+    std::thread fake([&] { send_one_file(listener.get(), "g1d"); });
+    EXPECT_TRUE(in_order(
+        a.run(
+            {"get", "--port", std::to_string(a.port()), "--timeout-ms", "3600000", "g1d", inside}),
+        {"2\n", "the agent announces g1d and does not send it: most likely it may not read it"}));
+    fake.join();
     const std::filesystem::recursive_directory_iterator found(a.path("in"));
     EXPECT_EQ(std::distance(begin(found), end(found)), 4); // side/good
     EXPECT_EQ(content(inside + "/good"), "abc");

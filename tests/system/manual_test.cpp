@@ -2,6 +2,8 @@
 // of keys and the sources.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <regex>
 #include <set>
 #include <string>
@@ -45,13 +47,30 @@ std::string part(const std::string& text, const std::string& heading) {
                : text.substr(start, std::min(text.find(".S", start + 1), text.size()) - start);
 }
 
-// What the completion offers behind these words.
+// How each shell asks what its completion offers behind the words $1.
+constexpr const char* SHELLS[] = {R"(. $0.bash-completion; eval "COMP_WORDS=(kessctl $1)";
+COMP_CWORD = $(($ { #COMP_WORDS[@] } - 1)) _kessctl; printf '%s\n' "${COMPREPLY[@]}")",
+    R"(zsh -fc '_describe() { print -l ${(P)2%%:*}; }; _files() { print FILES; }
+       eval "words=(kessctl $1)";
+CURRENT = $ #words;
+.$0.zsh -
+    completion' $0 "$1")", R"(fish -Nc "source $0.fish-completion; complete -C 'kessctl ${1%\'\'}'" | cut -f 1)"
+}; // namespace
+
+// What all of them offer.
 names completed(const std::string& words) {
-    return found(shell(". " + ROOT + "scripts/kessctl.bash-completion; COMP_WORDS=(kessctl " +
-                       words +
-                       "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _kessctl; printf '%s\\n' "
-                       "\"${COMPREPLY[@]}\""),
-                 "([^\n]+)\n");
+    names all;
+    for (const char* const ask : SHELLS) {
+        const program_result ran =
+            run_program({"/bin/bash", "-c", ask, ROOT + "scripts/kessctl", words},
+                        {{"PATH", std::filesystem::path(KESSCTL_PROGRAM).parent_path().string() +
+                                      ":" + std::getenv("PATH")},
+                         {"HOME", "/nonexistent"}});
+        const names one = found(ran.out, "([^\n]+)\n");
+        EXPECT_TRUE(all.empty() || one == all) << ask << words << ran.out << ran.err;
+        all = one;
+    }
+    return all;
 }
 
 TEST(Manual, KnowsEverySubcommandAndOption) {

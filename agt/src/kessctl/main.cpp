@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "commands/commands.h"
+#include "commands/complete.h"
 #include "config_lines.h"
 #include "wire/text.h"
 
@@ -85,6 +86,10 @@ int main(int argc, char** argv) {
     app.failure_message(explain);
     app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage, no "
                "connection,\nor a standard output that cannot be written.");
+    if (argc > 1 && std::string(argv[1]) == "--complete") {
+        print_completions(app, {argv + 2, argv + argc});
+        return outcome(EXIT_OK);
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {

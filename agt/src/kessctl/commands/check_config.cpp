@@ -8,6 +8,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "commands/json_output.h"
 #include "config/check_config.h"
 
 namespace kessctl {
@@ -38,7 +39,7 @@ void print_text(const std::string& path, const std::vector<finding>& found) {
                 count(found, severity::warning));
 }
 
-void print_json(const std::string& path, const std::vector<finding>& found) {
+void print_as_json(const std::string& path, const std::vector<finding>& found) {
     nlohmann::ordered_json all = {{"file", path},
                                   {"errors", count(found, severity::error)},
                                   {"warnings", count(found, severity::warning)},
@@ -49,7 +50,7 @@ void print_json(const std::string& path, const std::vector<finding>& found) {
                                    {"key", one.key},
                                    {"what", one.what},
                                    {"allowed", one.allowed}});
-    std::puts(all.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace).c_str());
+    print_json(all);
 }
 
 exit_status check(const check_options& chosen) {
@@ -59,7 +60,7 @@ exit_status check(const check_options& chosen) {
         return complain(wrong);
     const char* home = std::getenv("TRAN_AGT_HOME");
     const std::vector<finding> found = check_config(file, home == nullptr ? "" : home);
-    (chosen.json ? print_json : print_text)(chosen.cfg_file, found);
+    (chosen.json ? print_as_json : print_text)(chosen.cfg_file, found);
     const bool bad =
         count(found, severity::error) > 0 || (chosen.strict && count(found, severity::warning) > 0);
     return bad ? EXIT_REFUSED : EXIT_OK;
@@ -74,7 +75,7 @@ void add_check_config(CLI::App& app, exit_status* status) {
     command->add_option("FILE", chosen->cfg_file,
                         "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->add_flag("--strict", chosen->strict, "Count warnings as errors");
-    command->add_flag("--json", chosen->json, "Print the findings as JSON");
+    add_json_flag(*command, chosen->json);
     command->footer("A finding is FILE:LINE: error|warning|note: KEY: what, allowed: values. "
                     "Relative paths are taken\n"
                     "under TRAN_AGT_HOME. Exit status 0 without errors, 1 with errors, 2 when the "

@@ -16,9 +16,11 @@
 #include <memory>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "agent/agent_diagnosis.h"
 #include "agent/daily_log.h"
+#include "commands/json_output.h"
 #include "config/check_config.h"
 #include "host/listener.h"
 #include "server/command_client.h"
@@ -39,14 +41,16 @@ constexpr double FREE_LIMIT_PCNT = 5.0;
 struct doctor_options {
     std::string cfg_file = default_cfg_file();
     tls_options tls;
+    bool json = false;
 };
 
 struct patient {
     const agt::config_file& file;
     std::string home;
     tls_options tls;
+    bool json;
     agent_snapshot now;
-    int found = 0;
+    nlohmann::ordered_json found = nlohmann::ordered_json::array();
     std::string unseen{}; // what only the agent's user and root may look at
 
     bool may_look() const {
@@ -55,8 +59,9 @@ struct patient {
 
     std::string value(const agt::config_key& key) const { return cfg_value(file.path(), key); }
     void report(const std::string& what, const std::string& advice) {
-        std::printf("%s\n    %s\n", what.c_str(), advice.c_str());
-        ++found;
+        found.push_back({{"what", what}, {"advice", advice}});
+        if (!json)
+            std::printf("%s\n    %s\n", what.c_str(), advice.c_str());
     }
 };
 
@@ -81,14 +86,13 @@ std::int64_t refused_for_places(const state_view& state) {
 // The daemon closes a connection whose other side has ended, without a word and without a line in
 // its log. One that refuses the certificate answers, too.
 bool answers(const patient& agent, std::string* why) {
-    const std::string address = agent.value(agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
     const int port = number_read(agent.value(agt::config_key_of("TRAN_AGENT", "CMD_PORT")));
     command_client client;
     const auto identity = open_tls(agent.file.path(), agent.tls.files, why);
     if (!why->empty())
         return false;
     client.use_tls(identity, agent.tls.server_name);
-    if (client.connect(address == "0.0.0.0" ? "127.0.0.1" : address, port, ANSWER_LIMIT_MS) &&
+    if (client.connect(agent_host(agent.file.path()), port, ANSWER_LIMIT_MS) &&
         shutdown(client.fd(), SHUT_WR) == 0 &&
         (client.wait_closed(ANSWER_LIMIT_MS) || !agt::tls_failure(client.fd()).empty()))
         return true;
@@ -208,17 +212,21 @@ exit_status examine(const doctor_options& chosen) {
     if (!wrong.empty())
         return complain(wrong);
     const char* home = std::getenv("TRAN_AGT_HOME");
-    patient agent{file, home == nullptr ? "" : home, chosen.tls,
+    patient agent{file, home == nullptr ? "" : home, chosen.tls, chosen.json,
                   look_when_started(chosen.cfg_file)};
     for (const auto step : {examine_config, examine_snapshot, examine_port, examine_semaphores,
                             examine_log, examine_trigger})
         step(agent);
-    if (!agent.unseen.empty())
+    const std::string unseen = agent.unseen.empty() ? "" : agent.unseen.substr(2);
+    if (chosen.json)
+        print_json({{"findings", agent.found}, {"not_looked_at", unseen}});
+    else if (!unseen.empty())
         std::printf("not looked at: %s; you may not look, run it as user %u, the agent's, or as "
                     "root\n",
-                    agent.unseen.c_str() + 2, *agent.now.daemon.user);
-    std::printf("findings: %d\n", agent.found);
-    return agent.found == 0 ? EXIT_OK : EXIT_REFUSED;
+                    unseen.c_str(), *agent.now.daemon.user);
+    if (!chosen.json)
+        std::printf("findings: %zu\n", agent.found.size());
+    return agent.found.empty() ? EXIT_OK : EXIT_REFUSED;
 }
 
 } // namespace
@@ -229,6 +237,7 @@ void add_doctor(CLI::App& app, exit_status* status) {
         "doctor", "Say what is wrong with the agent on this host, and what to do");
     add_cfg_option(*command, chosen->cfg_file);
     add_tls_options(*command, chosen->tls);
+    add_json_flag(*command, chosen->json);
     command->footer("Only looks. Relative paths are taken under TRAN_AGT_HOME. Exit status 0 "
                     "without findings, 1 with\n"
                     "findings, 2 when the configuration file cannot be read.");

@@ -26,7 +26,7 @@ exit_status renew(renew_options& chosen) {
     TCP_CMD_MSG answer;
     const exit_status asked = ask_agent(chosen.agent, client, request, &answer, !chosen.json);
     if (chosen.json && asked != EXIT_ERROR)
-        print_json(fields_json(answer));
+        print_json(fields_json(decode(answer)));
     else if (asked == EXIT_OK)
         std::printf("the list is on its way; it replaces what is changed before it has come\n");
     return asked;

@@ -101,10 +101,10 @@ ext_result send_file(command_client& client, const local_file& file, int limit_m
     return {};
 }
 
-// Moves the file $2 of the directory to the name $1; what it cannot move it removes.
-constexpr char PLACE_ONE[] =
-    R"(&&r=0&&p(){ t=$(readlink -nf "./$1"&&echo x)&&t=${t%x}&&{ [ ! -e "$t" ]||{ [ -f "$t" ]&&[ -w "$t" ]&&{ chown --reference="$t" "./$2";:;} 2>/dev/null;};}&&mv -fT "./$2" "$t"||{ rm -f "./$2";echo "cannot replace $1";r=1;};}&&{ )";
-constexpr char PLACE_END[] = "exit $r;}";
+// For pairs of words, moves the file of the second name in the directory to the first; what it
+// cannot move it removes.
+constexpr char PLACE_ALL[] =
+    R"(&&r=0&&while [ $# -gt 0 ];do t=$(readlink -nf "./$1"&&echo x)&&t=${t%x}&&{ [ ! -e "$t" ]||{ [ -f "$t" ]&&[ -w "$t" ]&&{ chown --reference="$t" "./$2";:;} 2>/dev/null;};}&&mv -fT "./$2" "$t"||{ rm -f "./$2";echo "cannot replace $1";r=1;};shift 2;done&&exit $r)";
 
 std::string in_shell_quotes(const std::string& text) {
     std::string quoted = "'";
@@ -231,22 +231,23 @@ std::string describe_file(const std::string& path, local_file* out) {
 std::string plan_placing(const std::string& directory, std::vector<local_file>* files,
                          placing* out) {
     const std::string enter = "CDPATH= cd -- " + shell_path(directory);
+    const std::string rest = ";" + enter + PLACE_ALL;
     const std::string stem = ".kessctl-" + unique_text() + "-";
-    const std::size_t room = EXT_DATA_MAX - reporting(command_form(0), "").size();
-    const std::string head = enter + PLACE_ONE;
+    const std::string start = "set --"; // the names come first: who reads the audit sees its start
+    const std::size_t fixed = reporting(command_form(0), "").size() + rest.size();
+    const std::size_t room = EXT_DATA_MAX - std::min(EXT_DATA_MAX, fixed);
     for (local_file& file : *files) {
         file.sent_name = stem + std::to_string(&file - files->data());
-        const std::string one = "p " + in_shell_quotes(file.name) + " " + file.sent_name + ";";
-        if (head.size() + one.size() + std::size(PLACE_END) > room)
+        const std::string pair = " " + in_shell_quotes(file.name) + " " + file.sent_name;
+        if (start.size() + pair.size() > room)
             return "the names of " + directory + " and '" + file.name +
                    "' are too long to put the file in place by a command: use --direct";
-        if (out->commands.empty() ||
-            out->commands.back().size() + one.size() + std::size(PLACE_END) > room)
-            out->commands.push_back(head);
-        out->commands.back() += one;
+        if (out->commands.empty() || out->commands.back().size() + pair.size() > room)
+            out->commands.push_back(start);
+        out->commands.back() += pair;
     }
     for (std::string& command : out->commands)
-        command += PLACE_END;
+        command += rest;
     out->remove = enter + "&&rm -f ./" + stem + "*";
     return {};
 }

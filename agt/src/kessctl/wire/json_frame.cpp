@@ -3,8 +3,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "wire/frame.h"
-
 namespace kessctl {
 namespace {
 
@@ -19,11 +17,11 @@ nlohmann::ordered_json::json_pointer path_of(const std::string& name) {
 
 } // namespace
 
-nlohmann::ordered_json fields_json(const TCP_CMD_MSG& frame) {
-    nlohmann::ordered_json fields = nlohmann::ordered_json::object();
-    for (const field_value& field : decode(frame))
-        fields[path_of(field.name)] = field.text;
-    return fields;
+nlohmann::ordered_json fields_json(const std::vector<field_value>& fields) {
+    nlohmann::ordered_json all = nlohmann::ordered_json::object();
+    for (const field_value& field : fields)
+        all[path_of(field.name)] = field.text;
+    return all;
 }
 
 std::string json_line(const std::string& time, const traffic& seen) {
@@ -32,7 +30,7 @@ std::string json_line(const std::string& time, const traffic& seen) {
                                    {"direction", seen.sent ? "sent" : "received"}};
     if (const std::optional<TCP_CMD_MSG> frame = frame_of(seen.bytes)) {
         line["message"] = message_name(frame->hdr.msg_type[0]);
-        line["fields"] = fields_json(*frame);
+        line["fields"] = fields_json(decode(*frame));
     } else {
         line["bytes"] = seen.bytes.size();
     }

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "wire/frame.h"
 #include "wire/traffic.h"
 
 namespace kessctl {
@@ -13,7 +15,7 @@ namespace kessctl {
 // nested. Bytes that are no message give their number instead.
 std::string json_line(const std::string& time, const traffic& seen);
 
-// The fields of a message by name, arrays nested.
-nlohmann::ordered_json fields_json(const TCP_CMD_MSG& frame);
+// Decoded fields by name, arrays nested.
+nlohmann::ordered_json fields_json(const std::vector<field_value>& fields);
 
 } // namespace kessctl
