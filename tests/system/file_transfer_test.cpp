@@ -270,8 +270,9 @@ void send_one_file(int listener, const std::string& name) {
         (name == "g1d" ? "" : "abc");
     const int size = static_cast<int>(answer.size());
     EXPECT_EQ(agt::send_tcp_data(sockfd.get(), answer.data(), size), size);
-    if (name == "g1d") // which it may not read: it waits for the end
+    if (name == "g1d") { // which it may not read: it waits for the end
         EXPECT_EQ(agt::recv_tcp_data(sockfd.get(), request, 1), 1);
+    }
 }
 
 TEST(ConsoleGet, WritesInItsDirectoryOnly) {

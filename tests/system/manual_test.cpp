@@ -15,6 +15,7 @@ namespace {
 
 using namespace test_support;
 using names = std::set<std::string>;
+using texts = std::vector<std::string>;
 
 constexpr char SUBCOMMAND[] = "\n  ([a-z][a-z-]*)  "; // in a help, as the next
 constexpr char OPTION[] = "(?:\n  |,)(--[a-z0-9-]+)";
@@ -47,27 +48,25 @@ std::string part(const std::string& text, const std::string& heading) {
                : text.substr(start, std::min(text.find(".S", start + 1), text.size()) - start);
 }
 
-// How each shell asks what its completion offers behind the words $1.
-constexpr const char* SHELLS[] = {R"(. $0.bash-completion; eval "COMP_WORDS=(kessctl $1)";
-COMP_CWORD = $(($ { #COMP_WORDS[@] } - 1)) _kessctl; printf '%s\n' "${COMPREPLY[@]}")",
-    R"(zsh -fc '_describe() { print -l ${(P)2%%:*}; }; _files() { print FILES; }
-       eval "words=(kessctl $1)";
-CURRENT = $ #words;
-.$0.zsh -
-    completion' $0 "$1")", R"(fish -Nc "source $0.fish-completion; complete -C 'kessctl ${1%\'\'}'" | cut -f 1)"
-}; // namespace
+// How each shell asks what its completion offers behind the words "$@".
+constexpr const char* SHELLS[] = {
+    R"x(. $0.bash-completion; COMP_WORDS=(kessctl "$@"); COMP_CWORD=$#; _kessctl
+        printf '%s\n' "${COMPREPLY[@]}")x",
+    R"x(zsh -fc '_describe() { print -l -- ${${(P)2}%%:*}; }; _files() { print FILES; }
+        file=$0.zsh-completion; words=(kessctl "$@"); CURRENT=$#words; . $file' $0 "$@")x",
+    R"x(fish -Nc "source $0.fish-completion; complete -C 'kessctl $*'" | cut -f 1)x"};
 
 // What all of them offer.
-names completed(const std::string& words) {
+names completed(const texts& words) {
     names all;
+    const std::string programs = std::filesystem::path(KESSCTL_PROGRAM).parent_path();
     for (const char* const ask : SHELLS) {
+        texts line = {"/bin/bash", "-c", ask, ROOT + "scripts/kessctl"};
+        line.insert(line.end(), words.begin(), words.end());
         const program_result ran =
-            run_program({"/bin/bash", "-c", ask, ROOT + "scripts/kessctl", words},
-                        {{"PATH", std::filesystem::path(KESSCTL_PROGRAM).parent_path().string() +
-                                      ":" + std::getenv("PATH")},
-                         {"HOME", "/nonexistent"}});
+            run_program(line, {{"PATH", programs + ":" + std::getenv("PATH")}});
         const names one = found(ran.out, "([^\n]+)\n");
-        EXPECT_TRUE(all.empty() || one == all) << ask << words << ran.out << ran.err;
+        EXPECT_TRUE(all.empty() || one == all) << ask << ran.out << ran.err;
         all = one;
     }
     return all;
@@ -76,16 +75,16 @@ names completed(const std::string& words) {
 TEST(Manual, KnowsEverySubcommandAndOption) {
     const std::string text = page("kessctl.1");
     const names commands = found(shell(KESSCTL_PROGRAM " --help"), SUBCOMMAND);
-    EXPECT_EQ(completed("''"), commands);
+    EXPECT_EQ(completed({""}), commands);
     EXPECT_EQ(found(text, "\\.SS ([a-z-]+)"), commands);
     for (const std::string& command : commands) {
         const std::string own = shell(KESSCTL_PROGRAM " " + command + " --help");
         names all = found(own, OPTION);
-        EXPECT_EQ(completed(command + " --"), all);
+        EXPECT_EQ(completed({command, "--"}), all);
         for (const std::string& action : found(own, SUBCOMMAND)) {
             const std::string both = command + " " + action;
             names more = found(shell(KESSCTL_PROGRAM " " + both + " --help"), OPTION);
-            EXPECT_EQ(completed(both + " --"), more);
+            EXPECT_EQ(completed({command, action, "--"}), more);
             EXPECT_NE(part(text, command).find(" " + action + " "), text.npos) << both;
             all.merge(more);
         }
