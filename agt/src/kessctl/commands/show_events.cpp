@@ -51,7 +51,7 @@ exit_status show_events(const events_options& chosen) {
         return complain(closed);
     PARSE_LOG_QUE& queue = static_cast<PARSE_LOG_QUE_POOL*>(edit.address())->que[0];
     int front = agt::ring_load(queue).front;
-    for (int shown = 0; shown != chosen.count;) {
+    for (int shown = 0; shown != chosen.count && std::ferror(stdout) == 0;) {
         const std::string wrong = index_fault<PARSE_LOG_QUE>(agt::ring_load(queue));
         if (!wrong.empty())
             return complain("the queue's indexes are out of range: " + wrong);
