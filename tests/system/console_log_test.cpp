@@ -61,7 +61,8 @@ TEST_F(ConsoleLog, FindsATimeInALongFile) {
 
 TEST_F(ConsoleLog, RefusesWhatItCannotShow) {
     for (const char* time : {"", "10", "m", "2019-02-30", "24:61", "2019-11-23 10:00x", "9999999d"})
-        EXPECT_TRUE(in_order(log({"--since", time}), {"2\n--since: '", "' is no time; say 10m"}));
+        EXPECT_TRUE(
+            in_order(log({"--since", time}), {"2\n", "--since: '", "' is no time; say 10m"}));
     a.write_file("agt.cfg", "[COMMON]\nLOG_HOME = " + a.path("none") + "\n");
     EXPECT_EQ(log({}), "2\nkessctl: the log cannot be read: " + a.path("none/proc/kessard") +
                            ": No such file or directory\n");

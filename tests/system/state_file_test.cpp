@@ -62,8 +62,10 @@ TEST_F(StateFile, TakesThePlaceOfWhatStandsThere) {
 TEST_F(StateFile, CountsWhatHappens) {
     start();
     const ext_peer hanging(a, "0001Rsleep 60");
-    EXPECT_EQ(a.run({"exec", "true", "exit 3"})[0], '0');
-    EXPECT_EQ(a.run({"put", a.path("sent"), a.path("up")})[0], '0');
+    ask_ext(a, "0001R" + ext_items({"true", "exit 3"}));
+    ext_peer uploading(a, "0002R" + ext_items({a.path("up"), "name", "5", "420"}));
+    uploading.send("bytes");
+    uploading.receive();
     EXPECT_EQ(a.run({"get", a.path("sent"), a.path("down")})[0], '0');
     EXPECT_NE(a.run({"get", a.path("nothing"), a.path("down")})[0], '0');
     put_notifications();
@@ -91,7 +93,7 @@ TEST_F(StateFile, CountsWhatHappens) {
     EXPECT_EQ(all.remote_commands, 3);
     EXPECT_EQ(all.remote_commands_failed, 1);
     EXPECT_EQ(all.files_received + all.files_sent, 2);
-    EXPECT_EQ(all.file_bytes_received + all.file_bytes_sent, 2 * 300003);
+    EXPECT_EQ(all.file_bytes_received + all.file_bytes_sent, 5 + 300003);
     EXPECT_EQ(all.file_failures, 1);
     EXPECT_EQ(all.upload.elements, 20);
     EXPECT_GT(all.sweeps * all.sweep_us, 0);

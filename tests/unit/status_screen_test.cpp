@@ -21,6 +21,8 @@ TEST(StatusScreen, UsesTheScreenThatThereIs) {
     now.segments[0].id = 0;
     now.queues = {{"queue", "notification", true, 0, 100, ""}};
     now.processes.resize(80);
+    for (process_row& one : now.processes)
+        one.program = "worker";
     now.processes[7].wanted = 1;
     now.traced.resize(50);
     const agent_diagnosis found = {agent_health::degraded,
@@ -47,7 +49,7 @@ TEST(StatusScreen, UsesTheScreenThatThereIs) {
     EXPECT_TRUE(test_support::in_order(
         picture(), {"degraded: kessard\n  ! a\n", "end\n", "... 19 more", "answered 12 s ago",
                     "7 of 8 pass; not: notifier", "\n\nFigures", "20.0 /s  200 in all  ", " ██\n",
-                    "0.0 /s", "100.0 %", " ▁▅█\n", "\n\nWorkers: 79 of 80", " more\nq quit"}))
+                    "0.0 /s", "100.0 %", " ▁▅█\n", "\nWorkers: 79 of 80", " more\nq quit"}))
         << picture();
     view.lines = 50;
     view.columns = 200;
