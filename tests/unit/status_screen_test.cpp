@@ -23,6 +23,7 @@ TEST(StatusScreen, UsesTheScreenThatThereIs) {
     now.processes.resize(80);
     for (process_row& one : now.processes)
         one.program = "worker";
+    now.processes[7].program = "first";
     now.processes[7].wanted = 1;
     now.traced.resize(50);
     const agent_diagnosis found = {agent_health::degraded,
