@@ -21,9 +21,11 @@ TEST(StatusScreen, UsesTheScreenThatThereIs) {
     now.segments[0].id = 0;
     now.queues = {{"queue", "notification", true, 0, 100, ""}};
     now.processes.resize(80);
-    for (process_row& one : now.processes)
+    for (process_row& one : now.processes) {
         one.program = "worker";
-    now.processes[7].program = "first";
+        one.row = 1;
+    }
+    now.processes[7].row = 0;
     now.processes[7].wanted = 1;
     now.traced.resize(50);
     const agent_diagnosis found = {agent_health::degraded,
