@@ -13,7 +13,9 @@ namespace {
 
 using namespace test_support;
 
-// The cells of a row: nothing, outage, after, status, doctor, metrics.
+constexpr char RULES[] = SOURCE_TREE "packaging/prometheus/kessard.rules.yml";
+
+// The cells of a row: nothing, outage, after, status, doctor, metrics, alert.
 texts row(const std::string& outage) {
     const std::string page = content(SOURCE_TREE "docs/operations.md");
     const std::size_t at = page.find("| " + outage + " |");
@@ -21,7 +23,7 @@ texts row(const std::string& outage) {
     texts cells;
     for (std::string cell; std::getline(line, cell, '|');)
         cells.push_back(cell);
-    cells.resize(6);
+    cells.resize(7);
     return cells;
 }
 
@@ -71,6 +73,7 @@ class Outages : public faulty_agent {
         EXPECT_TRUE(says(found, cells[4])) << outage << "\n" << found;
         const std::string figures = a.console({"metrics"}).out;
         EXPECT_TRUE(says(figures, cells[5])) << outage << "\n" << figures;
+        EXPECT_TRUE(cells[6] == " none " || says(content(RULES), cells[6])) << outage;
     }
     bool is_well() const {
         return wait_until([&] { return a.console({"status"}).status == 0; });
