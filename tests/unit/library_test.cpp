@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "checks.h"
+#include "field.h"
 #include "line_text.h"
 #include "log_printf.h"
 #include "printable.h"
@@ -180,6 +181,17 @@ TEST(Library, FormsLinesAsPrintfDoes) {
     text.add(agt::shown("exactly eight\r\n and more of it, which is cut"));
     EXPECT_EQ(std::string_view(text),
               "a literal-12cxyexactly eight\\x0d\\x0a and more of it, which is cu");
+}
+
+TEST(Library, ReadsNumbersOfFieldsAsStrtolDoes) {
+    for (const char* text :
+         {"", "7", "  42 ", "\t\v-3x", "+9", "+-9", "- 1", "x1", "0x1", "00012",
+          "99999999999999999999", "-99999999999999999999", "123456789012345678901"}) {
+        char field[22] = {};
+        std::snprintf(field, sizeof field, "%s", text);
+        field[21] = '1'; // the place of the terminator, which a peer may fill
+        EXPECT_EQ(agt::get_long(field), std::strtol(text, nullptr, 10)) << text;
+    }
 }
 
 TEST(Library, ShowsControlBytesAndLeavesTheOthers) {

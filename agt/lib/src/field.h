@@ -2,8 +2,10 @@
 // characters and a last byte, which is a terminator whatever the sender put there.
 #pragma once
 
+#include <algorithm>
+#include <charconv>
+#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace agt {
@@ -60,7 +62,15 @@ template <std::size_t N> void put_percent(char (&field)[N], double value) {
 // Leading blanks are skipped and what follows the digits is ignored; a value beyond the range of
 // long is the nearest one.
 template <std::size_t N> long get_long(const char (&field)[N]) {
-    return std::strtol(field_text<N>(field), nullptr, 10);
+    const char* end = field + N - 1;
+    const char* at =
+        std::find_if(field, end, [](char c) { return c != ' ' && (c < '\t' || c > '\r'); });
+    if (at != end && *at == '+' && *++at == '-')
+        return 0;
+    long value = 0;
+    if (std::from_chars(at, end, value).ec == std::errc::result_out_of_range)
+        return *at == '-' ? LONG_MIN : LONG_MAX;
+    return value;
 }
 
 // The same as an int; a value beyond its range loses its high bits.

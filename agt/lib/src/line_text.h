@@ -39,7 +39,7 @@ class line_text {
         std::memcpy(at_, piece.bytes, N);
         at_ += piece.length;
     }
-    void add(shown piece) { at_ += put_shown(piece, {}, at_, room()); }
+    void add(shown piece) { at_ += put_shown(piece.text, {}, at_, room()); }
     void add(char piece) { add(std::string_view(&piece, 1)); }
     template <std::integral Number> void add(Number piece) {
         if (room() >= LONGEST_NUMBER)

@@ -19,46 +19,59 @@ struct shown {
     explicit shown(const char (&field)[N]) : text(field, strnlen(field, N - 1)) {}
 };
 
-// Whether one of the eight bytes is a control byte.
-inline bool has_control_byte(std::uint64_t bytes) {
-    constexpr std::uint64_t each = 0x0101010101010101;
-    const std::uint64_t deleted = bytes ^ (each * 0x7f);
-    return (((bytes - each * 0x20) & ~bytes) | ((deleted - each) & ~deleted)) & (each * 0x80);
+inline bool is_control(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
-// Writes what shows `piece`, cut to `room` bytes, to `out`; the control bytes in `kept` stay, too.
+// Whether one of the eight bytes is a control byte.
+inline bool has_control(std::uint64_t bytes) {
+    constexpr std::uint64_t each = 0x0101010101010101;
+    const std::uint64_t deleted = bytes ^ (each * 0x7f);
+    return ((((bytes - each * 0x20) & ~bytes) | ((deleted - each) & ~deleted)) & (each * 0x80)) !=
+           0;
+}
+
+// Copies a text without control bytes, eight at a time; false, with anything copied, for another.
+inline bool copy_plain(std::string_view text, char* out) {
+    std::uint64_t eight = 0;
+    const auto copy_eight = [&](std::size_t at) {
+        std::memcpy(&eight, text.data() + at, sizeof eight);
+        std::memcpy(out + at, &eight, sizeof eight);
+        return !has_control(eight);
+    };
+    std::size_t at = 0;
+    for (; at + sizeof eight <= text.size(); at += sizeof eight)
+        if (!copy_eight(at))
+            return false;
+    if (at > 0)
+        return copy_eight(text.size() - sizeof eight);
+    for (; at < text.size(); ++at)
+        if (out[at] = text[at]; is_control(text[at]))
+            return false;
+    return true;
+}
+
+// Writes what shows `text`, cut to `room` bytes, to `out`; the control bytes in `kept` stay, too.
 // The bytes written.
-inline std::size_t put_shown(shown piece, std::string_view kept, char* out, std::size_t room) {
-    static constexpr char DIGITS[] = "0123456789abcdef";
-    const std::string_view text = piece.text.substr(0, room);
-    std::size_t used = 0;
-    for (std::uint64_t eight = 0; used + sizeof eight <= text.size(); used += sizeof eight) {
-        std::memcpy(&eight, text.data() + used, sizeof eight);
-        if (has_control_byte(eight))
-            break;
-        std::memcpy(out + used, &eight, sizeof eight);
-    }
-    for (const char c : text.substr(used)) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool stays = (byte >= 0x20 && byte != 0x7f) || kept.find(c) != kept.npos;
-        const char digits[] = {'\\', 'x', DIGITS[byte >> 4], DIGITS[byte & 15]};
-        used += (stays ? std::string_view(&c, 1) : std::string_view(digits, sizeof digits))
-                    .copy(out + used, room - used);
-    }
-    return used;
+std::size_t put_escaped(std::string_view text, std::string_view kept, char* out, std::size_t room);
+
+// The same, at once for a text without control bytes.
+inline std::size_t put_shown(std::string_view text, std::string_view kept, char* out,
+                             std::size_t room) {
+    return text.size() <= room && copy_plain(text, out) ? text.size()
+                                                        : put_escaped(text, kept, out, room);
 }
 
 // Such a text for a line of the log, which holds no more of it. Asks for no memory.
 class printable {
   public:
-    explicit printable(shown piece, std::string_view kept = {})
-        : length_(put_shown(piece, kept, text_, sizeof text_ - 1)) {
+    explicit printable(std::string_view text, std::string_view kept = {})
+        : length_(put_shown(text, kept, text_, sizeof text_ - 1)) {
         text_[length_] = '\0';
     }
-    explicit printable(std::string_view text, std::string_view kept = {})
-        : printable(shown(text), kept) {}
     explicit printable(char c) : printable(std::string_view(&c, 1)) {}
-    template <std::size_t N> explicit printable(const char (&field)[N]) : printable(shown(field)) {}
+    template <std::size_t N>
+    explicit printable(const char (&field)[N]) : printable(shown(field).text) {}
 
     const char* c_str() const { return text_; }
     std::string str() const { return {text_, length_}; }

@@ -48,30 +48,30 @@ constexpr int CHILD_SEND_LIMIT_MS = 60000;
 
 enum class outcome { done, later };
 
-// The last byte of every text field of a request becomes its terminator, whatever the sender put
-// there.
-template <std::size_t N> void show_field(std::string_view label, char (&field)[N]) {
+// Gives the field its terminator, whatever the sender put there.
+template <std::size_t L, std::size_t N>
+void show_field(agt::log_batch& lines, const char (&label)[L], char (&field)[N]) {
     field[N - 1] = '\0';
-    agt::log_line("(i) -> ", label, " - '", agt::shown(field), "'");
+    lines.line("(i) -> ", label, " - '", agt::shown(field), "'");
 }
 
-void show_nothing(TCP_CMD_MSG&) {}
+void show_nothing(TCP_CMD_MSG&, agt::log_batch&) {}
 
 outcome renew_service_list(TCP_CMD_MSG&, TCP_CMD_MSG&) {
     return outcome::done;
 }
 
-void show_config(TCP_CMD_MSG& request) {
+void show_config(TCP_CMD_MSG& request, agt::log_batch& lines) {
     auto& body = request.body.set_sys_config_set_req;
-    show_field("IPADDR        ", body.ipaddr);
-    show_field("LOG_FLAG_SET  ", body.log_flag_set);
-    show_field("LOG_QCNT      ", body.log_qcnt);
-    show_field("LOG_ONOFF     ", body.log_onoff);
-    show_field("SFILTER_ONOFF ", body.sfilter_onoff);
-    show_field("CALL_TRC_DEPTH", body.call_trc_depth);
-    show_field("CALL_TRC_LIMIT", body.call_trc_limit);
-    show_field("DBIO_TRC_LIMIT", body.dbio_trc_limit);
-    show_field("SQL_TRC_LIMIT ", body.sql_trc_limit);
+    show_field(lines, "IPADDR        ", body.ipaddr);
+    show_field(lines, "LOG_FLAG_SET  ", body.log_flag_set);
+    show_field(lines, "LOG_QCNT      ", body.log_qcnt);
+    show_field(lines, "LOG_ONOFF     ", body.log_onoff);
+    show_field(lines, "SFILTER_ONOFF ", body.sfilter_onoff);
+    show_field(lines, "CALL_TRC_DEPTH", body.call_trc_depth);
+    show_field(lines, "CALL_TRC_LIMIT", body.call_trc_limit);
+    show_field(lines, "DBIO_TRC_LIMIT", body.dbio_trc_limit);
+    show_field(lines, "SQL_TRC_LIMIT ", body.sql_trc_limit);
 }
 
 bool is_queue_count(int n) {
@@ -136,12 +136,12 @@ void log_file_systems(int rows) {
     }
 }
 
-void show_resource(TCP_CMD_MSG& request) {
+void show_resource(TCP_CMD_MSG& request, agt::log_batch& lines) {
     auto& body = request.body.set_sys_resource_set_req;
-    show_field("CPU_ALERT_SEC      ", body.cpu_alert_sec);
-    show_field("CPU_ALERT_PCNT     ", body.cpu_alert_pcnt);
-    show_field("FILE_SYS_ALERT_PCNT", body.file_sys_alert_pcnt);
-    show_field("MAX_FILE_SYS_LIST  ", body.file_sys_list);
+    show_field(lines, "CPU_ALERT_SEC      ", body.cpu_alert_sec);
+    show_field(lines, "CPU_ALERT_PCNT     ", body.cpu_alert_pcnt);
+    show_field(lines, "FILE_SYS_ALERT_PCNT", body.file_sys_alert_pcnt);
+    show_field(lines, "MAX_FILE_SYS_LIST  ", body.file_sys_list);
 }
 
 outcome set_sys_resource(TCP_CMD_MSG& request, TCP_CMD_MSG&) {
@@ -183,7 +183,7 @@ struct command {
     const char* request; // names in the log
     const char* response;
     // Terminates the fields of the request and writes them to the log.
-    void (*show)(TCP_CMD_MSG& request);
+    void (*show)(TCP_CMD_MSG& request, agt::log_batch& lines);
     // Does what the request asks for. The answer has its type and the result code '0'. One that is
     // to be tried again later has done nothing, and answers so.
     outcome (*handle)(TCP_CMD_MSG& request, TCP_CMD_MSG& answer);
@@ -220,9 +220,9 @@ const command* find_command(char type) {
 
 // What was asked for reaches the log before anything is changed.
 void show_request(const command& wanted, TCP_CMD_MSG& request) {
-    const agt::log_batch batch;
-    agt::log_printf("(i) MSGRCV : [[ %s ]]", wanted.request);
-    wanted.show(request);
+    agt::log_batch lines;
+    lines.line("(i) MSGRCV : [[ ", std::string_view(wanted.request), " ]]");
+    wanted.show(request, lines);
 }
 
 outcome carry_out(const command& wanted, TCP_CMD_MSG& request, TCP_CMD_MSG& answer) {
@@ -233,13 +233,13 @@ outcome carry_out(const command& wanted, TCP_CMD_MSG& request, TCP_CMD_MSG& answ
 
 void send_answer(const command& wanted, int sockfd, TCP_CMD_MSG& answer) {
     const int slen = send_msg(sockfd, answer);
-    const agt::log_batch batch;
+    agt::log_batch lines;
     if (slen < 0 && !agt::cancelled())
         agt::log_printf("<!> tcp send error.. slen : %d", slen);
     if (slen < 0)
         drop_cmd_client(sockfd, "answer not taken");
-    agt::log_printf("(i) MSGSND : [[ %s ]]", wanted.response);
-    agt::log_line("(i) -> RESULT_CODE - '", result_code_of(answer), "'");
+    lines.line("(i) MSGSND : [[ ", std::string_view(wanted.response), " ]]");
+    lines.line("(i) -> RESULT_CODE - '", result_code_of(answer), "'");
 }
 
 // What the child that serves an extended request inherits beyond its own connection.
