@@ -7,7 +7,6 @@
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
-#include <spawn.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
@@ -116,9 +115,6 @@ WRAP_IF((op->sem_op < 0 || error_of(NUMBER(semtimedop)) == EINTR), // what is he
         int, semtimedop, (int id, sembuf* op, std::size_t count, const timespec* limit) noexcept,
         -1, id, op, count, limit)
 WRAP(pid_t, fork, () noexcept, -1)
-WRAP(int, posix_spawn, (pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
-     const posix_spawnattr_t* how, char* const* argv, char* const* env),
-     errno, pid, path, actions, how, argv, env)
 WRAP(int, pthread_create, (pthread_t* thread, const pthread_attr_t* how, void* (*entry)(void*),
      void* arg) noexcept, errno, thread, how, entry, arg)
 WRAP(int, pselect, (int count, fd_set* in, fd_set* out, fd_set* other, const timespec* limit,
@@ -134,6 +130,11 @@ WRAP(int, gethostbyname_r, (const char* name, hostent* entry, char* buffer, std:
      hostent** found, int* error), (sleep(30), *found = nullptr, 0),
      name, entry, buffer, size, found, error)
 // clang-format on
+
+// The child would return from here into what the parent still needs.
+pid_t vfork() noexcept {
+    return fails(NUMBER(vfork)) ? -1 : REAL(pid_t, fork, ())();
+}
 
 int open(const char* path, int flags, ...) {
     va_list mode;

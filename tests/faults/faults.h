@@ -12,7 +12,7 @@ inline constexpr std::string_view CALLS[] = {
     "recv",        "sendmsg", "read",         "write",          "poll",
     "pselect",     "accept4", "connect",      "socket",         "open",
     "pipe2",       "eventfd", "shmget",       "shmat",          "semget",
-    "semtimedop",  "fork",    "posix_spawn",  "pthread_create", "malloc",
+    "semtimedop",  "fork",    "vfork",        "pthread_create", "malloc",
     "calloc",      "time",    "gettimeofday", "clock_gettime",  "gethostbyname_r",
     "getpeername", "sendto",  "send"};
 

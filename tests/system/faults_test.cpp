@@ -96,8 +96,8 @@ TEST_P(RunningFaults, PassAndLeaveNothing) {
 }
 const fault_case RUNNING_FAULTS[] = {
     {"fork", EAGAIN, {"<!> fork error. errno : 11"}, "remote_command"},
-    {"posix_spawn", EAGAIN, {}, "remote_command", true}, // it is forked then
-    {"posix_spawn", EAGAIN, {"(I) run script : "}, "update"},
+    {"vfork", EAGAIN, {}, "remote_command", true}, // it is forked then
+    {"vfork", EAGAIN, {"(I) run script : "}, "update"},
     {"pipe2", EMFILE, {"(i) send datas... ok.. len=(8)"}, "remote_command"},
     {"pthread_create", EAGAIN, {NO_THREAD}, "reload"},
     {"socket", EMFILE, {NO_CONNECTION}, "reload"},

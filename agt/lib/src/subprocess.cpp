@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -186,46 +185,80 @@ void flush_outputs() {
 }
 
 [[noreturn]] void run_child(subprocess_entry_t entry, void* arg) {
-    restore_signals();
+    restore_signals({});
     entry(arg);
     flush_outputs();
     _exit(0);
 }
 
-// Starts a shell with `out` and `err` as its outputs (-1: the caller's). Much cheaper than a fork,
-// whose copy of the page tables the shell would throw away, and safe in a process with several
-// threads. The pid, or -1.
-// With `own_group`, in a process group of its own.
-pid_t spawn_shell(const char* command, int out, int err, bool own_group) {
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_t actions;
+sigset_t every_signal() {
     sigset_t every;
+    sigfillset(&every);
+    return every;
+}
+
+// Returns only when it fails.
+void exec_shell(const char* command) {
+    close_range(FIRST_OWN_FD, UINT_MAX, 0);
+    execl(SHELL, "sh", "-c", command, static_cast<char*>(nullptr));
+}
+
+struct shell_start {
+    const char* command;
+    int out; // its outputs, -1: the caller's
+    int err;
+    bool own_group; // a process group of its own
+};
+
+sigset_t changed_signals = every_signal(); // that may have another action than the default
+
+void give_default_actions(const sigset_t& of) {
+    struct sigaction action {};
+    action.sa_handler = SIG_DFL;
+    for (int signo = 1; signo < NSIG; ++signo)
+        if (sigismember(&of, signo) == 1)
+            sigaction(signo, &action, nullptr);
+}
+
+// In the memory of the parent, which waits until the shell runs or could not be started.
+[[noreturn]] void become_shell(const shell_start& how, int* error) {
     sigset_t none;
-    std::memset(
-        &every, 0xff,
-        sizeof every); // the C library's own signals too, which it would have ignored otherwise
     sigemptyset(&none);
-    posix_spawnattr_init(&attributes);
-    const int group = own_group ? POSIX_SPAWN_SETPGROUP : 0;
-    posix_spawnattr_setflags(
-        &attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | group));
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &every);
-    posix_spawn_file_actions_init(&actions);
-    if (out >= 0)
-        posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-    if (err >= 0)
-        posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-    posix_spawn_file_actions_addclosefrom_np(&actions, FIRST_OWN_FD);
-    char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
-                          const_cast<char*>(command), nullptr};
-    pid_t pid = -1;
-    const int error = posix_spawn(&pid, SHELL, &actions, &attributes, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (error != 0)
-        errno = error;
-    return error == 0 ? pid : -1;
+    if (how.own_group)
+        setpgid(0, 0);
+    if (how.out >= 0)
+        dup2(how.out, STDOUT_FILENO);
+    if (how.err >= 0)
+        dup2(how.err, STDERR_FILENO);
+    give_default_actions(changed_signals);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    exec_shell(how.command);
+    *error = errno;
+    _exit(1);
+}
+
+pid_t start_shell(const shell_start& how, int* error) {
+    const pid_t pid = vfork();
+    if (pid == 0)
+        become_shell(how, error);
+    return pid;
+}
+
+// Much cheaper than a fork, whose copy of the page tables the shell would throw away, and safe in a
+// process with several threads: no handler runs in the shared memory. The pid, or -1.
+pid_t spawn_shell(const shell_start& how) {
+    const sigset_t every = every_signal();
+    sigset_t usual;
+    int error = 0;
+    pthread_sigmask(SIG_SETMASK, &every, &usual);
+    const pid_t pid = start_shell(how, &error);
+    const int failure = pid == -1 ? errno : error;
+    pthread_sigmask(SIG_SETMASK, &usual, nullptr);
+    if (pid != -1 && failure != 0)
+        waitpid(pid, nullptr, 0);
+    if (failure != 0)
+        errno = failure;
+    return failure == 0 ? pid : -1;
 }
 
 void become(const pipe_ends& ends, int target) {
@@ -243,7 +276,7 @@ pid_t start_child(subprocess_entry_t entry, void* arg, const pipe_ends& out, con
     flush_outputs();
     if (entry == exec_entry) {
         const pid_t pid =
-            spawn_shell(static_cast<const char*>(arg), out.write.get(), err.write.get(), false);
+            spawn_shell({static_cast<const char*>(arg), out.write.get(), err.write.get(), false});
         if (pid != -1)
             return pid;
     }
@@ -287,8 +320,7 @@ void* opaque(const char* command) {
 } // namespace
 
 void exec_entry(void* command) {
-    close_range(FIRST_OWN_FD, UINT_MAX, 0);
-    execl(SHELL, "sh", "-c", static_cast<const char*>(command), static_cast<char*>(nullptr));
+    exec_shell(static_cast<const char*>(command));
     _exit(1);
 }
 
@@ -354,11 +386,21 @@ void subprocess_result_free(subprocess_result_t* result) {
     std::free(result);
 }
 
-void restore_signals() {
-    struct sigaction action {};
-    action.sa_handler = SIG_DFL;
-    for (int signo = 1; signo < NSIG; ++signo)
-        sigaction(signo, &action, nullptr);
+void note_signals() {
+    sigemptyset(&changed_signals);
+    for (int signo = 1; signo < NSIG; ++signo) {
+        struct sigaction action {};
+        if (sigaction(signo, nullptr, &action) == 0 &&
+            (action.sa_handler != SIG_DFL || (action.sa_flags & SA_NOCLDWAIT) != 0))
+            sigaddset(&changed_signals, signo);
+    }
+}
+
+void restore_signals(std::initializer_list<int> kept) {
+    sigset_t restored = changed_signals;
+    for (const int signo : kept)
+        sigdelset(&restored, signo);
+    give_default_actions(restored);
     sigset_t none;
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
@@ -368,7 +410,7 @@ bool shell_reader_start(const char* command, shell_reader* reader) {
     pipe_ends out;
     if (!open_pipe(out))
         return false;
-    const pid_t pid = spawn_shell(command, out.write.get(), -1, true);
+    const pid_t pid = spawn_shell({command, out.write.get(), -1, true});
     if (pid != -1)
         *reader = {pid, out.read.release()};
     return pid != -1;

@@ -257,9 +257,7 @@ void close_inherited(int sockfd) {
 
 [[noreturn]] void serve_in_child(int sockfd, const TCP_CMD_MSG& request) {
     agt::set_cancel_fd(-1);
-    agt::restore_signals();
-    for (const int signo : {SIGPIPE, SIGXFSZ}) // what it runs gets the default back
-        std::signal(signo, SIG_IGN);
+    agt::restore_signals({SIGPIPE, SIGXFSZ}); // what it runs gets the default back
     close_inherited(sockfd);
     agt::set_send_limit(CHILD_SEND_LIMIT_MS); // nobody waits behind this peer
     agt::notice_dead_peer(sockfd, CHILD_SEND_LIMIT_MS);

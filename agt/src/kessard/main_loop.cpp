@@ -24,6 +24,7 @@
 #include "process_globals.h"
 #include "service_manager.h"
 #include "state_file.h"
+#include "subprocess.h"
 #include "tcp_base.h"
 #include "tcp_send.h"
 #include "threads.h"
@@ -127,6 +128,7 @@ void install_signals(bool daemon_mode) {
         handle(SIGINT, sig_term, 0);
         handle(SIGCHLD, sig_term, 0);
     }
+    agt::note_signals();
     agt::set_cancel_fd(signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
