@@ -33,6 +33,15 @@ double shell_us(int sockfd) {
     return whole ? static_cast<double>(took_ns) / 1e3 : NAN;
 }
 
+figures remote_command(const figure& of, const running_agent& agent) {
+    const bare_peer peer("shell");
+    const agt::unique_fd bare = peer.connect();
+    const TCP_CMD_MSG request = kessctl::ext_frame({EXT_SVC_CMD, "echo a", 0, 1});
+    return {compare(
+        of, COMMAND_ROUNDS, [&] { return remote_command_us(agent, request); },
+        [&] { return shell_us(bare.get()); })};
+}
+
 } // namespace
 
 figures command_row(running_agent& agent) {
@@ -63,12 +72,11 @@ figures clients_row(running_agent& agent) {
 }
 
 figures exec_row(running_agent& agent) {
-    const bare_peer peer("shell");
-    const agt::unique_fd bare = peer.connect();
-    const TCP_CMD_MSG request = kessctl::ext_frame({EXT_SVC_CMD, "echo a", 0, 1});
-    return {compare(
-        {"remote command 'echo a'", "us", judged::ratio, 1.5}, COMMAND_ROUNDS,
-        [&] { return remote_command_us(agent, request); }, [&] { return shell_us(bare.get()); })};
+    return remote_command({"remote command 'echo a'", "us", judged::ratio, 1.5}, agent);
+}
+
+figures exec_apart_row(running_agent& agent) {
+    return remote_command({"the same on all processors", "us", judged::ratio, 1.5}, agent);
 }
 
 } // namespace bench

@@ -63,14 +63,15 @@ std::string run_case(const running_agent& agent, const measured_case& one) {
 }
 
 // Not a number when something about it failed.
-double side_of(const nlohmann::json& result, const std::string& side) {
-    samples ns;
+spread side_of(const nlohmann::json& result, const std::string& side, double unit_ns) {
+    samples values;
     for (const auto& run : result.value("benchmarks", nlohmann::json::array())) {
         if (run.value("run_type", "") == "iteration" &&
             run.value("name", "").find("/" + side) != std::string::npos)
-            ns.push_back(run.value("error_occurred", false) ? NAN : run.value("cpu_time", NAN));
+            values.push_back(
+                (run.value("error_occurred", false) ? NAN : run.value("cpu_time", NAN)) / unit_ns);
     }
-    return median(ns);
+    return spread(values);
 }
 
 figure measure_case(const running_agent& agent, const measured_case& one) {
@@ -79,8 +80,8 @@ figure measure_case(const running_agent& agent, const measured_case& one) {
     if (!result.is_object())
         return measured;
     const double unit_ns = one.of.unit == "us" ? NS_OF_US : NS_OF_MS;
-    measured.kessard = side_of(result, "kessard") / unit_ns;
-    measured.bare = side_of(result, "bare") / unit_ns;
+    measured.kessard = side_of(result, "kessard", unit_ns);
+    measured.bare = side_of(result, "bare", unit_ns);
     return measured;
 }
 

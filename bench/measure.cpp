@@ -23,13 +23,14 @@ double now_us() {
     return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
 }
 
-double median(samples values) {
+spread::spread(samples values) : spread() {
     if (values.empty() ||
         std::any_of(values.begin(), values.end(), [](double one) { return std::isnan(one); }))
-        return NAN;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+        return;
+    std::sort(values.begin(), values.end());
+    low = values[values.size() / 4];
+    middle = values[values.size() / 2];
+    high = values[values.size() * 3 / 4];
 }
 
 bool interrupted() {
@@ -52,8 +53,8 @@ figure compare(const figure& of, int rounds, const std::function<double()>& kess
         sides[1].push_back(interrupted() ? NAN : bare());
     }
     figure measured = of;
-    measured.kessard = median(sides[0]);
-    measured.bare = median(sides[1]);
+    measured.kessard = spread(sides[0]);
+    measured.bare = spread(sides[1]);
     return measured;
 }
 

@@ -14,25 +14,32 @@ namespace bench {
 // What is held against the limit: the daemon's side over the bare one, or the daemon's side alone.
 enum class judged { ratio, own };
 
+using samples = std::vector<double>;
+
+// The middle of samples, and the quarters of them below and above. Not a number when there are none
+// or one of them is not.
+struct spread {
+    double low;
+    double middle;
+    double high;
+    spread(double all = NAN) : low(all), middle(all), high(all) {}
+    explicit spread(samples values);
+};
+
 struct figure {
     std::string name;
     std::string unit;
     judged by = judged::ratio;
     double limit = INFINITY;
     bool at_least = false; // whether the limit is the least or the most
-    double kessard = NAN;  // median
-    double bare = NAN;     // median; not a number without a bare side
-    double ratio() const { return kessard / bare; }
-    double value() const { return by == judged::ratio ? ratio() : kessard; }
+    spread kessard;
+    spread bare; // not a number without a bare side
+    double ratio() const { return kessard.middle / bare.middle; }
+    double value() const { return by == judged::ratio ? ratio() : kessard.middle; }
     bool within() const { return at_least ? value() >= limit : value() <= limit; }
 };
 
-using samples = std::vector<double>;
-
 double now_us();
-
-// Not a number when there are none or one of them is not.
-double median(samples values);
 
 // Whether the user wants an end (SIGINT, SIGTERM): measurements fail from then on. A peer that has
 // gone fails them too.

@@ -13,9 +13,10 @@ using figures = std::vector<figure>;
 figures command_row(running_agent& agent); // a settings request against an echo
 figures
 clients_row(running_agent& agent); // five such requests at once against an echo of five connections
-figures exec_row(running_agent& agent);     // a remote command against fork and exec
-figures services_row(running_agent& agent); // a load of 10,000 services against the bare exchange
-figures notify_row(running_agent& agent);   // the notifier against a ping-pong
+figures exec_row(running_agent& agent);       // a remote command against fork and exec
+figures exec_apart_row(running_agent& agent); // the same, with all processors
+figures services_row(running_agent& agent);   // a load of 10,000 services against the bare exchange
+figures notify_row(running_agent& agent);     // the notifier against a ping-pong
 figures transfer_row(
     running_agent& agent); // files up and down against a bare copy, memory of the serving child
 figures

@@ -116,27 +116,28 @@ figures startup_row(running_agent&) {
     for (int i = 0; i < STARTS && !interrupted(); ++i)
         for (side* one : {&kessard, &left, &touched})
             one->measure();
-    const double new_ms = median(kessard.ms[0]);
-    const double existing_ms = median(kessard.ms[1]);
-    const double new_mb = median(kessard.mb[0]);
-    const double existing_mb = median(kessard.mb[1]);
+    const spread new_ms = spread(kessard.ms[0]);
+    const spread existing_ms = spread(kessard.ms[1]);
+    const spread new_mb = spread(kessard.mb[0]);
+    const spread existing_mb = spread(kessard.mb[1]);
     const auto own = judged::own;
     const auto ratio = judged::ratio;
     return {
-        {"start on new objects", "ms", own, STARTUP_LIMIT_MS, false, new_ms, median(left.ms[0])},
+        {"start on new objects", "ms", own, STARTUP_LIMIT_MS, false, new_ms, spread(left.ms[0])},
         {"  bare: every page cleared", "ms", ratio, TOUCHED_LIMIT, false, new_ms,
-         median(touched.ms[0])},
-        {"start on existing objects", "ms", own, new_ms, false, existing_ms, median(left.ms[1])},
+         spread(touched.ms[0])},
+        {"start on existing objects", "ms", own, new_ms.middle, false, existing_ms,
+         spread(left.ms[1])},
         {"  bare: every page cleared", "ms", ratio, TOUCHED_LIMIT, false, existing_ms,
-         median(touched.ms[1])},
+         spread(touched.ms[1])},
         {"memory after a start on new objects", "MB", own, MEMORY_LIMIT_MB, false, new_mb,
-         median(left.mb[0])},
+         spread(left.mb[0])},
         {"  bare: every page cleared", "MB", ratio, TOUCHED_LIMIT, false, new_mb,
-         median(touched.mb[0])},
+         spread(touched.mb[0])},
         {"memory after a start on existing ones", "MB", own, MEMORY_LIMIT_MB, false, existing_mb,
-         median(left.mb[1])},
+         spread(left.mb[1])},
         {"  bare: every page cleared", "MB", ratio, TOUCHED_LIMIT, false, existing_mb,
-         median(touched.mb[1])}};
+         spread(touched.mb[1])}};
 }
 
 figures idle_row(running_agent& agent) {
