@@ -94,11 +94,10 @@ void print_json(const figures& measured, const std::string& load_before) {
         rows.push_back({{"name", one.name},
                         {"unit", one.unit},
                         {"kessard", one.kessard.middle},
-                        {"kessard_quartiles", {one.kessard.low, one.kessard.high}},
                         {"bare", one.bare.middle},
-                        {"bare_quartiles", {one.bare.low, one.bare.high}},
                         {"ratio", one.ratio()},
-                        {"value", one.value()},
+                        {"value", one.value().middle},
+                        {"value_quartiles", {one.value().low, one.value().high}},
                         {one.at_least ? "at_least" : "at_most", one.limit},
                         {"within", one.within()}});
     const nlohmann::ordered_json all = {{"machine", machine()},

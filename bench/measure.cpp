@@ -33,6 +33,16 @@ spread::spread(samples values) : spread() {
     high = values[values.size() * 3 / 4];
 }
 
+spread figure::value() const {
+    if (by == judged::own)
+        return kessard;
+    spread of;
+    of.low = kessard.low / bare.high;
+    of.middle = ratio();
+    of.high = kessard.high / bare.low;
+    return of;
+}
+
 bool interrupted() {
     return ended != 0;
 }

@@ -35,8 +35,9 @@ struct figure {
     spread kessard;
     spread bare; // not a number without a bare side
     double ratio() const { return kessard.middle / bare.middle; }
-    double value() const { return by == judged::ratio ? ratio() : kessard.middle; }
-    bool within() const { return at_least ? value() >= limit : value() <= limit; }
+    // What is held against the limit; of a ratio the quarters are those that the two sides allow.
+    spread value() const;
+    bool within() const { return at_least ? value().middle >= limit : value().middle <= limit; }
 };
 
 double now_us();

@@ -10,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
+#include <sys/sendfile.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -172,6 +173,13 @@ ssize_t send(int fd, const void* from, std::size_t size, int flags) {
     if (fails(NUMBER(send)))
         return -1;
     return REAL(ssize_t, send, (int, const void*, std::size_t, int))(fd, from, size, flags);
+}
+
+ssize_t sendfile(int to, int from, off_t* at, std::size_t size) noexcept {
+    const std::size_t shorter = cut(NUMBER(sendfile), from, size);
+    return fails(NUMBER(sendfile))
+               ? -1
+               : REAL(ssize_t, sendfile, (int, int, off_t*, std::size_t))(to, from, at, shorter);
 }
 
 ssize_t sendto(int fd, const void* from, std::size_t size, int flags, const sockaddr* to,

@@ -113,7 +113,7 @@ INSTANTIATE_TEST_SUITE_P(, RunningFaults, testing::ValuesIn(RUNNING_FAULTS), nam
 
 TEST_F(Faults, InterruptedCallsAreRepeatedAndShortOnesCompleted) {
     for (const bool interrupted : {true, false}) {
-        texts chosen = {"recv", "sendmsg", "read", "write"};
+        texts chosen = {"recv", "sendmsg", "sendfile", "read", "write"};
         if (interrupted)
             chosen.insert(chosen.end(), {"poll", "pselect", "accept4", "semtimedop"});
         a.mark_log();
@@ -314,13 +314,19 @@ TEST_F(Faults, ADownloadThatCannotBeSentIsBrokenOff) {
                    a.count_log(line + (nth == 1 ? "mb" : "body") + " len=(-1)") == 1;
         }));
     EXPECT_TRUE(wait_until([&] { // nothing of the second file follows where the first broke off
+        set("sendfile", EPIPE);
         set("sendmsg", ECONNRESET, 0, 3);
         const std::string got = ask_ext(a, "0003R" + ext_items({a.path("there"), a.path("there")}));
         return a.count_log("<!> error for send file data.... |" + a.path("there")) > 0 &&
                !got.ends_with("content");
     }));
     clear();
-    EXPECT_EQ(a.console(get).status, 0);
+    for (const int error : {0, EIO, EINVAL}) { // as where a file cannot be sent from the page cache
+        set("sendfile", error);
+        EXPECT_EQ(a.console(get).status, 0);
+        EXPECT_EQ(content(a.path("here/there")), "content");
+        std::filesystem::remove(a.path("here/there"));
+    }
     expect_end();
 }
 

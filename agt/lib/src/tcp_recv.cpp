@@ -132,11 +132,20 @@ int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout) {
     return recv_within(sockfd, buffer, length, timeout, 0);
 }
 
-int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout) {
-    const auto got = static_cast<int>(recv_now(sockfd, buffer, static_cast<std::size_t>(length)));
-    if (got < 0 && (errno == EAGAIN || errno == EINTR))
+int recv_tcp_data_soon(int sockfd, void* buffer, int length, int timeout, int soon_ms,
+                       void (*late)()) {
+    const bool soon = wait_data(sockfd, soon_ms) == wait_result::ready;
+    const auto got =
+        soon ? static_cast<int>(recv_now(sockfd, buffer, static_cast<std::size_t>(length))) : -1;
+    const bool nothing = got < 0 && (!soon || errno == EAGAIN || errno == EINTR);
+    if (got == length)
+        return got;
+    const int error = errno;
+    late();
+    errno = error;
+    if (nothing)
         return recv_tcp_data_timeout(sockfd, buffer, length, timeout);
-    return got == length || got < 1 ? got : recv_within(sockfd, buffer, length, timeout, got);
+    return got < 1 ? got : recv_within(sockfd, buffer, length, timeout, got);
 }
 
 int recv_tcp_piece(int sockfd, void* buffer, int length, int timeout) {

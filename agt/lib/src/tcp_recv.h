@@ -11,8 +11,9 @@ namespace agt {
 // more for every 4096 bytes of `length`.
 int recv_tcp_data_timeout(int sockfd, void* buffer, int length, int timeout);
 
-// The same on a socket that was found readable: does not look for that a second time.
-int recv_tcp_data_ready(int sockfd, void* buffer, int length, int timeout);
+// The same; calls `late` first when the whole is not there within `soon_ms`.
+int recv_tcp_data_soon(int sockfd, void* buffer, int length, int timeout, int soon_ms,
+                       void (*late)());
 
 // Receives `length` bytes like recv_tcp_data_timeout, but a read behind the first one that fails or
 // stalls ends the reception with its value, and nothing is said on standard output.

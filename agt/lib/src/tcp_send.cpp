@@ -1,11 +1,14 @@
 // Sending to a TCP peer that may take its time.
 #include "tcp_send.h"
 
+#include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -103,6 +106,46 @@ int send_parts(int sockfd, iovec* parts, std::size_t count) {
     return static_cast<int>(total);
 }
 
+// Without O_NONBLOCK the system would wait by itself, and for longer than the limits say.
+class unblocked {
+  public:
+    explicit unblocked(int fd) : fd_(fd), flags_(fcntl(fd, F_GETFL)) {
+        fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK);
+    }
+    unblocked(const unblocked&) = delete;
+    unblocked& operator=(const unblocked&) = delete;
+    ~unblocked() { fcntl(fd_, F_SETFL, flags_); }
+
+  private:
+    int fd_;
+    int flags_;
+};
+
+// The bytes that went out from the page cache: all of them, or as many as went before the end of
+// the file or an error; -1 when the peer took too long.
+int send_cached(int sockfd, int fd, int length) {
+    const unblocked while_sending(sockfd);
+    sending to{sockfd, {}, static_cast<std::size_t>(length)};
+    while (to.left > 0) {
+        const ssize_t sent = sendfile(sockfd, fd, nullptr, to.left);
+        if (sent > 0)
+            to.left -= static_cast<std::size_t>(sent);
+        else if (sent == 0 || (errno != EAGAIN && errno != EINTR))
+            break;
+        else if (errno == EAGAIN && !wait_room(to))
+            return -1;
+    }
+    return length - static_cast<int>(to.left);
+}
+
+ssize_t read_some(int fd, void* buffer, int length) {
+    ssize_t got;
+    do
+        got = ::read(fd, buffer, static_cast<std::size_t>(length));
+    while (got < 0 && errno == EINTR);
+    return got;
+}
+
 } // namespace
 
 void set_send_limit(int limit_ms) {
@@ -119,6 +162,18 @@ int send_tcp_data2(int sockfd, const void* first, int first_length, const void* 
     iovec parts[2] = {{const_cast<void*>(first), static_cast<std::size_t>(first_length)},
                       {const_cast<void*>(second), static_cast<std::size_t>(second_length)}};
     return send_parts(sockfd, parts, 2);
+}
+
+// What does not go from the page cache is read and sent, which also tells the end of the file from
+// a failure of either side.
+int send_tcp_file(int sockfd, int fd, void* buffer, int length) {
+    const int sent = tls_session_of(sockfd) == nullptr ? send_cached(sockfd, fd, length) : 0;
+    if (sent == length || sent < 0)
+        return sent;
+    const auto got = static_cast<int>(read_some(fd, buffer, length - sent));
+    if (got < 1)
+        return sent;
+    return send_tcp_data(sockfd, buffer, got) < 1 ? -1 : sent + got;
 }
 
 } // namespace agt

@@ -9,6 +9,7 @@ namespace agt {
 namespace {
 
 thread_local int cancel_fd = -1;
+thread_local bool cancel_seen = false;
 
 int remaining_ms(long long deadline_ms) {
     const long long left = deadline_ms - monotonic_ms();
@@ -36,11 +37,16 @@ bool cancelled() {
     return cancel_fd >= 0 && poll(&watched, 1, 0) > 0;
 }
 
+bool saw_cancel() {
+    return cancel_seen;
+}
+
 wait_result wait_fd(int fd, short events, int limit_ms) {
     const long long deadline_ms = limit_ms < 0 ? 0 : monotonic_ms() + limit_ms;
     for (;;) {
         pollfd watched[2] = {{fd, events, 0}, {cancel_fd, POLLIN, 0}};
         const int ret = poll(watched, 2, limit_ms < 0 ? -1 : remaining_ms(deadline_ms));
+        cancel_seen = ret > 0 && watched[1].revents != 0;
         if (ret == 0)
             return wait_result::timed_out;
         if (ret < 0 && errno == EINTR)

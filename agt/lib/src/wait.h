@@ -27,6 +27,9 @@ int get_cancel_fd();
 // Whether the calling thread's cancel descriptor is readable now.
 [[nodiscard]] bool cancelled();
 
+// Whether it was readable at the calling thread's last wait: asks the system nothing.
+[[nodiscard]] bool saw_cancel();
+
 // Waits until `fd` reports one of the poll events `events` or an error, for at most `limit_ms`
 // milliseconds (-1: no limit). `fd` -1 waits for the limit alone.
 wait_result wait_fd(int fd, short events, int limit_ms);

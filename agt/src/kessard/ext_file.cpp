@@ -259,14 +259,10 @@ bool send_announcement(int sockfd, const UT_string* body) {
 bool send_content(int sockfd, int fd, const download_file& file, char* buffer,
                   std::uint32_t& sent) {
     for (sent = 0; sent < file.size;) {
-        const ssize_t got =
-            ::read(fd, buffer, std::min<std::uint32_t>(file.size - sent, PIECE_BYTES));
-        if (got < 0 && errno == EINTR)
-            continue;
+        const auto piece = static_cast<int>(std::min<std::uint32_t>(file.size - sent, PIECE_BYTES));
+        const int got = agt::send_tcp_file(sockfd, fd, buffer, piece);
         if (got < 1)
-            return true;
-        if (agt::send_tcp_data(sockfd, buffer, static_cast<int>(got)) < 1)
-            return false;
+            return got == 0;
         sent += static_cast<std::uint32_t>(got);
         figure_add(figures->file_bytes_sent, got);
     }

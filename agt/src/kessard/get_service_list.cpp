@@ -89,7 +89,7 @@ bool within_bounds(int services, long long start_ms) {
 int receive_list(int conn_sockfd) {
     const long long start_ms = agt::monotonic_ms();
     int services = 0;
-    for (bool first = true; !agt::cancelled() && receive_answer(conn_sockfd, &r_msg, TEXTS);
+    for (bool first = true; !agt::saw_cancel() && receive_answer(conn_sockfd, &r_msg, TEXTS);
          first = false) {
         if (first)
             init_svc_hash_tbl();

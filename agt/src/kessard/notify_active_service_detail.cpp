@@ -7,6 +7,8 @@
 // (network_off) and the watcher brings it back.
 #include "notify_active_service_detail.h"
 
+#include <sys/prctl.h>
+
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -26,6 +28,7 @@ namespace kessard {
 namespace {
 
 constexpr int EMPTY_POLL_USEC = 20000;
+constexpr unsigned long SLACK_NS = 4000000; // by which the system may put a wake-up off, to others
 constexpr int LINK_DOWN_USEC = 200000;
 constexpr long FLUSH_SEC = 2;
 constexpr exchange_texts TEXTS = {.not_sent = "<!> noti_sockfd, send_tcp_data error. slen : %d",
@@ -157,6 +160,7 @@ void stop_notify_active_service_detail() {
 void* notify_active_service_detail(void*) {
     agt::log_printf("(i) notify_active_service_detail thread start... running : %d",
                     running.load());
+    prctl(PR_SET_TIMERSLACK, SLACK_NS);
     const agt::log_batch lines; // empty whenever the thread waits for long
     batch out;
     while (running != 0) {
@@ -167,7 +171,7 @@ void* notify_active_service_detail(void*) {
             continue;
         }
         agt::flush_log();
-        if (agt::cancelled())
+        if (agt::saw_cancel())
             break;
         look_at_queue();
         agt::set_idle(0, EMPTY_POLL_USEC);

@@ -1,7 +1,6 @@
 // Exchanges with the central server.
 #include "server_link.h"
 
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,7 +13,6 @@
 #include "tcp_base.h"
 #include "tcp_recv.h"
 #include "tcp_send.h"
-#include "tls.h"
 #include "tls_policy.h"
 #include "wait.h"
 
@@ -39,13 +37,6 @@ void log_no_answer(const exchange_texts& texts, int length) {
         agt::log_printf("%s", texts.late);
     else
         agt::log_printf(texts.no_answer, length);
-}
-
-// Whether the whole answer comes soon enough for the lines that belong to it to wait for it.
-bool is_answer_soon(int sockfd) {
-    char seen[TCP_CMD_MSG_SIZE];
-    return agt::wait_data(sockfd, ANSWER_SOON_MS) == agt::wait_result::ready &&
-           agt::recv_now(sockfd, seen, sizeof seen, MSG_PEEK) == TCP_CMD_MSG_SIZE;
 }
 
 } // namespace
@@ -106,9 +97,8 @@ bool send_request(int sockfd, char type, TCP_CMD_MSG* request, const exchange_te
 }
 
 bool receive_answer(int sockfd, TCP_CMD_MSG* answer, const exchange_texts& texts, int* rlen) {
-    if (!is_answer_soon(sockfd))
-        agt::flush_log();
-    const int length = agt::recv_tcp_data_ready(sockfd, answer, sizeof *answer, RECV_TIMEOUT_SEC);
+    const int length = agt::recv_tcp_data_soon(sockfd, answer, sizeof *answer, RECV_TIMEOUT_SEC,
+                                               ANSWER_SOON_MS, agt::flush_log);
     if (rlen != nullptr)
         *rlen = length;
     if (length < 1) {

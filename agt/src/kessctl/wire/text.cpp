@@ -23,7 +23,7 @@ std::string trimmed(const char* field, std::size_t size) {
 
 std::string printable(std::string_view text, std::string_view kept) {
     std::string out(4 * text.size(), '\0');
-    out.resize(agt::put_escaped(text, kept, out.data(), out.size()));
+    out.resize(agt::put_shown(text, kept, out.data(), out.size()));
     return out;
 }
 
