@@ -156,6 +156,10 @@ int recv_tcp_piece(int sockfd, void* buffer, int length, int timeout) {
     return read_rest(from, static_cast<char*>(buffer), length, 0);
 }
 
+ssize_t recv_tcp_some(int sockfd, void* buffer, std::size_t length) {
+    return read_some({sockfd, NO_LIMIT, NO_LIMIT, false}, buffer, length);
+}
+
 int recv_tcp_data(int sockfd, void* buffer, int length) {
     return recv_whole({sockfd, NO_LIMIT, NO_LIMIT, false}, buffer, length, 0);
 }

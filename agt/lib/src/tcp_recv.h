@@ -1,6 +1,10 @@
 // Receiving from a TCP session, whole or not at all (tcp_base.h).
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
+
 namespace agt {
 
 // Receives `length` bytes, waiting up to `timeout` seconds for the first. `length`; -2 when nothing
@@ -18,6 +22,9 @@ int recv_tcp_data_soon(int sockfd, void* buffer, int length, int timeout, int so
 // Receives `length` bytes like recv_tcp_data_timeout, but a read behind the first one that fails or
 // stalls ends the reception with its value, and nothing is said on standard output.
 int recv_tcp_piece(int sockfd, void* buffer, int length, int timeout);
+
+// Receives what comes next, at most `length` bytes, waiting for it; 0 the peer closed, -1 an error.
+ssize_t recv_tcp_some(int sockfd, void* buffer, std::size_t length);
 
 // recv_tcp_data_timeout without a limit on the wait for the first byte and without a word on
 // standard output; never -2.

@@ -118,6 +118,21 @@ bool command_client::receive_bytes(void* out, std::size_t length, int limit_ms) 
     return got == static_cast<int>(length) || failed_transfer("waiting for the answer", got);
 }
 
+bool command_client::receive_parts(char* buffer, std::size_t length, const part_taker& take,
+                                   int limit_ms) {
+    const time_limit limit(limit_ms);
+    for (std::size_t left = length; left > 0;) {
+        const ssize_t got = agt::recv_tcp_some(sockfd_.get(), buffer, left);
+        if (got < 1)
+            return failed_transfer("waiting for the answer", static_cast<int>(got));
+        heard_ = true;
+        left -= static_cast<std::size_t>(got);
+        if (!take({buffer, static_cast<std::size_t>(got)}))
+            return false;
+    }
+    return true;
+}
+
 bool command_client::receive(TCP_CMD_MSG* out, int limit_ms) {
     if (!receive_bytes(out, sizeof *out, limit_ms))
         return false;

@@ -9,8 +9,10 @@
 
 #include <netinet/in.h>
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "kessard/cmd_msg.h"
 #include "tls_identity.h"
@@ -45,6 +47,11 @@ class command_client {
 
     // Receives exactly `length` bytes; what has arrived of them when it fails is lost.
     [[nodiscard]] bool receive_bytes(void* out, std::size_t length,
+                                     int limit_ms = COMMAND_LIMIT_MS);
+    // Receives `length` bytes and hands them over as they come, in `buffer`, which has room for
+    // them; false, with the errno of `take`, also when it does not take them.
+    using part_taker = std::function<bool(std::string_view)>;
+    [[nodiscard]] bool receive_parts(char* buffer, std::size_t length, const part_taker& take,
                                      int limit_ms = COMMAND_LIMIT_MS);
     // Receives one frame; one without the magic is a failure.
     [[nodiscard]] bool receive(TCP_CMD_MSG* out, int limit_ms = COMMAND_LIMIT_MS);

@@ -195,6 +195,10 @@ ext_result receive_file(command_client& client, const ST_FILE_INFO& info, new_fi
     const std::string name = announced_name(info);
     const std::uint64_t size = ntohl(info.size);
     std::vector<char> piece(std::min<std::uint64_t>(size, PIECE_BYTES));
+    bool stored = true;
+    const auto store = [&](std::string_view part) {
+        return stored = file.write(part.data(), part.size());
+    };
     observe(name, 0, size);
     for (std::uint64_t done = 0; done < size;) {
         const auto length =
@@ -202,10 +206,9 @@ ext_result receive_file(command_client& client, const ST_FILE_INFO& info, new_fi
         if (done == 0 && !begins(client, limit_ms))
             return failed("the agent announces " + printable(name) +
                           " and does not send it: most likely it may not read it");
-        if (!client.receive_bytes(piece.data(), length, limit_ms))
-            return failed(printable(name) + " did not come whole: " + client.error());
-        if (!file.write(piece.data(), length))
-            return failed_call(file.path());
+        if (!client.receive_parts(piece.data(), length, store, limit_ms))
+            return stored ? failed(printable(name) + " did not come whole: " + client.error())
+                          : failed_call(file.path());
         done += length;
         observe(name, done, size);
     }
