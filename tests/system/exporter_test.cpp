@@ -156,17 +156,33 @@ TEST_F(Exporter, ShowsItsPageInABrowser) {
     serve();
     add_process("<img src=x onerror=document.body.id='taken'>");
     ASSERT_TRUE(wait_until([&] { return get("/").holds("onerror"); }));
-    const program_result shown =
-        run_program({CHROMIUM, "--headless=new", "--no-sandbox", "--disable-gpu",
-                     "--disable-background-networking", "--user-data-dir=" + a.path("chromium"),
-                     "--dump-dom", "http://127.0.0.1:" + std::to_string(port) + "/"},
-                    {}, 3 * LIMIT_MS);
-    const std::string& dom = shown.out;
+    const auto dom_of = [&](const std::string& url, const std::string& width) {
+        const texts words = {CHROMIUM,
+                             "--headless=new",
+                             "--no-sandbox",
+                             "--disable-gpu",
+                             "--disable-background-networking",
+                             "--user-data-dir=" + a.path("chromium"),
+                             "--window-size=" + width + ",900",
+                             "--dump-dom",
+                             url};
+        return run_program(words, {}, 3 * LIMIT_MS).out;
+    };
+    const std::string dom = dom_of("http://127.0.0.1:" + std::to_string(port) + "/", "1280");
     EXPECT_TRUE(in_order(dom, {"<h1>ok</h1>", "<svg", "</svg>", "<svg", "</svg>", "service table",
-                               ">housekeeping</td>", "onerror", "</html>"}))
-        << shown.err;
+                               ">housekeeping</td>", "onerror", "</html>"}));
     EXPECT_EQ(dom.find("<img"), dom.npos);
     EXPECT_EQ(dom.find("id=\"taken\""), dom.npos);
+    // Nothing beside the screen, and no cell of a worker in more lines than it has words.
+    a.write_file("page.html", get("/").body + R"(<script>
+        const range = document.createRange(), page = document.documentElement;
+        const more = cell => (range.selectNodeContents(cell),
+            range.getClientRects().length - cell.innerText.split(/[ -]/).length);
+        const most = Math.max(0, ...[...document.querySelectorAll("td + td")].map(more));
+        page.id = "beside " + Math.max(0, page.scrollWidth - innerWidth) + ", more " + most;</script>)");
+    for (const char* width : {"1280", "390"})
+        EXPECT_TRUE(in_order(dom_of("file://" + a.path("page.html"), width), {"beside 0, more 0"}))
+            << width;
 }
 
 } // namespace

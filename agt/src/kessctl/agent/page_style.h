@@ -45,7 +45,10 @@ svg { display: block; width: 100%; height: 84px; margin-top: 4px; border-bottom:
 polygon { fill: var(--chart); opacity: .18; }
 polyline { fill: none; stroke: var(--chart); stroke-width: 2; vector-effect: non-scaling-stroke; }
 .axis { display: flex; justify-content: space-between; color: var(--soft); font-size: 12px; }
-.wide { overflow-x: auto; }
+.workers { overflow-wrap: normal; }
+.workers th, .workers td { white-space: nowrap; }
+.workers td:first-child { white-space: normal; overflow-wrap: anywhere; }
+.workers td:nth-child(3) { white-space: normal; }
 table { border-collapse: collapse; width: 100%; }
 th, td { text-align: left; vertical-align: top; padding: 3px 10px 3px 0; font-variant-numeric: tabular-nums; }
 th { color: var(--soft); font-weight: normal; }
@@ -54,7 +57,14 @@ footer { display: flex; flex-wrap: wrap; gap: 4px 20px; justify-content: space-b
   font-size: 13px; margin-top: 16px; overflow-wrap: anywhere; }
 a { color: var(--chart); }
 @media (max-width: 760px) { main { padding: 10px; } .columns { columns: 1; }
-  header, section, .problems { margin-bottom: 10px; } }
+  header, section, .problems { margin-bottom: 10px; }
+  .workers tr { display: block; padding: 4px 0; }
+  .workers th { display: none; }
+  .workers td { display: inline-block; }
+  .workers td:first-child { display: block; }
+  .workers td:nth-child(2)::before { content: "pid "; }
+  .workers td:nth-child(4)::before { content: "restarts "; }
+  .workers td:nth-child(5)::before { content: "since "; } }
 )";
 
 } // namespace kessctl

@@ -135,8 +135,8 @@ std::string worker_table(const agent_snapshot& now) {
              clock_text(process.started)});
     if (rows.empty())
         return rows;
-    return "<div class=wide><table><tr><th>program<th>pid<th>state<th>restarts<th>started" + rows +
-           "</table></div>";
+    return "<table class=workers><tr><th>program<th>pid<th>state<th>restarts<th>started" + rows +
+           "</table>";
 }
 
 std::string trace_line(const agent_snapshot& now) {
