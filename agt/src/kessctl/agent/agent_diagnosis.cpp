@@ -157,7 +157,7 @@ void judge_settings(const agent_snapshot& now, problem_list& problems) {
         return;
     problems.push_back({"the settings name " + std::to_string(now.settings->qcnt) +
                             " log queues with the mask " + std::to_string(now.settings->qcnt_mask),
-                        "set the number again: kessctl set-config --log-qcnt"});
+                        "set the number again: kessctl set-config --log-qcnt 1, 2, 4, 8 or 16"});
 }
 
 problem absence(const agent_snapshot& now) {
