@@ -64,9 +64,9 @@ TEST_F(ConsoleCommands, ChangeAndShowAnAgentBehindItsServer) {
            {"host ", "CPU alert at 90 % over 30 s", "2 file systems", "/: alert at 80 %, 0 raised",
             "/home: alert at 80 %", "0 processes"});
     expect({"services", "add", "THIRD", "limit=9", "FIRST", "limit=8"}, {"2 services sent"});
-    expect({"services", "update", "SECOND", "limit=10"}, {"1 services sent"});
+    expect({"services", "update", "SECOND", "limit=10"}, {"1 service sent"});
     expect({"services", "delete", "NOWHERE", "FIRST"},
-           {"1 services sent", "no such service: NOWHERE"}, 1);
+           {"1 service sent", "no such service: NOWHERE"}, 1);
     expect({"show", "services"}, {"2 services, 2 slots", "SECOND", " 10 "});
     expect({"show", "services"}, {"2 services, 2 slots", "THIRD", " 9 "});
     expect({"put-notification", "--service", "SECOND"}, {});
@@ -88,7 +88,7 @@ TEST_F(ConsoleCommands, ServeLogsEveryMessageAndReadsItsServicesAgain) {
     kill(server->pid(), SIGHUP);
     EXPECT_TRUE(wait_until([&] { return in_order(server->out(), {" 2 services from "}); }));
     expect({"renew"}, {"RENEW_SERVICE_LIST_RSP"});
-    expect({"services", "add", "LATER"}, {"1 services sent"}); // waits for the list
+    expect({"services", "add", "LATER"}, {"1 service sent"}); // waits for the list
     expect({"show", "services"}, {"3 services", "FIRST", "NEW", "LATER"});
     kill(server->pid(), SIGTERM);
     EXPECT_EQ(server->wait_exit(), 0);
@@ -144,14 +144,23 @@ TEST_F(ConsoleCommands, NoticeOutputThatIsLostAndFitATerminal) {
            "limit=99999", "depth=999", "call_limit=99999", "dbio_limit=99999", "sql_limit=99999",
            "flags=SEVBCIXQ"});
     a.write_file("a_file_with_a_name_of_more_than_twenty_four_letters", "1");
-    const std::string commands[] = {
-        "show services", "put " + a.path("a_file_with_a_name_of_more_than_twenty_four_letters") +
-                             " " + a.path("up")};
-    for (const std::string& command : commands) {
+    a.write_file("empty", "");
+    const std::pair<std::string, std::string> commands[] = {
+        {"show services", "LONGEST_SERVER1"},
+        {"put " + a.path("a_file_with_a_name_of_more_than_twenty_four_letters") + " " +
+             a.path("up"),
+         "###] 100 %"},
+        {"--help", "cannot be written."},
+        {"exec --help", "unless --strict is given."},
+        {"check-config " + a.path("empty"), "errors: "},
+        {"clean", "(kessard)"},
+        {"doctor --config " + a.path("empty"), "findings: "},
+        {"get x --port 1 --timeout-ms nothing", "--help"}};
+    for (const auto& [command, wanted] : commands) {
         const std::string shown =
             bash(a, "script -qec \"stty cols 80; $k " + command + "\" /dev/null | tr '\\r' '\\n'");
         EXPECT_FALSE(std::regex_search(shown, std::regex("[^\n]{80}"))) << shown;
-        EXPECT_TRUE(in_order(shown, {command[0] == 's' ? "LONGEST_SERVER1" : "###] 100 %"}));
+        EXPECT_TRUE(in_order(shown, {wanted}));
     }
 }
 
@@ -195,6 +204,9 @@ TEST_F(ConsoleCommands, SayWhatIsWrong) {
         {{"show", "servces"}, "there is no 'servces', nearest is 'services'"},
         {{"status", "--ful", "3"}, "there is no '--ful', nearest is '--full'"},
         {{"show", "services"}, "SVC_HASH_TBL_SHMKEY"},
+        {{"show", "queues", "--cfg", ""}, "give --config, or set TRAN_AGT_CFG_FILE"},
+        {{"show"}, "A subcommand is required: settings, services, registry, queues"},
+        {{"put-notification", "--rate", "-1"}, "not in range 0.010000 to 1000000.000000"},
         {{"renew"}, "127.0.0.1"},
         {{"serve", "--services", "/nowhere"}, "/nowhere: No such file or directory"},
     };

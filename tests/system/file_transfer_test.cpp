@@ -212,9 +212,10 @@ TEST_F(FileTransfer, ConsolePutAndGet) {
         EXPECT_EQ(permission(path("down/" + name)), 0640U);
     }
     EXPECT_EQ(a.run({"get", path("f1"), "/nowhere/x", path("down")}),
-              "1\nkessctl: invliad file=|/nowhere/x|\n");
+              "1\nkessctl: the agent says: invliad file=|/nowhere/x|, no file there that it may "
+              "look at\n");
     EXPECT_EQ(a.run({"put", path("f1"), "/dev/null/x"}),
-              "1\nkessctl: makedir(/dev/null/x) failed...\n");
+              "1\nkessctl: the agent says: makedir(/dev/null/x) failed...\n");
 }
 
 // A console that is stopped in the middle leaves nothing under the name, and whatever stands there

@@ -1,5 +1,6 @@
 // kessctl: the operator's console of kessard.
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -7,8 +8,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "commands/columns.h"
 #include "commands/commands.h"
 #include "commands/complete.h"
+#include "commands/help_text.h"
 #include "config_lines.h"
 #include "wire/text.h"
 
@@ -45,6 +48,14 @@ std::string nearest(const std::string& word, const std::vector<std::string>& nam
     return found == names.end() ? "" : ", nearest is '" + *found + "'";
 }
 
+// ": one, two, three" of a command whose subcommands are still to be chosen from.
+std::string choice(const CLI::App& command) {
+    std::string text;
+    for (const std::string& name : names_in(command, false))
+        text += (text.empty() ? ": " : ", ") + name;
+    return text;
+}
+
 // What is wrong with the words of a command line. Behind an option that is not known, words are
 // most likely its values.
 std::string explain(const CLI::App* app, const CLI::Error& wrong) {
@@ -57,10 +68,11 @@ std::string explain(const CLI::App* app, const CLI::Error& wrong) {
     std::string text;
     for (const std::string& word : words)
         if (is_option(word) == options)
-            text += "kessctl: there is no '" + printable(word) + "'" +
-                    nearest(word, names_in(*command, options)) + "\n";
-    return (text.empty() ? "kessctl: " + std::string(wrong.what()) + "\n" : text) +
-           "Run with --help for more information.\n";
+            text += fitted(STDERR_FILENO, "kessctl: there is no '" + printable(word) + "'" +
+                                              nearest(word, names_in(*command, options)));
+    if (text.empty())
+        text = fitted(STDERR_FILENO, "kessctl: " + std::string(wrong.what()) + choice(*command));
+    return text + "Run with --help for more information.\n";
 }
 
 // The outcome of a run: that of the command, unless what it wrote did not get through.
@@ -80,12 +92,13 @@ int main(int argc, char** argv) {
     CLI::App app("Console of the kessard agent, and a stand-in for its central server.", "kessctl");
     exit_status status = EXIT_OK;
     app.require_subcommand(1);
+    shape_help(app);
     app.set_version_flag("--version", "kessctl " KESSARD_VERSION);
     for (subcommand* const add : SUBCOMMANDS)
         add(app, &status);
     app.failure_message(explain);
     app.footer("Exit status: 0 done, 1 refused by the agent or failed there, 2 wrong usage, no "
-               "connection,\nor a standard output that cannot be written.");
+               "connection, or a standard output that cannot be written.");
     if (argc > 1 && std::string(argv[1]) == "--complete") {
         print_completions(app, {argv + 2, argv + argc});
         return outcome(EXIT_OK);

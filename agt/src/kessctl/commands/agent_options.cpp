@@ -2,12 +2,14 @@
 #include "commands/agent_options.h"
 
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
 
+#include "commands/columns.h"
 #include "host_address.h"
 #include "wire/print_frame.h"
 #include "wire/text.h"
@@ -141,8 +143,9 @@ bool connect_agent(agent_address& agent, command_client& client) {
         agent.port =
             std::atoi(cfg_value(cfg, agt::config_key_of("TRAN_AGENT", "CMD_PORT")).c_str());
     if (agent.port <= 0) {
-        complain(
-            "no port: give --port, or name the agent's configuration file in TRAN_AGT_CFG_FILE");
+        agt::config_file file;
+        const std::string wrong = open_cfg(cfg, "give --port", &file);
+        complain(wrong.empty() ? cfg + ": no CMD_PORT, give --port" : wrong);
         return false;
     }
     std::string why;
@@ -199,7 +202,7 @@ exit_status check_items(const std::vector<std::string>& items) {
 }
 
 exit_status complain(const std::string& what) {
-    std::fprintf(stderr, "kessctl: %s\n", what.c_str());
+    std::fputs(fitted(STDERR_FILENO, "kessctl: " + what).c_str(), stderr);
     return EXIT_ERROR;
 }
 

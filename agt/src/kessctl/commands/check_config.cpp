@@ -1,6 +1,8 @@
 // kessctl check-config.
 #include "commands/commands.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -8,6 +10,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "commands/columns.h"
 #include "commands/json_output.h"
 #include "config/check_config.h"
 
@@ -31,9 +34,12 @@ long count(const std::vector<finding>& found, severity level) {
 
 void print_text(const std::string& path, const std::vector<finding>& found) {
     for (const finding& one : found)
-        std::printf("%s:%d: %s: %s: %s%s%s\n", path.c_str(), one.line, name_of(one.level),
-                    one.key.c_str(), one.what.c_str(),
-                    one.allowed.empty() ? "" : ", allowed: ", one.allowed.c_str());
+        std::fputs(fitted(STDOUT_FILENO, path + ":" + std::to_string(one.line) + ": " +
+                                             name_of(one.level) + ": " + one.key + ": " + one.what +
+                                             (one.allowed.empty() ? "" : ", allowed: ") +
+                                             one.allowed)
+                       .c_str(),
+                   stdout);
     std::printf("%s: %zu keys checked, errors: %ld, warnings: %ld\n", path.c_str(),
                 agt::CONFIG_KEYS.size(), count(found, severity::error),
                 count(found, severity::warning));
@@ -77,7 +83,7 @@ void add_check_config(CLI::App& app, exit_status* status) {
     command->add_flag("--strict", chosen->strict, "Count warnings as errors");
     add_json_flag(*command, chosen->json);
     command->footer("A finding is FILE:LINE: error|warning|note: KEY: what, allowed: values. "
-                    "Relative paths are taken\n"
+                    "Relative paths are taken "
                     "under TRAN_AGT_HOME. Exit status 0 without errors, 1 with errors, 2 when the "
                     "file cannot be read.");
     command->callback([chosen, status] { *status = check(*chosen); });

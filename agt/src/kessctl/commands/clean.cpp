@@ -11,6 +11,7 @@
 #include <iostream>
 #include <memory>
 
+#include "commands/columns.h"
 #include "config_file.h"
 #include "host/daemon_process.h"
 #include "host/shared_view.h"
@@ -38,12 +39,13 @@ bool is_segment(const object_state& state) {
 }
 
 void list(const object_state& state) {
-    std::printf("%-26s %11s  %-18s %10zu %s", state.object->keyword, state.key.c_str(),
+    std::printf("%-25s %11s  %-18s %9zu %s\n", state.object->keyword, state.key.c_str(),
                 state.object->name, state.size, state.object->unit());
-    if (state.attaches > 0)
-        std::printf(", attached %lu times: %s", state.attaches,
-                    process_texts(attached_to(state.id)).c_str());
-    std::printf("\n");
+    if (state.attaches == 0)
+        return;
+    const std::string users = process_texts(attached_to(state.id));
+    const std::string shown = users.empty() ? "processes of other users" : users;
+    std::fputs(fitted(STDOUT_FILENO, "attached: " + shown, 4).c_str(), stdout);
 }
 
 // Why an object is not removed without force; empty when it may be.
@@ -132,7 +134,7 @@ void add_clean(CLI::App& app, exit_status* status) {
         "--force", chosen->force,
         "Even while the daemon runs, processes are attached, or an object has another size");
     command->footer("Exit status 0 when all that there was is removed, 1 when nothing was removed "
-                    "because it is in use\n"
+                    "because it is in use "
                     "or was not confirmed, 2 when the configuration or an object made trouble.");
     command->callback([chosen, status] { *status = clean(*chosen); });
 }

@@ -20,6 +20,7 @@
 
 #include "agent/agent_diagnosis.h"
 #include "agent/daily_log.h"
+#include "commands/columns.h"
 #include "commands/json_output.h"
 #include "config/check_config.h"
 #include "host/listener.h"
@@ -61,7 +62,8 @@ struct patient {
     void report(const std::string& what, const std::string& advice) {
         found.push_back({{"what", what}, {"advice", advice}});
         if (!json)
-            std::printf("%s\n    %s\n", what.c_str(), advice.c_str());
+            std::fputs((fitted(STDOUT_FILENO, what) + fitted(STDOUT_FILENO, advice, 4)).c_str(),
+                       stdout);
     }
 };
 
@@ -221,9 +223,11 @@ exit_status examine(const doctor_options& chosen) {
     if (chosen.json)
         print_json({{"findings", agent.found}, {"not_looked_at", unseen}});
     else if (!unseen.empty())
-        std::printf("not looked at: %s; you may not look, run it as user %u, the agent's, or as "
-                    "root\n",
-                    unseen.c_str(), *agent.now.daemon.user);
+        std::fputs(fitted(STDOUT_FILENO,
+                          "not looked at: " + unseen + "; you may not look, run it as user " +
+                              std::to_string(*agent.now.daemon.user) + ", the agent's, or as root")
+                       .c_str(),
+                   stdout);
     if (!chosen.json)
         std::printf("findings: %zu\n", agent.found.size());
     return agent.found.empty() ? EXIT_OK : EXIT_REFUSED;
@@ -239,7 +243,7 @@ void add_doctor(CLI::App& app, exit_status* status) {
     add_tls_options(*command, chosen->tls);
     add_json_flag(*command, chosen->json);
     command->footer("Only looks. Relative paths are taken under TRAN_AGT_HOME. Exit status 0 "
-                    "without findings, 1 with\n"
+                    "without findings, 1 with "
                     "findings, 2 when the configuration file cannot be read.");
     command->callback([chosen, status] { *status = examine(*chosen); });
 }

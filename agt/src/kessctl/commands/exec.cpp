@@ -142,10 +142,10 @@ void add_exec(CLI::App& app, exit_status* status) {
     command->add_option("command", chosen->commands, "Command lines, one per argument")->required();
     command->footer(
         "Exit status 1 when a command failed: its exit status is not 0, it ran into its limit, a "
-        "signal\nended it or it could not be run. The agent tells the exit status only of a "
-        "command that writes\nsomething, so \"echo;\" goes in front of each, and the empty line is "
-        "taken off its output. With\n--raw, or without room for that, the end of a command that "
-        "writes nothing is not known, which\nis no failure unless --strict is given.");
+        "signal ended it or it could not be run. The agent tells the exit status only of a "
+        "command that writes something, so \"echo;\" goes in front of each, and the empty line is "
+        "taken off its output. With --raw, or without room for that, the end of a command that "
+        "writes nothing is not known, which is no failure unless --strict is given.");
     command->callback([chosen, status] { *status = exec(*chosen); });
 }
 

@@ -114,7 +114,7 @@ void add_exporter(CLI::App& app, exit_status* status) {
                     "/healthz  200 when kessctl status says ok, else 503 with the reasons\n"
                     "/         a page for people, which loads itself again\n"
                     "Whoever reaches the port sees all of it; there is no password. SIGTERM ends "
-                    "it.\n"
+                    "it. "
                     "Exit status: 0 ended by a signal, 2 the configuration cannot be read or the "
                     "port not be opened.");
     command->callback([chosen, status] { *status = serve_figures(*chosen); });

@@ -190,20 +190,20 @@ void add_log(CLI::App& app, exit_status* status) {
     command
         ->add_option("--since", chosen->since,
                      "Messages from then on: so long ago (10m; s, m, h or d), a time of today "
-                     "(10:00) or any\n(2026-11-23, '2026-11-23 10:00'), also of earlier days' "
+                     "(10:00) or any (2026-11-23, '2026-11-23 10:00'), also of earlier days' "
                      "files")
         ->check(is_time);
     command
         ->add_option("--level", chosen->level,
                      "Only messages of this level and above, by the mark they begin with: info "
-                     "((i), (I), >>, <!>)\nor warning (<!>)")
+                     "((i), (I), >>, <!>) or warning (<!>)")
         ->check(CLI::IsMember({"info", "warning"}));
     command->add_flag("--follow", chosen->follow,
                       "Go on with what is written, over midnight too, until it is interrupted");
     command->add_flag("--json", chosen->json,
                       "One JSON object a message: time with year and zone, level, text");
     command->footer("A message is a line with a time and the lines behind it without one. Exit "
-                    "status: 0 done, 2 the\nlog or the configuration cannot be read.");
+                    "status: 0 done, 2 the log or the configuration cannot be read.");
     command->callback([chosen, status] { *status = show_log(*chosen); });
 }
 

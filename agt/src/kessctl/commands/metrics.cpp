@@ -49,9 +49,9 @@ void add_metrics(CLI::App& app, exit_status* status) {
         "--output", chosen->output,
         "File to replace in one step, for a textfile collector (default: standard output)");
     command->footer("Exit status: 0 the figures are written, also those of an agent that does not "
-                    "run (kessard_up 0);\n"
+                    "run (kessard_up 0); "
                     "2 the configuration cannot be read (kessard_up 0 and kessard_config_readable "
-                    "0 are written all\n"
+                    "0 are written all "
                     "the same, so that no old figures stay) or the file cannot be written.");
     command->callback([chosen, status] { *status = write_metrics(*chosen); });
 }

@@ -132,7 +132,7 @@ void add_put_notification(CLI::App& app, exit_status* status) {
     command
         ->add_option("--rate", chosen->rate,
                      "Records per second (default: as fast as the queue takes them)")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(0.01, 1e6));
     for (const item* field = ACTIVE_SERVICE_ITEMS; field->name != nullptr; ++field) {
         const std::string name = option_name(field->name);
         command

@@ -199,7 +199,7 @@ void add_put_trace(CLI::App& app, exit_status* status) {
     command->add_option("--threads", chosen->threads, "Thread entries of each process")
         ->check(CLI::Range(0, int{PTRC_HASH_SLOTS}));
     command->add_option("--tid", chosen->first_tid, "Identifier of the first thread")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
     command
         ->add_option("--state", chosen->state,

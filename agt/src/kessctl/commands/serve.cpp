@@ -5,6 +5,7 @@
 #include "commands/commands.h"
 
 #include <CLI/CLI.hpp>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -166,7 +167,7 @@ void add_serve(CLI::App& app, exit_status* status) {
     command->add_option("--refuse-updates", behaviour.update_result,
                         "result_code for uploaded service blocks");
     command->add_option("--delay-ms", behaviour.fault.delay_ms, "Wait before every answer")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT_MAX));
     command->add_flag("--silent", behaviour.fault.silent, "Answer nothing");
     command->add_flag("--garbage", behaviour.fault.garbage,
                       "Answer with bytes that are no message");
@@ -175,15 +176,15 @@ void add_serve(CLI::App& app, exit_status* status) {
     command
         ->add_option("--split-after", behaviour.fault.split_after_bytes,
                      "Send every answer in two pieces, the first of that many bytes")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT_MAX));
     command
         ->add_option("--close-in-answer", behaviour.fault.close_after_bytes,
                      "Close after that many bytes of an answer")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT_MAX));
     command
         ->add_option("--close-after", behaviour.close_after_messages,
                      "Close a connection after that many messages")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT_MAX));
     command->callback([chosen, status] { *status = serve(*chosen); });
 }
 

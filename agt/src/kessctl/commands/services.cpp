@@ -133,7 +133,7 @@ void print_sent(const services_options& chosen, std::size_t sent, bool is_known,
     }
     for (const std::string& id : missing)
         complain("no such service: " + id);
-    std::printf("%zu services sent%s\n", sent,
+    std::printf("%zu service%s sent%s\n", sent, sent == 1 ? "" : "s",
                 is_known ? "" : "; whether they were there cannot be known from here");
 }
 

@@ -105,11 +105,11 @@ void add_status(CLI::App& app, exit_status* status) {
                       "Everything, each thread, process, queue and object, not only what fits a "
                       "screen");
     command->footer("Exit status: 0 all is well, 1 something is wrong (the output says what), 2 no "
-                    "daemon runs for this\n"
+                    "daemon runs for this "
                     "configuration, whatever it left behind, or the configuration cannot be read. "
-                    "With --watch, that\n"
+                    "With --watch, that "
                     "of the last look; it draws one screen with the agent's last minutes, whose "
-                    "last line tells the\n"
+                    "last line tells the "
                     "keys, and adds one block of lines after another where the output is no "
                     "terminal.");
     command->callback([chosen, status] { *status = show_status(*chosen); });

@@ -208,9 +208,9 @@ void add_put(CLI::App& app, exit_status* status) {
     CLI::App* command =
         app.add_subcommand("put", "Copy files to a directory of the agent's host, which is made");
     command->footer("Files keep their permissions for reading, writing and executing. $NAME in DIR "
-                    "is a variable of\n"
+                    "is a variable of "
                     "the agent's environment. Files go there under temporary names and are moved "
-                    "to their own by a\n"
+                    "to their own by a "
                     "command, so that none is there in half.");
     command->add_flag("--direct", add_transfer(command, status, put)->direct,
                       "Write under the final names: nothing is moved, owner and links of a file "
@@ -221,7 +221,7 @@ void add_get(CLI::App& app, exit_status* status) {
     CLI::App* command =
         app.add_subcommand("get", "Copy files of the agent's host to a directory here");
     command->footer("Files keep their permissions for reading, writing and executing. $NAME in "
-                    "FILE is a variable of\n"
+                    "FILE is a variable of "
                     "the agent's environment. A file appears under its name when it and those sent "
                     "with it are whole.");
     add_transfer(command, status, get);

@@ -47,7 +47,9 @@ object_state find_object(const std::string& cfg_file, const agt::shared_object& 
     state.object = &object;
     state.key = cfg_value(cfg_file, object.key());
     const key_t key = object_key(state.key);
-    if (state.key.empty())
+    if (cfg_file.empty())
+        state.fault = "no configuration: give --config, or set TRAN_AGT_CFG_FILE";
+    else if (state.key.empty())
         state.fault = "the configuration file '" + cfg_file + "' has no such key";
     else if (key == IPC_PRIVATE)
         state.fault = "not a key that processes can share";
@@ -62,7 +64,9 @@ object_state find_object(const std::string& cfg_file, const agt::shared_object& 
 }
 
 std::string describe_fault(const object_state& state) {
-    return state.object->keyword + (state.key.empty() ? "" : " " + state.key) + ": " + state.fault;
+    const bool is_missing = state.fault == std::strerror(ENOENT);
+    return state.object->keyword + (state.key.empty() ? "" : " " + state.key) + ": " + state.fault +
+           (is_missing ? "; the daemon makes it when it starts" : "");
 }
 
 segment_view::segment_view(const std::string& cfg_file, const agt::shared_object& object)

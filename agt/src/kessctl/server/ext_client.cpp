@@ -17,7 +17,8 @@ constexpr std::size_t ERROR_TEXT_MAX = 4096;
 constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
 constexpr int TIMED_OUT_CODE = -99;
 constexpr int UNKNOWN_CODE = -1;
-constexpr char REPORT[] = "echo;"; // in front of a command that reports its end
+constexpr char NO_FILE[] = "invliad file="; // the agent's spelling
+constexpr char REPORT[] = "echo;";          // in front of a command that reports its end
 
 std::uint32_t number_at(const unsigned char* bytes) {
     std::uint32_t value = 0;
@@ -34,7 +35,9 @@ std::string receive_error_text(command_client& client, std::uint32_t length, int
     std::string text(std::min<std::size_t>(length, ERROR_TEXT_MAX), '\0');
     if (text.empty() || !client.receive_bytes(text.data(), text.size(), limit_ms))
         return "the agent gave no reason; its log does";
-    return printable(text);
+    const bool is_unseen = text.starts_with(NO_FILE);
+    return "the agent says: " + printable(text) +
+           (is_unseen ? ", no file there that it may look at" : "");
 }
 
 bool receive_output(command_client& client, std::size_t length, int limit_ms, std::string* output) {
