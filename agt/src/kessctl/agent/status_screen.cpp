@@ -222,7 +222,7 @@ screen_lines process_rows(const agent_snapshot& now, const report_options& repor
     screen_lines rows = {text("  %3s  %-16s %8s  %5s  %6s  %8s  %s", "row", "program", "pid",
                               "state", "wanted", "restarts", "started")};
     for (const process_row& one : select_processes(now, report))
-        rows.push_back(text("%s %3d  %-16s %8d  %5d  %6d  %4d/%-3d  %s",
+        rows.push_back(text("%s %3d  %-16.16s %8d  %5d  %6d  %4d/%-3d  %s",
                             one.as_wanted() ? " " : "!", one.row, one.program.c_str(), one.pid,
                             one.state, one.wanted, one.restarts, one.restarts_allowed,
                             clock_text(one.started).c_str()));

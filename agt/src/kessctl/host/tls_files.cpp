@@ -52,7 +52,7 @@ std::shared_ptr<agt::tls_identity> open_tls(const std::string& cfg_file, agt::tl
         if (file.empty() && section)
             file = (*section).*one.file;
         if (file.empty())
-            *why = std::string("TLS needs ") + one.option + " too, or " + one.key.keyword +
+            *why = std::string(one.option) + " is needed too, or " + one.key.keyword +
                    " in section [TLS]";
     }
     auto opened = std::make_shared<agt::tls_identity>();
