@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "commands/columns.h"
@@ -13,6 +14,7 @@
 #include "commands/complete.h"
 #include "commands/help_text.h"
 #include "config_lines.h"
+#include "host/agent_place.h"
 #include "wire/text.h"
 
 namespace {
@@ -75,6 +77,22 @@ std::string explain(const CLI::App* app, const CLI::Error& wrong) {
     return text + "Run with --help for more information.\n";
 }
 
+// Takes --agent, which stands in front of the subcommand: where the subcommands find the agent when
+// nothing else is said is in the environment. Empty on success, else what is wrong with the name.
+std::string choose_agent(const char* first, const char* second) {
+    const std::string word = first == nullptr ? "" : first;
+    const std::string option = "--agent";
+    if (word != option && !word.starts_with(option + "="))
+        return "";
+    const std::string name = word != option      ? word.substr(option.size() + 1)
+                             : second == nullptr ? ""
+                                                 : second;
+    const agent_place place = place_of(name);
+    setenv("TRAN_AGT_CFG_FILE", place.cfg_file.c_str(), 1);
+    setenv("TRAN_AGT_HOME", place.home.c_str(), 1);
+    return agent_name_fault(name);
+}
+
 // The outcome of a run: that of the command, unless what it wrote did not get through.
 exit_status outcome(exit_status status) {
     errno = 0;
@@ -91,9 +109,16 @@ int main(int argc, char** argv) {
     hold_standard_files();
     CLI::App app("Console of the kessard agent, and a stand-in for its central server.", "kessctl");
     exit_status status = EXIT_OK;
+    std::string agent_name;
     app.require_subcommand(1);
     shape_help(app);
+    app.add_option("--agent", agent_name,
+                   "Agent of the host, that of /etc/kessard/NAME/agt.cfg (default: that of "
+                   "TRAN_AGT_CFG_FILE)");
     app.set_version_flag("--version", "kessctl " KESSARD_VERSION);
+    if (const std::string wrong = choose_agent(argv[1], argc > 2 ? argv[2] : nullptr);
+        !wrong.empty())
+        return complain(wrong);
     for (subcommand* const add : SUBCOMMANDS)
         add(app, &status);
     app.failure_message(explain);

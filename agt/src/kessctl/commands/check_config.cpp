@@ -9,17 +9,23 @@
 #include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "commands/columns.h"
 #include "commands/json_output.h"
 #include "config/check_config.h"
+#include "config/check_values.h"
+#include "wait.h"
 
 namespace kessctl {
 namespace {
 
+constexpr int ADDRESS_PAUSE_MS = 500;
+
 struct check_options {
     std::string cfg_file = default_cfg_file();
     bool strict = false;
+    bool wait = false;
     bool json = false;
 };
 
@@ -59,9 +65,25 @@ void print_as_json(const std::string& path, const std::vector<finding>& found) {
     print_json(all);
 }
 
+// Opens the file, again and again while this host has not its IP_ADDRESS, which may come or be
+// corrected meanwhile. Empty on success, else why not.
+std::string open_with_address(const check_options& chosen, agt::config_file* file) {
+    std::string missing;
+    while (true) {
+        const std::string wrong = open_cfg(chosen.cfg_file, "name one", file);
+        const std::string address = file->value_of(agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
+        if (!wrong.empty() || !chosen.wait || !is_foreign_address(address))
+            return wrong;
+        if (address != std::exchange(missing, address))
+            std::fprintf(stderr, "kessctl: waiting until this host has the address %s\n",
+                         address.c_str());
+        agt::sleep_ms(ADDRESS_PAUSE_MS);
+    }
+}
+
 exit_status check(const check_options& chosen) {
     agt::config_file file;
-    const std::string wrong = open_cfg(chosen.cfg_file, "name one", &file);
+    const std::string wrong = open_with_address(chosen, &file);
     if (!wrong.empty())
         return complain(wrong);
     const char* home = std::getenv("TRAN_AGT_HOME");
@@ -81,6 +103,8 @@ void add_check_config(CLI::App& app, exit_status* status) {
     command->add_option("FILE", chosen->cfg_file,
                         "Configuration file (default: TRAN_AGT_CFG_FILE)");
     command->add_flag("--strict", chosen->strict, "Count warnings as errors");
+    command->add_flag("--wait", chosen->wait,
+                      "First wait, as long as it takes, until this host has IP_ADDRESS");
     add_json_flag(*command, chosen->json);
     command->footer("A finding is FILE:LINE: error|warning|note: KEY: what, allowed: values. "
                     "Relative paths are taken "

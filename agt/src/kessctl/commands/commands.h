@@ -25,6 +25,7 @@ subcommand add_put;
 subcommand add_get;
 subcommand add_check_config;
 subcommand add_doctor;
+subcommand add_new_agent;
 subcommand add_clean;
 
 // All of them, in the order of the help text.
@@ -46,6 +47,7 @@ inline constexpr subcommand* SUBCOMMANDS[] = {add_serve,
                                               add_get,
                                               add_check_config,
                                               add_doctor,
+                                              add_new_agent,
                                               add_clean};
 
 } // namespace kessctl

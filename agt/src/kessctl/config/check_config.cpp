@@ -259,19 +259,6 @@ void check_settings(checker& check) {
                 " log queues and would be kept: run kessctl clean while the agent is stopped");
 }
 
-// What a program that listens there would be told; a port that is bound without listening disturbs
-// nobody.
-int try_port(const char* address, int port) {
-    const agt::unique_fd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const int reuse = 1;
-    setsockopt(probe.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-    sockaddr_in own{};
-    own.sin_family = AF_INET;
-    own.sin_addr.s_addr = inet_addr(address);
-    own.sin_port = htons(static_cast<unsigned short>(port));
-    return bind(probe.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 ? 0 : errno;
-}
-
 void report_used_port(checker& check, int port) {
     const config_key& key = config_key_of("TRAN_AGENT", "CMD_PORT");
     const int line = line_of(check.file, key);

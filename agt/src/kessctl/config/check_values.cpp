@@ -184,6 +184,11 @@ verdict check_value(const config_key& key, const std::string& word, const std::s
     return {};
 }
 
+bool is_foreign_address(const std::string& word) {
+    in_addr address{};
+    return is_dotted(word, &address) && !is_own(address);
+}
+
 std::string full_path(const std::string& word, const std::string& home) {
     return word.starts_with('/') ? word : home + "/" + word;
 }

@@ -22,6 +22,9 @@ struct verdict {
 // script's own existence is not looked at.
 verdict check_value(const config_key& key, const std::string& word, const std::string& home);
 
+// Whether a word is an address that this host does not have now.
+bool is_foreign_address(const std::string& word);
+
 // The path of a value under `home`, whole.
 std::string full_path(const std::string& word, const std::string& home);
 

@@ -2,9 +2,11 @@
 #include "host/listener.h"
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +16,7 @@
 #include <set>
 
 #include "host/process.h"
+#include "unique_fd.h"
 
 namespace kessctl {
 namespace {
@@ -55,6 +58,17 @@ bool has_socket(pid_t pid, const std::set<std::uintmax_t>& inodes) {
 }
 
 } // namespace
+
+int try_port(const char* address, int port) {
+    const agt::unique_fd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int reuse = 1;
+    setsockopt(probe.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = inet_addr(address);
+    own.sin_port = htons(static_cast<unsigned short>(port));
+    return bind(probe.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 ? 0 : errno;
+}
 
 std::vector<listening_socket> sockets_at(const std::string& address, int port) {
     in_addr wanted{};

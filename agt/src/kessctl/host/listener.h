@@ -15,6 +15,10 @@ struct listening_socket {
     std::uintmax_t inode;
 };
 
+// What a program that listens there would be told: 0, or an errno. A port that is bound without
+// listening disturbs nobody.
+int try_port(const char* address, int port);
+
 // The IPv4 sockets that listen on the port, at the address or at all addresses; at any address when
 // `address` is not a dotted one.
 std::vector<listening_socket> sockets_at(const std::string& address, int port);
