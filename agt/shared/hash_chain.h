@@ -1,7 +1,8 @@
 // The chains of the shared hash tables. A bucket head h_idx[] and a slot's next_idx hold the number
 // of the next slot of h_arr[], NO_SLOT at the end; pre_idx leads back. Another process may have
 // left anything there, so every number is checked before it is used and a chain is followed for no
-// more steps than there are slots. Whoever changes a chain holds the table's semaphore.
+// more steps than there are slots. Whoever changes a chain holds the table's semaphore; a slot is
+// linked with release order, so that who follows the chain without it finds the slot filled.
 #pragma once
 
 #include <cstddef>
@@ -45,7 +46,7 @@ struct chain_place {
 template <class Table, class Predicate>
 chain_place find_in_chain(const Table& table, int bucket, Predicate accepts) {
     chain_place place;
-    int slot = shared_load(table.h_idx[bucket]);
+    int slot = shared_load(table.h_idx[bucket], std::memory_order_acquire);
     for (int steps = 0; slot != NO_SLOT; ++steps) {
         if (!is_slot<Table>(slot) || steps == table_slots<Table>) {
             place.stray = slot;
@@ -56,7 +57,7 @@ chain_place find_in_chain(const Table& table, int bucket, Predicate accepts) {
             place.slot = slot;
             break;
         }
-        slot = shared_load(table.h_arr[slot].next_idx);
+        slot = shared_load(table.h_arr[slot].next_idx, std::memory_order_acquire);
     }
     return place;
 }
@@ -68,7 +69,8 @@ template <class Table> void append_to_chain(Table& table, int bucket, int slot, 
     entry.hash_idx = bucket;
     entry.pre_idx = tail;
     entry.next_idx = NO_SLOT;
-    shared_store(tail == NO_SLOT ? table.h_idx[bucket] : table.h_arr[tail].next_idx, slot);
+    shared_store(tail == NO_SLOT ? table.h_idx[bucket] : table.h_arr[tail].next_idx, slot,
+                 std::memory_order_release);
 }
 
 // Takes a slot out of its chain; what the slot holds stays.

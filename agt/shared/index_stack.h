@@ -1,5 +1,10 @@
 // The index stacks of the shared hash tables: `top` entries in idx[], of which other processes may
 // have made anything, so `top` is checked against the capacity before it is used.
+//
+// Whoever changes a stack holds the table's semaphore. Who only reads may do without, so a push
+// stores `top` with release order and stack_top() loads it with acquire order: an index below it,
+// and the entry that was filled before, are seen as they were then. An entry taken off meanwhile
+// may still be read; its slot stays where it is.
 #pragma once
 
 #include <algorithm>
@@ -13,10 +18,14 @@ namespace agt {
 template <class Stack>
 inline constexpr unsigned int stack_capacity = std::extent_v<decltype(Stack::idx)>;
 
+// Entries of the stack, as they stand there.
+template <class Stack> unsigned int stack_top(const Stack& stack) {
+    return shared_load(stack.top, std::memory_order_acquire);
+}
+
 // Entries of the stack, at most its capacity.
 template <class Stack> unsigned int stack_size(const Stack& stack) {
-    const unsigned int top = shared_load(stack.top);
-    return std::min(top, stack_capacity<Stack>);
+    return std::min(stack_top(stack), stack_capacity<Stack>);
 }
 
 // Puts an index on top; the new number of entries, or -1 when the stack is full.
@@ -25,7 +34,7 @@ template <class Stack> int stack_push(Stack& stack, unsigned int index) {
     if (top >= stack_capacity<Stack>)
         return -1;
     shared_store(stack.idx[top], index);
-    shared_store(stack.top, top + 1);
+    shared_store(stack.top, top + 1, std::memory_order_release);
     return static_cast<int>(top + 1);
 }
 

@@ -1,6 +1,11 @@
 // The shared ring queues. `rear` is the slot last written, `front` the slot last read, one slot
 // stays empty. Producers write `rear` only, behind the record; the consumer writes `front` only.
 // Indexes come from shared memory and are checked before they are used.
+//
+// Neither side locks out the other; the indexes order what they guard, on every processor. `rear`
+// is stored with release order behind the record and loaded with acquire order before it is read;
+// `front` likewise: the consumer is done with a slot before it moves on, and a producer sees that
+// it did before it writes there. Producers exclude each other by the semaphore.
 #pragma once
 
 #include <cstddef>

@@ -147,7 +147,8 @@ void agent::start(std::vector<std::string> options) {
     write_cfg();
     if (program_)
         earlier_.push_back(std::move(*program_));
-    options.insert(options.begin(), KESSARD_PROGRAM);
+    const char* const emulated = std::getenv("KESSARD_EMULATED"); // a script of scripts/check-arm64
+    options.insert(options.begin(), emulated == nullptr ? KESSARD_PROGRAM : emulated);
     program_.emplace(options, variables);
 }
 

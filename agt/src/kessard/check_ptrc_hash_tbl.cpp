@@ -93,7 +93,7 @@ bool check_entry(PTRC_HASH_ARR& entry, int k) {
     const bool alive = is_alive_pid(k, agt::get_number(entry.pid), entry.proc_nm) != 0;
     if (!alive)
         agt::shared_store(entry.isalive, char{0});
-    else if (agt::shared_load(entry.isalive) < KEPT_ALIVE)
+    else if (static_cast<signed char>(agt::shared_load(entry.isalive)) < KEPT_ALIVE)
         agt::shared_store(entry.isalive, char{1});
     return alive;
 }
@@ -118,7 +118,7 @@ void check_ptrc_hash_tbl() {
         return;
     agt::log_printf("##### ptrc hash table (total : %d) #####\n",
                     static_cast<int>(agt::shared_load(ptrc_hash_tbl->alloc_cnt)));
-    const unsigned int used = agt::shared_load(ptrc_hash_tbl->used.top);
+    const unsigned int used = agt::stack_top(ptrc_hash_tbl->used);
     if (used > PTRC_HASH_SLOTS) {
         set_magic_code(0);
         return;

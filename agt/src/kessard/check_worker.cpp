@@ -85,7 +85,7 @@ struct table_counts {
 
 table_counts count_table() {
     return {static_cast<int>(agt::shared_load(ptrc_hash_tbl->alloc_cnt)),
-            static_cast<int>(agt::shared_load(ptrc_hash_tbl->used.top))};
+            static_cast<int>(agt::stack_top(ptrc_hash_tbl->used))};
 }
 
 template <std::size_t N> void fill(char (&field)[N], const char* text, std::size_t most) {

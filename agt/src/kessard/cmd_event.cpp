@@ -102,7 +102,8 @@ void set_file_system(int index, const char* name, int alert_pcnt) {
     FILE_SYSTEM& row = tran_agt_shm->file_system[index];
     agt::copy_text(row.file_system, name);
     row.alert_pcnt = alert_pcnt;
-    agt::shared_store(tran_agt_shm->file_sys_num, index + 1);
+    // The row before its number, for those who read without a lock.
+    agt::shared_store(tran_agt_shm->file_sys_num, index + 1, std::memory_order_release);
 }
 
 // Mount points are ended by commas and the last one by a blank; without the blank the last one is

@@ -21,10 +21,11 @@ constexpr int ALL_QUEUES = 100;
 constexpr int ALL_CODES = 128;
 constexpr int HIGHEST_VALUE = 2;
 
+// Behind what was written before: the filter comes on when the services are there.
 template <class T, class V> int set_field(T TRAN_LOGF_QUE_INFO::*field, V value) {
     if (que_info == nullptr)
         return -1;
-    agt::shared_store(que_info->*field, static_cast<T>(value));
+    agt::shared_store(que_info->*field, static_cast<T>(value), std::memory_order_release);
     return 1;
 }
 

@@ -14,7 +14,7 @@ std::string escaped(const std::string& value) {
         char byte[8] = {c};
         if (c == '\\' || c == '"')
             std::snprintf(byte, sizeof byte, "\\%c", c);
-        else if (c < 0)
+        else if ((c & 0x80) != 0)
             std::snprintf(byte, sizeof byte, "\\\\x%02x", static_cast<unsigned char>(c));
         text += c == '\n' ? "\\n" : byte;
     }

@@ -56,7 +56,7 @@ json settings_json(const agent_snapshot& now) {
             {"log_flags", agt::letters_of_flags(set.log_flag_set)},
             {"qcnt", set.qcnt},
             {"qcnt_mask", set.qcnt_mask},
-            {"svc_filtering", static_cast<int>(set.svc_filtering)},
+            {"svc_filtering", static_cast<signed char>(set.svc_filtering)},
             {"call_trc_depth", set.call_trc_depth},
             {"call_trc_limit", set.call_trc_limit},
             {"dbio_trc_limit", set.dbio_trc_limit},

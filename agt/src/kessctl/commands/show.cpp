@@ -65,7 +65,7 @@ exit_status show_settings(const show_options& chosen) {
         {"call_trc_limit", std::to_string(now.call_trc_limit)},
         {"dbio_trc_limit", std::to_string(now.dbio_trc_limit)},
         {"sql_trc_limit", std::to_string(now.sql_trc_limit)},
-        {"svc_filtering", std::to_string(now.svc_filtering)},
+        {"svc_filtering", std::to_string(static_cast<signed char>(now.svc_filtering))},
         {"save_apilog_yn", std::string(1, now.save_apilog_yn)},
         {"save_relllog_yn", std::string(1, now.save_relllog_yn)},
         {"discard_qmsgs", set_ones(now.discard_qmsgs)}};
