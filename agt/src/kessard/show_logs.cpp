@@ -47,8 +47,9 @@ void show_slot(agt::log_batch* lines, unsigned int place, unsigned int number,
     show(lines, head, "call_trc_limit", slot.param.call_trc_limit);
     show(lines, head, "dbio_trc_limit", slot.param.dbio_trc_limit);
     show(lines, head, "sql_trc_limit", slot.param.sql_trc_limit);
-    show(lines, head, "uflag_set", slot.param.uflag_set);
-    show(lines, head, "tflag", slot.param.tflag);
+    // With a sign on every processor: flag 0x80 is -128.
+    show(lines, head, "uflag_set", static_cast<signed char>(slot.param.uflag_set));
+    show(lines, head, "tflag", static_cast<signed char>(slot.param.tflag));
 }
 
 } // namespace
