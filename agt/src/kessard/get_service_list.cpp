@@ -58,11 +58,8 @@ bool request_list(int conn_sockfd) {
 // Services of the block.
 int load_block() {
     const auto& block = r_msg.body.get_service_list_rsp;
-    {
-        const agt::log_batch batch;
-        agt::log_printf("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]");
-        agt::log_printf("(i) -> ELEMENT_NUM - '%s'", agt::printable(block.element_num).c_str());
-    }
+    agt::log_line("(i) MSGRCV : [[ GET_SERVICE_LIST_RSP ]]");
+    agt::log_line("(i) -> ELEMENT_NUM - '", agt::shown(block.element_num), "'");
     const int n = std::min(agt::get_number(block.element_num), int{SERVICE_ELEMENT_MAX});
     for (int i = 0; i < n; ++i)
         set_svc_hash_tbl(&block.elements[i]);
@@ -87,6 +84,7 @@ bool within_bounds(int services, long long start_ms) {
 // Receives blocks until the last one, the first failure or the bounds. The services of a whole
 // list; negative for one that is not.
 int receive_list(int conn_sockfd) {
+    const agt::log_batch lines; // leave when the server lets itself be waited for
     const long long start_ms = agt::monotonic_ms();
     int services = 0;
     for (bool first = true; !agt::saw_cancel() && receive_answer(conn_sockfd, &r_msg, TEXTS);
