@@ -170,6 +170,7 @@ TEST_F(ConsoleCommands, SayWhyAnAgentClosesAtOnce) {
         expect(words, reasons, 2);
     };
     a.set("TRAN_AGENT", "REMOTE_COMMANDS_YN", "N");
+    a.set("COMMON", "STATE_FILE", "state");
     start_running(a);
     texts afar = {"exec", "--host", "127.0.0.1", "--port", std::to_string(a.port()), "true"};
     closed({"exec", "true"}, {"REMOTE_COMMANDS_YN is N"});
@@ -180,7 +181,7 @@ TEST_F(ConsoleCommands, SayWhyAnAgentClosesAtOnce) {
         EXPECT_TRUE(one.connect("127.0.0.1", a.port()));
     closed(afar, {"all its places", "ALLOWED_ADDRESSES", "127.0.0.1", "TLS"});
     a.variables["TRAN_AGT_CFG_FILE"] = a.cfg_file();
-    closed({"renew"}, {"all its places"});
+    closed({"renew"}, {"all its places", "for which it has refused ", " since its start"});
     EXPECT_EQ(a.stop(), 0);
     a.set("TRAN_AGENT", "ALLOWED_ADDRESSES", "127.0.0.2,10.0.0.0/8");
     start_running(a);

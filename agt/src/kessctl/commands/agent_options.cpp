@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "commands/columns.h"
+#include "host/state_view.h"
 #include "host_address.h"
 #include "wire/print_frame.h"
 #include "wire/text.h"
@@ -30,6 +31,17 @@ bool holds(const std::string& list, in_addr address) {
     return found;
 }
 
+// How many connections an agent on this host has refused for want of a place, where it tells.
+std::string refused_for_places() {
+    const std::string cfg = default_cfg_file();
+    const state_view state = read_state(cfg, find_daemon(cfg));
+    return state.known()
+               ? ", for which it has refused " +
+                     std::to_string(state.values.connections_refused[STATE_REFUSED_PLACE]) +
+                     " since its start"
+               : "";
+}
+
 // Why an agent closed a connection on which it has said nothing. The configuration of an agent on
 // this host tells; of another, that it read the request before.
 std::string reason_of_close(const agent_address& agent, const command_client& client,
@@ -45,7 +57,8 @@ std::string reason_of_close(const agent_address& agent, const command_client& cl
         if (!holds(file.value_of(agt::config_key_of("TRAN_AGENT", "ALLOWED_ADDRESSES")), address))
             return std::string("ALLOWED_ADDRESSES does not hold ") + own;
         const auto& switch_key = agt::config_key_of("TRAN_AGENT", "REMOTE_COMMANDS_YN");
-        return extended && file.value_of(switch_key) == "N" ? no_remote_commands : no_place;
+        return extended && file.value_of(switch_key) == "N" ? no_remote_commands
+                                                            : no_place + refused_for_places();
     }
     if (extended && agent.identity == nullptr &&
         client.closed_early() == command_client::early_close::read)
