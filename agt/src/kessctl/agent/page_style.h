@@ -47,8 +47,9 @@ polyline { fill: none; stroke: var(--chart); stroke-width: 2; vector-effect: non
 .axis { display: flex; justify-content: space-between; color: var(--soft); font-size: 12px; }
 .workers { overflow-wrap: normal; }
 .workers th, .workers td { white-space: nowrap; }
-.workers td:first-child { white-space: normal; overflow-wrap: anywhere; }
-.workers td:nth-child(3) { white-space: normal; }
+.workers td:first-child { white-space: normal; overflow-wrap: anywhere; min-width: 9.5em; }
+.workers td:nth-child(3) { white-space: normal; min-width: 5.5em; }
+.workers td:nth-child(5) { white-space: normal; }
 table { border-collapse: collapse; width: 100%; }
 th, td { text-align: left; vertical-align: top; padding: 3px 10px 3px 0; font-variant-numeric: tabular-nums; }
 th { color: var(--soft); font-weight: normal; }

@@ -144,7 +144,8 @@ std::string trace_line(const agent_snapshot& now) {
         return {};
     const traced_process totals = trace_totals(now);
     return element("p", "",
-                   std::to_string(now.traced.size()) + " processes with " +
+                   std::to_string(now.traced.size()) +
+                       (now.traced.size() == 1 ? " process with " : " processes with ") +
                        std::to_string(totals.threads) + " threads, " + std::to_string(totals.dead) +
                        " entries dead");
 }
