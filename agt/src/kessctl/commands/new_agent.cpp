@@ -41,7 +41,7 @@ void add_new_agent(CLI::App& app, exit_status* status) {
         ->check(CLI::Range(1, 65535))
         ->capture_default_str();
     command->footer("Keys and port are free on this host and in the files of its other agents. Log "
-                    "and state file are its own;\nother absolute paths stay as they are in the "
+                    "and state file are its own; other absolute paths stay as they are in the "
                     "file that is copied. Exit status 0 written, 2 not.");
     command->callback([wanted, status] { *status = make_agent(*wanted); });
 }
