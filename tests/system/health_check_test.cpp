@@ -81,8 +81,9 @@ TEST_F(HealthCheck, ReportsEveryFieldByteForByte) {
     agt::copy_text(agt_ipaddr, "10.1.2.3");
     agt_cmd_port = 7000;
     agt::copy_text(log_interface, "01");
-    settings = {16,  0, TRACE_ON_MAGIC_CODE, 0x81, {}, 123456, -5, 2147483648, 98765432109, -1, '1',
-                '-', {}};
+    settings = {16, 0,          TRACE_ON_MAGIC_CODE, 0x81,     {},  123456,
+                -5, 2147483648, 98765432109,         char(-1), '1', '-',
+                {}};
     int existed = 0;
     tran_logf_que_info_shmkey = a.shm_key("TRAN_LOGF_QUE_INFO_SHMKEY");
     svc_hash_tbl_shmkey = a.shm_key("SVC_HASH_TBL_SHMKEY"); // no such segment
