@@ -32,8 +32,8 @@ struct figure {
     judged by = judged::ratio;
     double limit = INFINITY;
     bool at_least = false; // whether the limit is the least or the most
-    spread kessard;
-    spread bare; // not a number without a bare side
+    spread kessard = NAN;
+    spread bare = NAN; // not a number without a bare side
     double ratio() const { return kessard.middle / bare.middle; }
     // What is held against the limit; of a ratio the quarters are those that the two sides allow.
     spread value() const;
