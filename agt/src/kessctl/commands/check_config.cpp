@@ -71,9 +71,11 @@ std::string open_with_address(const check_options& chosen, agt::config_file* fil
     std::string missing;
     while (true) {
         const std::string wrong = open_cfg(chosen.cfg_file, "name one", file);
-        const std::string address = file->value_of(agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
-        if (!wrong.empty() || !chosen.wait || !is_foreign_address(address))
+        if (!wrong.empty() || !chosen.wait)
             return wrong;
+        const std::string address = file->value_of(agt::config_key_of("TRAN_AGENT", "IP_ADDRESS"));
+        if (!is_foreign_address(address))
+            return "";
         if (address != std::exchange(missing, address))
             std::fprintf(stderr, "kessctl: waiting until this host has the address %s\n",
                          address.c_str());
