@@ -64,9 +64,10 @@ class sleepers {
 
     [[noreturn]] static void sleep_for_good(int asleep) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        for (ssize_t told = write(asleep, "", 1); told == 1;)
+        if (write(asleep, "", 1) != 1)
+            _exit(1);
+        for (;;)
             pause();
-        _exit(1);
     }
 
     std::vector<pid_t> pids_;
