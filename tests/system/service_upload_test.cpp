@@ -133,7 +133,7 @@ TEST_F(ServiceUpload, StopsAtABrokenServer) {
         SCOPED_TRACE(line);
         set_fault(UPDATE, fault);
         const std::string over = a.path("over" + std::to_string(server.count(UPDATE)));
-        write_script(lines(count) + "; exec >&-; sleep 0.5; touch " + over);
+        write_script("trap '' PIPE; " + lines(count) + "; exec >&-; sleep 0.5; touch " + over);
         trigger();
         EXPECT_TRUE(a.wait_log(line));
         EXPECT_TRUE(!fault.wrong_magic || std::filesystem::exists(over)); // the script has ended
