@@ -101,7 +101,7 @@ void type(screen_view& view, char key) {
     if (key == ESCAPE)
         filter.clear();
     else if (std::find(std::begin(BACKSPACES), std::end(BACKSPACES), key) != std::end(BACKSPACES))
-        filter.resize(filter.size() - (filter.empty() ? 0 : 1));
+        filter = filter.substr(0, std::max<std::size_t>(filter.size(), 1) - 1);
     else if (key >= ' ' && key < '\x7f' && filter.size() < LONGEST_FILTER)
         filter += key;
 }
