@@ -75,8 +75,9 @@ bool is_sound(const KESSARD_STATE& values, std::int64_t now_ms) {
     };
     for (const STATE_THREAD& thread : values.threads) {
         sound = sound && has_end(thread.name, sizeof thread.name);
-        check(std::initializer_list{thread.running, thread.rhythm_ms, thread.last_pass_ms,
-                                    thread.waits_for, thread.waits_number, thread.waits_since_ms});
+        check(std::initializer_list<std::int64_t>{thread.running, thread.rhythm_ms,
+                                                  thread.last_pass_ms, thread.waits_for,
+                                                  thread.waits_number, thread.waits_since_ms});
         sound = sound && std::max(thread.last_pass_ms, thread.waits_since_ms) <= now_ms;
     }
     constexpr auto first = offsetof(KESSARD_STATE, server_tried_ms);
