@@ -104,7 +104,11 @@ ext_result send_file(command_client& client, const local_file& file, int limit_m
 // For pairs of words, moves the file of the second name in the directory to the first; what it
 // cannot move it removes.
 constexpr char PLACE_ALL[] =
-    R"(&&r=0&&while [ $# -gt 0 ];do t=$(readlink -nf "./$1"&&echo x)&&t=${t%x}&&{ [ ! -e "$t" ]||{ [ -f "$t" ]&&[ -w "$t" ]&&{ chown --reference="$t" "./$2";:;} 2>/dev/null;};}&&mv -fT "./$2" "$t"||{ rm -f "./$2";echo "cannot replace $1";r=1;};shift 2;done&&exit $r)";
+    R"(&&r=0&&while [ $# -gt 0 ];do t=$(readlink -nf "./$1"&&echo x)&&t=${t%x})"
+    R"(&&{ [ ! -e "$t" ]||{ [ -f "$t" ]&&[ -w "$t" ])"
+    R"(&&{ chown --reference="$t" "./$2";:;} 2>/dev/null;};})"
+    R"(&&mv -fT "./$2" "$t"||{ rm -f "./$2";echo "cannot replace $1";r=1;})"
+    R"(;shift 2;done&&exit $r)";
 
 std::string in_shell_quotes(const std::string& text) {
     std::string quoted = "'";
