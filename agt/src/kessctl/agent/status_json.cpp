@@ -1,4 +1,6 @@
 // A snapshot for programs.
+#include "agent/status_json.h"
+
 #include <nlohmann/json.hpp>
 
 #include "agent/state_json.h"
@@ -92,20 +94,6 @@ json process_json(const process_row& process) {
             {"started", process.started}};
 }
 
-json service_json(const service_row& service) {
-    return {{"service_id", service.service_id},
-            {"host_name", service.host_name},
-            {"server_id", service.server_id},
-            {"slot", service.slot},
-            {"limit_sec", service.limit_sec},
-            {"call_trc_depth", service.call_trc_depth},
-            {"call_trc_limit", service.call_trc_limit},
-            {"dbio_trc_limit", service.dbio_trc_limit},
-            {"sql_trc_limit", service.sql_trc_limit},
-            {"flags", service.flags},
-            {"tflag", service.tflag}};
-}
-
 json traces_json(const agent_snapshot& now) {
     const traced_process totals = trace_totals(now);
     json processes = json::array();
@@ -175,6 +163,20 @@ json semaphores_json(const agent_snapshot& now) {
 }
 
 } // namespace
+
+nlohmann::ordered_json service_json(const service_row& service) {
+    return {{"service_id", service.service_id},
+            {"host_name", service.host_name},
+            {"server_id", service.server_id},
+            {"slot", service.slot},
+            {"limit_sec", service.limit_sec},
+            {"call_trc_depth", service.call_trc_depth},
+            {"call_trc_limit", service.call_trc_limit},
+            {"dbio_trc_limit", service.dbio_trc_limit},
+            {"sql_trc_limit", service.sql_trc_limit},
+            {"flags", service.flags},
+            {"tflag", service.tflag}};
+}
 
 std::string status_json(const agent_snapshot& now, const agent_diagnosis& found,
                         const report_options& wanted) {

@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/agent_snapshot.h"
+#include "agent/status_json.h"
 #include "commands/columns.h"
 #include "commands/json_output.h"
 #include "commands/show.h"
@@ -101,20 +102,6 @@ void print_table(const std::vector<table_row>& rows, const std::vector<bool>& nu
         }
         std::printf("%s\n", line.substr(0, line.find_last_not_of(' ') + 1).c_str());
     }
-}
-
-nlohmann::ordered_json service_json(const service_row& service) {
-    return {{"slot", service.slot},
-            {"service_id", service.service_id},
-            {"host_name", service.host_name},
-            {"server_id", service.server_id},
-            {"limit_sec", service.limit_sec},
-            {"call_trc_depth", service.call_trc_depth},
-            {"call_trc_limit", service.call_trc_limit},
-            {"dbio_trc_limit", service.dbio_trc_limit},
-            {"sql_trc_limit", service.sql_trc_limit},
-            {"flags", service.flags},
-            {"tflag", service.tflag}};
 }
 
 exit_status show_services(const show_options& chosen) {
