@@ -10,7 +10,6 @@
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
-#include <sys/sendfile.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -126,6 +125,12 @@ WRAP_IF(concerns(NUMBER(read), fd), ssize_t, read, (int fd, void* to, std::size_
         fd, to, cut(NUMBER(read), fd, size))
 WRAP_IF(concerns(NUMBER(write), fd), ssize_t, write, (int fd, const void* from, std::size_t size),
         -1, fd, from, cut(NUMBER(write), fd, size))
+WRAP_IF(concerns(NUMBER(pread), fd), ssize_t, pread,
+        (int fd, void* to, std::size_t size, off_t at), -1,
+        fd, to, cut(NUMBER(pread), fd, size), at)
+WRAP_IF(fd >= 0, void*, mmap,
+        (void* wanted, std::size_t size, int access, int flags, int fd, off_t at) noexcept,
+        MAP_FAILED, wanted, size, access, flags, fd, at)
 // A name server that is dead.
 WRAP(int, gethostbyname_r, (const char* name, hostent* entry, char* buffer, std::size_t size,
      hostent** found, int* error), (sleep(30), *found = nullptr, 0),
@@ -173,13 +178,6 @@ ssize_t send(int fd, const void* from, std::size_t size, int flags) {
     if (fails(NUMBER(send)))
         return -1;
     return REAL(ssize_t, send, (int, const void*, std::size_t, int))(fd, from, size, flags);
-}
-
-ssize_t sendfile(int to, int from, off_t* at, std::size_t size) noexcept {
-    const std::size_t shorter = cut(NUMBER(sendfile), from, size);
-    return fails(NUMBER(sendfile))
-               ? -1
-               : REAL(ssize_t, sendfile, (int, int, off_t*, std::size_t))(to, from, at, shorter);
 }
 
 ssize_t sendto(int fd, const void* from, std::size_t size, int flags, const sockaddr* to,

@@ -113,13 +113,17 @@ INSTANTIATE_TEST_SUITE_P(, RunningFaults, testing::ValuesIn(RUNNING_FAULTS), nam
 
 TEST_F(Faults, InterruptedCallsAreRepeatedAndShortOnesCompleted) {
     for (const bool interrupted : {true, false}) {
-        texts chosen = {"recv", "sendmsg", "sendfile", "read", "write"};
+        texts chosen = {"recv", "sendmsg", "read", "write"};
         if (interrupted)
             chosen.insert(chosen.end(), {"poll", "pselect", "accept4", "semtimedop"});
+        else
+            chosen.emplace_back("pread");
         a.mark_log();
         server.forget_messages();
         for (const std::string& call : chosen)
             interrupted ? set(call, EINTR, 2) : set(call, faults::SHORT_COUNT, 7);
+        if (!interrupted)
+            set("mmap", ENODEV, 1); // then a download is read
         start_running(a);
         expect_all();
         EXPECT_TRUE(server.wait_for(MSG_HEALTH_CHECK_REQ));
@@ -314,15 +318,15 @@ TEST_F(Faults, ADownloadThatCannotBeSentIsBrokenOff) {
                    a.count_log(line + (nth == 1 ? "mb" : "body") + " len=(-1)") == 1;
         }));
     EXPECT_TRUE(wait_until([&] { // nothing of the second file follows where the first broke off
-        set("sendfile", EPIPE);
         set("sendmsg", ECONNRESET, 0, 3);
         const std::string got = ask_ext(a, "0003R" + ext_items({a.path("there"), a.path("there")}));
         return a.count_log("<!> error for send file data.... |" + a.path("there")) > 0 &&
                !got.ends_with("content");
     }));
-    clear();
-    for (const int error : {0, EIO, EINVAL}) { // as where a file cannot be sent from the page cache
-        set("sendfile", error);
+    const std::pair<const char*, int> unmapped[] = {{"mmap", ENODEV}, {"sendmsg", EFAULT}};
+    for (const auto& [call, error] : unmapped) { // the latter as where the mapped is cut off
+        clear();
+        set(call, error, 0, error == EFAULT ? 3 : 1);
         EXPECT_EQ(a.console(get).status, 0);
         EXPECT_EQ(content(a.path("here/there")), "content");
         std::filesystem::remove(a.path("here/there"));

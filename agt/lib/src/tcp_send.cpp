@@ -1,12 +1,12 @@
 // Sending to a TCP peer that may take its time.
 #include "tcp_send.h"
 
-#include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/sendfile.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -106,42 +106,57 @@ int send_parts(int sockfd, iovec* parts, std::size_t count) {
     return static_cast<int>(total);
 }
 
-// Without O_NONBLOCK the system would wait by itself, and for longer than the limits say.
-class unblocked {
+// The pages of a file from `offset` on, or none; all are there when it is made, as far as the
+// system could get them.
+class file_pages {
   public:
-    explicit unblocked(int fd) : fd_(fd), flags_(fcntl(fd, F_GETFL)) {
-        fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK);
+    file_pages(int fd, std::size_t length, off_t offset)
+        : length_(length),
+          at_(mmap(nullptr, length, PROT_READ, MAP_SHARED | MAP_POPULATE, fd, offset)) {}
+    file_pages(const file_pages&) = delete;
+    file_pages& operator=(const file_pages&) = delete;
+    ~file_pages() {
+        if (valid())
+            munmap(at_, length_);
     }
-    unblocked(const unblocked&) = delete;
-    unblocked& operator=(const unblocked&) = delete;
-    ~unblocked() { fcntl(fd_, F_SETFL, flags_); }
+    bool valid() const { return at_ != MAP_FAILED; }
+    void* get() const { return at_; }
 
   private:
-    int fd_;
-    int flags_;
+    std::size_t length_;
+    void* at_;
 };
 
-// The bytes that went out from the page cache: all of them, or as many as went before the end of
-// the file or an error; -1 when the peer took too long.
-int send_cached(int sockfd, int fd, int length) {
-    const unblocked while_sending(sockfd);
-    sending to{sockfd, {}, static_cast<std::size_t>(length)};
+// The bytes that went out from the page cache: all that the file has of them, or as many as went
+// before it was cut off under our hands or could not be read; -1 when the peer did not take them.
+// Only the system looks into the pages, so one that is gone is an error of the call.
+int send_cached(int sockfd, int fd, off_t offset, int length) {
+    struct stat info;
+    if (fstat(fd, &info) != 0 || info.st_size <= offset)
+        return 0;
+    const auto there = static_cast<std::size_t>(std::min<off_t>(length, info.st_size - offset));
+    const file_pages pages(fd, there, offset);
+    iovec part = {pages.get(), there};
+    sending to{sockfd, {}, pages.valid() ? there : 0};
+    to.message.msg_iov = &part;
+    to.message.msg_iovlen = 1;
+    const std::size_t total = to.left;
     while (to.left > 0) {
-        const ssize_t sent = sendfile(sockfd, fd, nullptr, to.left);
-        if (sent > 0)
-            to.left -= static_cast<std::size_t>(sent);
-        else if (sent == 0 || (errno != EAGAIN && errno != EINTR))
+        const ssize_t sent = send_some(to);
+        if (sent < 1) {
+            if (errno != EFAULT)
+                return -1;
             break;
-        else if (errno == EAGAIN && !wait_room(to))
-            return -1;
+        }
+        drop_sent(to, static_cast<std::size_t>(sent));
     }
-    return length - static_cast<int>(to.left);
+    return static_cast<int>(total - to.left);
 }
 
-ssize_t read_some(int fd, void* buffer, int length) {
+ssize_t read_some(int fd, void* buffer, int length, off_t offset) {
     ssize_t got;
     do
-        got = ::read(fd, buffer, static_cast<std::size_t>(length));
+        got = pread(fd, buffer, static_cast<std::size_t>(length), offset);
     while (got < 0 && errno == EINTR);
     return got;
 }
@@ -166,11 +181,12 @@ int send_tcp_data2(int sockfd, const void* first, int first_length, const void* 
 
 // What does not go from the page cache is read and sent, which also tells the end of the file from
 // a failure of either side.
-int send_tcp_file(int sockfd, int fd, void* buffer, int length) {
-    const int sent = tls_session_of(sockfd) == nullptr ? send_cached(sockfd, fd, length) : 0;
+int send_tcp_file(int sockfd, int fd, off_t offset, void* buffer, int length) {
+    const int sent =
+        tls_session_of(sockfd) == nullptr ? send_cached(sockfd, fd, offset, length) : 0;
     if (sent == length || sent < 0)
         return sent;
-    const auto got = static_cast<int>(read_some(fd, buffer, length - sent));
+    const auto got = static_cast<int>(read_some(fd, buffer, length - sent, offset + sent));
     if (got < 1)
         return sent;
     return send_tcp_data(sockfd, buffer, got) < 1 ? -1 : sent + got;

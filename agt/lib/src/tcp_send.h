@@ -1,6 +1,8 @@
 // Sending on a TCP session, whole or not at all (tcp_base.h).
 #pragma once
 
+#include <sys/types.h>
+
 namespace agt {
 
 // How long the calling thread waits for a peer that takes nothing of what it sends; 10 seconds
@@ -16,10 +18,10 @@ int send_tcp_data(int sockfd, const void* buffer, int length);
 int send_tcp_data2(int sockfd, const void* first, int first_length, const void* second,
                    int second_length);
 
-// Sends the next `length` bytes of a file, fewer at its end, within the same limits: from the page
-// cache, or through `buffer`, which has room for them, where the session is TLS or the file cannot
-// be sent so. The bytes that the file gave, 0 also when it cannot be read; -1 when the peer did not
-// take them. SIGPIPE must be ignored.
-int send_tcp_file(int sockfd, int fd, void* buffer, int length);
+// Sends `length` bytes of a file from `offset` on, fewer at its end, within the same limits: from
+// the page cache, or through `buffer`, which has room for them, where the session is TLS or the
+// file cannot be mapped there. The bytes that the file gave, 0 also when it cannot be read; -1 when
+// the peer did not take them.
+int send_tcp_file(int sockfd, int fd, off_t offset, void* buffer, int length);
 
 } // namespace agt

@@ -260,7 +260,7 @@ bool send_content(int sockfd, int fd, const download_file& file, char* buffer,
                   std::uint32_t& sent) {
     for (sent = 0; sent < file.size;) {
         const auto piece = static_cast<int>(std::min<std::uint32_t>(file.size - sent, PIECE_BYTES));
-        const int got = agt::send_tcp_file(sockfd, fd, buffer, piece);
+        const int got = agt::send_tcp_file(sockfd, fd, sent, buffer, piece);
         if (got < 1)
             return got == 0;
         sent += static_cast<std::uint32_t>(got);
