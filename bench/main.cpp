@@ -125,9 +125,9 @@ figures measure_row(const row& of, running_agent& agent) {
     return measured;
 }
 
-figures measure(const std::vector<std::string>& names) {
+figures measure(const std::vector<std::string>& names, bool keeps_state_file) {
     figures measured;
-    running_agent agent;
+    running_agent agent(keeps_state_file);
     for (const row& one : ROWS) {
         if (names.empty() || std::find(names.begin(), names.end(), one.name) != names.end())
             for (const figure& of : measure_row(one, agent))
@@ -142,6 +142,7 @@ figures measure(const std::vector<std::string>& names) {
 int main(int argc, char** argv) {
     using namespace bench;
     bool json = false;
+    bool without_state_file = false;
     std::vector<std::string> names;
     std::vector<std::string> known;
     for (const row& one : ROWS)
@@ -149,6 +150,7 @@ int main(int argc, char** argv) {
     CLI::App app("The daemon's speed against bare programs that do the same work.",
                  "kessard_bench");
     app.add_flag("--json", json, "Print JSON instead of a table");
+    app.add_flag("--without-state-file", without_state_file, "Run the daemon without STATE_FILE");
     app.add_option("row", names, "Rows to measure (default: all)")->check(CLI::IsMember(known));
     try {
         app.parse(argc, argv);
@@ -157,7 +159,7 @@ int main(int argc, char** argv) {
     }
     catch_signals();
     const std::string load_before = load();
-    const figures measured = measure(names);
+    const figures measured = measure(names, !without_state_file);
     if (json)
         print_json(measured, load_before);
     else

@@ -56,7 +56,8 @@ double log_end::wait_us(const std::string& text) {
     return now_us();
 }
 
-running_agent::running_agent() {
+running_agent::running_agent(bool keeps_state_file) : keeps_state_file_(keeps_state_file) {
+    configure(program);
     program.set("TRAN_SERVER", "CMD_PORT", server.port());
     program.set("ACTIVE_SERVICE_EVENT", "ACTIVE_LIMIT", "1");
     log_end log(program);
@@ -65,6 +66,11 @@ running_agent::running_agent() {
     const TCP_CMD_MSG no_services = kessctl::service_block_frame(nullptr, 0, true);
     exchange_us({asked.sockfd.get()}, &no_services, 1);
     log.wait_us("start... running");
+}
+
+void running_agent::configure(test_support::agent& one) const {
+    if (keeps_state_file_)
+        one.set("COMMON", "STATE_FILE", one.path("state"));
 }
 
 agt::unique_fd running_agent::connect() const {

@@ -31,12 +31,17 @@ class log_end {
 // in every measurement.
 class running_agent {
   public:
-    running_agent();
+    explicit running_agent(bool keeps_state_file);
+
+    void configure(test_support::agent& one) const; // what all agents of a run have in common
 
     central_server server;
     test_support::agent program;
 
     agt::unique_fd connect() const; // to the command port
+
+  private:
+    bool keeps_state_file_;
 };
 
 } // namespace bench

@@ -75,8 +75,9 @@ struct side {
     samples ms[2] = {};
     samples mb[2] = {};
 
-    void measure() {
+    void measure(const running_agent& agent) {
         test_support::agent place;
+        agent.configure(place);
         for (const int existing : {0, 1}) {
             const started one = start(place);
             ms[existing].push_back(interrupted() ? NAN : one.ms);
@@ -109,13 +110,13 @@ activity activity_of(pid_t pid) {
 
 } // namespace
 
-figures startup_row(running_agent&) {
+figures startup_row(running_agent& agent) {
     side kessard = {start_kessard};
     side left = {[](const test_support::agent& keys) { return start_bare(keys, "leave"); }};
     side touched = {[](const test_support::agent& keys) { return start_bare(keys, "touch"); }};
     for (int i = 0; i < STARTS && !interrupted(); ++i)
         for (side* one : {&kessard, &left, &touched})
-            one->measure();
+            one->measure(agent);
     const spread new_ms = spread(kessard.ms[0]);
     const spread existing_ms = spread(kessard.ms[1]);
     const spread new_mb = spread(kessard.mb[0]);
