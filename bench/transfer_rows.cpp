@@ -127,11 +127,11 @@ figures transfer_row(running_agent& agent) {
         connected(agent, at, upload, observed) && connected(agent, at, download, observed);
     const double memory_mb = whole && peak_mb > 0 ? peak_mb : NAN;
     return {compare(
-                {"256 MiB to the daemon", "MiB/s", judged::ratio, 0.6, true}, ROUNDS,
+                {"256 MiB to the daemon", "MiB/s", judged::ratio, 0.8, true}, ROUNDS,
                 [&] { return rate(at, [&] { return connected(agent, at, upload); }); },
                 [&] { return rate(at, [&] { return bare_upload(store, at); }); }),
             compare(
-                {"256 MiB from the daemon", "MiB/s", judged::ratio, 0.6, true}, ROUNDS,
+                {"256 MiB from the daemon", "MiB/s", judged::ratio, 0.8, true}, ROUNDS,
                 [&] { return rate(at, [&] { return connected(agent, at, download); }); },
                 [&] { return rate(at, [&] { return bare_download(fetch, at); }); }),
             {"memory of the serving child", "MB", judged::own, MEMORY_LIMIT_MB, false, memory_mb}};
