@@ -68,7 +68,9 @@ TEST_F(Status, TellsWhatTheObjectsHold) {
         EXPECT_EQ(now.value(json::json_pointer(path), json()), value) << path;
     const std::string text = console({"status", "--filter", "orD"}).out;
     EXPECT_EQ(text.find('\x1b'), text.npos);
-    EXPECT_TRUE(in_order(text, {"ok: kessard pid", "Services: 1 of 2"})) << text;
+    EXPECT_TRUE(in_order(
+        text, {"ok: kessard pid", "Traces: 1 process, 2 threads; 3 entries", "Services: 1 of 2"}))
+        << text;
 }
 
 TEST_F(Status, NamesWhatIsWrong) {

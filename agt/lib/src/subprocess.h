@@ -16,7 +16,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <initializer_list>
 
 namespace agt {
 
@@ -77,14 +76,6 @@ void subprocess_result_print(const subprocess_result_t* result);
 
 // Frees a result and its buffers; nothing for null.
 void subprocess_result_free(subprocess_result_t* result);
-
-// Notes which signals have another action than the default: the others are left alone from then on
-// when actions are given back. Before the first thread.
-void note_signals();
-
-// Gives every signal but those that are `kept` its default action and empties the signal mask of
-// the calling thread.
-void restore_signals(std::initializer_list<int> kept);
 
 // A running shell command whose standard output `fd` reads; `pid` leads its process group.
 struct shell_reader {

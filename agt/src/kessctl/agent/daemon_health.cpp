@@ -21,11 +21,6 @@ std::string moment(const agent_snapshot& now, std::int64_t when_ms) {
     return since_text(static_cast<time_t>(now.state.epoch_sec(when_ms)), now.taken);
 }
 
-// "1 try", "2 tries".
-std::string counted(std::int64_t number, const char* one, const char* several) {
-    return std::to_string(number) + " " + (number == 1 ? one : several);
-}
-
 const char* server_advice(std::int64_t error) {
     switch (error) {
     case 0:

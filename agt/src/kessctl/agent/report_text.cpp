@@ -19,6 +19,10 @@ std::string duration(long long sec) {
     return std::to_string(sec) + " s";
 }
 
+std::string counted(long long number, const char* one, const char* several) {
+    return std::to_string(number) + " " + (number == 1 ? one : several);
+}
+
 std::string size_text(std::size_t bytes) {
     constexpr double kib = 1024;
     char text[48];

@@ -11,6 +11,9 @@ namespace kessctl {
 // "3 d 4 h", "12 min 5 s": the two largest units.
 std::string duration(long long sec);
 
+// "1 try", "2 tries".
+std::string counted(long long number, const char* one, const char* several);
+
 // "604.2 MiB".
 std::string size_text(std::size_t bytes);
 

@@ -140,14 +140,7 @@ std::string worker_table(const agent_snapshot& now) {
 }
 
 std::string trace_line(const agent_snapshot& now) {
-    if (now.traced.empty())
-        return {};
-    const traced_process totals = trace_totals(now);
-    return element("p", "",
-                   std::to_string(now.traced.size()) +
-                       (now.traced.size() == 1 ? " process with " : " processes with ") +
-                       std::to_string(totals.threads) + " threads, " + std::to_string(totals.dead) +
-                       " entries dead");
+    return now.traced.empty() ? "" : element("p", "", trace_summary(now));
 }
 
 std::string charts(const agent_snapshot& now, const look_history& history) {

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <tuple>
 
+#include "agent/report_text.h"
+
 namespace kessctl {
 namespace {
 
@@ -86,6 +88,13 @@ traced_process trace_totals(const agent_snapshot& now) {
             all.states[state] += count;
     }
     return all;
+}
+
+std::string trace_summary(const agent_snapshot& now) {
+    const traced_process totals = trace_totals(now);
+    return counted(static_cast<long long>(now.traced.size()), "process", "processes") + ", " +
+           counted(totals.threads, "thread", "threads") + "; " +
+           counted(totals.dead, "entry", "entries") + " dead";
 }
 
 } // namespace kessctl

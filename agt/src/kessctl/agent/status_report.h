@@ -49,4 +49,7 @@ std::vector<std::size_t> queues_in_use(const agent_snapshot& now);
 // Dead entries, entries of threads and entries by state of all traced processes together.
 traced_process trace_totals(const agent_snapshot& now);
 
+// "2 processes, 8 threads; 1 entry dead".
+std::string trace_summary(const agent_snapshot& now);
+
 } // namespace kessctl

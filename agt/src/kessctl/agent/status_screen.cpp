@@ -7,6 +7,7 @@
 
 #include "agent/daemon_health.h"
 #include "agent/report_text.h"
+#include "agent/status_report.h"
 
 namespace kessctl {
 namespace {
@@ -193,10 +194,7 @@ void add_traces(screen_lines& out, const agent_snapshot& now, const screen_view&
     if (view.lines < ROOMY_LINES || now.traced.empty())
         return;
     out.emplace_back();
-    const traced_process totals = trace_totals(now);
-    out.push_back(bold(text("Traced: %zu processes, %d threads; %d entries dead", now.traced.size(),
-                            totals.threads, totals.dead),
-                       view));
+    out.push_back(bold("Traced: " + trace_summary(now), view));
     for (std::size_t i = 0; i < std::min(now.traced.size(), TRACES_SHOWN); ++i) {
         const traced_process& one = now.traced[i];
         const long long idle = idle_sec(now, one);

@@ -252,9 +252,8 @@ std::string trace_section(const agent_snapshot& now, const report_options& wante
     std::string out;
     if (now.traced.empty())
         return out;
-    const traced_process totals = trace_totals(now);
-    add(out, "Traces: %zu processes, %d threads; %d entries dead; by state: %s\n",
-        now.traced.size(), totals.threads, totals.dead, counts(totals.states).c_str());
+    add(out, "Traces: %s; by state: %s\n", trace_summary(now).c_str(),
+        counts(trace_totals(now).states).c_str());
     if (!wanted.all && !wanted.all_traces)
         return out;
     add(out, "  %8s  %-16s  threads   dead        idle  states\n", "pid", "process");

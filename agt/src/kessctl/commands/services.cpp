@@ -10,6 +10,7 @@
 #include <set>
 
 #include "agent/agent_snapshot.h"
+#include "agent/report_text.h"
 #include "commands/json_output.h"
 #include "server/service_file.h"
 #include "wait.h"
@@ -133,7 +134,7 @@ void print_sent(const services_options& chosen, std::size_t sent, bool is_known,
     }
     for (const std::string& id : missing)
         complain("no such service: " + id);
-    std::printf("%zu service%s sent%s\n", sent, sent == 1 ? "" : "s",
+    std::printf("%s sent%s\n", counted(static_cast<long long>(sent), "service", "services").c_str(),
                 is_known ? "" : "; whether they were there cannot be known from here");
 }
 

@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/agent_snapshot.h"
+#include "agent/report_text.h"
 #include "agent/status_json.h"
 #include "commands/columns.h"
 #include "commands/json_output.h"
@@ -156,13 +157,13 @@ void print_registry(const TRAN_AGT_SHM& agent, int file_systems, int processes) 
     std::printf("host %s, %s, %d cores, memory %.0f\n", shown(device.host_name).c_str(),
                 shown(device.os_info).c_str(), device.core_cnt, device.mem_total);
     std::printf("CPU alert at %d %% over %d s\n", agent.cpu.alert_pcnt, agent.cpu.alert_sec);
-    std::printf("%d file systems\n", agent.file_sys_num);
+    std::printf("%s\n", counted(agent.file_sys_num, "file system", "file systems").c_str());
     for (int i = 0; i < file_systems; ++i)
         std::printf("    %s: alert at %d %%, %d raised\n",
                     shown(agent.file_system[i].file_system).c_str(),
                     agent.file_system[i].alert_pcnt, agent.file_system[i].alert_cnt);
-    std::printf("%d processes\n    idx       pid  program           cur  act  restarts\n",
-                agent.proc_num);
+    std::printf("%s\n    idx       pid  program           cur  act  restarts\n",
+                counted(agent.proc_num, "process", "processes").c_str());
     for (int i = 0; i < processes; ++i)
         print_process(agent.proc_info[i]);
 }
