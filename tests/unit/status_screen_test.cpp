@@ -7,6 +7,8 @@ namespace {
 
 using namespace kessctl;
 
+constexpr std::size_t A_CODE = 'A'; // of a command
+
 // An agent with more of everything than a screen holds, whose notifier stands.
 TEST(StatusScreen, UsesTheScreenThatThereIs) {
     agent_snapshot now;
@@ -33,7 +35,7 @@ TEST(StatusScreen, UsesTheScreenThatThereIs) {
     look_history history(2);
     for (const int percent : {0, 50, 100}) {
         now.queues[0].used = static_cast<unsigned long>(percent);
-        now.state.values.commands['A'] = 2 * percent;
+        now.state.values.commands[A_CODE] = 2 * percent;
         history.add(now, percent * 100);
     }
     screen_view view;
@@ -62,7 +64,7 @@ TEST(StatusScreen, UsesTheScreenThatThereIs) {
     for (view.lines = 1; view.lines < 40; ++view.lines)
         for (view.columns = 1; view.columns < 100; view.columns += 9)
             picture();
-    now.state.values.commands['A'] = 1; // another daemon
+    now.state.values.commands[A_CODE] = 1; // another daemon
     history.add(now, 12000);
     EXPECT_FALSE(history.last("commands"));
 }
