@@ -243,7 +243,8 @@ TEST_F(Hostile, InheritedDescriptorsAreNamedWhenTheyLeaveNoRoom) {
         a.start();
         setrlimit(RLIMIT_NOFILE, &before);
         filling.clear();
-        EXPECT_TRUE(wait_until([&] { return !answers(a) && a.count_log(line) > 0; })) << line;
+        EXPECT_TRUE(wait_until([&, &text = line] { return !answers(a) && a.count_log(text) > 0; }))
+            << line;
         a.signal(SIGKILL);
         a.wait_exit();
     }

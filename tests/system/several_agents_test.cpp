@@ -58,8 +58,8 @@ TEST_F(SeveralAgents, StartFromWhatIsWrittenForThemAndDoNotSeeEachOther) {
         start(name);
     }
     for (const auto& [name, daemon] : daemons)
-        EXPECT_TRUE(wait_until([&] {
-            return run({"--agent", name, "doctor"}) == WELL;
+        EXPECT_TRUE(wait_until([&, &agent = name] {
+            return run({"--agent", agent, "doctor"}) == WELL;
         })) << run({"--agent", name, "doctor"});
     EXPECT_TRUE(in_order(make("web"), {"2\n", "web/agt.cfg is there already"}));
     int depth = 10;
